@@ -1,0 +1,60 @@
+#pragma once
+// A zero-initialised float array aligned for wide vector loads; owns its memory.
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace deepnet {
+
+template <typename T>
+class aligned_buffer {
+ public:
+  static constexpr size_t alignment = 64;
+
+  aligned_buffer() = default;
+  aligned_buffer(const aligned_buffer&) = delete;
+  aligned_buffer& operator=(const aligned_buffer&) = delete;
+  aligned_buffer(aligned_buffer&& other) noexcept : data_(other.data_), size_(other.size_) {
+    other.data_ = nullptr;
+    other.size_ = 0;
+  }
+  aligned_buffer& operator=(aligned_buffer&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    return *this;
+  }
+  ~aligned_buffer() { std::free(data_); }
+
+  /// Replaces the contents with `n` zeros.
+  void assign_zero(size_t n) {
+    if (n != size_) {
+      std::free(data_);
+      data_ = nullptr;
+      size_ = 0;
+      if (n) {
+        size_t bytes = (n * sizeof(T) + alignment - 1) / alignment * alignment;
+        data_ = static_cast<T*>(std::aligned_alloc(alignment, bytes));
+        if (!data_) throw std::bad_alloc();
+      }
+      size_ = n;
+    }
+    if (n) std::memset(static_cast<void*>(data_), 0, n * sizeof(T));
+  }
+  T* data() { return data_; }
+  const T* data() const { return data_; }
+  size_t size() const { return size_; }
+  T& operator[](size_t i) { return data_[i]; }
+  const T& operator[](size_t i) const { return data_[i]; }
+  T* begin() { return data_; }
+  T* end() { return data_ + size_; }
+  const T* begin() const { return data_; }
+  const T* end() const { return data_ + size_; }
+
+ private:
+  T* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+}  // namespace deepnet

@@ -1,0 +1,49 @@
+#pragma once
+#include "deepnet/layer_test.h"
+
+namespace deepnet {
+
+/// Two-dimensional convolution with groups, asymmetric padding and an optional ceiling rule.
+class layer_model_conv3d : public layer_model_base {
+ public:
+  layer_model_conv3d() : layer_model_base(layer_type_conv3d) {}
+  uint32_t ceil_mode = 0, num_output = 0, group = 1, kernel_w = 0, kernel_h = 0, num_input = 0;
+  uint32_t stride_w = 1, stride_h = 1, pad_w_begin = 0, pad_w_end = 0, pad_h_begin = 0, pad_h_end = 0;
+  /// num_output rows; row o: for each input channel of o's group, kernel_h rows of kernel_w.
+  std::vector<float> weights;
+  std::vector<float> biases;
+
+  /// kernel_h × num_input × kernel_w / group × num_output, as the file sizes it.
+  uint64_t weight_count() const;
+  void deserialize(byte_reader& in, const layer_model_list& layers) override;
+  void serialize(byte_writer& out) const override;
+};
+
+/// Output extent along one axis; `ceil` adds the partial window the floor rule drops.
+/// Throws when the kernel is larger than the padded input or the stride is 0.
+uint64_t conv_output_extent(uint64_t in, uint64_t pad_begin, uint64_t pad_end, uint64_t kernel,
+                            uint64_t stride, bool ceil, const char* who);
+
+/// Convolution as unfolding plus one matrix product per group. Small planes are unfolded for
+/// several samples side by side so that one product covers them all.
+class layer_test_conv3d : public layer_test_base<float> {
+ public:
+  void allocate(const layer_model_base& model) override;
+  void fprop_test(uint64_t batch_count, const layer_model_base& model) override;
+
+ private:
+  struct scratch {
+    aligned_buffer<float> unfolded;  ///< K rows of (samples × M) values
+    aligned_buffer<float> product;   ///< Og rows of (samples × M) values, when samples > 1
+  };
+  void run_samples(const layer_model_conv3d& m, uint64_t first, uint64_t last, scratch& s);
+  void unfold(const layer_model_conv3d& m, const float* planes, float* out, uint64_t ld) const;
+
+  uint64_t in_w_ = 0, in_h_ = 0, in_c_ = 0, out_w_ = 0, out_h_ = 0;
+  uint64_t samples_per_product_ = 1;
+  bool direct_ = false;  ///< 1×1 kernel, stride 1, no padding: the input already is unfolded
+  uint64_t chunks_ = 1;
+  std::vector<scratch> scratch_;
+};
+
+}  // namespace deepnet

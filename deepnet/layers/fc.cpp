@@ -1,0 +1,65 @@
+#include "deepnet/layers/fc.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+#include "deepnet/blas.h"
+#include "deepnet/byte_io.h"
+
+namespace deepnet {
+
+void layer_model_fc::deserialize(byte_reader& in, const layer_model_list& layers) {
+  layer_model_base::deserialize(in, layers);
+  input_sizes.resize(inputs.size());
+  uint64_t total = 0;
+  for (auto& size : input_sizes) {
+    size = in.u32();
+    total += size;
+  }
+  num_output = in.u32();
+  // total < 2^64 / 2^32 inputs' worth; the product saturates rather than wraps.
+  const uint64_t count =
+      (num_output && total > std::numeric_limits<uint64_t>::max() / num_output) ? std::numeric_limits<uint64_t>::max()
+                                                                               : total * num_output;
+  in.floats(weights, count);
+  in.floats(biases, num_output);
+}
+
+void layer_model_fc::serialize(byte_writer& out) const {
+  layer_model_base::serialize(out);
+  for (uint32_t size : input_sizes) out.u32(size);
+  out.u32(num_output);
+  out.floats(weights);
+  out.floats(biases);
+}
+
+void layer_test_fc::allocate(const layer_model_base& model) {
+  const auto& m = static_cast<const layer_model_fc&>(model);
+  uint64_t needed = 0;
+  for (const auto* in : inputs) {
+    const uint64_t n = in->y_size_1d();
+    if (n > uint64_t{std::numeric_limits<int>::max()})
+      throw std::runtime_error("layer_test_fc::allocate(): input too large");
+    needed += n * m.num_output;
+  }
+  if (needed > m.weights.size())
+    throw std::runtime_error("layer_test_fc::allocate(): inputs need more weights than the model holds");
+  set_output(1, m.num_output);
+}
+
+void layer_test_fc::fprop_test(uint64_t batch_count, const layer_model_base& model) {
+  const auto& m = static_cast<const layer_model_fc&>(model);
+  const uint64_t B = std::min(batch_count, batch), N = m.num_output;
+  std::fill(y.begin(), y.end(), 0.0f);
+  const float* w = m.weights.data();
+  for (const auto* in : inputs) {
+    const uint64_t Nk = in->y_size_1d();
+    sgemm('t', 'n', int(N), int(B), int(Nk), 1.0f, w, int(Nk), in->y.data(), int(Nk), 1.0f, y.data(), int(N));
+    w += N * Nk;
+  }
+  for (uint64_t b = 0; b < B; ++b)
+    for (uint64_t o = 0; o < N; ++o) y[b * N + o] += m.biases[o];
+}
+
+}  // namespace deepnet

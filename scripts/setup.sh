@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing and running Fontrix needs.
+# Idempotent: when everything is present it changes nothing and asks no registry.
+# Usage: scripts/setup.sh [--training]   (--training adds PyTorch and fontTools)
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config git ca-certificates
+  libopenblas-dev rapidjson-dev
+  libboost-thread-dev libboost-system-dev libboost-filesystem-dev
+  libtbb-dev libfreetype-dev libharfbuzz-dev libfontconfig-dev
+  libpng-dev libjpeg-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-14-dev
+  python3 python3-numpy
+)
+if [[ "${1:-}" == "--training" ]]; then
+  packages+=(python3-torch python3-fonttools)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+if ((${#missing[@]} == 0)); then
+  echo "setup: all packages present"
+  exit 0
+fi
+
+sudo_cmd=()
+if [[ $(id -u) -ne 0 ]]; then sudo_cmd=(sudo); fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${sudo_cmd[@]}" apt-get update -q
+"${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
