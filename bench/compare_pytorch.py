@@ -1,0 +1,164 @@
+#!/usr/bin/python3
+"""Time the reference network in PyTorch and in the deepnet benchmark binary.
+
+Usage: compare_pytorch.py --bench-binary build/bin/deepnet_bench [--model-out DIR]
+
+The binary is run with FONTRIX_BENCH_MODEL=<exported .dnm> and
+--benchmark_format=json; benchmarks named like BM_ReferenceNet/batch:10/threads:1
+are matched to PyTorch runs with the same batch size and thread count.
+"""
+
+import argparse
+import json
+import os
+import re
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import reference_net  # noqa: E402
+
+BATCHES = (5, 10)
+THREADS = (1, 2)
+TO_MS = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}
+
+
+def fail(msg):
+    print("compare_pytorch: " + msg, file=sys.stderr)
+    sys.exit(2)
+
+
+def sanity_check(net):
+    """The output must be finite and not all zero (checked with torch only)."""
+    import torch
+
+    x = torch.rand(2, 1, reference_net.INPUT_SIZE, reference_net.INPUT_SIZE,
+                   generator=torch.Generator().manual_seed(1))
+    with torch.inference_mode():
+        out = reference_net.forward(net, x)[reference_net.OUTPUT_LAYER]
+    if not bool(torch.isfinite(out).all()):
+        fail("PyTorch %s output is not finite" % reference_net.OUTPUT_LAYER)
+    if not bool((out != 0).any()):
+        fail("PyTorch %s output is all zero" % reference_net.OUTPUT_LAYER)
+
+
+def time_pytorch(net, batch, threads, warmup, repeats):
+    """Median wall time of one forward pass, in ms."""
+    import torch
+
+    torch.set_num_threads(threads)
+    x = torch.rand(batch, 1, reference_net.INPUT_SIZE, reference_net.INPUT_SIZE,
+                   generator=torch.Generator().manual_seed(batch))
+    times = []
+    with torch.inference_mode():
+        for i in range(warmup + repeats):
+            t0 = time.perf_counter()
+            reference_net.forward(net, x)
+            if i >= warmup:
+                times.append((time.perf_counter() - t0) * 1e3)
+    return statistics.median(times)
+
+
+def parse_benchmarks(report):
+    """{(batch, threads): ms} from Google Benchmark JSON; prefers median aggregates."""
+    runs, medians = {}, {}
+    for b in report.get("benchmarks", []):
+        name = b.get("run_name", b.get("name", ""))
+        mb = re.search(r"batch[:/](\d+)", name)
+        mt = re.search(r"threads[:/](\d+)", name)
+        if not (mb and mt) or "real_time" not in b:
+            continue
+        key = (int(mb.group(1)), int(mt.group(1)))
+        unit = b.get("time_unit", "ns")
+        if unit not in TO_MS:
+            fail("unknown time unit %r in %s" % (unit, b.get("name")))
+        ms = b["real_time"] * TO_MS[unit]
+        if b.get("run_type") == "aggregate":
+            if b.get("aggregate_name") == "median":
+                medians[key] = ms
+        else:
+            runs.setdefault(key, []).append(ms)
+    result = {k: statistics.median(v) for k, v in runs.items()}
+    result.update(medians)
+    return result
+
+
+def run_binary(binary, model, extra_args):
+    env = dict(os.environ, FONTRIX_BENCH_MODEL=os.path.abspath(model))
+    cmd = [binary, "--benchmark_format=json"] + extra_args
+    print("running: FONTRIX_BENCH_MODEL=%s %s" % (env["FONTRIX_BENCH_MODEL"], " ".join(cmd)),
+          file=sys.stderr)
+    proc = subprocess.run(cmd, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          universal_newlines=True)
+    if proc.returncode != 0:
+        sys.stderr.write(proc.stderr)
+        fail("%s exited with status %d" % (binary, proc.returncode))
+    try:
+        report = json.loads(proc.stdout)
+    except ValueError as e:
+        sys.stderr.write(proc.stdout[:2000])
+        fail("could not parse benchmark JSON: %s" % e)
+    results = parse_benchmarks(report)
+    if not results:
+        fail("no benchmark named like BM_ReferenceNet/batch:N/threads:T in the output")
+    return results
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap.add_argument("--bench-binary", help="deepnet Google Benchmark binary")
+    ap.add_argument("--model-out", metavar="DIR",
+                    help="keep the exported model here (default: a temporary directory)")
+    ap.add_argument("--repeats", type=int, default=15, help="timed PyTorch runs per case")
+    ap.add_argument("--warmup", type=int, default=3, help="untimed PyTorch runs per case")
+    ap.add_argument("--benchmark-arg", action="append", default=[],
+                    help="extra argument for the binary (repeatable)")
+    ap.add_argument("--pytorch-only", action="store_true", help="skip the deepnet binary")
+    args = ap.parse_args()
+
+    if not args.pytorch_only:
+        if not args.bench_binary:
+            fail("--bench-binary is required (or pass --pytorch-only)")
+        if not os.path.isfile(args.bench_binary):
+            fail("benchmark binary not found: %s (build the deepnet_bench target first)"
+                 % args.bench_binary)
+        if not os.access(args.bench_binary, os.X_OK):
+            fail("benchmark binary is not executable: %s" % args.bench_binary)
+
+    try:
+        import torch
+    except ImportError:
+        fail("PyTorch is not importable from %s" % sys.executable)
+    torch.set_num_interop_threads(1)
+
+    with tempfile.TemporaryDirectory() as tmp:
+        out_dir = args.model_out or tmp
+        os.makedirs(out_dir, exist_ok=True)
+        model = os.path.join(out_dir, "reference_net.dnm")
+        net = reference_net.build_torch()
+        reference_net.export(model, net)
+        print("exported %s" % model, file=sys.stderr)
+        sanity_check(net)
+
+        ours = {} if args.pytorch_only else run_binary(args.bench_binary, model,
+                                                       args.benchmark_arg)
+        theirs = {}
+        for threads in THREADS:
+            for batch in BATCHES:
+                theirs[(batch, threads)] = time_pytorch(net, batch, threads, args.warmup,
+                                                        args.repeats)
+
+    print("%5s %7s %12s %12s %8s" % ("batch", "threads", "PyTorch ms", "Fontrix ms", "ratio"))
+    for key in sorted(set(theirs) | set(ours)):
+        pt, fx = theirs.get(key), ours.get(key)
+        cell = lambda v: "%12.2f" % v if v is not None else "%12s" % "-"  # noqa: E731
+        ratio = "%8.2f" % (pt / fx) if pt is not None and fx else "%8s" % "-"
+        print("%5d %7d %s %s %s" % (key[0], key[1], cell(pt), cell(fx), ratio))
+    print("ratio = PyTorch / Fontrix (above 1: Fontrix is faster)")
+
+
+if __name__ == "__main__":
+    main()
