@@ -29,6 +29,11 @@ class aligned_buffer {
 
   /// Replaces the contents with `n` zeros.
   void assign_zero(size_t n) {
+    resize_uninitialized(n);
+    if (n) std::memset(static_cast<void*>(data_), 0, n * sizeof(T));
+  }
+  /// Makes room for `n` values whose contents are unspecified.
+  void resize_uninitialized(size_t n) {
     if (n != size_) {
       std::free(data_);
       data_ = nullptr;
@@ -40,7 +45,6 @@ class aligned_buffer {
       }
       size_ = n;
     }
-    if (n) std::memset(static_cast<void*>(data_), 0, n * sizeof(T));
   }
   T* data() { return data_; }
   const T* data() const { return data_; }

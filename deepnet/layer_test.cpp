@@ -41,7 +41,7 @@ void layer_test_base<T>::set_output(uint64_t n, uint64_t d0, uint64_t d1, uint64
   dims[3] = d3;
   uint64_t per_sample = deepnet_checked_size({n > 0 ? d0 : 1, n > 1 ? d1 : 1, n > 2 ? d2 : 1, n > 3 ? d3 : 1},
                                              "layer_test_base::allocate()");
-  y.assign_zero(deepnet_checked_size({batch, per_sample}, "layer_test_base::allocate()"));
+  y.resize_uninitialized(deepnet_checked_size({batch, per_sample}, "layer_test_base::allocate()"));
 }
 
 template class layer_test_base<float>;

@@ -28,7 +28,8 @@ class layer_test_base {
   uint64_t batch = 0;
   uint64_t ndim = 0;
   uint64_t dims[4] = {0, 0, 0, 0};  ///< width, height, channels for image tensors
-  aligned_buffer<T> y;               ///< batch × y_size_1d() values, sample after sample
+  aligned_buffer<T> y;               ///< batch × y_size_1d() values, sample after sample;
+                                     ///< unspecified until the layer has run
   std::vector<layer_test_base*> inputs;
 
   /// Checks the inputs against the model, sets ndim and dims, sizes y and scratch buffers.
@@ -41,7 +42,7 @@ class layer_test_base {
 
  protected:
   /// Sets the output shape and sizes y to batch × y_size_1d(), refusing sizes past the
-  /// engine's buffer limit.
+  /// engine's buffer limit. y is not cleared: every layer writes all of it when it runs.
   void set_output(uint64_t n, uint64_t d0, uint64_t d1 = 0, uint64_t d2 = 0, uint64_t d3 = 0);
 };
 

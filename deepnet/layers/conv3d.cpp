@@ -95,8 +95,8 @@ void layer_test_conv3d::allocate(const layer_model_base& model) {
   scratch_.clear();
   scratch_.resize(chunks_);
   for (auto& s : scratch_) {
-    if (!direct_) s.unfolded.assign_zero(deepnet_checked_size({K, M, samples_per_product_}, who));
-    if (samples_per_product_ > 1) s.product.assign_zero(deepnet_checked_size({Og, M, samples_per_product_}, who));
+    if (!direct_) s.unfolded.resize_uninitialized(deepnet_checked_size({K, M, samples_per_product_}, who));
+    if (samples_per_product_ > 1) s.product.resize_uninitialized(deepnet_checked_size({Og, M, samples_per_product_}, who));
   }
 }
 
@@ -143,9 +143,12 @@ void layer_test_conv3d::run_samples(const layer_model_conv3d& m, uint64_t first,
   const uint64_t G = m.group, Cg = in_c_ / G, Og = m.num_output / G, O = m.num_output;
   const uint64_t K = m.kernel_w * m.kernel_h * Cg;
   const float* x = inputs[0]->y.data();
+  // With no input channel per group (group > channels) there is nothing to multiply: the
+  // outputs are their biases.
+  const uint64_t groups = (K == 0 || M == 0 || Og == 0) ? 0 : G;
   for (uint64_t b = first; b < last; b += samples_per_product_) {
     const uint64_t n = std::min(samples_per_product_, last - b);
-    for (uint64_t g = 0; g < G; ++g) {
+    for (uint64_t g = 0; g < groups; ++g) {
       const float* w = m.weights.data() + g * Og * K;
       if (n == 1) {
         const float* planes = x + b * in_c_ * plane_in + g * Cg * plane_in;
@@ -180,9 +183,9 @@ void layer_test_conv3d::run_samples(const layer_model_conv3d& m, uint64_t first,
 
 void layer_test_conv3d::fprop_test(uint64_t batch_count, const layer_model_base& model) {
   const auto& m = static_cast<const layer_model_conv3d&>(model);
-  // Channels past group × (num_output / group) get no product, only their bias; every other
-  // value is overwritten by its product.
-  if (m.num_output % m.group != 0) std::fill(y.begin(), y.end(), 0.0f);
+  // Channels past group × (num_output / group), and all channels when a group has no input
+  // channel, get no product, only their bias; every other value is overwritten by its product.
+  if (m.num_output % m.group != 0 || in_c_ < m.group) std::fill(y.begin(), y.end(), 0.0f);
   const uint64_t count = std::min(batch_count, batch);
   deepnet_parallel_chunks(count, chunks_, [&](uint64_t c, uint64_t first, uint64_t last) {
     run_samples(m, first, last, scratch_[c]);

@@ -27,6 +27,7 @@ void layer_test_cost_logreg::fprop_test(uint64_t batch_count, const layer_model_
     loss -= std::log(prob[b * n + index]);
   }
   if (y.size() == 0) return;
+  std::fill(y.begin(), y.end(), 0.0f);
   y[0] = loss / static_cast<float>(B);
 }
 

@@ -32,10 +32,10 @@ void layer_test_data::allocate(const layer_model_base& model) {
 
 void layer_test_data::fprop_test(uint64_t batch_count, const layer_model_base& model) {
   const auto& m = static_cast<const layer_model_data&>(model);
-  if (m.is_1d) {
-    std::fill(y.begin(), y.begin() + std::min<uint64_t>(batch_count, y.size()), 0.0f);
-    return;
-  }
+  // Labels are all 0; image input copies one plane per sample and leaves any further channel
+  // planes at 0.
+  std::fill(y.begin(), y.end(), 0.0f);
+  if (m.is_1d) return;
   const uint64_t n = std::min<uint64_t>(view_->width * view_->height * batch_count, y.size());
   std::copy(view_->data, view_->data + n, y.begin());
 }

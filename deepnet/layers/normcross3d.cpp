@@ -33,7 +33,7 @@ void layer_test_normcross3d::allocate(const layer_model_base&) {
   chunks_ = deepnet_chunk_count(batch);
   squares_.clear();
   squares_.resize(chunks_);
-  for (auto& s : squares_) s.assign_zero(in->y_size_1d());
+  for (auto& s : squares_) s.resize_uninitialized(in->y_size_1d());
 }
 
 namespace {
@@ -55,30 +55,34 @@ void layer_test_normcross3d::fprop_test(uint64_t batch_count, const layer_model_
   const uint64_t count = std::min(batch_count, batch);
 
   deepnet_parallel_chunks(count, chunks_, [&](uint64_t chunk, uint64_t first, uint64_t last) {
-    float* sq = squares_[chunk].data();
-    float* sum = nullptr;
+    float* __restrict sq = squares_[chunk].data();
     for (uint64_t b = first; b < last; ++b) {
-      const float* x = inputs[0]->y.data() + b * C * P;
-      float* out = y.data() + b * C * P;
+      const float* __restrict x = inputs[0]->y.data() + b * C * P;
+      float* __restrict out = y.data() + b * C * P;
       for (uint64_t i = 0; i < C * P; ++i) sq[i] = x[i] * x[i];
       for (uint64_t c = 0; c < C; ++c) {
         const uint64_t lo = uint64_t(std::max<int64_t>(0, int64_t(c) - half));
         const uint64_t hi = uint64_t(std::min<int64_t>(int64_t(C) - 1, int64_t(c) + half));
-        // The window sum is accumulated in the output plane, lowest channel first, and then
-        // turned into the normalised value in place.
-        sum = out + c * P;
+        // The window sum is accumulated in the output plane, lowest channel first, then turned
+        // into the normalised value in place. Every lane is computed and zeros selected after,
+        // so the loops vectorise.
+        float* __restrict sum = out + c * P;
+        const float* __restrict xc = x + c * P;
         std::copy(sq + lo * P, sq + lo * P + P, sum);
         for (uint64_t j = lo + 1; j <= hi; ++j) {
-          const float* s = sq + j * P;
+          const float* __restrict s = sq + j * P;
           for (uint64_t p = 0; p < P; ++p) sum[p] += s[p];
         }
-        const float* xc = x + c * P;
         if (beta == 0.75f) {
-          for (uint64_t p = 0; p < P; ++p)
-            sum[p] = xc[p] == 0.0f ? 0.0f : xc[p] * inverse_pow_075(k + scale * sum[p]);
+          for (uint64_t p = 0; p < P; ++p) {
+            const float v = xc[p] * inverse_pow_075(k + scale * sum[p]);
+            sum[p] = xc[p] == 0.0f ? 0.0f : v;
+          }
         } else {
-          for (uint64_t p = 0; p < P; ++p)
-            sum[p] = xc[p] == 0.0f ? 0.0f : xc[p] / std::pow(k + scale * sum[p], beta);
+          for (uint64_t p = 0; p < P; ++p) {
+            const float v = xc[p] / std::pow(k + scale * sum[p], beta);
+            sum[p] = xc[p] == 0.0f ? 0.0f : v;
+          }
         }
       }
     }

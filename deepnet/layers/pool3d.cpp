@@ -43,10 +43,28 @@ void layer_test_pool_3d_base<T, pool_type>::allocate(const layer_model_base& mod
     throw std::runtime_error("layer_test_pool_3d_base::allocate(): Input mismatch");
   this->set_output(3, ow, oh, in->dims[2]);
   chunks_ = deepnet_chunk_count(this->batch);
+  scratch_.clear();
+  scratch_.resize(chunks_);
+  for (auto& s : scratch_) s.resize_uninitialized(deepnet_checked_size({ow, in->dims[1]}, "layer_test_pool_3d_base::allocate()"));
 }
 
+namespace {
+
+// Running maximum as pooling defines it: a row's value replaces the running one unless the
+// running one is already greater or equal (so a NaN row value wins, a NaN running value loses).
+template <typename T>
+inline T take_max(T running, T v) {
+  return running >= v ? running : v;
+}
+
+}  // namespace
+
+// Separable pooling: a horizontal pass reduces each input row over every output column's window
+// into the scratch (output width × input height), then a vertical pass combines the rows of each
+// output row's window. The reduction order per window is the one of a row-by-row loop.
 template <typename T, typename pool_type>
 void layer_test_pool_3d_base<T, pool_type>::fprop_test(uint64_t batch_count, const layer_model_base& model) {
+  constexpr bool is_max = std::is_same_v<pool_type, pool_type_max>;
   const auto& m = static_cast<const layer_model_pool3d&>(model);
   const auto* in = this->inputs[0];
   // Bounds in 64 bits: start + kernel can pass the 32-bit range even when each term fits.
@@ -56,41 +74,51 @@ void layer_test_pool_3d_base<T, pool_type>::fprop_test(uint64_t batch_count, con
   const int64_t kw = m.kernel_w, kh = m.kernel_h, sw = m.stride_w, sh = m.stride_h;
   const int64_t pw = m.pad_w_begin, ph = m.pad_h_begin;
   const T area = T(m.kernel_w) * T(m.kernel_h);
+  const T empty = is_max ? -std::numeric_limits<T>::max() : T(0);
   const uint64_t count = std::min(batch_count, this->batch);
+  // Output columns [ox_lo, ox_hi) have windows wholly inside the row.
+  const int64_t ox_lo = std::min(oW, (pw + sw - 1) / sw);
+  const int64_t ox_hi = std::max(ox_lo, std::min(oW, W - kw + pw >= 0 ? (W - kw + pw) / sw + 1 : 0));
 
-  deepnet_parallel_chunks(count, chunks_, [&](uint64_t, uint64_t first, uint64_t last) {
+  deepnet_parallel_chunks(count, chunks_, [&](uint64_t chunk, uint64_t first, uint64_t last) {
+    T* __restrict rows = scratch_[chunk].data();
     for (uint64_t plane = first * C; plane < last * C; ++plane) {
-      const T* x = in->y.data() + plane * uint64_t(W) * uint64_t(H);
-      T* out = this->y.data() + plane * uint64_t(oW) * uint64_t(oH);
-      for (int64_t oy = 0; oy < oH; ++oy) {
+      const T* __restrict x = in->y.data() + plane * uint64_t(W) * uint64_t(H);
+      T* __restrict out = this->y.data() + plane * uint64_t(oW) * uint64_t(oH);
+      for (int64_t r = 0; r < H; ++r) {
+        const T* __restrict row = x + r * W;
+        T* __restrict dst = rows + r * oW;
+        auto edge = [&](int64_t ox) {
+          const int64_t ws = ox * sw - pw;
+          const int64_t w0 = std::max<int64_t>(ws, 0), w1 = std::min(W, ws + kw);
+          if (w0 >= w1) return empty;
+          T v = row[w0];
+          for (int64_t c = w0 + 1; c < w1; ++c) v = is_max ? (row[c] > v ? row[c] : v) : v + row[c];
+          return v;
+        };
+        for (int64_t ox = 0; ox < ox_lo; ++ox) dst[ox] = edge(ox);
+        const T* __restrict base = row + ox_lo * sw - pw;
+        for (int64_t ox = ox_lo; ox < ox_hi; ++ox) dst[ox] = base[(ox - ox_lo) * sw];
+        for (int64_t kx = 1; kx < kw; ++kx)
+          for (int64_t ox = ox_lo; ox < ox_hi; ++ox) {
+            const T v = base[(ox - ox_lo) * sw + kx];
+            dst[ox] = is_max ? (v > dst[ox] ? v : dst[ox]) : dst[ox] + v;
+          }
+        for (int64_t ox = ox_hi; ox < oW; ++ox) dst[ox] = edge(ox);
+      }
+      for (int64_t oy = 0; oy < oH; ++oy, out += oW) {
         const int64_t hs = oy * sh - ph;
-        const int64_t h0 = std::max<int64_t>(hs, 0);
-        const int64_t h1 = std::min(H, hs + kh);
+        const int64_t h0 = std::max<int64_t>(hs, 0), h1 = std::min(H, hs + kh);
         // The row loop visits at least one row: a window wholly in the top padding reads the
         // first row. A window wholly past the last row has no row to read and reads nothing.
         const int64_t rows_end = h1 > h0 ? h1 : (h0 < H ? h0 + 1 : h0);
-        for (int64_t ox = 0; ox < oW; ++ox) {
-          const int64_t ws = ox * sw - pw;
-          const int64_t w0 = std::max<int64_t>(ws, 0), w1 = std::min(W, ws + kw);
-          if constexpr (std::is_same_v<pool_type, pool_type_max>) {
-            T best = -std::numeric_limits<T>::max();
-            for (int64_t r = h0; r < rows_end && w0 < w1; ++r) {
-              const T* row = x + uint64_t(r) * uint64_t(W);
-              T row_best = row[w0];
-              for (int64_t c = w0 + 1; c < w1; ++c)
-                if (row[c] > row_best) row_best = row[c];
-              if (!(best >= row_best)) best = row_best;
-            }
-            *out++ = best;
-          } else {
-            T sum = 0;
-            for (int64_t r = h0; r < rows_end; ++r) {
-              const T* row = x + uint64_t(r) * uint64_t(W);
-              for (int64_t c = w0; c < w1; ++c) sum += row[c];
-            }
-            *out++ = sum / area;
-          }
+        for (int64_t ox = 0; ox < oW; ++ox) out[ox] = empty;
+        for (int64_t r = h0; r < rows_end; ++r) {
+          const T* __restrict src = rows + r * oW;
+          for (int64_t ox = 0; ox < oW; ++ox) out[ox] = is_max ? take_max(out[ox], src[ox]) : out[ox] + src[ox];
         }
+        if (!is_max)
+          for (int64_t ox = 0; ox < oW; ++ox) out[ox] /= area;
       }
     }
   });

@@ -34,6 +34,7 @@ class layer_test_pool_3d_base : public layer_test_base<T> {
 
  private:
   uint64_t chunks_ = 1;
+  std::vector<aligned_buffer<T>> scratch_;  ///< per chunk: output width × input height
 };
 
 class layer_test_poolmax3d : public layer_test_pool_3d_base<float, pool_type_max> {};

@@ -151,6 +151,13 @@ TEST(Conv3d, GroupsSeeOnlyTheirOwnChannels) {
   EXPECT_EQ(y, (std::vector<float>{21, 21, 21, 2100, 2100, 2100}));
 }
 
+// More groups than channels leaves no input channel per group: every output is its bias.
+TEST(Conv3d, MoreGroupsThanChannelsGivesBiases) {
+  layer_model_conv3d m = make_conv(2, 3, 3, 1, 1, 1);
+  m.biases = {1, 2, 3};
+  EXPECT_EQ(run_conv(m, {2, 1, 1, 2}, {5, 6, 7, 8}), (std::vector<float>{1, 2, 3, 1, 2, 3}));
+}
+
 TEST(Conv3d, RefusesBadInputs) {
   layer_model_conv3d m = make_conv(2, 1, 1, 3, 3, 1);
   auto message = [&](std::vector<layer_test_base<float>*> inputs) {
