@@ -100,6 +100,32 @@ void layer_test_conv3d::allocate(const layer_model_base& model) {
   }
 }
 
+namespace {
+
+// One unfolded row of a stride-1 convolution whose output is as wide as its input: the input
+// plane shifted by dy rows and dx columns. The rows inside the plane are one contiguous copy;
+// the dx columns that wrapped around from the neighbouring row are then cleared.
+void unfold_shifted_plane(const float* plane, float* row, int64_t W, int64_t H, int64_t oH, int64_t dy, int64_t dx) {
+  const int64_t oy0 = std::clamp<int64_t>(-dy, 0, oH), oy1 = std::clamp<int64_t>(H - dy, oy0, oH);
+  std::memset(row, 0, sizeof(float) * oy0 * W);
+  std::memset(row + oy1 * W, 0, sizeof(float) * (oH - oy1) * W);
+  if (oy1 == oy0) return;
+  // Output index i reads input index i + dy·W + dx; clip the copy to the plane's bounds.
+  const int64_t offset = dy * W + dx;
+  const int64_t begin = std::max(oy0 * W, -offset), end = std::min(oy1 * W, H * W - offset);
+  if (end > begin) std::memcpy(row + begin, plane + begin + offset, sizeof(float) * (end - begin));
+  const int64_t lo = std::min(std::max<int64_t>(0, -dx), W), hi = std::max(std::min(W, W - dx), lo);
+  for (int64_t oy = oy0; oy < oy1; ++oy) {
+    float* r = row + oy * W;
+    for (int64_t ox = 0; ox < lo; ++ox) r[ox] = 0.0f;
+    for (int64_t ox = hi; ox < W; ++ox) r[ox] = 0.0f;
+  }
+  // Copies clipped at the plane's ends leave the first or last row's outer columns unwritten;
+  // those are exactly the wrapped columns cleared above.
+}
+
+}  // namespace
+
 // Unfolds the Cg input planes of one sample into K rows (row (c, ky, kx)) of M values (one per
 // output position), writing row j at out + j × ld. Padding positions become 0.
 void layer_test_conv3d::unfold(const layer_model_conv3d& m, const float* planes, float* out, uint64_t ld) const {
@@ -112,6 +138,10 @@ void layer_test_conv3d::unfold(const layer_model_conv3d& m, const float* planes,
     for (int64_t ky = 0; ky < m.kernel_h; ++ky) {
       for (int64_t kx = 0; kx < m.kernel_w; ++kx) {
         float* row = out + static_cast<uint64_t>((c * m.kernel_h + ky) * m.kernel_w + kx) * ld;
+        if (sw == 1 && sh == 1 && oW == W) {
+          unfold_shifted_plane(plane, row, W, H, oH, ky - ph, kx - pw);
+          continue;
+        }
         // Output columns whose input column x = ox·sw − pw + kx lies inside [0, W).
         const int64_t lo = std::min(oW, std::max<int64_t>(0, (pw - kx + sw - 1) / sw));
         const int64_t hi = std::min(oW, std::max<int64_t>(lo, W - 1 + pw - kx >= 0 ? (W - 1 + pw - kx) / sw + 1 : 0));

@@ -112,6 +112,30 @@ TEST(Conv3d, MatchesDirectConvolutionOverManyShapes) {
   deepnet_set_num_threads(1);
 }
 
+// Stride-1 convolutions as wide as their input take the shifted-plane unfolding; every split
+// of the width padding between the two sides, with any height padding.
+TEST(Conv3d, SameWidthStrideOneMatchesDirectConvolution) {
+  std::mt19937 gen(3);
+  auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(gen); };
+  for (uint32_t kw = 1; kw <= 5; ++kw)
+    for (uint32_t pw = 0; pw < kw; ++pw)
+      for (int trial = 0; trial < 6; ++trial) {
+        layer_model_conv3d m = make_conv(2, 3, 1, kw, pick(1, 4), trial);
+        m.pad_w_begin = pw;
+        m.pad_w_end = kw - 1 - pw;
+        m.pad_h_begin = pick(0, 3);
+        m.pad_h_end = pick(0, 3);
+        conv_shape s{uint64_t(pick(1, 3)), uint64_t(pick(int(kw), 9)), uint64_t(pick(1, 9)), 2};
+        if (m.kernel_h > s.height + m.pad_h_begin + m.pad_h_end) continue;
+        const auto x = random_values(s.batch * s.width * s.height * 2, trial + 50);
+        uint64_t ow, oh;
+        const auto want = naive_conv(m, s, x, ow, oh);
+        ASSERT_EQ(ow, s.width);
+        const auto got = run_conv(m, s, x);
+        for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(got[i], want[i], 1e-4f * (1 + std::fabs(want[i])));
+      }
+}
+
 TEST(Conv3d, OutputExtents) {
   auto run_shape = [](layer_model_conv3d m, uint64_t w, uint64_t h) {
     conv_shape s{1, w, h, m.num_input};
