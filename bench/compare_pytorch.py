@@ -86,6 +86,31 @@ def parse_benchmarks(report):
     return result
 
 
+def check_agreement(dnm_run, model, net, out_dir):
+    """Runs the exported model through dnm-run and PyTorch on the same images; they must agree."""
+    import numpy as np
+    import torch
+
+    n, side = 3, reference_net.INPUT_SIZE
+    x = np.random.RandomState(3).uniform(-128, 127, (n, 1, side, side)).astype(np.float32)
+    inp, out = os.path.join(out_dir, "agree_in.f32"), os.path.join(out_dir, "agree_out.f32")
+    x.astype("<f4").tofile(inp)
+    proc = subprocess.run([dnm_run, "--model", model, "--layer", reference_net.OUTPUT_LAYER,
+                           "--width", str(side), "--height", str(side), "--count", str(n),
+                           "--input", inp, "--output", out], capture_output=True, text=True)
+    if proc.returncode != 0:
+        fail("dnm-run failed: " + proc.stderr.strip())
+    ours = np.fromfile(out, dtype="<f4").reshape(n, -1)
+    with torch.inference_mode():
+        theirs = reference_net.forward(net, torch.from_numpy(x))[reference_net.OUTPUT_LAYER]
+    theirs = theirs.reshape(n, -1).numpy()
+    err = float(np.max(np.abs(ours - theirs)) / np.max(np.abs(theirs)))
+    print("agreement: max |deepnet - PyTorch| / max |PyTorch| = %.2e over %d x %d values"
+          % (err, n, theirs.shape[1]))
+    if not err <= 1e-4:
+        fail("deepnet and PyTorch disagree (relative error %.2e > 1e-4)" % err)
+
+
 def run_binary(binary, model, extra_args):
     env = dict(os.environ, FONTRIX_BENCH_MODEL=os.path.abspath(model))
     cmd = [binary, "--benchmark_format=json"] + extra_args
@@ -117,6 +142,8 @@ def main():
     ap.add_argument("--benchmark-arg", action="append", default=[],
                     help="extra argument for the binary (repeatable)")
     ap.add_argument("--pytorch-only", action="store_true", help="skip the deepnet binary")
+    ap.add_argument("--dnm-run", metavar="PATH",
+                    help="also check that dnm-run and PyTorch give the same pool4 (rel. error <= 1e-4)")
     args = ap.parse_args()
 
     if not args.pytorch_only:
@@ -142,6 +169,8 @@ def main():
         reference_net.export(model, net)
         print("exported %s" % model, file=sys.stderr)
         sanity_check(net)
+        if args.dnm_run:
+            check_agreement(args.dnm_run, model, net, out_dir)
 
         ours = {} if args.pytorch_only else run_binary(args.bench_binary, model,
                                                        args.benchmark_arg)

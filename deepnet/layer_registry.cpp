@@ -1,6 +1,8 @@
 // The one written-out table of layer types: adding a layer means one line here.
 #include "deepnet/layer_registry.h"
 
+#include <type_traits>
+
 #include "deepnet/layers/activation.h"
 #include "deepnet/layers/concat.h"
 #include "deepnet/layers/conv3d.h"
@@ -15,44 +17,34 @@ namespace deepnet {
 
 namespace {
 
-using model_factory = std::shared_ptr<layer_model_base> (*)();
-using test_factory = std::shared_ptr<layer_test_base<float>> (*)(const input_view*);
-
-template <typename Model, typename Test>
-struct entry_for {
-  static std::shared_ptr<layer_model_base> model() { return std::make_shared<Model>(); }
-  static std::shared_ptr<layer_test_base<float>> test(const input_view*) { return std::make_shared<Test>(); }
-};
-
 struct layer_entry {
   uint32_t type;
-  model_factory model;
-  test_factory test;
+  std::shared_ptr<layer_model_base> (*model)();
+  std::shared_ptr<layer_test_base<float>> (*test)(const input_view*);
 };
 
-std::shared_ptr<layer_test_base<float>> make_data(const input_view* view) {
-  return std::make_shared<layer_test_data>(view);
+template <typename Model, typename Test>
+constexpr layer_entry entry(uint32_t type) {
+  return {type, [] { return std::shared_ptr<layer_model_base>(std::make_shared<Model>()); },
+          [](const input_view* view) {
+            if constexpr (std::is_constructible_v<Test, const input_view*>)
+              return std::shared_ptr<layer_test_base<float>>(std::make_shared<Test>(view));
+            else
+              return std::shared_ptr<layer_test_base<float>>(std::make_shared<Test>());
+          }};
 }
 
 const layer_entry registry[] = {
-    {layer_type_data, entry_for<layer_model_data, layer_test_data>::model, make_data},
-    {layer_type_conv3d, entry_for<layer_model_conv3d, layer_test_conv3d>::model,
-     entry_for<layer_model_conv3d, layer_test_conv3d>::test},
-    {layer_type_fc, entry_for<layer_model_fc, layer_test_fc>::model, entry_for<layer_model_fc, layer_test_fc>::test},
-    {layer_type_normcross3d, entry_for<layer_model_normcross3d, layer_test_normcross3d>::model,
-     entry_for<layer_model_normcross3d, layer_test_normcross3d>::test},
-    {layer_type_poolmax3d, entry_for<layer_model_poolmax3d, layer_test_poolmax3d>::model,
-     entry_for<layer_model_poolmax3d, layer_test_poolmax3d>::test},
-    {layer_type_poolavg3d, entry_for<layer_model_poolavg3d, layer_test_poolavg3d>::model,
-     entry_for<layer_model_poolavg3d, layer_test_poolavg3d>::test},
-    {layer_type_activation, entry_for<layer_model_activation, layer_test_activation>::model,
-     entry_for<layer_model_activation, layer_test_activation>::test},
-    {layer_type_concat, entry_for<layer_model_concat, layer_test_concat>::model,
-     entry_for<layer_model_concat, layer_test_concat>::test},
-    {layer_type_softmax, entry_for<layer_model_softmax, layer_test_softmax>::model,
-     entry_for<layer_model_softmax, layer_test_softmax>::test},
-    {layer_type_cost_logreg, entry_for<layer_model_cost_logreg, layer_test_cost_logreg>::model,
-     entry_for<layer_model_cost_logreg, layer_test_cost_logreg>::test},
+    entry<layer_model_data, layer_test_data>(layer_type_data),
+    entry<layer_model_conv3d, layer_test_conv3d>(layer_type_conv3d),
+    entry<layer_model_fc, layer_test_fc>(layer_type_fc),
+    entry<layer_model_normcross3d, layer_test_normcross3d>(layer_type_normcross3d),
+    entry<layer_model_poolmax3d, layer_test_poolmax3d>(layer_type_poolmax3d),
+    entry<layer_model_poolavg3d, layer_test_poolavg3d>(layer_type_poolavg3d),
+    entry<layer_model_activation, layer_test_activation>(layer_type_activation),
+    entry<layer_model_concat, layer_test_concat>(layer_type_concat),
+    entry<layer_model_softmax, layer_test_softmax>(layer_type_softmax),
+    entry<layer_model_cost_logreg, layer_test_cost_logreg>(layer_type_cost_logreg),
 };
 
 const layer_entry* find_entry(uint32_t type) {

@@ -43,12 +43,7 @@ struct raw_model {
 };
 
 std::string read_error(const raw_model& m) {
-  try {
-    m.read();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no error";
+  return testing::error_text([&] { m.read(); });
 }
 
 TEST(ModelReader, LayerCountZeroOrNegativeIsEmpty) {
@@ -89,12 +84,10 @@ TEST(ModelReader, UnresolvedInputNameThrowsAndKeepsEarlierLayers) {
   m.out.u32(0);
   m.record(7, "relu", {"missing"});
   layer_model_list layers;
-  try {
-    deepnet_deserialize_layer_model(m.bytes.data(), m.bytes.data() + m.bytes.size(), layers);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "layer_model_base::deserialize()");
-  }
+  EXPECT_EQ(testing::error_text([&] {
+              deepnet_deserialize_layer_model(m.bytes.data(), m.bytes.data() + m.bytes.size(), layers);
+            }),
+            "layer_model_base::deserialize()");
   EXPECT_GE(layers.size(), 1u);
 }
 

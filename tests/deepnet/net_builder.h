@@ -1,6 +1,8 @@
 #pragma once
 // Builds small model lists in code and runs them, for the engine's tests.
+#include <functional>
 #include <memory>
+#include <stdexcept>
 #include <random>
 #include <string>
 #include <vector>
@@ -32,6 +34,16 @@ class net_builder {
 
   layer_model_list models;
 };
+
+/// The message of the std::runtime_error that `f` throws, or "no error".
+inline std::string error_text(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "no error";
+}
 
 inline std::vector<float> random_values(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f) {
   std::mt19937 gen(seed);

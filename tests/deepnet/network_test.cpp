@@ -13,6 +13,7 @@ namespace deepnet {
 namespace {
 
 using testing::net_builder;
+using testing::error_text;
 using testing::random_values;
 using testing::run;
 
@@ -30,15 +31,6 @@ net_builder small_net() {
   return b;
 }
 
-std::string error_of(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no error";
-}
-
 TEST(Network, RunsOnlyUpToTheFirstLayerOfThatName) {
   const auto b = small_net();
   const auto pixels = random_values(2 * 5 * 4, 3);
@@ -51,13 +43,13 @@ TEST(Network, RunsOnlyUpToTheFirstLayerOfThatName) {
   // "relu" names two layers; the first is chosen and the throwing second never runs.
   EXPECT_EQ(deepnet_compute_feature(b.models, tests, 2, "relu"), 2u);
   EXPECT_EQ(tests[2]->dims[0], 3u);
-  EXPECT_EQ(error_of([&] { deepnet_compute_feature(b.models, tests, 2, "nothing"); }),
+  EXPECT_EQ(error_text([&] { deepnet_compute_feature(b.models, tests, 2, "nothing"); }),
             "deepnet_compute_feature(): Cannot find a layer with matching name");
 }
 
 TEST(Network, ConstructionErrors) {
   auto construct = [](const layer_model_list& models) {
-    return error_of([&] {
+    return error_text([&] {
       std::vector<float> pixels(16);
       input_view view{4, 4, 1, 1, pixels.data()};
       layer_test_list tests;
@@ -93,7 +85,7 @@ TEST(Network, ConstructionErrors) {
 
 TEST(Network, DimensionCountOutsideOneToFour) {
   testing::fixed_input bad(1, {}, {});
-  EXPECT_EQ(error_of([&] { bad.y_size_1d(); }), "layer_test_base::y_size_1d(): Incorrect output dimension");
+  EXPECT_EQ(error_text([&] { bad.y_size_1d(); }), "layer_test_base::y_size_1d(): Incorrect output dimension");
 }
 
 TEST(Network, LabelInputIsZeros) {

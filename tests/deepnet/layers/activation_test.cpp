@@ -36,12 +36,8 @@ TEST(Activation, OtherTypesFailOnlyWhenRun) {
   layer.inputs = {&in};
   ASSERT_NO_THROW(layer.allocate(m));
   EXPECT_EQ(layer.ndim, 3u);
-  try {
-    layer.fprop_test(1, m);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "layer_test_activation::fprop_test(): Unsupported activation type");
-  }
+  EXPECT_EQ(testing::error_text([&] { layer.fprop_test(1, m); }),
+            "layer_test_activation::fprop_test(): Unsupported activation type");
   layer_test_activation two;
   two.inputs = {&in, &in};
   EXPECT_THROW(two.allocate(m), std::runtime_error);

@@ -14,12 +14,7 @@ std::string allocate_error(std::vector<layer_test_base<float>*> inputs, uint32_t
   layer_model_concat m;
   m.axis = axis;
   layer_test_concat layer;
-  try {
-    run_layer(layer, m, std::move(inputs), 1);
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no error";
+  return testing::error_text([&] { run_layer(layer, m, std::move(inputs), 1); });
 }
 
 TEST(Concat, JoinsAlongEachAxis) {

@@ -186,12 +186,7 @@ TEST(Conv3d, RefusesBadInputs) {
   layer_model_conv3d m = make_conv(2, 1, 1, 3, 3, 1);
   auto message = [&](std::vector<layer_test_base<float>*> inputs) {
     layer_test_conv3d conv;
-    try {
-      run_layer(conv, m, std::move(inputs), 1);
-    } catch (const std::runtime_error& e) {
-      return std::string(e.what());
-    }
-    return std::string("no error");
+    return testing::error_text([&] { run_layer(conv, m, std::move(inputs), 1); });
   };
   fixed_input three_channels(1, {4, 4, 3}, random_values(48, 1));
   fixed_input two_channels(1, {4, 4, 2}, random_values(32, 1));

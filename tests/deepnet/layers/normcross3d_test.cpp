@@ -58,12 +58,8 @@ TEST(NormCross3d, NeedsOneImageInput) {
   layer_model_normcross3d m;
   fixed_input flat(1, {4}, {1, 2, 3, 4});
   layer_test_normcross3d layer;
-  try {
-    run_layer(layer, m, {&flat}, 1);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "layer_test_normcross3d::allocate(): Input mismatch");
-  }
+  EXPECT_EQ(testing::error_text([&] { run_layer(layer, m, {&flat}, 1); }),
+            "layer_test_normcross3d::allocate(): Input mismatch");
 }
 
 }  // namespace
