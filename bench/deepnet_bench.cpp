@@ -148,8 +148,10 @@ void BM_ReferenceNetByLayer(benchmark::State& state) {
       tests[j]->fprop_test(batch, *models[j]);
       seconds[models[j]->type] += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     }
-  const std::map<uint32_t, const char*> names = {{layer_type_conv3d, "conv_ms"},   {layer_type_normcross3d, "norm_ms"},
-                                                 {layer_type_poolmax3d, "pool_ms"}, {layer_type_activation, "relu_ms"},
+  const std::map<uint32_t, const char*> names = {{layer_type_conv3d, "conv_ms"},
+                                                 {layer_type_normcross3d, "norm_ms"},
+                                                 {layer_type_poolmax3d, "pool_ms"},
+                                                 {layer_type_activation, "relu_ms"},
                                                  {layer_type_data, "data_ms"}};
   for (const auto& [type, s] : seconds)
     if (names.count(type)) state.counters[names.at(type)] = s * 1e3 / double(state.iterations());

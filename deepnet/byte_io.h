@@ -46,9 +46,7 @@ class byte_reader {
   }
   uint64_t remaining() const { return static_cast<uint64_t>(end_ - pos_); }
   const uint8_t* position() const { return pos_; }
-  [[noreturn]] void fail() const {
-    throw std::runtime_error(std::string(context_) + ": model data ends too early");
-  }
+  [[noreturn]] void fail() const { throw std::runtime_error(std::string(context_) + ": model data ends too early"); }
 
  private:
   void require(uint64_t n) const {

@@ -36,7 +36,7 @@ class layer_model_base {
   virtual ~layer_model_base() = default;
 
   uint32_t type;
-  std::string name;  ///< raw bytes, compared by length and bytes
+  std::string name;                       ///< raw bytes, compared by length and bytes
   std::vector<layer_model_base*> inputs;  ///< non-owning, into the same model list
 
   /// Reads type, name and input names; each input name binds to the first layer of `layers`

@@ -28,8 +28,8 @@ class layer_test_base {
   uint64_t batch = 0;
   uint64_t ndim = 0;
   uint64_t dims[4] = {0, 0, 0, 0};  ///< width, height, channels for image tensors
-  aligned_buffer<T> y;               ///< batch × y_size_1d() values, sample after sample;
-                                     ///< unspecified until the layer has run
+  aligned_buffer<T> y;              ///< batch × y_size_1d() values, sample after sample;
+                                    ///< unspecified until the layer has run
   std::vector<layer_test_base*> inputs;
 
   /// Checks the inputs against the model, sets ndim and dims, sizes y and scratch buffers.

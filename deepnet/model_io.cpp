@@ -1,10 +1,11 @@
 #include "deepnet/model_io.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <sys/stat.h>
 
 #include "deepnet/byte_io.h"
 

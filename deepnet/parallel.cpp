@@ -52,9 +52,7 @@ void deepnet_parallel_chunks(uint64_t count, uint64_t chunks,
     for (uint64_t c = 0; c < chunks; ++c) fn(c, bounds(c), bounds(c + 1));
     return;
   }
-  a->execute([&] {
-    tbb::parallel_for(uint64_t{0}, chunks, [&](uint64_t c) { fn(c, bounds(c), bounds(c + 1)); });
-  });
+  a->execute([&] { tbb::parallel_for(uint64_t{0}, chunks, [&](uint64_t c) { fn(c, bounds(c), bounds(c + 1)); }); });
 }
 
 }  // namespace deepnet

@@ -55,7 +55,7 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "raw f32 files are litt
 
 int run(int argc, char** argv) {
   std::map<std::string, std::string> args;
-  const std::vector<std::string> known = {"--model", "--layer", "--width", "--height",
+  const std::vector<std::string> known = {"--model", "--layer", "--width",  "--height",
                                           "--count", "--input", "--output", "--threads"};
   for (int i = 1; i < argc; ++i) {
     std::string flag = argv[i];
@@ -75,7 +75,8 @@ int run(int argc, char** argv) {
   const uint64_t width = parse_count("--width", args["--width"]);
   const uint64_t height = parse_count("--height", args["--height"]);
   const uint64_t count = parse_count("--count", args["--count"]);
-  if (args.count("--threads")) deepnet::deepnet_set_num_threads(int(parse_count("--threads", args["--threads"]) % 1024));
+  if (args.count("--threads"))
+    deepnet::deepnet_set_num_threads(int(parse_count("--threads", args["--threads"]) % 1024));
 
   deepnet::layer_model_list models;
   deepnet::deepnet_load_model(args["--model"], models);

@@ -22,7 +22,8 @@ void layer_test_concat::allocate(const layer_model_base& model) {
   if (inputs.empty()) throw std::runtime_error("layer_test_concat::allocate(): incorrect input size");
   const auto* first = inputs[0];
   uint64_t d[4] = {first->dims[0], first->dims[1], first->dims[2], first->dims[3]};
-  if (m.axis >= first->ndim) throw std::runtime_error("layer_test_concat::allocate(): axis outside the input's dimensions");
+  if (m.axis >= first->ndim)
+    throw std::runtime_error("layer_test_concat::allocate(): axis outside the input's dimensions");
   d[m.axis] = 0;
   for (const auto* in : inputs) {
     if (in->ndim != first->ndim) throw std::runtime_error("layer_test_concat::allocate(): dimension mismatch");

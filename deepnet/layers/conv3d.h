@@ -21,8 +21,8 @@ class layer_model_conv3d : public layer_model_base {
 
 /// Output extent along one axis; `ceil` adds the partial window the floor rule drops.
 /// Throws when the kernel is larger than the padded input or the stride is 0.
-uint64_t conv_output_extent(uint64_t in, uint64_t pad_begin, uint64_t pad_end, uint64_t kernel,
-                            uint64_t stride, bool ceil, const char* who);
+uint64_t conv_output_extent(uint64_t in, uint64_t pad_begin, uint64_t pad_end, uint64_t kernel, uint64_t stride,
+                            bool ceil, const char* who);
 
 /// Convolution as unfolding plus one matrix product per group. Small planes are unfolded for
 /// several samples side by side so that one product covers them all.
@@ -37,11 +37,12 @@ class layer_test_conv3d : public layer_test_base<float> {
     aligned_buffer<float> product;   ///< Og rows of (samples × M) values, when samples > 1
   };
   void run_samples(const layer_model_conv3d& m, uint64_t first, uint64_t last, scratch& s);
-  void unfold(const layer_model_conv3d& m, const float* planes, float* out, uint64_t ld) const;
+  void unfold(const layer_model_conv3d& m, const float* planes, uint64_t channels, float* out, uint64_t ld) const;
 
   uint64_t in_w_ = 0, in_h_ = 0, in_c_ = 0, out_w_ = 0, out_h_ = 0;
   uint64_t samples_per_product_ = 1;
-  bool direct_ = false;  ///< 1×1 kernel, stride 1, no padding: the input already is unfolded
+  uint64_t channels_per_block_ = 1;  ///< input channels unfolded per product, one sample at a time
+  bool direct_ = false;              ///< 1×1 kernel, stride 1, no padding: the input already is unfolded
   uint64_t chunks_ = 1;
   std::vector<scratch> scratch_;
 };

@@ -19,9 +19,9 @@ void layer_model_fc::deserialize(byte_reader& in, const layer_model_list& layers
   }
   num_output = in.u32();
   // total < 2^64 / 2^32 inputs' worth; the product saturates rather than wraps.
-  const uint64_t count =
-      (num_output && total > std::numeric_limits<uint64_t>::max() / num_output) ? std::numeric_limits<uint64_t>::max()
-                                                                               : total * num_output;
+  const uint64_t count = (num_output && total > std::numeric_limits<uint64_t>::max() / num_output)
+                             ? std::numeric_limits<uint64_t>::max()
+                             : total * num_output;
   in.floats(weights, count);
   in.floats(biases, num_output);
 }

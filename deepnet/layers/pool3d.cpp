@@ -12,7 +12,8 @@ namespace deepnet {
 
 void layer_model_pool3d::deserialize(byte_reader& in, const layer_model_list& layers) {
   layer_model_base::deserialize(in, layers);
-  for (uint32_t* field : {&kernel_w, &kernel_h, &stride_w, &stride_h, &pad_w_begin, &pad_w_end, &pad_h_begin, &pad_h_end})
+  for (uint32_t* field :
+       {&kernel_w, &kernel_h, &stride_w, &stride_h, &pad_w_begin, &pad_w_end, &pad_h_begin, &pad_h_end})
     *field = in.u32();
 }
 
@@ -45,7 +46,8 @@ void layer_test_pool_3d_base<T, pool_type>::allocate(const layer_model_base& mod
   chunks_ = deepnet_chunk_count(this->batch);
   scratch_.clear();
   scratch_.resize(chunks_);
-  for (auto& s : scratch_) s.resize_uninitialized(deepnet_checked_size({ow, in->dims[1]}, "layer_test_pool_3d_base::allocate()"));
+  for (auto& s : scratch_)
+    s.resize_uninitialized(deepnet_checked_size({ow, in->dims[1]}, "layer_test_pool_3d_base::allocate()"));
 }
 
 namespace {

@@ -84,9 +84,8 @@ TEST(ModelReader, UnresolvedInputNameThrowsAndKeepsEarlierLayers) {
   m.out.u32(0);
   m.record(7, "relu", {"missing"});
   layer_model_list layers;
-  EXPECT_EQ(testing::error_text([&] {
-              deepnet_deserialize_layer_model(m.bytes.data(), m.bytes.data() + m.bytes.size(), layers);
-            }),
+  EXPECT_EQ(testing::error_text(
+                [&] { deepnet_deserialize_layer_model(m.bytes.data(), m.bytes.data() + m.bytes.size(), layers); }),
             "layer_model_base::deserialize()");
   EXPECT_GE(layers.size(), 1u);
 }

@@ -2,8 +2,8 @@
 // Builds small model lists in code and runs them, for the engine's tests.
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -59,8 +59,8 @@ struct run_result {
   std::vector<uint64_t> dims;
 };
 
-inline run_result run(const layer_model_list& models, const std::vector<float>& pixels, uint64_t width,
-                      uint64_t height, uint64_t count, const char* layer, uint64_t channels = 1) {
+inline run_result run(const layer_model_list& models, const std::vector<float>& pixels, uint64_t width, uint64_t height,
+                      uint64_t count, const char* layer, uint64_t channels = 1) {
   input_view view;
   view.width = width;
   view.height = height;

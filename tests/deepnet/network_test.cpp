@@ -12,8 +12,8 @@
 namespace deepnet {
 namespace {
 
-using testing::net_builder;
 using testing::error_text;
+using testing::net_builder;
 using testing::random_values;
 using testing::run;
 

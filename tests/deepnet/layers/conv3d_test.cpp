@@ -85,8 +85,8 @@ TEST(Conv3d, MatchesDirectConvolutionOverManyShapes) {
     deepnet_set_num_threads(threads);
     for (int trial = 0; trial < 300; ++trial) {
       const uint32_t group = pick(1, 3), cg = pick(1, 3), og = pick(1, 4);
-      layer_model_conv3d m = make_conv(group * cg, group * og + (trial % 7 == 0 ? 1 : 0), group, pick(1, 5), pick(1, 5),
-                                       trial);
+      layer_model_conv3d m =
+          make_conv(group * cg, group * og + (trial % 7 == 0 ? 1 : 0), group, pick(1, 5), pick(1, 5), trial);
       m.weights = random_values(m.weight_count(), trial);
       m.stride_w = pick(1, 3);
       m.stride_h = pick(1, 3);
@@ -134,6 +134,23 @@ TEST(Conv3d, SameWidthStrideOneMatchesDirectConvolution) {
         const auto got = run_conv(m, s, x);
         for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(got[i], want[i], 1e-4f * (1 + std::fabs(want[i])));
       }
+}
+
+// Planes large enough that one sample is unfolded a few input channels at a time, the
+// products accumulating over the blocks.
+TEST(Conv3d, LargePlanesUnfoldedInChannelBlocks) {
+  for (uint32_t group : {1u, 2u}) {
+    layer_model_conv3d m = make_conv(7 * group, 5 * group, group, 3, 3, group);
+    m.pad_w_begin = m.pad_w_end = m.pad_h_begin = 1;
+    m.stride_h = 2;
+    const conv_shape s{1, 70, 61, 7 * group};
+    const auto x = random_values(s.width * s.height * s.channels, 9);
+    uint64_t ow, oh;
+    const auto want = naive_conv(m, s, x, ow, oh);
+    const auto got = run_conv(m, s, x);
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(got[i], want[i], 1e-4f * (1 + std::fabs(want[i]))) << i;
+  }
 }
 
 TEST(Conv3d, OutputExtents) {

@@ -25,8 +25,7 @@ TEST(CostLogreg, MeanNegativeLogOfTheLabelledClass) {
   EXPECT_THROW(run_layer(out_of_range, m, {&prob, &bad}, 2), std::runtime_error);
   layer_test_cost_logreg one_input;
   one_input.inputs = {&prob};
-  EXPECT_EQ(testing::error_text([&] { one_input.allocate(m); }),
-            "layer_test_logreg::allocate(): Incorrect input size");
+  EXPECT_EQ(testing::error_text([&] { one_input.allocate(m); }), "layer_test_logreg::allocate(): Incorrect input size");
 }
 
 }  // namespace

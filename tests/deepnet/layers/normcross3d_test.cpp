@@ -20,7 +20,8 @@ float reference(const std::vector<float>& x, uint64_t C, uint64_t P, uint64_t c,
   if (v == 0.0f) return 0.0f;
   const int64_t half = m.local_size / 2;
   float s = 0;
-  for (int64_t j = std::max<int64_t>(0, int64_t(c) - half); j <= std::min<int64_t>(int64_t(C) - 1, int64_t(c) + half); ++j)
+  for (int64_t j = std::max<int64_t>(0, int64_t(c) - half); j <= std::min<int64_t>(int64_t(C) - 1, int64_t(c) + half);
+       ++j)
     s += x[j * P + p] * x[j * P + p];
   return v / std::pow(m.k + m.alpha / float(m.local_size) * s, m.beta);
 }

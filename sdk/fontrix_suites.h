@@ -1,0 +1,88 @@
+/* The suites the Fontrix plug-in publishes for other plug-ins. C ABI only.
+ *
+ * Acquire them through the basic suite like any host suite, once the plug-in has started.
+ * Each query function answers from the in-memory cache of its service and returns
+ * kQVNotInitialisedErr ("UIN?") until that cache exists. Results go to a list the caller
+ * provides: the function calls `append` once per result, best first. */
+#ifndef FONTRIX_SUITES_H
+#define FONTRIX_SUITES_H
+
+#include "qv_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One font of a result: its unique name (the PostScript name) and a score (1.0 where a query
+ * has none). The strings are valid only during the append call. */
+typedef struct FontrixFontResult {
+  const char* name;
+  double score;
+} FontrixFontResult;
+
+/* A caller-provided output list. `clear` may be NULL. */
+typedef struct FontrixFontList {
+  void* context;
+  /* Empties the list (called first by queries that replace its contents). */
+  void (*clear)(void* context);
+  /* Appends one result. */
+  void (*append)(void* context, const FontrixFontResult* font);
+} FontrixFontList;
+
+#define kFontrixFeatureSuite "QV Font Feature Suite"
+#define kFontrixFeatureSuiteVersion 1
+typedef struct FontrixFeatureSuite {
+  /* Appends every cached font whose class bits include the bit of label `*labelIndex`. */
+  QVErr (*GetFontsWithLabel)(const int32_t* labelIndex, FontrixFontList* out);
+} FontrixFeatureSuite;
+
+#define kFontrixSimilarSuite "QV Font Similar Suite"
+#define kFontrixSimilarSuiteVersion 1
+typedef struct FontrixSimilarSuite {
+  /* Clears `out` and fills it with the installed fonts most like font `uniqueName`, best first. */
+  QVErr (*GetSimilarFontNames)(const char* uniqueName, FontrixFontList* out);
+} FontrixSimilarSuite;
+
+#define kFontrixRecognitionSuite "QV Font Recognition Suite"
+#define kFontrixRecognitionSuiteVersion 1
+typedef struct FontrixRecognitionSuite {
+  /* Fills `out` with the installed fonts most likely shown in the grey raster `image`, best first. */
+  QVErr (*GetRecognizedFonts)(QVRasterHandle image, FontrixFontList* out);
+} FontrixRecognitionSuite;
+
+/* Services, for the progress suite. */
+enum {
+  kFontrixServiceClassification = 0,
+  kFontrixServiceSimilarity = 1,
+  kFontrixServiceRecognition = 2,
+  kFontrixServiceCount = 3
+};
+
+/* How far one service's background work has come. */
+typedef struct FontrixServiceProgress {
+  uint32_t fontsDone;  /* fonts of the current font list the service has handled */
+  uint32_t fontsTotal; /* fonts of the current font list it has to handle */
+  QVBool enabled;      /* the service's feature switch is on */
+  QVBool idle;         /* no background work of the service is queued or running */
+} FontrixServiceProgress;
+
+/* Receives the module's font list, one host font handle per call. */
+typedef struct FontrixFontHandleList {
+  void* context;
+  void (*append)(void* context, QVFontHandle font);
+} FontrixFontHandleList;
+
+#define kFontrixProgressSuite "QV Fontrix Progress Suite"
+#define kFontrixProgressSuiteVersion 1
+typedef struct FontrixProgressSuite {
+  /* Progress of service `service` (a kFontrixService value). */
+  QVErr (*GetServiceProgress)(int32_t service, FontrixServiceProgress* progress);
+  /* The qualifying fonts of the module's current font list, and the list's generation. */
+  QVErr (*GetFontList)(FontrixFontHandleList* out, uint32_t* generation);
+} FontrixProgressSuite;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
