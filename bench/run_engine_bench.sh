@@ -22,7 +22,7 @@ env -u OPENBLAS_CORETYPE -u OPENBLAS_L2_SIZE OPENBLAS_VERBOSE=2 build/bin/deepne
 echo "== 3. PyTorch on the same network (OpenBLAS variables unset for both, as in 2)"
 env -u OPENBLAS_CORETYPE -u OPENBLAS_L2_SIZE /usr/bin/python3 bench/compare_pytorch.py \
   --bench-binary build/bin/deepnet_bench --dnm-run build/bin/dnm-run \
-  --benchmark-arg=--benchmark_filter=BM_ReferenceNet/ --benchmark-arg=--benchmark_min_time=2
+  --benchmark-arg=--benchmark_filter=BM_ReferenceNet/ --benchmark-arg=--benchmark_min_time=1 --rounds 4
 echo "== 4. peak memory, dnm-run at batch 10 (model, input, runnable network)"
 /usr/bin/python3 -c "import numpy as np; np.random.RandomState(1).uniform(-128,127,10*109*109).astype('<f4').tofile('$tmp/in.f32')"
 head -c $((109 * 109 * 4)) "$tmp/in.f32" > "$tmp/in1.f32"

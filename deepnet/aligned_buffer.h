@@ -1,31 +1,31 @@
 #pragma once
-// A zero-initialised float array aligned for wide vector loads; owns its memory.
+// A float array aligned for wide vector loads; owns its memory, which comes from and goes
+// back to the engine's buffer pool.
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <utility>
+
+#include "deepnet/buffer_pool.h"
 
 namespace deepnet {
 
 template <typename T>
 class aligned_buffer {
  public:
-  static constexpr size_t alignment = 64;
-
   aligned_buffer() = default;
   aligned_buffer(const aligned_buffer&) = delete;
   aligned_buffer& operator=(const aligned_buffer&) = delete;
-  aligned_buffer(aligned_buffer&& other) noexcept : data_(other.data_), size_(other.size_) {
+  aligned_buffer(aligned_buffer&& other) noexcept : data_(other.data_), size_(other.size_), capacity_(other.capacity_) {
     other.data_ = nullptr;
-    other.size_ = 0;
+    other.size_ = other.capacity_ = 0;
   }
   aligned_buffer& operator=(aligned_buffer&& other) noexcept {
     std::swap(data_, other.data_);
     std::swap(size_, other.size_);
+    std::swap(capacity_, other.capacity_);
     return *this;
   }
-  ~aligned_buffer() { std::free(data_); }
+  ~aligned_buffer() { buffer_pool_give(data_, capacity_); }
 
   /// Replaces the contents with `n` zeros.
   void assign_zero(size_t n) {
@@ -35,14 +35,10 @@ class aligned_buffer {
   /// Makes room for `n` values whose contents are unspecified.
   void resize_uninitialized(size_t n) {
     if (n != size_) {
-      std::free(data_);
+      buffer_pool_give(data_, capacity_);
       data_ = nullptr;
-      size_ = 0;
-      if (n) {
-        size_t bytes = (n * sizeof(T) + alignment - 1) / alignment * alignment;
-        data_ = static_cast<T*>(std::aligned_alloc(alignment, bytes));
-        if (!data_) throw std::bad_alloc();
-      }
+      size_ = capacity_ = 0;
+      if (n) data_ = static_cast<T*>(buffer_pool_take(n * sizeof(T), capacity_));
       size_ = n;
     }
   }
@@ -59,6 +55,7 @@ class aligned_buffer {
  private:
   T* data_ = nullptr;
   size_t size_ = 0;
+  size_t capacity_ = 0;  ///< bytes
 };
 
 }  // namespace deepnet

@@ -24,8 +24,9 @@ class layer_model_conv3d : public layer_model_base {
 uint64_t conv_output_extent(uint64_t in, uint64_t pad_begin, uint64_t pad_end, uint64_t kernel, uint64_t stride,
                             bool ceil, const char* who);
 
-/// Convolution as unfolding plus one matrix product per group. Small planes are unfolded for
-/// several samples side by side so that one product covers them all.
+/// Convolution as unfolding plus matrix products per group: the input channels are unfolded in
+/// blocks whose products accumulate, and small planes are unfolded for several samples side by
+/// side so that one product covers them all.
 class layer_test_conv3d : public layer_test_base<float> {
  public:
   void allocate(const layer_model_base& model) override;
@@ -33,7 +34,7 @@ class layer_test_conv3d : public layer_test_base<float> {
 
  private:
   struct scratch {
-    aligned_buffer<float> unfolded;  ///< K rows of (samples × M) values
+    aligned_buffer<float> unfolded;  ///< one channel block's rows of (samples × M) values
     aligned_buffer<float> product;   ///< Og rows of (samples × M) values, when samples > 1
   };
   void run_samples(const layer_model_conv3d& m, uint64_t first, uint64_t last, scratch& s);
@@ -41,7 +42,7 @@ class layer_test_conv3d : public layer_test_base<float> {
 
   uint64_t in_w_ = 0, in_h_ = 0, in_c_ = 0, out_w_ = 0, out_h_ = 0;
   uint64_t samples_per_product_ = 1;
-  uint64_t channels_per_block_ = 1;  ///< input channels unfolded per product, one sample at a time
+  uint64_t channels_per_block_ = 1;  ///< input channels unfolded per partial product
   bool direct_ = false;              ///< 1×1 kernel, stride 1, no padding: the input already is unfolded
   uint64_t chunks_ = 1;
   std::vector<scratch> scratch_;

@@ -136,21 +136,27 @@ TEST(Conv3d, SameWidthStrideOneMatchesDirectConvolution) {
       }
 }
 
-// Planes large enough that one sample is unfolded a few input channels at a time, the
-// products accumulating over the blocks.
-TEST(Conv3d, LargePlanesUnfoldedInChannelBlocks) {
-  for (uint32_t group : {1u, 2u}) {
-    layer_model_conv3d m = make_conv(7 * group, 5 * group, group, 3, 3, group);
-    m.pad_w_begin = m.pad_w_end = m.pad_h_begin = 1;
-    m.stride_h = 2;
-    const conv_shape s{1, 70, 61, 7 * group};
-    const auto x = random_values(s.width * s.height * s.channels, 9);
-    uint64_t ow, oh;
-    const auto want = naive_conv(m, s, x, ow, oh);
-    const auto got = run_conv(m, s, x);
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(got[i], want[i], 1e-4f * (1 + std::fabs(want[i]))) << i;
-  }
+// Many input channels: the unfolding is done a block of channels at a time and the partial
+// products accumulate, for one sample and for several side by side, in one and two chunks.
+TEST(Conv3d, ManyChannelsUnfoldedInBlocks) {
+  for (int threads : {1, 2})
+    for (uint32_t group : {1u, 2u})
+      for (const conv_shape& shape : {conv_shape{1, 40, 31, 24}, conv_shape{3, 40, 31, 24}, conv_shape{5, 6, 5, 24}}) {
+        deepnet_set_num_threads(threads);
+        conv_shape s = shape;
+        s.channels *= group;
+        layer_model_conv3d m = make_conv(uint32_t(s.channels), 6 * group, group, 5, 5, group);
+        m.pad_w_begin = m.pad_w_end = m.pad_h_begin = 2;
+        m.stride_h = 2;
+        const auto x = random_values(s.batch * s.width * s.height * s.channels, 9);
+        uint64_t ow, oh;
+        const auto want = naive_conv(m, s, x, ow, oh);
+        const auto got = run_conv(m, s, x);
+        ASSERT_EQ(got.size(), want.size());
+        for (size_t i = 0; i < want.size(); ++i)
+          ASSERT_NEAR(got[i], want[i], 1e-4f * (1 + std::fabs(want[i]))) << s.batch << " " << i;
+      }
+  deepnet_set_num_threads(1);
 }
 
 TEST(Conv3d, OutputExtents) {
