@@ -1,7 +1,8 @@
 #pragma once
 // Work splitting for the engine. Layers split their batch into contiguous chunks of samples;
 // each chunk runs as one task with its own scratch, so results do not depend on the number of
-// threads. The BLAS itself runs single-threaded inside each task.
+// threads. The tasks run on the engine's own worker threads plus the caller's; the BLAS itself
+// runs single-threaded inside each task.
 #include <cstdint>
 #include <functional>
 
