@@ -1,8 +1,6 @@
-import io
 import os
 import struct
 import sys
-import tempfile
 import unittest
 
 import numpy as np
@@ -59,36 +57,6 @@ class RoundTripTest(unittest.TestCase):
     def test_rewrite_is_byte_identical(self):
         data = dnm.model_bytes(every_layer_model())
         self.assertEqual(dnm.model_bytes(dnm.read_model(data)), data)
-
-    def test_equality_sees_every_field_and_weight(self):
-        # Guards the round trip test: a change anywhere must make layers differ.
-        base = every_layer_model()
-        conv, fc, pool = base[2], base[8], base[5]
-        for layer, field, value in [(conv, "pad_h_end", 2), (conv, "group", 1),
-                                    (conv, "ceil_mode", False), (pool, "stride_h", 2),
-                                    (fc, "input_sizes", [3, 7]), (base[7], "axis", 0),
-                                    (base[1], "is_1d", False), (base[4], "k", 1.0)]:
-            other = every_layer_model()[base.index(layer)]
-            setattr(other, field, value)
-            self.assertNotEqual(layer, other, field)
-        other = every_layer_model()[2]
-        other.weights = other.weights.copy()
-        other.weights.flat[5] += 1
-        self.assertNotEqual(conv, other)
-        other = every_layer_model()[8]
-        other.inputs = ["relu", "cat"]
-        self.assertNotEqual(fc, other)
-
-    def test_write_model_to_path_and_file(self):
-        layers = every_layer_model()
-        buf = io.BytesIO()
-        dnm.write_model(buf, layers)
-        with tempfile.TemporaryDirectory() as d:
-            path = os.path.join(d, "m.dnm")
-            dnm.write_model(path, layers)
-            with open(path, "rb") as f:
-                self.assertEqual(f.read(), buf.getvalue())
-            self.assertEqual(dnm.read_model(path), layers)
 
     def test_fc_blocks_follow_input_order(self):
         w0 = np.arange(6, dtype=np.float32).reshape(2, 3)
@@ -175,10 +143,6 @@ class WriterValidationTest(unittest.TestCase):
     def assertRejected(self, layers, message):
         with self.assertRaisesRegex(ValueError, message):
             dnm.model_bytes([dnm.Data("d")] + layers)
-
-    def test_valid_conv_is_accepted(self):
-        dnm.model_bytes([dnm.Data("d"), self.conv()])
-        dnm.model_bytes([dnm.Data("d"), self.conv(weights=np.zeros(72))])
 
     def test_conv_weight_and_bias_sizes(self):
         self.assertRejected([self.conv(weights=np.zeros(71))], "weights")
@@ -272,23 +236,6 @@ class ReaderValidationTest(unittest.TestCase):
         self.assertEqual(dnm.read_model(bad, validate=False)[1].inputs, ["x"])
 
 
-class ExtentTest(unittest.TestCase):
-    def test_pool_rounds_up_on_remainder(self):
-        self.assertEqual(dnm.pool_output_extent(50, 3, 2), 25)   # 47 % 2 == 1
-        self.assertEqual(dnm.pool_output_extent(25, 3, 2), 12)   # exact
-        self.assertEqual(dnm.pool_output_extent(6, 3, 3), 2)
-        self.assertEqual(dnm.pool_output_extent(12, 2, 2, 0, 1), 7)
-
-    def test_conv_rounds_up_only_in_ceil_mode(self):
-        self.assertEqual(dnm.conv_output_extent(109, 11, 2), 50)
-        self.assertEqual(dnm.conv_output_extent(18, 3, 2), 8)
-        self.assertEqual(dnm.conv_output_extent(18, 3, 2, ceil_mode=True), 9)
-        self.assertEqual(dnm.conv_output_extent(23, 5, 2, 2, 3), 12)
-        with self.assertRaises(ValueError):
-            dnm.conv_output_extent(2, 5, 1)
-
-
-@unittest.skipIf(torch is None, "torch not installed")
 class TorchHelperTest(unittest.TestCase):
     def setUp(self):
         torch.manual_seed(0)
