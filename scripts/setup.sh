@@ -13,6 +13,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   python3 python3-numpy
+  fonts-dejavu-core
 )
 if [[ "${1:-}" == "--training" ]]; then
   packages+=(python3-torch python3-fonttools)

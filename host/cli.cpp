@@ -1,0 +1,351 @@
+// fontrix: starts the module in the reference host, lets it bring its caches up to date with
+// the installed fonts, answers one command through the module's suites as another plug-in
+// would, then shuts the module down in order.
+#include "host/cli.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "host/host.h"
+#include "host/json.h"
+#include "sdk/fontrix_suites.h"
+#include "sdk/qv_font_suites.h"
+
+namespace fontrix::host {
+namespace {
+
+const char* const kUsage = "usage: fontrix [OPTIONS] COMMAND   (fontrix --help lists them)";
+
+const char* const kHelp =
+    "usage: fontrix [OPTIONS] COMMAND\n"
+    "\n"
+    "Commands:\n"
+    "  fonts               the installed fonts the module uses: unique name, family, style\n"
+    "\n"
+    "Options (before or after the command):\n"
+    "  --module PATH       the module (default: $FONTRIX_MODULE, then libfontrix.so in ../lib or\n"
+    "                      beside this program)\n"
+    "  --data-dir DIR      the module's read-only data (default: $FONTRIX_DATA_DIR, then the\n"
+    "                      installed share/fontrix, then the source tree's data/)\n"
+    "  --cache-dir DIR     the module's caches (default: $FONTRIX_CACHE_DIR, then\n"
+    "                      $XDG_CACHE_HOME/fontrix or ~/.cache/fontrix)\n"
+    "  --disable SERVICE   turn off classification, similarity or recognition (repeatable or\n"
+    "                      comma-separated; also $FONTRIX_DISABLE)\n"
+    "  --debug-log         let the module write its debug information\n"
+    "  --json              JSON output\n"
+    "  --limit N           at most N results\n"
+    "  --help, --version\n";
+
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct Options {
+  std::string module, data_dir, cache_dir;
+  std::vector<std::string> disabled;  // switch keys
+  bool debug_log = false, json = false, help = false, version = false;
+  size_t limit = std::numeric_limits<size_t>::max();
+  std::string command;
+  std::vector<std::string> args;
+};
+
+const char* const kCommands[] = {"fonts"};
+
+size_t ParseLimit(const std::string& text) {
+  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoul(text) == 0)
+    throw UsageError("--limit needs a whole number of at least 1, not '" + text + "'");
+  return std::stoul(text);
+}
+
+Options Parse(int argc, char** argv) {
+  Options options;
+  std::vector<std::string> positional;
+  bool options_end = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (options_end || arg.empty() || arg[0] != '-' || arg == "-") {
+      positional.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      options_end = true;
+      continue;
+    }
+    const size_t equals = arg.find('=');
+    const std::string name = arg.substr(0, equals);
+    const bool inline_value = equals != std::string::npos;
+    if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
+        name == "--limit") {
+      std::string value;
+      if (inline_value)
+        value = arg.substr(equals + 1);
+      else if (i + 1 < argc)
+        value = argv[++i];
+      if (value.empty()) throw UsageError(name + " needs a value");
+      if (name == "--module") options.module = value;
+      if (name == "--data-dir") options.data_dir = value;
+      if (name == "--cache-dir") options.cache_dir = value;
+      if (name == "--disable") {
+        try {
+          for (const std::string& key : ServiceSwitches(value)) options.disabled.push_back(key);
+        } catch (const std::runtime_error& e) {
+          throw UsageError("--disable: " + std::string(e.what()));
+        }
+      }
+      if (name == "--limit") options.limit = ParseLimit(value);
+      continue;
+    }
+    bool* flag = name == "--debug-log" ? &options.debug_log
+                 : name == "--json"    ? &options.json
+                 : name == "--help"    ? &options.help
+                 : name == "-h"        ? &options.help
+                 : name == "--version" ? &options.version
+                                       : nullptr;
+    if (!flag) throw UsageError("unknown option '" + arg + "'");
+    if (inline_value) throw UsageError(name + " takes no value");
+    *flag = true;
+  }
+  if (options.help || options.version) return options;
+  if (positional.empty()) throw UsageError("no command given");
+  options.command = positional.front();
+  options.args.assign(positional.begin() + 1, positional.end());
+  bool known = false;
+  for (const char* command : kCommands) known = known || options.command == command;
+  if (!known) throw UsageError("unknown command '" + options.command + "'");
+  if (!options.args.empty()) throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
+  return options;
+}
+
+std::string FindModule(const std::string& option) {
+  if (!option.empty()) return option;
+  if (const char* env = std::getenv("FONTRIX_MODULE"); env && *env) return env;
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::path bin = ExecutableDir();
+  const fs::path candidates[] = {bin / ".." / "lib" / "libfontrix.so", bin / "libfontrix.so"};
+  for (const fs::path& candidate : candidates)
+    if (fs::exists(candidate, ec)) return candidate.lexically_normal().string();
+  throw std::runtime_error("cannot find the Fontrix module (looked for " + candidates[0].lexically_normal().string() +
+                           " and " + candidates[1].string() + "); give its path with --module or FONTRIX_MODULE");
+}
+
+volatile std::sig_atomic_t interrupted = 0;
+
+// The first Ctrl-C asks for an orderly shutdown; a second one ends the process at once.
+extern "C" void OnInterrupt(int) {
+  interrupted = 1;
+  std::signal(SIGINT, SIG_DFL);
+}
+
+double Seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+// A one-line bar on standard error, redrawn in place; only on a terminal, and only once the
+// wait has lasted a second, so quick runs and pipes see nothing.
+class ProgressBar {
+ public:
+  ProgressBar() : enabled_(isatty(STDERR_FILENO) == 1), start_(Seconds()) {}
+  ~ProgressBar() {
+    if (shown_) std::fputs("\r\033[K", stderr);
+  }
+  void Show(uint64_t done, uint64_t total) {
+    const double now = Seconds();
+    if (!enabled_ || now - start_ < 1.0 || now - drawn_ < 0.1 || (shown_ && done == done_ && total == total_)) return;
+    drawn_ = now;
+    done_ = done;
+    total_ = total;
+    shown_ = true;
+    constexpr int kWidth = 30;
+    const int filled = total ? int(kWidth * std::min(done, total) / total) : 0;
+    std::fprintf(stderr, "\rfontrix: updating caches [%s%s] %llu/%llu fonts\033[K",
+                 std::string(size_t(filled), '#').c_str(), std::string(size_t(kWidth - filled), '.').c_str(),
+                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(total));
+    std::fflush(stderr);
+  }
+
+ private:
+  bool enabled_, shown_ = false;
+  double start_, drawn_ = 0;
+  uint64_t done_ = 0, total_ = 0;
+};
+
+struct Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+void Check(QVErr err, const std::string& what) {
+  if (err) throw Failure(what + " failed (error " + ErrorText(err) + ")");
+}
+
+// Idle ticks until every enabled service is idle; false when interrupted.
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress) {
+  ProgressBar bar;
+  bool idle = false;
+  auto check = [&] {
+    uint64_t done = 0, total = 0;
+    idle = true;
+    for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
+      FontrixServiceProgress p{};
+      Check(progress.GetServiceProgress(service, &p), "reading the module's progress");
+      if (!p.enabled) continue;
+      idle = idle && p.idle;
+      done += p.fontsDone;
+      total += p.fontsTotal;
+    }
+    bar.Show(done, total);
+  };
+  check();
+  host.RunUntil([&] { return idle || interrupted; }, std::numeric_limits<double>::infinity(), check);
+  return !interrupted;
+}
+
+struct FontRow {
+  std::string name, family, style, file;
+};
+
+size_t DisplayWidth(const std::string& text) {
+  size_t width = 0;
+  for (unsigned char c : text) width += (c & 0xC0) != 0x80;  // code points, not bytes
+  return width;
+}
+
+void PrintFonts(const std::vector<FontRow>& rows, bool json) {
+  std::string out;
+  if (json) {
+    out = "{\"fonts\": [";
+    for (size_t i = 0; i < rows.size(); ++i) {
+      const FontRow& r = rows[i];
+      out += (i ? ",\n  " : "\n  ");
+      out += "{\"name\": " + JsonString(r.name) + ", \"family\": " + JsonString(r.family) +
+             ", \"style\": " + JsonString(r.style) + ", \"file\": " + JsonString(r.file) + "}";
+    }
+    out += rows.empty() ? "]}\n" : "\n]}\n";
+  } else {
+    size_t name_width = DisplayWidth("UNIQUE_NAME"), family_width = DisplayWidth("FAMILY");
+    for (const FontRow& r : rows) {
+      name_width = std::max(name_width, DisplayWidth(r.name));
+      family_width = std::max(family_width, DisplayWidth(r.family));
+    }
+    auto line = [&](const std::string& name, const std::string& family, const std::string& style) {
+      out += name + std::string(name_width - DisplayWidth(name) + 2, ' ');
+      out += family + std::string(family_width - DisplayWidth(family) + 2, ' ');
+      out += style + "\n";
+    };
+    line("UNIQUE_NAME", "FAMILY", "STYLE");
+    for (const FontRow& r : rows) line(r.name, r.family, r.style);
+  }
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+}
+
+void Fonts(Host& host, const FontrixProgressSuite& progress, const Options& options) {
+  std::vector<QVFontHandle> handles;
+  FontrixFontHandleList list{&handles, [](void* context, QVFontHandle font) {
+                               static_cast<std::vector<QVFontHandle>*>(context)->push_back(font);
+                             }};
+  uint32_t generation = 0;
+  Check(progress.GetFontList(&list, &generation), "listing the module's fonts");
+  auto* fonts = static_cast<const QVFontSuite*>(host.AcquireSuite(kQVFontSuite, kQVFontSuiteVersion));
+  std::vector<FontRow> rows;
+  for (size_t i = 0; i < handles.size() && i < options.limit; ++i) {
+    const char *name = nullptr, *family = nullptr, *style = nullptr, *file = nullptr;
+    int32_t face_index = 0;
+    if (fonts->GetFontNames(handles[i], &name, &family, &style) || fonts->GetFontFile(handles[i], &file, &face_index)) {
+      host.ReleaseSuite(kQVFontSuite, kQVFontSuiteVersion);
+      throw Failure("the module listed a font handle the host does not know");
+    }
+    rows.push_back({name, family, style, file});
+  }
+  host.ReleaseSuite(kQVFontSuite, kQVFontSuiteVersion);
+  PrintFonts(rows, options.json);
+}
+
+int RunCommand(const Options& options) {
+  HostOptions host_options;
+  host_options.data_dir = options.data_dir;
+  host_options.cache_dir = options.cache_dir;
+  for (const std::string& key : options.disabled) host_options.switches[key] = false;
+  if (options.debug_log) host_options.switches[kSwitchDumpDebugInfo] = true;
+  Host host(std::move(host_options));
+  host.LoadModule(FindModule(options.module));
+
+  if (QVErr err = host.Startup()) throw Failure("the Fontrix module failed to start (error " + ErrorText(err) + ")");
+  interrupted = 0;
+  std::signal(SIGINT, OnInterrupt);
+
+  int status = 0;
+  try {
+    Check(host.ApplicationStarted(), "the module's start-up notification");
+    Check(host.FontListChanged(), "the module's font list notification");
+    auto* progress = static_cast<const FontrixProgressSuite*>(
+        host.AcquireSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion));
+    if (!progress) throw Failure(std::string("the module publishes no \"") + kFontrixProgressSuite + "\"");
+    try {
+      if (!WaitForServices(host, *progress)) {
+        std::fprintf(stderr, "fontrix: interrupted\n");
+        status = 130;
+      } else if (options.command == "fonts") {
+        Fonts(host, *progress, options);
+      }
+    } catch (...) {
+      host.ReleaseSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+      throw;
+    }
+    host.ReleaseSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+  } catch (const Failure& e) {
+    std::fprintf(stderr, "fontrix: %s\n", e.what());
+    status = 1;
+  }
+
+  // The module finishes what the shutdown notification starts during a few more ticks.
+  const QVErr notified = host.ApplicationShutdown();
+  for (int tick = 0; tick < 3; ++tick) host.Idle();
+  const QVErr shut = host.Shutdown();
+  std::signal(SIGINT, SIG_DFL);
+  if ((notified || shut) && status == 0) {
+    std::fprintf(stderr, "fontrix: the Fontrix module did not shut down cleanly (error %s)\n",
+                 ErrorText(notified ? notified : shut).c_str());
+    status = 1;
+  }
+  return status;
+}
+
+}  // namespace
+
+int RunCli(int argc, char** argv) {
+  Options options;
+  try {
+    options = Parse(argc, argv);
+  } catch (const UsageError& e) {
+    std::fprintf(stderr, "fontrix: %s\n%s\n", e.what(), kUsage);
+    return 2;
+  }
+  if (options.help) {
+    std::fputs(kHelp, stdout);
+    return 0;
+  }
+  if (options.version) {
+    std::printf("fontrix %s\n", FONTRIX_VERSION);
+    return 0;
+  }
+  try {
+    return RunCommand(options);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "fontrix: %s\n", e.what());
+    return 1;
+  }
+}
+
+}  // namespace fontrix::host

@@ -1,0 +1,132 @@
+#pragma once
+// The reference host of the Fontrix module: it loads the module, implements every suite of
+// sdk/qv_host_suites.h and sdk/qv_font_suites.h over the machine's fonts (fontconfig and
+// FreeType), and runs the main-thread loop that delivers notifications and timer messages.
+//
+// The C suite functions reach the host through a static pointer, so at most one Host is alive
+// at a time. The module calls `main` on the thread that calls the Host's methods (the main
+// thread); the font, memory, alert and log suites may also be called from the module's worker
+// threads.
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sdk/qv_plugin.h"
+
+namespace fontrix::host {
+
+/// One installed font face as the host lists it.
+struct HostFont {
+  std::string unique_name, family, style, file;
+  int face_index = 0;  ///< FreeType's face index: (named instance << 16) | index in the file
+  bool bitmap_only = false, symbol = false;
+};
+
+/// Where the host's font list comes from.
+class FontSource {
+ public:
+  virtual ~FontSource() = default;
+  /// Every face, in the order the host lists them. May throw std::runtime_error.
+  virtual std::vector<HostFont> List() = 0;
+};
+
+/// The installed system and user fonts: every face fontconfig lists and FreeType opens, sorted
+/// by file and face index. Faces FreeType cannot open are left out, and so is the default face
+/// of a variable font that has named instances (fontconfig lists each instance as its own
+/// face). A face without a PostScript name gets "Family-Style" with the spaces removed.
+/// Faces read once are remembered in memory by file, modification time and size, so a second
+/// List() only opens new or changed files.
+std::unique_ptr<FontSource> MakeFontconfigSource();
+
+/// A fixed list of fonts, for tests.
+class MemoryFontSource : public FontSource {
+ public:
+  std::vector<HostFont> fonts;
+  std::vector<HostFont> List() override { return fonts; }
+};
+
+/// Feature switch keys the host knows.
+inline constexpr const char* kSwitchClassification = "Text/FontClassification";
+inline constexpr const char* kSwitchSimilarity = "Text/FontSimilarity";
+inline constexpr const char* kSwitchRecognition = "TextDebug/FontRecognition";
+inline constexpr const char* kSwitchDumpDebugInfo = "TextDebug/DumpDebugInfo";
+
+/// The feature switches of a comma-separated list of services ("classification", "similarity",
+/// "recognition"), as --disable and FONTRIX_DISABLE give them. Throws std::runtime_error naming
+/// an unknown service.
+std::vector<std::string> ServiceSwitches(const std::string& services);
+
+/// The folder of the running program ("" when unknown).
+std::string ExecutableDir();
+
+/// A result code as people read it: its four characters in quotes ('UIN?') when they are
+/// printable, else the number.
+std::string ErrorText(QVErr err);
+
+struct HostOptions {
+  std::string data_dir, cache_dir;       ///< empty: $FONTRIX_DATA_DIR / $FONTRIX_CACHE_DIR, then the defaults
+  std::map<std::string, bool> switches;  ///< overrides of the feature switches (win over FONTRIX_DISABLE)
+  std::shared_ptr<FontSource> fonts;     ///< null: fontconfig
+  std::function<double()> clock;         ///< seconds; null: the real clock. Also drives timer periods.
+};
+
+/// The host process around one module. Timer periods are in milliseconds.
+class Host {
+ public:
+  /// Builds the font list. Throws std::runtime_error when the fonts cannot be listed or
+  /// FONTRIX_DISABLE names an unknown service, std::logic_error when another Host is alive.
+  explicit Host(HostOptions options);
+  /// Shuts a started module down, then unloads it unless it holds an access handle.
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  /// dlopen + dlsym("main"); throws std::runtime_error with one sentence naming the path.
+  void LoadModule(const std::string& path);
+  /// Uses an entry point linked into this process instead of a loaded module.
+  void UseModuleEntry(QVPluginMainProc entry);
+
+  QVErr Startup();              ///< "KP Interface"/"Startup"; a failure forgets what the module registered
+  QVErr ApplicationStarted();   ///< delivers "QV Application Started Notifier" now
+  QVErr FontListChanged();      ///< rebuilds the font list, then delivers "QV Font List Changed Notifier" now
+  QVErr ApplicationShutdown();  ///< delivers "QV Application Shutdown Notifier" now
+  QVErr Shutdown();             ///< "KP Interface"/"Shutdown"; forgets the module's notifiers, timers and suites
+  /// Any other message, with plain QVMessageData.
+  QVErr Send(const char* caller, const char* selector);
+
+  /// One idle tick: delivers the notifications queued before it, then fires the active timers that are due.
+  void Idle();
+  /// Idle ticks until done() (true) or timeout_seconds of real time have passed (false). Sleeps
+  /// ~5 ms after a tick that delivered nothing and whose timers returned within 1 ms.
+  bool RunUntil(const std::function<bool()>& done, double timeout_seconds, const std::function<void()>& on_tick = {});
+
+  /// Acquires a suite as a client plug-in would; nullptr when absent.
+  const void* AcquireSuite(const char* name, int32_t version);
+  void ReleaseSuite(const char* name, int32_t version);
+
+  // What the host holds and has seen, for tests and the command-line tool.
+  std::vector<std::string> Alerts() const;
+  std::vector<std::string> DeliveredNotifications() const;  ///< types, one per message, in order
+  int AccessCount() const;
+  int ContextDepth() const;
+  bool TimerActive(const std::string& name) const;
+  std::vector<std::string> RegisteredSuites() const;  ///< names registered through AddSuite
+  int SuiteAcquisitions(const std::string& name, int32_t version) const;
+  size_t LiveBlocks() const;  ///< blocks and MdMemory allocations not yet freed
+  void* Globals() const;
+  std::string PluginName() const;
+  const std::vector<HostFont>& Fonts() const;
+  uint32_t FontListGeneration() const;       ///< 1 after construction, +1 per FontListChanged
+  std::string FolderPath(int32_t id) const;  ///< "" for an unknown id; creates nothing
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace fontrix::host

@@ -1,0 +1,22 @@
+#pragma once
+// The host's font engine, bound procedure by procedure at start-up.
+#include <string>
+#include <vector>
+
+namespace fontrix::hostglue {
+
+/// Result of binding: the interface was found and every procedure registered, or not.
+enum class BindResult { kBound, kNoInterface, kMissingProcedure };
+
+/// Gets the host's font-engine interface and registers the address of every procedure the
+/// module uses, by name. Main thread, at start-up.
+BindResult BindFontEngine();
+/// Forgets the bound procedures (at application shut-down).
+void ReleaseFontEngine();
+/// Whether BindFontEngine succeeded and ReleaseFontEngine has not run since.
+bool FontEngineBound();
+
+/// The names of the procedures the module binds, in binding order.
+const std::vector<std::string>& FontEngineProcedureNames();
+
+}  // namespace fontrix::hostglue

@@ -1,0 +1,108 @@
+#include "plugin/exported_suites.h"
+
+#include "classification/font_feature_cache.h"
+#include "plugin/feature_switches.h"
+#include "plugin/fontrix.h"
+#include "plugin/tasks.h"
+#include "recognition/font_recognition_cache.h"
+#include "similarity/font_similar_cache.h"
+
+namespace fontrix {
+
+namespace {
+
+void Append(FontrixFontList* out, const std::string& name, double score) {
+  const FontrixFontResult font{name.c_str(), score};
+  out->append(out->context, &font);
+}
+
+// Nothing may escape to the calling plug-in: a failure inside a query is a failed call.
+template <typename F>
+QVErr Answer(F&& query) {
+  try {
+    return query();
+  } catch (const std::bad_alloc&) {
+    return kQVOutOfMemoryErr;
+  } catch (...) {
+    return kQVCantHappenErr;
+  }
+}
+
+}  // namespace
+
+extern "C" QVErr FontrixGetFontsWithLabel(const int32_t* labelIndex, FontrixFontList* out) {
+  auto cache = FontFeatureCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!labelIndex || !out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    for (const auto& name : cache->GetFontsWithLabel(*labelIndex)) Append(out, name, 1.0);
+    return kQVNoErr;
+  });
+}
+
+extern "C" QVErr FontrixGetSimilarFontNames(const char* uniqueName, FontrixFontList* out) {
+  auto cache = FontSimilarCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!uniqueName || !out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    const auto fonts = cache->GetSimilarFonts(uniqueName);
+    if (out->clear) out->clear(out->context);
+    for (const auto& [name, score] : fonts) Append(out, name, score);
+    return kQVNoErr;
+  });
+}
+
+extern "C" QVErr FontrixGetRecognizedFonts(QVRasterHandle image, FontrixFontList* out) {
+  auto cache = FontRecognitionCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!image || !out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    for (const auto& [name, score] : cache->GetRecognizedFontList(image)) Append(out, name, score);
+    return kQVNoErr;
+  });
+}
+
+namespace {
+
+extern "C" QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* progress) {
+  if (!progress || service < 0 || service >= kFontrixServiceCount) return kQVBadParameterErr;
+  CacheProgress* counts = nullptr;
+  bool enabled = false;
+  std::shared_ptr<void> keep;
+  switch (service) {
+    case kFontrixServiceClassification:
+      enabled = ClassificationEnabled();
+      if (auto c = FontFeatureCache::Instance()) counts = &c->Progress(), keep = c;
+      break;
+    case kFontrixServiceSimilarity:
+      enabled = SimilarityEnabled();
+      if (auto c = FontSimilarCache::Instance()) counts = &c->Progress(), keep = c;
+      break;
+    default:
+      enabled = RecognitionEnabled();
+      if (auto c = FontRecognitionCache::Instance()) counts = &c->Progress(), keep = c;
+      break;
+  }
+  progress->fontsDone = counts ? counts->done.load() : 0;
+  progress->fontsTotal = counts ? counts->total.load() : 0;
+  progress->enabled = enabled ? 1 : 0;
+  progress->idle = ServiceActivity::Idle(service) ? 1 : 0;
+  return kQVNoErr;
+}
+
+extern "C" QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
+  Fontrix* plugin = Fontrix::Global();
+  if (!plugin) return kQVNotInitialisedErr;
+  if (generation) *generation = plugin->FontListGeneration();
+  if (out && out->append)
+    for (QVFontHandle font : plugin->FontList()) out->append(out->context, font);
+  return kQVNoErr;
+}
+
+const FontrixProgressSuite kProgressSuite = {GetServiceProgress, GetFontList};
+
+}  // namespace
+
+const FontrixProgressSuite& ProgressSuite() { return kProgressSuite; }
+
+}  // namespace fontrix

@@ -1,0 +1,17 @@
+#pragma once
+// The functions of the suites the module publishes for other plug-ins. Each answers from its
+// cache's in-memory state, "UIN?" while that cache does not exist, and never throws.
+#include "sdk/fontrix_suites.h"
+
+namespace fontrix {
+
+extern "C" {
+QVErr FontrixGetFontsWithLabel(const int32_t* labelIndex, FontrixFontList* out);
+QVErr FontrixGetSimilarFontNames(const char* uniqueName, FontrixFontList* out);
+QVErr FontrixGetRecognizedFonts(QVRasterHandle image, FontrixFontList* out);
+}
+
+/// "QV Fontrix Progress Suite": how far each service's background work has come.
+const FontrixProgressSuite& ProgressSuite();
+
+}  // namespace fontrix

@@ -1,0 +1,66 @@
+#include "plugin/feature_switches.h"
+
+#include <mutex>
+
+#include "plugin/host_suites.h"
+
+namespace qv {
+
+bool FeatureManager::IsEnabled(const std::string& key) const {
+  const QVFeatureManagerSuite* features = Suites().features;
+  QVBool enabled = 0;
+  return features && features->IsFeatureEnabled(key.c_str(), &enabled) == kQVNoErr && enabled != 0;
+}
+
+const FeatureManager& GetFeatureManager() {
+  static const FeatureManager manager;
+  return manager;
+}
+
+}  // namespace qv
+
+namespace fontrix {
+
+namespace {
+
+struct kept_switch {
+  const char* key;
+  std::once_flag once;
+  bool value = false;
+
+  bool get() {
+    std::call_once(once, [this] { value = qv::GetFeatureManager().IsEnabled(key); });
+    return value;
+  }
+};
+
+kept_switch* switches[3];
+
+void make_switches() {
+  switches[0] = new kept_switch{kClassificationSwitch, {}, false};
+  switches[1] = new kept_switch{kSimilaritySwitch, {}, false};
+  switches[2] = new kept_switch{kRecognitionSwitch, {}, false};
+}
+
+kept_switch& get_switch(int i) {
+  static std::once_flag made;
+  std::call_once(made, make_switches);
+  return *switches[i];
+}
+
+}  // namespace
+
+bool ClassificationEnabled() { return get_switch(0).get(); }
+bool SimilarityEnabled() { return get_switch(1).get(); }
+bool RecognitionEnabled() { return get_switch(2).get(); }
+
+void ResetFeatureSwitchesForTesting() {
+  for (int i = 0; i < 3; ++i) {
+    kept_switch& s = get_switch(i);
+    const char* key = s.key;
+    delete switches[i];
+    switches[i] = new kept_switch{key, {}, false};
+  }
+}
+
+}  // namespace fontrix

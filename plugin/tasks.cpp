@@ -1,0 +1,112 @@
+#include "plugin/tasks.h"
+
+#include <atomic>
+
+#include "classification/font_feature_cache.h"
+#include "plugin/cache_log.h"
+#include "plugin/fontrix.h"
+#include "plugin/host_suites.h"
+#include "recognition/font_recognition_cache.h"
+#include "similarity/font_similar_cache.h"
+
+namespace fontrix {
+
+namespace {
+
+std::atomic<int> busy[kFontrixServiceCount];
+
+std::string WritableFolder() {
+  const QVFoldersSuite* folders = qv::Suites().folders;
+  char path[4096] = {0};
+  if (!folders || folders->FindFolder(kQVFolderUserCache, 1, path, sizeof path) != kQVNoErr) return std::string();
+  return path;
+}
+
+}  // namespace
+
+void ServiceActivity::Begin(int service) { busy[service].fetch_add(1); }
+void ServiceActivity::End(int service) { busy[service].fetch_sub(1); }
+bool ServiceActivity::Idle(int service) { return busy[service].load() == 0; }
+
+ServiceTask::~ServiceTask() {
+  if (!ended_) ServiceActivity::End(service_);
+}
+
+void ServiceTask::Run() {
+  Work();
+  ended_ = true;
+  ServiceActivity::End(service_);
+}
+
+void ResolveCacheLogs() {
+  const std::string folder = WritableFolder();
+  for (CacheLog* log : {&ClassificationLog(), &SimilarityLog(), &RecognitionLog()}) {
+    log->ReadLogSwitch();
+    if (!folder.empty()) log->SetFolder(folder);
+  }
+}
+
+FontFeatureCacheInitTask::FontFeatureCacheInitTask() : ServiceTask(kFontrixServiceClassification) {}
+
+void FontFeatureCacheInitTask::Work() {
+  try {
+    FontFeatureCache::GetOrCreate()->Load();
+  } catch (...) {
+    ClassificationLog().Info("Exception while Feature Cache Initialization");
+  }
+}
+
+FontSimilarCacheInitTask::FontSimilarCacheInitTask() : ServiceTask(kFontrixServiceSimilarity) {
+  SimilarityLog().ReadLogSwitch();
+  const std::string folder = WritableFolder();
+  if (!folder.empty()) SimilarityLog().SetFolder(folder);
+}
+
+void FontSimilarCacheInitTask::Work() {
+  try {
+    FontSimilarCache::GetOrCreate()->Load();
+  } catch (...) {
+    SimilarityLog().Info("Similar Cache Loading throws exception");
+  }
+}
+
+FontRecognitionCacheInitTask::FontRecognitionCacheInitTask() : ServiceTask(kFontrixServiceRecognition) {}
+
+void FontRecognitionCacheInitTask::Work() {
+  try {
+    FontRecognitionCache::GetOrCreate()->Load();
+  } catch (...) {
+    RecognitionLog().Info("Recognition Cache Loading throws exception");
+  }
+}
+
+// An update whose cache cannot be had does nothing; a change is announced to the host.
+void FontFeatureCacheUpdateTask::Work() {
+  try {
+    auto cache = FontFeatureCache::GetOrCreate();
+    if (cache && cache->Update(fontList, generation))
+      if (Fontrix* plugin = Fontrix::Global()) plugin->PostNotification("Font Feature List Updated Notifier");
+  } catch (...) {
+    ClassificationLog().Info("Exception while Feature Cache Update");
+  }
+}
+
+void FontSimilarCacheUpdateTask::Work() {
+  try {
+    auto cache = FontSimilarCache::GetOrCreate();
+    if (cache && cache->Update(fontList, generation))
+      if (Fontrix* plugin = Fontrix::Global()) plugin->PostNotification("Fonts Similar List Updated Notifier");
+  } catch (...) {
+    SimilarityLog().Info("Similar Cache Update throws exception");
+  }
+}
+
+void FontRecognitionCacheUpdateTask::Work() {
+  try {
+    if (auto cache = FontRecognitionCache::GetOrCreate()) cache->Update(fontList, generation);
+  } catch (...) {
+    RecognitionLog().Info("Recognition Cache Update throws exception");
+  }
+}
+
+}  // namespace fontrix

@@ -1,0 +1,87 @@
+// The suites other plug-ins call: "UIN?" before a cache exists, answers after, and the
+// progress suite that tells when the background work is done.
+#include "plugin/exported_suites.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/plugin/test_host.h"
+
+namespace fontrix {
+namespace {
+
+using testing::HostTest;
+
+struct Collected {
+  std::vector<std::pair<std::string, double>> fonts;
+  int clears = 0;
+  FontrixFontList list() {
+    return {
+        this, [](void* c) { static_cast<Collected*>(c)->clears++; },
+        [](void* c, const FontrixFontResult* f) { static_cast<Collected*>(c)->fonts.emplace_back(f->name, f->score); }};
+  }
+};
+
+TEST_F(HostTest, SuitesAnswerNotInitialisedUntilTheirCacheExists) {
+  auto& h = MakeHost({{"Text/FontSimilarity", false}});
+  ASSERT_EQ(h.Startup(), kQVNoErr);
+  const auto* feature = static_cast<const FontrixFeatureSuite*>(h.AcquireSuite(kFontrixFeatureSuite, 1));
+  const auto* similar = static_cast<const FontrixSimilarSuite*>(h.AcquireSuite(kFontrixSimilarSuite, 1));
+  const auto* recognition = static_cast<const FontrixRecognitionSuite*>(h.AcquireSuite(kFontrixRecognitionSuite, 1));
+  ASSERT_TRUE(feature && similar && recognition);
+  Collected out;
+  auto list = out.list();
+  const int32_t label = 4;
+  EXPECT_EQ(feature->GetFontsWithLabel(&label, &list), kQVNotInitialisedErr);
+  EXPECT_EQ(similar->GetSimilarFontNames("Alpha-Regular", &list), kQVNotInitialisedErr);
+  EXPECT_EQ(recognition->GetRecognizedFonts(reinterpret_cast<QVRasterHandle>(1), &list), kQVNotInitialisedErr);
+  EXPECT_TRUE(out.fonts.empty());
+  EXPECT_EQ(out.clears, 0);  // untouched
+
+  ASSERT_EQ(h.ApplicationStarted(), kQVNoErr);
+  ASSERT_TRUE(WaitIdle());
+  EXPECT_EQ(feature->GetFontsWithLabel(&label, &list), kQVNoErr);
+  EXPECT_EQ(feature->GetFontsWithLabel(nullptr, &list), kQVBadParameterErr);
+  // Similarity is switched off: its suite stays registered and answers "UIN?" to the end.
+  EXPECT_EQ(similar->GetSimilarFontNames("Alpha-Regular", &list), kQVNotInitialisedErr);
+  ASSERT_EQ(h.ApplicationShutdown(), kQVNoErr);
+  EXPECT_EQ(feature->GetFontsWithLabel(&label, &list), kQVNotInitialisedErr);
+}
+
+TEST_F(HostTest, SimilarSuiteClearsTheListAndAnswersUnknownFontsWithThemselves) {
+  auto& h = Started();
+  const auto* similar = static_cast<const FontrixSimilarSuite*>(h.AcquireSuite(kFontrixSimilarSuite, 1));
+  Collected out;
+  out.fonts = {{"stale", 0.5}};
+  auto list = out.list();
+  ASSERT_EQ(similar->GetSimilarFontNames("Nobody-Regular", &list), kQVNoErr);
+  EXPECT_EQ(out.clears, 1);
+  // The collector does not clear itself; what matters is that clear was called first.
+  EXPECT_EQ(out.fonts.back(), (std::pair<std::string, double>{"Nobody-Regular", 1.0}));
+}
+
+TEST_F(HostTest, ProgressSuiteReportsServicesAndTheFontList) {
+  auto& h = Started({{"TextDebug/FontRecognition", false}});
+  const auto* progress =
+      static_cast<const FontrixProgressSuite*>(h.AcquireSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion));
+  FontrixServiceProgress p{};
+  ASSERT_EQ(progress->GetServiceProgress(kFontrixServiceSimilarity, &p), kQVNoErr);
+  EXPECT_TRUE(p.enabled);
+  EXPECT_TRUE(p.idle);
+  EXPECT_EQ(p.fontsTotal, 2u);
+  EXPECT_EQ(p.fontsDone, 2u);
+  ASSERT_EQ(progress->GetServiceProgress(kFontrixServiceRecognition, &p), kQVNoErr);
+  EXPECT_FALSE(p.enabled);
+  EXPECT_EQ(progress->GetServiceProgress(7, &p), kQVBadParameterErr);
+  std::vector<QVFontHandle> fonts;
+  FontrixFontHandleList sink{&fonts,
+                             [](void* c, QVFontHandle f) { static_cast<std::vector<QVFontHandle>*>(c)->push_back(f); }};
+  uint32_t generation = 0;
+  ASSERT_EQ(progress->GetFontList(&sink, &generation), kQVNoErr);
+  EXPECT_EQ(fonts.size(), 2u);
+  EXPECT_EQ(generation, 1u);
+}
+
+}  // namespace
+}  // namespace fontrix

@@ -1,0 +1,136 @@
+// The plug-in's life in a host: start-up registrations, the font list and its generation, the
+// background tasks per switch, notifications through the timer, shut-down.
+#include "plugin/fontrix.h"
+
+#include <algorithm>
+#include <fstream>
+
+#include "classification/font_feature_cache.h"
+#include "recognition/font_recognition_cache.h"
+#include "similarity/font_similar_cache.h"
+#include "tests/plugin/test_host.h"
+
+namespace fontrix {
+namespace {
+
+using testing::HostTest;
+
+const std::map<std::string, bool> kAllOff = {
+    {"Text/FontClassification", false}, {"Text/FontSimilarity", false}, {"TextDebug/FontRecognition", false}};
+
+TEST_F(HostTest, StartupRegistersSuitesNotifiersAndAnInactiveTimer) {
+  auto& h = MakeHost();
+  ASSERT_EQ(h.Startup(), kQVNoErr);
+  EXPECT_EQ(h.PluginName(), "Fontrix");
+  auto suites = h.RegisteredSuites();
+  EXPECT_EQ(suites, (std::vector<std::string>{"QV Font Feature Suite", "QV Font Similar Suite",
+                                              "QV Font Recognition Suite", "QV Fontrix Progress Suite"}));
+  EXPECT_FALSE(h.TimerActive("QV Fontrix Notifier Timer"));
+  EXPECT_EQ(h.AccessCount(), 1);  // kept loaded until the application quits
+  EXPECT_EQ(h.Globals(), Fontrix::Global());
+}
+
+TEST_F(HostTest, FontListKeepsQualifyingFontsOnly) {
+  auto& h = Started();
+  std::vector<std::string> names;
+  const auto* fonts = static_cast<const QVFontSuite*>(h.AcquireSuite(kQVFontSuite, kQVFontSuiteVersion));
+  for (QVFontHandle f : Module()->FontList()) {
+    const char *unique = nullptr, *family = nullptr, *style = nullptr;
+    ASSERT_EQ(fonts->GetFontNames(f, &unique, &family, &style), kQVNoErr);
+    names.push_back(unique);
+  }
+  // Bitmap strikes, symbol fonts and the second face of a name are left out.
+  EXPECT_EQ(names, (std::vector<std::string>{"Alpha-Regular", "Beta-Bold"}));
+  h.ReleaseSuite(kQVFontSuite, kQVFontSuiteVersion);
+}
+
+TEST_F(HostTest, SwitchesOffQueueNothingWhileTheGenerationCounts) {
+  auto& h = MakeHost(kAllOff);
+  ASSERT_EQ(h.Startup(), kQVNoErr);
+  ASSERT_EQ(h.ApplicationStarted(), kQVNoErr);
+  EXPECT_EQ(Module()->FontListGeneration(), 1u);
+  ASSERT_EQ(h.FontListChanged(), kQVNoErr);
+  ASSERT_EQ(h.FontListChanged(), kQVNoErr);
+  EXPECT_EQ(Module()->FontListGeneration(), 3u);
+  EXPECT_EQ(Module()->ScheduledTasks(), 0u);
+  EXPECT_EQ(FontFeatureCache::Instance(), nullptr);
+  EXPECT_EQ(FontSimilarCache::Instance(), nullptr);
+  EXPECT_EQ(FontRecognitionCache::Instance(), nullptr);
+}
+
+size_t CountLines(const std::filesystem::path& file, const std::string& text) {
+  std::ifstream in(file);
+  size_t n = 0;
+  for (std::string line; std::getline(in, line);) n += line.find(text) != std::string::npos;
+  return n;
+}
+
+// A font change before the application has started queues the init tasks; the later start
+// does not queue them again. Each update carries its list's generation.
+TEST_F(HostTest, InitTasksAreQueuedOncePerProcess) {
+  auto& h = MakeHost({{"TextDebug/DumpDebugInfo", true}});
+  ASSERT_EQ(h.Startup(), kQVNoErr);
+  ASSERT_EQ(h.FontListChanged(), kQVNoErr);
+  ASSERT_TRUE(WaitIdle());
+  ASSERT_EQ(h.ApplicationStarted(), kQVNoErr);
+  ASSERT_EQ(h.FontListChanged(), kQVNoErr);
+  ASSERT_TRUE(WaitIdle());
+  const auto log = dir_ / "cache" / "NQ_sim_debug_info.txt";
+  EXPECT_EQ(CountLines(log, "Loading Cache Data Starts: time : "), 1u);
+  EXPECT_EQ(CountLines(dir_ / "cache" / "NQ_rec_debug_info.txt", "Loading Recognition Engine Starts: time : "), 1u);
+  EXPECT_EQ(CountLines(log, " Current Font Server ID - "), 2u);
+  EXPECT_EQ(FontSimilarCache::Instance()->FontServerId(), 2u);
+}
+
+TEST_F(HostTest, TwoPostsOfOneNameSendOneNotification) {
+  auto& h = Started();
+  // Receive the module's own notification type, to see what the timer sends.
+  const auto* notifier = static_cast<const QVNotifierSuite*>(h.AcquireSuite(kQVNotifierSuite, kQVNotifierSuiteVersion));
+  QVNotifierHandle handle = nullptr;
+  ASSERT_EQ(notifier->AddNotifier(Module()->PluginRef(), "test", "Fonts Similar List Updated Notifier", &handle),
+            kQVNoErr);
+  EXPECT_FALSE(h.TimerActive("QV Fontrix Notifier Timer"));
+  Module()->PostNotification("Fonts Similar List Updated Notifier");
+  Module()->PostNotification("Fonts Similar List Updated Notifier");
+  EXPECT_TRUE(h.TimerActive("QV Fontrix Notifier Timer"));
+  for (int i = 0; i < 3; ++i) h.Idle();
+  const auto delivered = h.DeliveredNotifications();
+  EXPECT_EQ(std::count(delivered.begin(), delivered.end(), "Fonts Similar List Updated Notifier"), 1);
+  EXPECT_FALSE(h.TimerActive("QV Fontrix Notifier Timer"));  // nothing pending: inactive again
+  h.ReleaseSuite(kQVNotifierSuite, kQVNotifierSuiteVersion);
+}
+
+TEST_F(HostTest, ShutdownStopsTasksTerminatesCachesAndReleasesEverything) {
+  auto& h = Started();
+  ASSERT_NE(FontSimilarCache::Instance(), nullptr);
+  ASSERT_EQ(h.ApplicationShutdown(), kQVNoErr);
+  EXPECT_EQ(Module()->ScheduledTasks(), 0u);
+  EXPECT_TRUE(Module()->ShuttingDown());
+  EXPECT_EQ(FontFeatureCache::Instance(), nullptr);
+  EXPECT_EQ(FontSimilarCache::Instance(), nullptr);
+  EXPECT_EQ(FontRecognitionCache::Instance(), nullptr);
+  EXPECT_EQ(h.FontListChanged(), kQVNoErr);  // a late change queues nothing
+  EXPECT_EQ(Module()->ScheduledTasks(), 0u);
+  ASSERT_EQ(h.Shutdown(), kQVNoErr);
+  EXPECT_EQ(h.Globals(), nullptr);
+  EXPECT_EQ(Fontrix::Global(), nullptr);
+  EXPECT_EQ(h.ContextDepth(), 0);
+  EXPECT_TRUE(h.Alerts().empty());
+}
+
+TEST_F(HostTest, ReloadKeepsTheObjectAndRefillsTheTables) {
+  auto& h = Started();
+  void* before = h.Globals();
+  ASSERT_EQ(h.Send("KP Access", "Reload"), kQVNoErr);
+  EXPECT_EQ(h.Globals(), before);
+  const auto* similar = static_cast<const FontrixSimilarSuite*>(h.AcquireSuite(kFontrixSimilarSuite, 1));
+  ASSERT_NE(similar, nullptr);
+  EXPECT_NE(similar->GetSimilarFontNames, nullptr);
+  ASSERT_EQ(h.Send("KP Access", "Unload"), kQVNoErr);
+  EXPECT_EQ(similar->GetSimilarFontNames, nullptr);  // emptied: the code may go away
+  EXPECT_EQ(h.Send("QV Menu", "QV Go"), kQVNoErr);   // not running: answered 0 without routing
+  h.ReleaseSuite(kFontrixSimilarSuite, 1);
+}
+
+}  // namespace
+}  // namespace fontrix
