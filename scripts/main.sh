@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs the network engine on the shipped test network: three 23x19 images in,
-# the network's class probabilities out, as another program would call it through dnm-run.
+# Sets up, builds, then runs what Fontrix can do today: the fontrix tool starts the module in the
+# reference host, lets it take in this machine's fonts and lists the fonts its services use; then
+# the network engine runs the shipped test network on three images through dnm-run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh >/dev/null
+echo "== fontrix fonts: the installed fonts the module's services use"
+build/bin/fontrix fonts
+echo
 golden=tests/deepnet/golden
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT

@@ -1,0 +1,59 @@
+#!/usr/bin/python3
+"""The real fontrix tool driving the real module on this machine's fonts: start, list the
+fonts, shut down cleanly, with every service and with each one switched off; the debug logs
+appear only when asked for.
+
+Usage: test_module_cli.py PATH/TO/fontrix PATH/TO/libfontrix.so
+"""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+FONTRIX = MODULE = None
+SERVICES = ("classification", "similarity", "recognition")
+LOGS = {"classification": "FontFeatureLogs.txt", "similarity": "NQ_sim_debug_info.txt",
+        "recognition": "NQ_rec_debug_info.txt"}
+
+
+class ModuleCliTest(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.TemporaryDirectory()
+        self.cache = os.path.join(self.tmp.name, "cache")
+        self.env = {k: v for k, v in os.environ.items() if not k.startswith("FONTRIX_")}
+
+    def tearDown(self):
+        self.tmp.cleanup()
+
+    def fonts(self, *args):
+        r = subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, *args, "fonts", "--json"],
+                           capture_output=True, text=True, timeout=120, env=self.env)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stderr, "", "a clean run shows no alert")
+        return [f["name"] for f in json.loads(r.stdout)["fonts"]]
+
+    def test_lists_installed_fonts_with_and_without_each_service(self):
+        everything = self.fonts()
+        self.assertIn("DejaVuSans", everything)
+        self.assertEqual(len(everything), len(set(everything)), "one face per unique name")
+        for service in SERVICES:
+            self.assertEqual(self.fonts("--disable", service), everything, service)
+        self.assertEqual(self.fonts("--disable", ",".join(SERVICES)), everything)
+        self.assertFalse(any(os.path.exists(os.path.join(self.cache, log)) for log in LOGS.values()),
+                         "no debug log without --debug-log")
+
+    def test_debug_logs_follow_the_services_that_ran(self):
+        self.fonts("--debug-log", "--disable", "similarity")
+        with open(os.path.join(self.cache, LOGS["recognition"])) as f:
+            self.assertIn("Loading Recognition Engine Starts: time : ", f.read())
+        with open(os.path.join(self.cache, LOGS["classification"])) as f:
+            self.assertIn("Feature Cache Terminating", f.read())
+        self.assertFalse(os.path.exists(os.path.join(self.cache, LOGS["similarity"])))
+
+
+if __name__ == "__main__":
+    MODULE = os.path.abspath(sys.argv.pop(2))
+    FONTRIX = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
