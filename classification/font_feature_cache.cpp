@@ -1,29 +1,15 @@
 #include "classification/font_feature_cache.h"
 
 #include "plugin/cache_log.h"
+#include "plugin/process_wide.h"
 
 namespace fontrix {
 
-namespace {
-std::mutex instance_mutex;
-std::shared_ptr<FontFeatureCache> instance;
-}  // namespace
-
-std::shared_ptr<FontFeatureCache> FontFeatureCache::Instance() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  return instance;
-}
-
+std::shared_ptr<FontFeatureCache> FontFeatureCache::Instance() { return ProcessWide<FontFeatureCache>::Get(); }
 std::shared_ptr<FontFeatureCache> FontFeatureCache::GetOrCreate() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  if (!instance) instance = std::make_shared<FontFeatureCache>();
-  return instance;
+  return ProcessWide<FontFeatureCache>::GetOrCreate();
 }
-
-void FontFeatureCache::Terminate() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  instance.reset();
-}
+void FontFeatureCache::Terminate() { ProcessWide<FontFeatureCache>::Reset(); }
 
 void FontFeatureCache::Load() {
   std::lock_guard<std::mutex> lock(mutex_);

@@ -1,6 +1,7 @@
 // fontrix: starts the module in the reference host, lets it bring its caches up to date with
 // the installed fonts, answers one command through the module's suites as another plug-in
-// would, then shuts the module down in order.
+// would, then shuts the module down in order. `specimen` draws through the host's font engine
+// instead, the procedures the module binds, and needs none of the module's caches.
 #include "host/cli.h"
 
 #include <unistd.h>
@@ -19,7 +20,9 @@
 #include <vector>
 
 #include "host/host.h"
+#include "host/image.h"
 #include "host/json.h"
+#include "host/specimen.h"
 #include "sdk/fontrix_suites.h"
 #include "sdk/qv_font_suites.h"
 
@@ -33,6 +36,9 @@ const char* const kHelp =
     "\n"
     "Commands:\n"
     "  fonts               the installed fonts the module uses: unique name, family, style\n"
+    "  specimen NAME TEXT -o FILE [--size N]\n"
+    "                      draws TEXT in the installed font NAME (its unique name) into the PNG\n"
+    "                      FILE, N pixels to the em (default 200), as the module draws text\n"
     "\n"
     "Options (before or after the command):\n"
     "  --module PATH       the module (default: $FONTRIX_MODULE, then libfontrix.so in ../lib or\n"
@@ -57,11 +63,24 @@ struct Options {
   std::vector<std::string> disabled;  // switch keys
   bool debug_log = false, json = false, help = false, version = false;
   size_t limit = std::numeric_limits<size_t>::max();
+  std::string output;  // specimen: -o
+  double size = 0;     // specimen: --size; 0 until given
   std::string command;
   std::vector<std::string> args;
 };
 
-const char* const kCommands[] = {"fonts"};
+constexpr double kDefaultSpecimenSize = 200;
+
+// Each command and the number of arguments it takes.
+const std::pair<const char*, size_t> kCommands[] = {{"fonts", 0}, {"specimen", 2}};
+
+double ParseSize(const std::string& text) {
+  char* end = nullptr;
+  const double size = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !(size >= 1 && size <= 10000))
+    throw UsageError("--size needs a number of pixels from 1 to 10000, not '" + text + "'");
+  return size;
+}
 
 size_t ParseLimit(const std::string& text) {
   if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos ||
@@ -88,7 +107,7 @@ Options Parse(int argc, char** argv) {
     const std::string name = arg.substr(0, equals);
     const bool inline_value = equals != std::string::npos;
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
-        name == "--limit") {
+        name == "--limit" || name == "-o" || name == "--output" || name == "--size") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -106,6 +125,8 @@ Options Parse(int argc, char** argv) {
         }
       }
       if (name == "--limit") options.limit = ParseLimit(value);
+      if (name == "-o" || name == "--output") options.output = value;
+      if (name == "--size") options.size = ParseSize(value);
       continue;
     }
     bool* flag = name == "--debug-log" ? &options.debug_log
@@ -122,10 +143,19 @@ Options Parse(int argc, char** argv) {
   if (positional.empty()) throw UsageError("no command given");
   options.command = positional.front();
   options.args.assign(positional.begin() + 1, positional.end());
-  bool known = false;
-  for (const char* command : kCommands) known = known || options.command == command;
-  if (!known) throw UsageError("unknown command '" + options.command + "'");
-  if (!options.args.empty()) throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
+  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&](const auto& c) { return options.command == c.first; });
+  if (command == std::end(kCommands)) throw UsageError("unknown command '" + options.command + "'");
+  if (command->second == 0 && !options.args.empty())
+    throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
+  if (options.args.size() != command->second)
+    throw UsageError(options.command + " takes " + std::to_string(command->second) + " arguments, not " +
+                     std::to_string(options.args.size()));
+  const bool specimen = options.command == "specimen";
+  if (specimen && options.output.empty()) throw UsageError("specimen needs the PNG file to write: -o FILE");
+  if (!specimen && (!options.output.empty() || options.size))
+    throw UsageError(std::string(options.output.empty() ? "--size" : "-o") + " is for specimen only");
+  if (specimen && !options.size) options.size = kDefaultSpecimenSize;
   return options;
 }
 
@@ -272,6 +302,73 @@ void Fonts(Host& host, const FontrixProgressSuite& progress, const Options& opti
   PrintFonts(rows, options.json);
 }
 
+// A suite of the host or the module, released when it goes.
+template <typename Suite>
+class HeldSuite {
+ public:
+  HeldSuite(Host& host, const char* name, int32_t version)
+      : host_(host),
+        name_(name),
+        version_(version),
+        suite_(static_cast<const Suite*>(host.AcquireSuite(name, version))) {
+    if (!suite_) throw Failure(std::string("there is no suite \"") + name + "\"");
+  }
+  ~HeldSuite() { host_.ReleaseSuite(name_, version_); }
+  HeldSuite(const HeldSuite&) = delete;
+  HeldSuite& operator=(const HeldSuite&) = delete;
+  const Suite& operator*() const { return *suite_; }
+  const Suite* operator->() const { return suite_; }
+
+ private:
+  Host& host_;
+  const char* name_;
+  int32_t version_;
+  const Suite* suite_;
+};
+
+// The font is found, and the text drawn, through the suites and engine procedures the module
+// uses; a name that is not installed lists the installed names most like it.
+void DrawSpecimenFile(Host& host, const Options& options) {
+  const std::string& name = options.args[0];
+  const std::string& text = options.args[1];
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+  HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
+  QVFontHandle font = nullptr;
+  if (const QVErr err = fonts->FindFontByName(name.c_str(), &font)) {
+    if (err != kQVNotFoundErr) Check(err, "finding the font");
+    std::vector<std::string> names;
+    for (const HostFont& f : host.Fonts()) names.push_back(f.unique_name);
+    std::string close;
+    for (const std::string& n : CloseNames(names, name)) close += (close.empty() ? "" : ", ") + n;
+    throw Failure("no installed font is named '" + name + "'" +
+                  (close.empty() ? " (fontrix fonts lists them)" : "; close names: " + close));
+  }
+  Specimen specimen;
+  try {
+    specimen = DrawSpecimen(*glue, font, text, options.size);
+    WritePng(options.output, specimen.Pixels());
+  } catch (const std::runtime_error& e) {
+    throw Failure("cannot draw the specimen of " + name + ": " + e.what());
+  }
+  const QVIntRect& b = specimen.box;
+  char size[32];
+  std::snprintf(size, sizeof size, "%g", options.size);
+  std::string out;
+  if (options.json) {
+    out = "{\"file\": " + JsonString(options.output) + ", \"font\": " + JsonString(name) + ", \"size\": " + size +
+          ", \"width\": " + std::to_string(specimen.width) + ", \"height\": " + std::to_string(specimen.height) +
+          ", \"box\": {\"left\": " + std::to_string(b.left) + ", \"top\": " + std::to_string(b.top) +
+          ", \"right\": " + std::to_string(b.right) + ", \"bottom\": " + std::to_string(b.bottom) + "}}\n";
+  } else {
+    out = options.output + ": " + std::to_string(specimen.width) + " x " + std::to_string(specimen.height) +
+          " pixels, " + name + " at " + size + " pixels to the em, ink box left " + std::to_string(b.left) + " top " +
+          std::to_string(b.top) + " right " + std::to_string(b.right) + " bottom " + std::to_string(b.bottom) +
+          " (baseline origin at 0, 0; y down)\n";
+  }
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+}
+
 int RunCommand(const Options& options) {
   HostOptions host_options;
   host_options.data_dir = options.data_dir;
@@ -289,21 +386,17 @@ int RunCommand(const Options& options) {
   try {
     Check(host.ApplicationStarted(), "the module's start-up notification");
     Check(host.FontListChanged(), "the module's font list notification");
-    auto* progress = static_cast<const FontrixProgressSuite*>(
-        host.AcquireSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion));
-    if (!progress) throw Failure(std::string("the module publishes no \"") + kFontrixProgressSuite + "\"");
-    try {
+    if (options.command == "specimen") {
+      DrawSpecimenFile(host, options);
+    } else {
+      HeldSuite<FontrixProgressSuite> progress(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
       if (!WaitForServices(host, *progress)) {
         std::fprintf(stderr, "fontrix: interrupted\n");
         status = 130;
       } else if (options.command == "fonts") {
         Fonts(host, *progress, options);
       }
-    } catch (...) {
-      host.ReleaseSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion);
-      throw;
     }
-    host.ReleaseSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion);
   } catch (const Failure& e) {
     std::fprintf(stderr, "fontrix: %s\n", e.what());
     status = 1;

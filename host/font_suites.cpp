@@ -1,8 +1,9 @@
 // The font list and the font suites over it: names, files, qualification answers, and the
-// (still empty) font engine table.
+// font engine's procedure table.
 #include <map>
 #include <tuple>
 
+#include "host/engine.h"
 #include "host/host_impl.h"
 
 namespace fontrix::host {
@@ -48,6 +49,12 @@ void Host::Impl::RebuildFonts() {
   font_by_name = std::move(by_name);
   fonts = std::move(listed);
   ++generation;
+}
+
+const HostFont* Host::Impl::FontOf(QVFontHandle handle) const {
+  std::shared_lock lock(fonts_mu);
+  auto* record = reinterpret_cast<const FontRecord*>(handle);
+  return known_fonts.count(record) ? &record->font : nullptr;
 }
 
 namespace {
@@ -139,7 +146,8 @@ QVErr GetFontKind(QVFontHandle font, int32_t* kind) {
   });
 }
 
-// The font engine has no procedures yet; its handle only has to be recognisable.
+// The engine's procedures are found by name (EngineProcedure); its handle only has to be
+// recognisable.
 struct Engine {
   int unused;
 } engine;
@@ -155,8 +163,8 @@ QVErr GetEngineInterface(void** out) {
 QVErr GetEngineProcedure(void* handle, const char* name, void** procedure) {
   return Guarded([&](Host::Impl&) {
     if (handle != &engine || !name || !procedure) return kQVBadParameterErr;
-    *procedure = nullptr;
-    return kQVNotFoundErr;
+    *procedure = EngineProcedure(name);
+    return *procedure ? kQVNoErr : kQVNotFoundErr;
   });
 }
 

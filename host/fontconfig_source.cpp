@@ -3,9 +3,7 @@
 #include <fontconfig/fontconfig.h>
 #include <ft2build.h>
 #include FT_FREETYPE_H
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +14,7 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "host/font_file.h"
 #include "host/host.h"
 
 namespace fontrix::host {
@@ -46,47 +45,6 @@ bool MapsLatinAlphanumerics(FT_Face face) {
     if (FT_Get_Char_Index(face, FT_ULong(*c)) == 0) return false;
   return true;
 }
-
-// FreeType reads the face through pread rather than FT_New_Face's memory map: mapping and
-// unmapping thousands of files from several threads spends most of the time in the kernel.
-unsigned long ReadAt(FT_Stream stream, unsigned long offset, unsigned char* buffer, unsigned long count) {
-  if (count == 0) return 0;  // a seek: FreeType checks the offset against the size itself
-  const ssize_t got = ::pread(int(stream->descriptor.value), buffer, count, off_t(offset));
-  return got < 0 ? 0 : static_cast<unsigned long>(got);
-}
-
-void CloseNothing(FT_Stream) {}
-
-class FontFile {
- public:
-  explicit FontFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    struct stat st {};
-    if (fd_ < 0 || ::fstat(fd_, &st) != 0) return;
-    stream_.size = static_cast<unsigned long>(st.st_size);
-    stream_.descriptor.value = fd_;
-    stream_.read = ReadAt;
-    stream_.close = CloseNothing;
-  }
-  ~FontFile() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FontFile(const FontFile&) = delete;
-  FontFile& operator=(const FontFile&) = delete;
-
-  /// Opens face `index`; null when FreeType cannot.
-  FT_Face Open(FT_Library library, int index) {
-    if (!stream_.read) return nullptr;
-    FT_Open_Args args{};
-    args.flags = FT_OPEN_STREAM;
-    args.stream = &stream_;
-    FT_Face face = nullptr;
-    return FT_Open_Face(library, &args, index, &face) == 0 ? face : nullptr;
-  }
-
- private:
-  int fd_;
-  FT_StreamRec stream_{};
-};
 
 FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
   FontFile file(listed.file);  // outlives the face, which reads through it

@@ -44,6 +44,7 @@ Host::Impl::Impl(HostOptions opts)
       cache_dir(ResolveCacheDir(options.cache_dir)),
       switches(ResolveSwitches(options.switches)) {
   if (!options.fonts) options.fonts = MakeFontconfigSource();
+  faces = std::make_unique<FaceCache>();
 }
 
 double Host::Impl::Now() const {

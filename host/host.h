@@ -1,7 +1,8 @@
 #pragma once
 // The reference host of the Fontrix module: it loads the module, implements every suite of
 // sdk/qv_host_suites.h and sdk/qv_font_suites.h over the machine's fonts (fontconfig and
-// FreeType), and runs the main-thread loop that delivers notifications and timer messages.
+// FreeType) with the font engine of sdk/qv_font_engine.h (FreeType and HarfBuzz, host/engine.h),
+// and runs the main-thread loop that delivers notifications and timer messages.
 //
 // The C suite functions reach the host through a static pointer, so at most one Host is alive
 // at a time. The module calls `main` on the thread that calls the Host's methods (the main

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/face_cache.h"
 #include "host/host.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
@@ -88,7 +89,13 @@ struct Host::Impl {
   std::vector<HostFont> fonts;                                // copy of the current list for Fonts()
   uint32_t generation = 0;
 
+  // The font engine's open faces; thread-safe on its own.
+  std::unique_ptr<FaceCache> faces;
+
   double Now() const;
+  /// The face behind a handle of any generation; null for a handle the host never gave.
+  /// Records are never changed or freed while the host lives, so the pointer stays valid.
+  const HostFont* FontOf(QVFontHandle handle) const;
   /// Rebuilds the font list from the source; throws what the source throws.
   void RebuildFonts();
   /// Registers the host's own suites.

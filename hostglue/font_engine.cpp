@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "plugin/host_suites.h"
+#include "sdk/qv_font_engine.h"
 
 namespace fontrix::hostglue {
 
@@ -17,9 +18,20 @@ std::atomic<bool> bound{false};
 }  // namespace
 
 const std::vector<std::string>& FontEngineProcedureNames() {
-  // The font services' glue adds its procedures here as they come to use the engine.
-  static const std::vector<std::string> names;
+  static const std::vector<std::string> names = {
+      kQVProcIsFontUsable,    kQVProcGetFontMetrics,    kQVProcGetUnderline,        kQVProcGetFontStyle,
+      kQVProcGetGlyphByCode,  kQVProcGetGlyphByName,    kQVProcGetGlyphBox,         kQVProcGetAdvanceWidth,
+      kQVProcGetGlyphOutline, kQVProcRenderGlyphBitmap, kQVProcReleaseGlyphBitmap,  kQVProcMeasureText,
+      kQVProcNewRasterPort,   kQVProcDrawText,          kQVProcGetRasterPortPixels, kQVProcDisposeRasterPort,
+      kQVProcGetRasterPixels,
+  };
   return names;
+}
+
+void* FontEngineProcedure(const std::string& name) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto it = procedures.find(name);
+  return it == procedures.end() ? nullptr : it->second;
 }
 
 BindResult BindFontEngine() {

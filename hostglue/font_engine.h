@@ -19,4 +19,7 @@ bool FontEngineBound();
 /// The names of the procedures the module binds, in binding order.
 const std::vector<std::string>& FontEngineProcedureNames();
 
+/// The address bound for procedure `name`, or null while unbound.
+void* FontEngineProcedure(const std::string& name);
+
 }  // namespace fontrix::hostglue

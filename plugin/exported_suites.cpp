@@ -87,6 +87,9 @@ extern "C" QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* pro
   progress->fontsTotal = counts ? counts->total.load() : 0;
   progress->enabled = enabled ? 1 : 0;
   progress->idle = ServiceActivity::Idle(service) ? 1 : 0;
+  progress->fontsMatched = counts ? counts->matched.load() : 0;
+  progress->fontsComputed = counts ? counts->computed.load() : 0;
+  progress->fontsUnusable = counts ? counts->unusable.load() : 0;
   return kQVNoErr;
 }
 

@@ -7,6 +7,7 @@
 #include "classification/font_feature_cache.h"
 #include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
+#include "plugin/cancellation.h"
 #include "plugin/exported_suites.h"
 #include "plugin/feature_switches.h"
 #include "plugin/qv_error.h"
@@ -164,7 +165,9 @@ QVErr Fontrix::Notify(QVNotifierMessage* message) {
     const QVTimerSuite* timer = qv::Suites().timer;
     if (timer && notifierTimer) timer->SetTimerActive(notifierTimer, 0);
     shuttingDown.store(1);
+    RequestCancel(true);
     scheduler.StopAll();
+    RequestCancel(false);
     ClassificationLog().Info("Feature Cache Terminating");
     FontFeatureCache::Terminate();
     FontSimilarCache::Terminate();

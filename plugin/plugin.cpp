@@ -259,20 +259,20 @@ QVErr Plugin::Message(const char* caller, const char* selector, QVMessageData* m
 }
 
 QVErr Plugin::CreateSuiteHolder() {
-  return Guarded([&] {
+  const QVErr result = Guarded([&] {
     if (!suites_) suites_ = std::make_unique<SuiteHolder>();
     return kQVNoErr;
   });
+  if (result != kQVNoErr)
+    suites_.reset();
+  else
+    suites_->MarkLive();
+  return result;
 }
 
 QVErr Plugin::StartupSequence(QVMessageData* message) {
   SetGlobal(this);
-  QVErr result = CreateSuiteHolder();
-  if (result != kQVNoErr) {
-    suites_.reset();
-    return result;
-  }
-  suites_->MarkLive();
+  if (const QVErr result = CreateSuiteHolder(); result != kQVNoErr) return result;
   return Guarded([&] {
     Check(Suites().plugins->SetPluginName(pluginRef, name));
     const QVNotifierSuite* notifier = Suites().notifier;
@@ -299,12 +299,7 @@ QVErr Plugin::ShutdownSequence(QVMessageData* message) {
 
 QVErr Plugin::ReloadSequence(QVMessageData* message) {
   SetGlobal(this);
-  QVErr result = CreateSuiteHolder();
-  if (result != kQVNoErr) {
-    suites_.reset();
-    return result;
-  }
-  suites_->MarkLive();
+  if (const QVErr result = CreateSuiteHolder(); result != kQVNoErr) return result;
   return Guarded([&] {
     QVErr r = FillSuiteTables();
     if (r != kQVNoErr) return r;

@@ -81,6 +81,7 @@ class Plugin {
 
  private:
   QVErr RouteNotification(QVNotifierMessage* message);
+  /// Creates the suite holder when absent and publishes its suites; on failure none is left.
   QVErr CreateSuiteHolder();
 };
 

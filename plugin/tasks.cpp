@@ -58,17 +58,10 @@ void FontFeatureCacheInitTask::Work() {
 
 FontSimilarCacheInitTask::FontSimilarCacheInitTask() : ServiceTask(kFontrixServiceSimilarity) {
   SimilarityLog().ReadLogSwitch();
-  const std::string folder = WritableFolder();
-  if (!folder.empty()) SimilarityLog().SetFolder(folder);
+  ResolveSimilarityPaths();
 }
 
-void FontSimilarCacheInitTask::Work() {
-  try {
-    FontSimilarCache::GetOrCreate()->Load();
-  } catch (...) {
-    SimilarityLog().Info("Similar Cache Loading throws exception");
-  }
-}
+void FontSimilarCacheInitTask::Work() { FontSimilarCache::Init(); }
 
 FontRecognitionCacheInitTask::FontRecognitionCacheInitTask() : ServiceTask(kFontrixServiceRecognition) {}
 

@@ -1,29 +1,17 @@
 #include "recognition/font_recognition_cache.h"
 
 #include "plugin/cache_log.h"
+#include "plugin/process_wide.h"
 
 namespace fontrix {
 
-namespace {
-std::mutex instance_mutex;
-std::shared_ptr<FontRecognitionCache> instance;
-}  // namespace
-
 std::shared_ptr<FontRecognitionCache> FontRecognitionCache::Instance() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  return instance;
+  return ProcessWide<FontRecognitionCache>::Get();
 }
-
 std::shared_ptr<FontRecognitionCache> FontRecognitionCache::GetOrCreate() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  if (!instance) instance = std::make_shared<FontRecognitionCache>();
-  return instance;
+  return ProcessWide<FontRecognitionCache>::GetOrCreate();
 }
-
-void FontRecognitionCache::Terminate() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  instance.reset();
-}
+void FontRecognitionCache::Terminate() { ProcessWide<FontRecognitionCache>::Reset(); }
 
 void FontRecognitionCache::Load() {
   std::lock_guard<std::mutex> lock(mutex_);

@@ -14,6 +14,11 @@ packages=(
   clang libclang-rt-14-dev
   python3 python3-numpy
   fonts-dejavu-core
+  # Fonts the host's tests read: TrueType, CFF and Type 1 outlines, a collection (.ttc), a
+  # variable font with named instances (Debian 12's Cantarell is static; Inter is variable) and
+  # bitmap-only faces.
+  fonts-liberation2 fonts-urw-base35 fonts-texgyre fonts-cantarell fonts-wqy-microhei
+  fonts-inter-variable fonts-terminus-otb
 )
 if [[ "${1:-}" == "--training" ]]; then
   packages+=(python3-torch python3-fonttools)

@@ -64,6 +64,9 @@ typedef struct FontrixServiceProgress {
   uint32_t fontsTotal; /* fonts of the current font list it has to handle */
   QVBool enabled;      /* the service's feature switch is on */
   QVBool idle;         /* no background work of the service is queued or running */
+  uint32_t fontsMatched;  /* of the last update: fonts found in the service's cache */
+  uint32_t fontsComputed; /* fonts measured or imaged anew */
+  uint32_t fontsUnusable; /* fonts that could not be measured or drawn */
 } FontrixServiceProgress;
 
 /* Receives the module's font list, one host font handle per call. */

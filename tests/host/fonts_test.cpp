@@ -1,10 +1,13 @@
 // The font suites over a memory font list, the fontconfig source on this machine, and the
 // tool's JSON strings.
+#include <fontconfig/fontconfig.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <map>
+#include <set>
 #include <thread>
 
 #include "host/host.h"
@@ -116,7 +119,7 @@ TEST_F(FontSuitesTest, ListNamesFilesAndQualification) {
             kQVBadParameterErr);
   EXPECT_EQ(glue_->IsSymbolFont(reinterpret_cast<QVFontHandle>(&stranger), &answer), kQVBadParameterErr);
 
-  void *engine = nullptr, *procedure = &engine;  // the engine has no procedures yet
+  void *engine = nullptr, *procedure = &engine;  // engine_test.cpp has the engine's procedures
   ASSERT_EQ(glue_->GetEngineInterface(&engine), kQVNoErr);
   EXPECT_NE(engine, nullptr);
   EXPECT_EQ(glue_->GetEngineProcedure(engine, "RenderGlyph", &procedure), kQVNotFoundErr);
@@ -201,6 +204,49 @@ TEST(FontconfigSource, ListsTheInstalledDejaVuFaces) {
     EXPECT_EQ(again[i].file, fonts[i].file);
     EXPECT_EQ(again[i].face_index, fonts[i].face_index);
   }
+}
+
+// Unique names are the PostScript names fontconfig reports, except for the faces of variable
+// fonts: fontconfig names their named instances by axis values, as it would an arbitrary
+// instance ("Inter_900wght"), or several alike ("Inter-Display"); the host keeps FreeType's
+// names, made as Adobe names named instances ("Inter-Black", "InterDisplay-Regular").
+TEST(FontconfigSource, UniqueNamesArePostScriptNames) {
+  const std::vector<HostFont> fonts = MakeFontconfigSource()->List();
+  FcPattern* pattern = FcPatternCreate();
+  FcObjectSet* objects = FcObjectSetBuild(FC_FILE, FC_INDEX, FC_POSTSCRIPT_NAME, FC_VARIABLE, nullptr);
+  FcFontSet* set = FcFontList(nullptr, pattern, objects);
+  ASSERT_NE(set, nullptr);
+  std::map<std::pair<std::string, int>, std::string> postscript;
+  std::set<std::string> variable_files;
+  for (int i = 0; i < set->nfont; ++i) {
+    FcChar8 *file = nullptr, *name = nullptr;
+    int index = 0;
+    FcBool variable = FcFalse;
+    FcPatternGetString(set->fonts[i], FC_FILE, 0, &file);
+    FcPatternGetInteger(set->fonts[i], FC_INDEX, 0, &index);
+    FcPatternGetBool(set->fonts[i], FC_VARIABLE, 0, &variable);
+    if (variable) variable_files.insert(reinterpret_cast<const char*>(file));
+    if (FcPatternGetString(set->fonts[i], FC_POSTSCRIPT_NAME, 0, &name) == FcResultMatch)
+      postscript[{reinterpret_cast<const char*>(file), index}] = reinterpret_cast<const char*>(name);
+  }
+  FcFontSetDestroy(set);
+  FcObjectSetDestroy(objects);
+  FcPatternDestroy(pattern);
+
+  size_t compared = 0, variable = 0;
+  for (const HostFont& font : fonts) {
+    if (variable_files.count(font.file)) {
+      ++variable;
+      continue;
+    }
+    const auto it = postscript.find({font.file, font.face_index});
+    ASSERT_NE(it, postscript.end()) << font.file;
+    EXPECT_EQ(font.unique_name, it->second) << font.file << " " << font.face_index;
+    ++compared;
+  }
+  std::printf("%zu faces named as fontconfig names them, %zu faces of variable fonts\n", compared, variable);
+  EXPECT_GT(compared, 100u);  // DejaVu, Liberation, URW (OpenType and Type 1), TeX Gyre, a collection
+  EXPECT_GT(variable, 10u);   // Inter
 }
 
 TEST(JsonString, EscapesAndRepairsText) {

@@ -1,13 +1,15 @@
 #!/usr/bin/python3
 """fontrix as people run it: usage errors (exit 2), --help and --version, modules that cannot be
-used (exit 1, one line), and the whole lifecycle with a stand-in module that publishes the
-progress suite.
+used (exit 1, one line), the whole lifecycle with a stand-in module that publishes the
+progress suite, and specimens drawn through the host's font engine.
 
 Usage: test_cli.py PATH/TO/fontrix PATH/TO/libno_entry_module.so PATH/TO/libfake_module.so
 """
 import json
 import os
+import re
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -42,6 +44,11 @@ class CliTest(unittest.TestCase):
             "unknown service": ["--disable", "similarity,speed", "fonts"],
             "extra argument": ["fonts", "extra"],
             "flag with a value": ["--json=yes", "fonts"],
+            "specimen without -o": ["specimen", "DejaVuSans", "Abc"],
+            "specimen without text": ["specimen", "DejaVuSans", "-o", "a.png"],
+            "-o for fonts": ["fonts", "-o", "a.png"],
+            "zero size": ["specimen", "DejaVuSans", "Abc", "-o", "a.png", "--size", "0"],
+            "size not a number": ["specimen", "DejaVuSans", "Abc", "-o", "a.png", "--size=big"],
         }
         for what, args in cases.items():
             r = self.run_tool("--module", FAKE, *args)
@@ -60,6 +67,7 @@ class CliTest(unittest.TestCase):
             self.assertEqual(r.returncode, 0, args)
             self.assertTrue(r.stdout.startswith("usage: fontrix"), args)
             self.assertIn("  fonts ", r.stdout)
+            self.assertIn("  specimen NAME TEXT -o FILE [--size N]", r.stdout)
             self.assertIn("--disable SERVICE", r.stdout)
 
     def assert_one_line_failure(self, r, start):
@@ -149,6 +157,39 @@ class CliTest(unittest.TestCase):
             lines = f.read().splitlines()
         messages = [l for l in lines if l.startswith("message ")]
         self.assertEqual(messages[-2:], ["message QV Application Shutdown Notifier", "message KP Interface/Shutdown"])
+
+    def test_specimen_writes_the_ink_box_as_png(self):
+        out = os.path.join(self.tmp.name, "specimen.png")
+        r = self.run_tool("--json", "specimen", "DejaVuSans", "Hamburg", "-o", out, "--size", "50",
+                          "--module", FAKE)
+        self.assertEqual((r.returncode, r.stderr), (0, ""))
+        info = json.loads(r.stdout)
+        box = info["box"]
+        self.assertEqual((info["font"], info["size"]), ("DejaVuSans", 50))
+        self.assertEqual((info["width"], info["height"]), (box["right"] - box["left"], box["bottom"] - box["top"]))
+        self.assertLess(box["top"], -30)  # cap height above the baseline, y down
+        self.assertGreater(box["bottom"], 5)  # the descender of the g
+        with open(out, "rb") as f:
+            png = f.read()
+        self.assertEqual(png[:8], b"\x89PNG\r\n\x1a\n")
+        self.assertEqual(struct.unpack(">IIBB", png[16:26]), (info["width"], info["height"], 8, 0))  # 8-bit grey
+
+        r = self.run_tool("specimen", "DejaVuSans", "Hamburg", "-o", out, "--module", FAKE)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertRegex(r.stdout, r"^%s: \d+ x \d+ pixels, DejaVuSans at 200 pixels to the em, ink box left "
+                         r"-?\d+ top -\d+ right \d+ bottom \d+ " % re.escape(out))
+
+    def test_specimen_of_an_unknown_font_names_close_ones(self):
+        out = os.path.join(self.tmp.name, "specimen.png")
+        r = self.run_tool("specimen", "dejavusans-bol", "Abc", "-o", out, "--module", FAKE)
+        self.assert_one_line_failure(
+            r, "fontrix: no installed font is named 'dejavusans-bol'; close names: DejaVuSans-Bold, ")
+        self.assertFalse(os.path.exists(out))
+        r = self.run_tool("specimen", "DejaVuSans", "   ", "-o", out, "--module", FAKE)
+        self.assert_one_line_failure(r, "fontrix: cannot draw the specimen of DejaVuSans: the text has no ink")
+        r = self.run_tool("specimen", "DejaVuSans", "Abc", "-o", "/nonexistent/dir/a.png", "--module", FAKE)
+        self.assert_one_line_failure(r, "fontrix: cannot draw the specimen of DejaVuSans: cannot write the PNG file "
+                                        "/nonexistent/dir/a.png: No such file or directory")
 
 
 if __name__ == "__main__":

@@ -66,7 +66,7 @@ TEST_F(HostTest, ProgressSuiteReportsServicesAndTheFontList) {
   const auto* progress =
       static_cast<const FontrixProgressSuite*>(h.AcquireSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion));
   FontrixServiceProgress p{};
-  ASSERT_EQ(progress->GetServiceProgress(kFontrixServiceSimilarity, &p), kQVNoErr);
+  ASSERT_EQ(progress->GetServiceProgress(kFontrixServiceClassification, &p), kQVNoErr);
   EXPECT_TRUE(p.enabled);
   EXPECT_TRUE(p.idle);
   EXPECT_EQ(p.fontsTotal, 2u);

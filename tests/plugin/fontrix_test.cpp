@@ -79,7 +79,7 @@ TEST_F(HostTest, InitTasksAreQueuedOncePerProcess) {
   EXPECT_EQ(CountLines(log, "Loading Cache Data Starts: time : "), 1u);
   EXPECT_EQ(CountLines(dir_ / "cache" / "NQ_rec_debug_info.txt", "Loading Recognition Engine Starts: time : "), 1u);
   EXPECT_EQ(CountLines(log, " Current Font Server ID - "), 2u);
-  EXPECT_EQ(FontSimilarCache::Instance()->FontServerId(), 2u);
+  EXPECT_EQ(FontRecognitionCache::Instance()->FontServerId(), 2u);
 }
 
 TEST_F(HostTest, TwoPostsOfOneNameSendOneNotification) {

@@ -106,7 +106,7 @@ class HostTest : public ::testing::Test {
     options.data_dir = (dir_ / "data").string();
     options.cache_dir = (dir_ / "cache").string();
     options.switches = std::move(switches);
-    options.fonts = fonts_;
+    options.fonts = real_fonts_ ? nullptr : fonts_;  // null: the machine's fonts through fontconfig
     host_ = std::make_unique<host::Host>(options);
     host_->UseModuleEntry(InterceptedEntry);
     return *host_;
@@ -142,6 +142,7 @@ class HostTest : public ::testing::Test {
 
   std::filesystem::path dir_;
   std::shared_ptr<host::MemoryFontSource> fonts_;
+  bool real_fonts_ = false;
   std::unique_ptr<host::Host> host_;
 };
 

@@ -1,0 +1,140 @@
+// FontAccess over the host's font engine procedures bound at start-up.
+#include <memory>
+
+#include "hostglue/font_access.h"
+#include "hostglue/font_engine.h"
+#include "plugin/host_suites.h"
+
+namespace fontrix::hostglue {
+
+namespace {
+
+template <typename Proc>
+Proc Bound(const char* name) {
+  return reinterpret_cast<Proc>(FontEngineProcedure(name));
+}
+
+// Collects a path from the engine's sink callbacks.
+struct PathCollector {
+  GlyphPath& path;
+  static void Move(void* c, double x, double y) { Add(c, {GlyphPath::kMove, {x, 0, 0}, {y, 0, 0}}); }
+  static void Line(void* c, double x, double y) { Add(c, {GlyphPath::kLine, {x, 0, 0}, {y, 0, 0}}); }
+  static void Cubic(void* c, double x1, double y1, double x2, double y2, double x3, double y3) {
+    Add(c, {GlyphPath::kCurve, {x1, x2, x3}, {y1, y2, y3}});
+  }
+  static void Close(void* c) { Add(c, {GlyphPath::kClose, {0, 0, 0}, {0, 0, 0}}); }
+  static void Add(void* c, const GlyphPath::Segment& s) { static_cast<PathCollector*>(c)->path.segments.push_back(s); }
+};
+
+bool CopyPixels(const QVGreyPixels& p, GreyImage& image) {
+  if (!p.pixels || p.width < 0 || p.height < 0 || p.rowBytes < p.width) return false;
+  image.width = p.width;
+  image.height = p.height;
+  image.pixels.resize(size_t(p.width) * size_t(p.height));
+  for (int32_t y = 0; y < p.height; ++y)
+    std::copy(p.pixels + size_t(y) * size_t(p.rowBytes), p.pixels + size_t(y) * size_t(p.rowBytes) + p.width,
+              image.pixels.begin() + ptrdiff_t(size_t(y) * size_t(p.width)));
+  return true;
+}
+
+class HostAccess : public FontAccess {
+ public:
+  bool Names(QVFontHandle font, FontNames& names) override {
+    const QVFontSuite* fonts = qv::Suites().fonts;
+    const char *unique = nullptr, *family = nullptr, *style = nullptr;
+    if (!fonts || fonts->GetFontNames(font, &unique, &family, &style) != kQVNoErr || !unique) return false;
+    names = {unique, family ? family : "", style ? style : ""};
+    return true;
+  }
+  bool IsUsable(QVFontHandle font) override {
+    auto proc = Bound<QVIsFontUsableProc>(kQVProcIsFontUsable);
+    QVBool usable = 0;
+    return proc && proc(font, &usable) == kQVNoErr && usable;
+  }
+  bool Metrics(QVFontHandle font, QVFontMetrics& metrics) override {
+    auto proc = Bound<QVGetFontMetricsProc>(kQVProcGetFontMetrics);
+    return proc && proc(font, &metrics) == kQVNoErr;
+  }
+  bool Underline(QVFontHandle font, double& position, double& thickness) override {
+    auto proc = Bound<QVGetUnderlineProc>(kQVProcGetUnderline);
+    return proc && proc(font, &position, &thickness) == kQVNoErr;
+  }
+  bool Style(QVFontHandle font, QVFontStyle& style) override {
+    auto proc = Bound<QVGetFontStyleProc>(kQVProcGetFontStyle);
+    return proc && proc(font, &style) == kQVNoErr;
+  }
+  bool GlyphByCode(QVFontHandle font, uint32_t unicode, uint32_t& glyph) override {
+    auto proc = Bound<QVGetGlyphByCodeProc>(kQVProcGetGlyphByCode);
+    return proc && proc(font, unicode, &glyph) == kQVNoErr;
+  }
+  bool GlyphByName(QVFontHandle font, const std::string& name, uint32_t& glyph) override {
+    auto proc = Bound<QVGetGlyphByNameProc>(kQVProcGetGlyphByName);
+    return proc && proc(font, name.c_str(), &glyph) == kQVNoErr;
+  }
+  bool GlyphBox(QVFontHandle font, uint32_t glyph, QVGlyphBox& box) override {
+    auto proc = Bound<QVGetGlyphBoxProc>(kQVProcGetGlyphBox);
+    return proc && proc(font, glyph, &box) == kQVNoErr;
+  }
+  bool AdvanceWidth(QVFontHandle font, uint32_t glyph, double& advance) override {
+    auto proc = Bound<QVGetAdvanceWidthProc>(kQVProcGetAdvanceWidth);
+    return proc && proc(font, glyph, &advance) == kQVNoErr;
+  }
+  bool Outline(QVFontHandle font, uint32_t glyph, const double matrix[4], GlyphPath& path) override {
+    auto proc = Bound<QVGetGlyphOutlineProc>(kQVProcGetGlyphOutline);
+    if (!proc) return false;
+    path.segments.clear();
+    PathCollector collector{path};
+    QVPathSink sink{&collector, PathCollector::Move, PathCollector::Line, PathCollector::Cubic, PathCollector::Close};
+    return proc(font, glyph, matrix, &sink) == kQVNoErr;
+  }
+  bool Bitmap(QVFontHandle font, uint32_t glyph, const double matrix[4], GlyphBitmap& bitmap) override {
+    auto render = Bound<QVRenderGlyphBitmapProc>(kQVProcRenderGlyphBitmap);
+    auto release = Bound<QVReleaseGlyphBitmapProc>(kQVProcReleaseGlyphBitmap);
+    if (!render || !release) return false;
+    QVGlyphBitmap raw{};
+    if (render(font, glyph, matrix, &raw) != kQVNoErr) return false;
+    const bool ok = raw.width >= 0 && raw.height >= 0 && raw.stride * 8 >= raw.width && (raw.bits || !raw.height);
+    if (ok) {
+      bitmap.width = raw.width;
+      bitmap.height = raw.height;
+      bitmap.stride = raw.stride;
+      bitmap.bits.assign(raw.bits, raw.bits + size_t(raw.stride) * size_t(raw.height));
+    }
+    release(&raw);
+    return ok;
+  }
+  bool MeasureText(QVFontHandle font, const std::string& utf8, double size, QVIntRect& box) override {
+    auto proc = Bound<QVMeasureTextProc>(kQVProcMeasureText);
+    return proc && proc(font, utf8.c_str(), size, &box) == kQVNoErr;
+  }
+  bool DrawText(QVFontHandle font, const std::string& utf8, double size, const QVIntRect& bounds,
+                GreyImage& image) override {
+    auto make = Bound<QVNewRasterPortProc>(kQVProcNewRasterPort);
+    auto draw = Bound<QVDrawTextProc>(kQVProcDrawText);
+    auto read = Bound<QVGetRasterPortPixelsProc>(kQVProcGetRasterPortPixels);
+    auto dispose = Bound<QVDisposeRasterPortProc>(kQVProcDisposeRasterPort);
+    if (!make || !draw || !read || !dispose) return false;
+    QVRasterPort port = nullptr;
+    if (make(&bounds, &port) != kQVNoErr || !port) return false;
+    QVIntRect got{};
+    QVGreyPixels pixels{};
+    const bool ok = draw(port, font, utf8.c_str(), size) == kQVNoErr && read(port, &got, &pixels) == kQVNoErr &&
+                    CopyPixels(pixels, image);
+    dispose(port);
+    return ok;
+  }
+  bool ImagePixels(QVRasterHandle raster, GreyImage& image) override {
+    auto proc = Bound<QVGetRasterPixelsProc>(kQVProcGetRasterPixels);
+    QVGreyPixels pixels{};
+    return proc && proc(raster, &pixels) == kQVNoErr && CopyPixels(pixels, image);
+  }
+};
+
+}  // namespace
+
+FontAccess& HostFontAccess() {
+  static HostAccess access;
+  return access;
+}
+
+}  // namespace fontrix::hostglue
