@@ -1,56 +1,338 @@
 #include "similarity/font_similar_cache.h"
 
+#include <algorithm>
+#include <filesystem>
+
+#include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
+#include "plugin/cancellation.h"
+#include "plugin/host_suites.h"
+#include "plugin/process_wide.h"
+#include "similarity/specimen.h"
 
 namespace fontrix {
 
 namespace {
-std::mutex instance_mutex;
-std::shared_ptr<FontSimilarCache> instance;
-}  // namespace
 
-std::shared_ptr<FontSimilarCache> FontSimilarCache::Instance() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  return instance;
+std::mutex update_mutex;  // one update at a time; taken before the cache's own mutex
+std::mutex paths_mutex;
+SimilarityPaths resolved_paths;
+std::atomic<hostglue::FontAccess*> font_access{nullptr};
+
+hostglue::FontAccess& Fonts() {
+  hostglue::FontAccess* access = font_access.load();
+  return access ? *access : hostglue::HostFontAccess();
 }
 
+bool FontServicesAvailable() { return font_access.load() != nullptr || hostglue::FontEngineBound(); }
+
+std::string Folder(int32_t id) {
+  const QVFoldersSuite* folders = qv::Suites().folders;
+  char path[4096] = {0};
+  if (!folders || folders->FindFolder(id, 1, path, sizeof path) != kQVNoErr) return std::string();
+  return path;
+}
+
+}  // namespace
+
+const SimilarityPaths& ResolveSimilarityPaths() {
+  std::lock_guard<std::mutex> lock(paths_mutex);
+  if (resolved_paths.model.empty()) {
+    const std::string data = Folder(kQVFolderPluginData), cache = Folder(kQVFolderUserCache);
+    auto in = [](const std::string& folder, const char* file) {
+      return folder.empty() ? std::string() : folder + "/" + file;
+    };
+    resolved_paths = {in(data, "NQ_sim_model.dnm"),     in(data, "NQ_sim_fea_fs.bin"),
+                      in(data, "NQ_sim_meta_fs.bin"),   in(cache, "NQ_sim_fea_sys.cch"),
+                      in(cache, "NQ_sim_meta_sys.cch"), in(cache, "NQ_sim_debug_info.txt")};
+    if (!cache.empty()) SimilarityLog().SetFolder(cache);
+    CacheLog& log = SimilarityLog();
+    log.Info("Model File-Path : ", resolved_paths.model);
+    log.Info("Computed Feature File-Path : ", resolved_paths.computedFeature);
+    log.Info("Computed Meta File-Path : ", resolved_paths.computedMeta);
+    log.Info("Cached Feature File-Path : ", resolved_paths.cachedFeature);
+    log.Info("Cached Meta File-Path : ", resolved_paths.cachedMeta);
+    log.Info("Debug Info File Path : ", resolved_paths.debugInfo);
+  }
+  return resolved_paths;
+}
+
+void SetSimilarityPaths(const SimilarityPaths& paths) {
+  std::lock_guard<std::mutex> lock(paths_mutex);
+  resolved_paths = paths;
+}
+
+void FontSimilarCache::SetFontAccess(hostglue::FontAccess* access) { font_access.store(access); }
+
+std::shared_ptr<FontSimilarCache> FontSimilarCache::Instance() { return ProcessWide<FontSimilarCache>::Get(); }
 std::shared_ptr<FontSimilarCache> FontSimilarCache::GetOrCreate() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  if (!instance) instance = std::make_shared<FontSimilarCache>();
-  return instance;
+  return ProcessWide<FontSimilarCache>::GetOrCreate();
 }
 
 void FontSimilarCache::Terminate() {
-  std::lock_guard<std::mutex> lock(instance_mutex);
-  instance.reset();
+  if (auto cache = Instance()) {
+    std::lock_guard<std::mutex> update(update_mutex);
+    cache->SaveCache();
+  }
+  ProcessWide<FontSimilarCache>::Reset();
 }
 
-void FontSimilarCache::Load() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  SimilarityLog().Info("Loading Cache Data Starts: time : ", HostTime());
+void FontSimilarCache::Init() {
+  CacheLog& log = SimilarityLog();
+  try {
+    log.Info("Similar Cache Loading Start");
+    auto cache = GetOrCreate();
+    log.Info("Loading Cache Data Starts: time : ", HostTime());
+    const int result = cache->Load(ResolveSimilarityPaths());
+    log.Info(result == kLoadOk ? "Similar Cache Loaded successful" : "Similar Cache Loaded unsuccessful");
+  } catch (...) {
+    log.Info("Similar Cache Loading throws exception");
+  }
+}
+
+int FontSimilarCache::Load(const SimilarityPaths& paths) {
+  std::lock_guard<std::mutex> update(update_mutex);
+  return LoadLocked(paths);
+}
+
+int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
+  int result = kLoadModelMissing;
+  if (!loaded_.load() && std::filesystem::is_regular_file(paths.model)) {
+    // A save cut short by a crash leaves a torn tail; cut it back before the strict reader sees it.
+    const std::string repaired = RepairCachePair(paths.cachedMeta, paths.cachedFeature);
+    if (!repaired.empty()) SimilarityLog().Info(repaired);
+    std::lock_guard<std::mutex> lock(mutex_);
+    result = table_.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature, paths.model);
+    entryToFont_.assign(table_.Size(), -1);
+  }
+  LogFontCounts();
   loaded_.store(true);
+  return result;
 }
 
-bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId) {
+void FontSimilarCache::LogFontCounts() {
+  size_t total = 0, counts[4] = {0, 0, 0, 0};
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    total = table_.Size();
+    for (uint32_t s : table_.status)
+      if (s < 4) ++counts[s];
+  }
+  CacheLog& log = SimilarityLog();
+  log.Info(" total fonts loaded in DB:", total);
+  log.Info("Fontstream fonts: ", counts[0]);
+  log.Info("BXR fonts: ", counts[1]);
+  log.Info("System fonts: ", counts[2]);
+  log.Info("User fonts: ", counts[3]);
+}
+
+bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t currentId) {
+  CacheLog& log = SimilarityLog();
+  log.Info("Update : Cache Font Server ID - ", fontServerId_.load());
+  log.Info(" Current Font Server ID - ", currentId);
+  if (!FontServicesAvailable() || currentId < fontServerId_.load() || fonts.empty()) return false;
+  std::lock_guard<std::mutex> update(update_mutex);
+  log.Info("Update Starts with #Fonts = ", fonts.size());
+  if (CancelRequested()) return false;
+  // The init and update tasks run at once; an update that wins the race loads the table first
+  // rather than compute every font against an empty one.
+  if (!loaded_.load()) LoadLocked(ResolveSimilarityPaths());
+  // Without a network (no model file) no font can be computed: leave them for a later run.
+  if (table_.network.empty()) return false;
+  hostglue::FontAccess& access = Fonts();
+
+  std::vector<QVFontHandle> usable;
+  for (QVFontHandle f : fonts)
+    if (access.IsUsable(f)) usable.push_back(f);
+  progress_.Start(uint32_t(usable.size()));
+
+  // Matching: by identifier unless it is "0" (always so for fonts on this machine), then by name.
+  std::vector<std::string> names(usable.size());
+  for (size_t i = 0; i < usable.size(); ++i) {
+    hostglue::FontNames n;
+    if (access.Names(usable[i], n)) names[i] = n.uniqueName;
+  }
+  std::vector<size_t> unmatched;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    installedNames_ = names;
+    entryToFont_.assign(table_.Size(), -1);
+    fontToEntry_.assign(usable.size(), -1);
+    // Installed fonts carry the identifier "0", which is never looked up: they match by name,
+    // the first equal entry.
+    const auto& entryNames = table_.columns[3];
+    for (size_t i = 0; i < usable.size(); ++i) {
+      const auto hit = std::find(entryNames.begin(), entryNames.end(), names[i]);
+      if (hit != entryNames.end()) {
+        const size_t e = size_t(hit - entryNames.begin());
+        entryToFont_[e] = int32_t(i);
+        fontToEntry_[i] = int32_t(e);
+      } else {
+        unmatched.push_back(i);
+      }
+    }
+  }
+  progress_.matched.store(uint32_t(usable.size() - unmatched.size()));
+  progress_.done.store(progress_.matched.load());
+  log.Info("Update : Total Font Size :", usable.size(), " ", "Unmatched font List size : ", unmatched.size());
+
+  bool changed = false;
+  log.Info("Update : Processing Starts at time : ", HostTime());
+  for (size_t i : unmatched) {
+    if (CancelRequested()) break;
+    try {
+      log.Info("Processing Font : Name - ", names[i]);
+      Specimens specimens;
+      const int result = RenderSpecimens(access, usable[i], specimens);
+      if (result == kRenderUnusable) {
+        progress_.unusable++;
+        changed = true;
+      } else {
+        StoreFont(i, result, specimens);
+        changed = true;
+        // The sizes are printed in storage order under crossed labels, as the log has always read.
+        log.Info("Processed Font : Result - ", result == kRenderOk ? "Success" : "Failure",
+                 " Upper Case Dimension : Height : ", specimens.lower.height, " Width : ", specimens.lower.width,
+                 " lower Case Dimension : Height : ", specimens.upper.height, " Width : ", specimens.upper.width);
+      }
+    } catch (...) {
+      log.Detail("Processing Font throws");
+    }
+    progress_.done++;
+  }
+  log.Info("Update : Processing Ends at time : ", HostTime());
+  fontServerId_.store(currentId);
+  return changed;
+}
+
+void FontSimilarCache::StoreFont(size_t fontIndex, int drawResult, const Specimens& specimens) {
+  // The network runs outside the cache mutex, so queries wait only for the append: only
+  // updates use it, and they run one at a time under the update mutex.
+  std::vector<float> feature(kFeatureDim, 0.0f);
+  uint32_t status = kStatusUnusable;
+  if (drawResult == kRenderOk && specimens.lower.height >= 1) {
+    feature = ComputeFeature(table_.network, specimens);
+    status = kStatusInstalled;
+  }
   std::lock_guard<std::mutex> lock(mutex_);
-  if (fontServerId < fontServerId_.load()) return false;
-  progress_.Start(uint32_t(fonts.size()));
-  fontServerId_.store(fontServerId);
-  SimilarityLog().Info(" Current Font Server ID - ", fontServerId);
-  progress_.Finish();
-  return false;
+  if (fontToEntry_[fontIndex] != -1) return;
+  const size_t entry = table_.AddInstalled(feature, status, installedNames_[fontIndex]);
+  fontToEntry_[fontIndex] = int32_t(entry);
+  entryToFont_.push_back(int32_t(fontIndex));
+  (status == kStatusUnusable ? progress_.unusable : progress_.computed)++;
+}
+
+void FontSimilarCache::SaveCache() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  CacheLog& log = SimilarityLog();
+  log.Info("Cache Saving Start : time :", HostTime());
+  table_.Save();
+  log.Info("Cache Saving Ends : time :", HostTime());
+}
+
+namespace {
+
+// The dot product in eight running sums, so the compiler can keep them in one vector register.
+float Dot(const float* a, const float* b, size_t n) {
+  float sums[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (size_t k = 0; k < 8; ++k) sums[k] += a[i + k] * b[i + k];
+  float score = 0;
+  for (; i < n; ++i) score += a[i] * b[i];
+  for (float s : sums) score += s;
+  return score;
+}
+
+}  // namespace
+
+std::vector<FontSimilarCache::Scored> FontSimilarCache::RankLocked(int64_t queryEntry,
+                                                                   const std::vector<float>& queryVector) {
+  const bool byEntry = queryEntry >= 0 && size_t(queryEntry) < table_.Size();
+  const float* query = byEntry ? table_.Feature(size_t(queryEntry)) : queryVector.data();
+  const size_t n = byEntry ? table_.featureDim : std::min<size_t>(queryVector.size(), table_.featureDim);
+  std::vector<Scored> ranked;
+  ranked.reserve(table_.Size());
+  for (size_t j = 0; j < table_.Size(); ++j) {
+    if (byEntry && int64_t(j) == queryEntry) continue;
+    const int32_t font = j < entryToFont_.size() ? entryToFont_[j] : -1;
+    // An entry computed for a font no longer installed ("0" in field 3) is not offered.
+    if (font == -1 && table_.columns[2][j] == "0") continue;
+    if (table_.status[j] == kStatusUnusable) continue;
+    ranked.push_back({Dot(table_.Feature(j), query, n), uint32_t(j), font});
+  }
+  // Not stable: equal scores come in no defined order.
+  std::sort(ranked.begin(), ranked.end(), [](const Scored& a, const Scored& b) { return a.score > b.score; });
+  return ranked;
+}
+
+std::vector<RankedRecord> FontSimilarCache::Records(const std::vector<Scored>& scored) {
+  std::vector<RankedRecord> records(scored.size());
+  for (size_t k = 0; k < scored.size(); ++k) {
+    RankedRecord& r = records[k];
+    r.score = scored[k].score;
+    r.fontIndex = scored[k].fontIndex;
+    r.status = table_.status[scored[k].entry];
+    if (r.fontIndex == -1) {
+      r.fontServerId = table_.columns[0][scored[k].entry];
+      r.name = table_.columns[3][scored[k].entry];
+    }
+  }
+  return records;
+}
+
+std::vector<RankedRecord> FontSimilarCache::RankByVector(int64_t queryEntry, const std::vector<float>& queryVector) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return Records(RankLocked(queryEntry, queryVector));
 }
 
 std::vector<std::pair<std::string, double>> FontSimilarCache::GetSimilarFonts(const std::string& fontName) {
   std::lock_guard<std::mutex> lock(mutex_);
-  // A font without a usable entry is its own only answer.
-  return {{fontName, 1.0}};
+  auto it = std::find(installedNames_.begin(), installedNames_.end(), fontName);
+  const int32_t entry = it == installedNames_.end() ? -1 : fontToEntry_[size_t(it - installedNames_.begin())];
+  if (entry < 0 || table_.status[size_t(entry)] == kStatusUnusable) return {{fontName, 1.0}};
+  std::vector<std::pair<std::string, double>> result;
+  for (const Scored& r : RankLocked(entry, {})) {
+    if (result.size() >= kMaxSimilarFonts) break;
+    if (r.fontIndex >= 0) result.emplace_back(installedNames_[size_t(r.fontIndex)], double(r.score));
+  }
+  return result;
 }
 
 std::vector<std::string> FontSimilarCache::GetSimilarFontNames(const std::string& fontName) {
   std::vector<std::string> names;
   for (auto& [name, score] : GetSimilarFonts(fontName)) names.push_back(name);
   return names;
+}
+
+std::vector<RankedRecord> FontSimilarCache::GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,
+                                                                const std::vector<float>& weights) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<float> query(kFeatureDim, 0.0f);
+  size_t kept = 0;
+  for (size_t k = 0; k < fontIndices.size() && k < weights.size() && kept < kMaxFontSetSize; ++k) {
+    const int32_t font = fontIndices[k];
+    if (font < 0 || size_t(font) >= fontToEntry_.size() || fontToEntry_[size_t(font)] < 0) continue;
+    const float* f = table_.Feature(size_t(fontToEntry_[size_t(font)]));
+    for (size_t i = 0; i < query.size(); ++i) query[i] += weights[k] * f[i];
+    ++kept;
+  }
+  return Records(RankLocked(-1, query));
+}
+
+std::vector<std::string> FontSimilarCache::InstalledFonts() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return installedNames_;
+}
+
+size_t FontSimilarCache::Size() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return table_.Size();
+}
+
+std::pair<std::vector<float>, uint32_t> FontSimilarCache::Entry(size_t index) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return {table_.FeatureVector(index), table_.status.at(index)};
 }
 
 }  // namespace fontrix

@@ -1,5 +1,7 @@
 #pragma once
-// The similarity cache: one 768-value feature vector per font, and the similar-font queries.
+// The similarity cache: the process-wide owner of the similarity table, loaded by the init
+// task, brought up to date with the installed fonts by the update task, appended to its cache
+// files when torn down, and read by the similar-font queries.
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -8,40 +10,99 @@
 #include <utility>
 #include <vector>
 
+#include "hostglue/font_access.h"
 #include "plugin/cache_progress.h"
 #include "sdk/qv_types.h"
+#include "similarity/similarity_table.h"
 
 namespace fontrix {
 
+/// The six files of the similarity service.
+struct SimilarityPaths {
+  std::string model, computedFeature, computedMeta, cachedFeature, cachedMeta, debugInfo;
+};
+
+/// Computes the six paths through the host's folders (main thread) and logs them; done once.
+const SimilarityPaths& ResolveSimilarityPaths();
+/// Replaces the paths (tests; a host with other folders).
+void SetSimilarityPaths(const SimilarityPaths& paths);
+
+/// One candidate of a ranking.
+struct RankedRecord {
+  float score = 0;
+  int32_t fontIndex = -1;    ///< the installed font matched to the entry, or -1
+  std::string fontServerId;  ///< field 1, when fontIndex is -1
+  std::string name;          ///< field 4, when fontIndex is -1
+  uint32_t status = 0;
+};
+
 class FontSimilarCache {
  public:
+  static constexpr size_t kMaxSimilarFonts = 80;
+  static constexpr size_t kMaxFontSetSize = 5;
+
   /// The process-wide instance, or null when none has been created.
   static std::shared_ptr<FontSimilarCache> Instance();
   /// The instance, created when absent.
   static std::shared_ptr<FontSimilarCache> GetOrCreate();
-  /// Saves what needs saving and destroys the instance.
+  /// Saves the pending entries and releases the instance.
   static void Terminate();
+  /// Creates the instance and loads the files of ResolveSimilarityPaths() (init task).
+  static void Init();
+  /// The fonts, glyphs and text the update draws with; the host's by default.
+  static void SetFontAccess(hostglue::FontAccess* access);
 
-  /// Loads the model and the cache files.
-  void Load();
-  /// Brings the cache up to date with `fonts`, the font list of generation `fontServerId`;
-  /// does nothing for an identifier lower than the last one processed. True when the cache
-  /// changed.
+  /// Loads the shipped pair, the cache pair (cut back first when a save was torn) and the
+  /// model, when nothing is loaded yet and the model exists; the table's load result.
+  int Load(const SimilarityPaths& paths);
+  /// Brings the table up to date with `fonts`, the font list of generation `fontServerId`: fonts
+  /// matched by identifier or name keep their entry, the others are drawn and computed. Does
+  /// nothing for a lower identifier. True when a font was stored or found unusable.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
+  /// Appends the entries computed since the last save to the cache files.
+  void SaveCache();
+  void LogFontCounts();
 
-  /// The installed fonts most like font `fontName`, best first, with their scores.
+  /// Scores every entry by dot product with the query vector, best first. `queryEntry` (a
+  /// valid table index) supplies the vector and is left out; otherwise `queryVector` is used.
+  std::vector<RankedRecord> RankByVector(int64_t queryEntry, const std::vector<float>& queryVector);
+  /// The installed fonts most like installed font `fontName`, best first, at most 80; a font
+  /// without a usable entry gets the single answer (its name, 1.0).
   std::vector<std::pair<std::string, double>> GetSimilarFonts(const std::string& fontName);
-  /// The names of GetSimilarFonts, in the same order.
   std::vector<std::string> GetSimilarFontNames(const std::string& fontName);
+  /// Ranks by the weighted sum of the vectors of up to five installed fonts (by their index in
+  /// the last matching pass) that have entries; cloud fonts included.
+  std::vector<RankedRecord> GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,
+                                                const std::vector<float>& weights);
 
   bool Loaded() const { return loaded_.load(); }
   uint32_t FontServerId() const { return fontServerId_.load(); }
   CacheProgress& Progress() { return progress_; }
+  /// Installed-font names of the last matching pass, in font-list order.
+  std::vector<std::string> InstalledFonts();
+  /// Entries in the table.
+  size_t Size();
+  /// A copy of one entry's vector and status (tests, diagnostics).
+  std::pair<std::vector<float>, uint32_t> Entry(size_t index);
 
  private:
-  std::mutex mutex_;
-  std::atomic<bool> loaded_{false};
+  struct Scored {
+    float score;
+    uint32_t entry;
+    int32_t fontIndex;
+  };
+  int LoadLocked(const SimilarityPaths& paths);  // with the update mutex held
+  // Ranking and turning its results into records, with the cache mutex held.
+  std::vector<Scored> RankLocked(int64_t queryEntry, const std::vector<float>& queryVector);
+  std::vector<RankedRecord> Records(const std::vector<Scored>& scored);
+  void StoreFont(size_t fontIndex, int drawResult, const struct Specimens& specimens);
+
+  std::mutex mutex_;  // guards the table and the maps against the queries
+  SimilarityTable table_;
+  std::vector<int32_t> entryToFont_, fontToEntry_;
+  std::vector<std::string> installedNames_;
   std::atomic<uint32_t> fontServerId_{0};
+  std::atomic<bool> loaded_{false};
   CacheProgress progress_;
 };
 

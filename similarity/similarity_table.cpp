@@ -1,0 +1,159 @@
+#include "similarity/similarity_table.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "deepnet/model_io.h"
+
+namespace fontrix {
+
+namespace fs = std::filesystem;
+
+uint32_t ShippedStatus(const std::string& identifier) {
+  switch (identifier.size()) {
+    case 7:
+      return kStatusIdentifier7;
+    case 12:
+      return kStatusIdentifier12;
+    default:
+      return kStatusIdentifierOther;
+  }
+}
+
+bool IsAllZero(const std::vector<float>& feature) {
+  if (feature.empty()) return true;
+  const auto [lo, hi] = std::minmax_element(feature.begin(), feature.end());
+  return *lo == 0.0f && *hi == 0.0f;
+}
+
+void SimilarityTable::Clear() {
+  features.clear();
+  for (auto& c : columns) c.clear();
+  status.clear();
+  pending.clear();
+}
+
+int SimilarityTable::ReadMeta(const std::string& path,
+                              std::array<std::vector<std::string>, kMetaLinesPerFont>& columns) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return 0;
+  size_t lines = 0;
+  int groups = 0;
+  for (std::string line; std::getline(in, line); ++lines) {
+    // Files written on other systems may end lines with "\r\n"; the return is not part of a name.
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    columns[lines % kMetaLinesPerFont].push_back(std::move(line));
+    if (lines % kMetaLinesPerFont == kMetaLinesPerFont - 1) ++groups;
+  }
+  return lines % kMetaLinesPerFont == 0 ? groups : -1;
+}
+
+int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache) {
+  const int failed = isCache ? kLoadCacheFailed : kLoadShippedFailed;
+  if (metaPath.empty() || featurePath.empty()) return kLoadOk;
+  size_t index = Size();
+  const int groups = ReadMeta(metaPath, columns);
+  if (groups == -1) return failed;
+  if (!isCache && groups != kShippedFontCount) return failed;
+  std::ifstream in(featurePath, std::ios::binary);
+  int records = 0;
+  std::vector<float> record(featureDim);
+  while (in) {
+    in.read(reinterpret_cast<char*>(record.data()), std::streamsize(featureDim * sizeof(float)));
+    const std::streamsize got = in.gcount();
+    if (got == 0) break;
+    if (got != std::streamsize(featureDim * sizeof(float))) return failed;
+    // Little-endian floats on disk; this is a little-endian machine.
+    features.insert(features.end(), record.begin(), record.end());
+    uint32_t s = kStatusInstalled;
+    if (IsAllZero(record))
+      s = kStatusUnusable;
+    else if (!isCache)
+      s = ShippedStatus(index < columns[0].size() ? columns[0][index] : std::string());
+    status.push_back(s);
+    ++index;
+    ++records;
+  }
+  return records == groups ? kLoadOk : failed;
+}
+
+int SimilarityTable::Load(const std::string& computedMeta, const std::string& computedFeature,
+                          const std::string& cachedMeta, const std::string& cachedFeature, const std::string& model) {
+  featureDim = kFeatureDim;
+  cacheMetaPath = cachedMeta;
+  cacheFeaturePath = cachedFeature;
+  Clear();
+  if (int r = ReadPair(computedMeta, computedFeature, false); r != kLoadOk) return r;
+  if (int r = ReadPair(cachedMeta, cachedFeature, true); r != kLoadOk) return r;
+  std::ifstream file(model, std::ios::binary | std::ios::ate);
+  if (!file || !fs::is_regular_file(model)) return kLoadModelMissing;
+  const std::streamoff size = file.tellg();
+  std::vector<uint8_t> buffer(size > 0 ? size_t(size) : 0);
+  file.seekg(0);
+  if (!buffer.empty() && !file.read(reinterpret_cast<char*>(buffer.data()), std::streamsize(buffer.size())))
+    return kLoadModelMissing;
+  network.clear();
+  deepnet::deepnet_deserialize_layer_model(buffer.data(), buffer.data() + buffer.size(), network);
+  return kLoadOk;
+}
+
+size_t SimilarityTable::AddInstalled(const std::vector<float>& feature, uint32_t entryStatus,
+                                     const std::string& uniqueName) {
+  status.push_back(entryStatus);
+  features.insert(features.end(), feature.begin(), feature.end());
+  features.resize(status.size() * featureDim, 0.0f);
+  columns[3].push_back(uniqueName);
+  columns[4].push_back("userFamily");
+  columns[5].push_back("userSubFamily");
+  for (int c = 0; c < 3; ++c) columns[size_t(c)].push_back("0");
+  pending.push_back(Size() - 1);
+  return Size() - 1;
+}
+
+void SimilarityTable::Save() {
+  std::ofstream meta(cacheMetaPath, std::ios::app | std::ios::binary);
+  std::ofstream feature(cacheFeaturePath, std::ios::app | std::ios::binary);
+  if (!meta || !feature) return;
+  for (size_t i : pending) {
+    meta << "0\n0\n0\n" << columns[3][i] << '\n' << columns[4][i] << '\n' << columns[5][i] << '\n';
+    feature.write(reinterpret_cast<const char*>(Feature(i)), std::streamsize(featureDim * sizeof(float)));
+  }
+  meta.flush();
+  feature.flush();
+  pending.clear();
+}
+
+std::string RepairCachePair(const std::string& metaPath, const std::string& featurePath) {
+  std::error_code ec;
+  if (!fs::exists(metaPath, ec) && !fs::exists(featurePath, ec)) return "";
+  // Byte offset just past each complete line of the meta file.
+  std::vector<uint64_t> line_ends;
+  {
+    std::ifstream in(metaPath, std::ios::binary);
+    uint64_t offset = 0;
+    for (std::string line; std::getline(in, line);) {
+      offset += line.size();
+      if (in.eof()) break;  // the last line has no line break: it is torn
+      ++offset;
+      line_ends.push_back(offset);
+    }
+  }
+  const uint64_t meta_size = fs::exists(metaPath, ec) ? fs::file_size(metaPath, ec) : 0;
+  const uint64_t feature_size = fs::exists(featurePath, ec) ? fs::file_size(featurePath, ec) : 0;
+  const uint64_t groups = line_ends.size() / kMetaLinesPerFont;
+  const uint64_t records = feature_size / kFeatureRecordBytes;
+  const uint64_t keep = std::min(groups, records);
+  const uint64_t meta_keep = keep ? line_ends[keep * kMetaLinesPerFont - 1] : 0;
+  const uint64_t feature_keep = keep * kFeatureRecordBytes;
+  if (meta_keep == meta_size && feature_keep == feature_size) return "";
+  if (fs::exists(metaPath, ec)) fs::resize_file(metaPath, meta_keep, ec);
+  if (!ec && fs::exists(featurePath, ec)) fs::resize_file(featurePath, feature_keep, ec);
+  if (ec) return "Cache Repair failed: " + ec.message();
+  return "Cache Repaired: kept " + std::to_string(keep) + " whole entries; meta cut from " + std::to_string(meta_size) +
+         " to " + std::to_string(meta_keep) + " bytes, features from " + std::to_string(feature_size) + " to " +
+         std::to_string(feature_keep) + " bytes";
+}
+
+}  // namespace fontrix
