@@ -36,6 +36,10 @@ const char* const kHelp =
     "\n"
     "Commands:\n"
     "  fonts               the installed fonts the module uses: unique name, family, style\n"
+    "  similar NAME [--sheet FILE]\n"
+    "                      the installed fonts most like font NAME, best first, with scores;\n"
+    "                      --sheet writes a PNG contact sheet of their specimens\n"
+    "  index               brings the module's caches up to date and reports what it did\n"
     "  specimen NAME TEXT -o FILE [--size N]\n"
     "                      draws TEXT in the installed font NAME (its unique name) into the PNG\n"
     "                      FILE, N pixels to the em (default 200), as the module draws text\n"
@@ -64,6 +68,7 @@ struct Options {
   bool debug_log = false, json = false, help = false, version = false;
   size_t limit = std::numeric_limits<size_t>::max();
   std::string output;  // specimen: -o
+  std::string sheet;   // similar: --sheet
   double size = 0;     // specimen: --size; 0 until given
   std::string command;
   std::vector<std::string> args;
@@ -72,7 +77,7 @@ struct Options {
 constexpr double kDefaultSpecimenSize = 200;
 
 // Each command and the number of arguments it takes.
-const std::pair<const char*, size_t> kCommands[] = {{"fonts", 0}, {"specimen", 2}};
+const std::pair<const char*, size_t> kCommands[] = {{"fonts", 0}, {"similar", 1}, {"index", 0}, {"specimen", 2}};
 
 double ParseSize(const std::string& text) {
   char* end = nullptr;
@@ -107,7 +112,7 @@ Options Parse(int argc, char** argv) {
     const std::string name = arg.substr(0, equals);
     const bool inline_value = equals != std::string::npos;
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
-        name == "--limit" || name == "-o" || name == "--output" || name == "--size") {
+        name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -127,6 +132,7 @@ Options Parse(int argc, char** argv) {
       if (name == "--limit") options.limit = ParseLimit(value);
       if (name == "-o" || name == "--output") options.output = value;
       if (name == "--size") options.size = ParseSize(value);
+      if (name == "--sheet") options.sheet = value;
       continue;
     }
     bool* flag = name == "--debug-log" ? &options.debug_log
@@ -156,6 +162,7 @@ Options Parse(int argc, char** argv) {
   if (!specimen && (!options.output.empty() || options.size))
     throw UsageError(std::string(options.output.empty() ? "--size" : "-o") + " is for specimen only");
   if (specimen && !options.size) options.size = kDefaultSpecimenSize;
+  if (!options.sheet.empty() && options.command != "similar") throw UsageError("--sheet is for similar only");
   return options;
 }
 
@@ -326,13 +333,10 @@ class HeldSuite {
   const Suite* suite_;
 };
 
-// The font is found, and the text drawn, through the suites and engine procedures the module
-// uses; a name that is not installed lists the installed names most like it.
-void DrawSpecimenFile(Host& host, const Options& options) {
-  const std::string& name = options.args[0];
-  const std::string& text = options.args[1];
+// The installed font named `name`; a name that is not installed fails, listing the installed
+// names most like it.
+QVFontHandle FindInstalledFont(Host& host, const std::string& name) {
   HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
-  HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
   QVFontHandle font = nullptr;
   if (const QVErr err = fonts->FindFontByName(name.c_str(), &font)) {
     if (err != kQVNotFoundErr) Check(err, "finding the font");
@@ -343,6 +347,16 @@ void DrawSpecimenFile(Host& host, const Options& options) {
     throw Failure("no installed font is named '" + name + "'" +
                   (close.empty() ? " (fontrix fonts lists them)" : "; close names: " + close));
   }
+  return font;
+}
+
+// The font is found, and the text drawn, through the suites and engine procedures the module
+// uses.
+void DrawSpecimenFile(Host& host, const Options& options) {
+  const std::string& name = options.args[0];
+  const std::string& text = options.args[1];
+  HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
+  const QVFontHandle font = FindInstalledFont(host, name);
   Specimen specimen;
   try {
     specimen = DrawSpecimen(*glue, font, text, options.size);
@@ -369,12 +383,145 @@ void DrawSpecimenFile(Host& host, const Options& options) {
   std::fflush(stdout);
 }
 
+// Appends a specimen row to a contact sheet: `label` (in the sheet's label font) above the
+// specimen of `font`; rows are left-aligned on white.
+void AddSheetRow(std::vector<Specimen>& rows, const QVFontGlueSuite& glue, QVFontHandle label_font,
+                 const std::string& label, QVFontHandle font) {
+  try {
+    if (label_font) rows.push_back(DrawSpecimen(glue, label_font, label, 18));
+    rows.push_back(DrawSpecimen(glue, font, "Handgloves abcdefghij ABCDEFGHIJ 0123456789", 48));
+  } catch (const std::runtime_error&) {
+    // A font that cannot draw the specimen leaves its label alone on the sheet.
+  }
+}
+
+void WriteSheet(const std::string& path, const std::vector<Specimen>& rows) {
+  constexpr int32_t kMargin = 12;
+  int32_t width = 0, height = kMargin;
+  for (const Specimen& r : rows) width = std::max(width, r.width), height += r.height + kMargin;
+  width += 2 * kMargin;
+  std::vector<uint8_t> sheet(size_t(width) * size_t(height), 255);
+  int32_t y = kMargin;
+  for (const Specimen& r : rows) {
+    for (int32_t row = 0; row < r.height; ++row)
+      std::copy_n(r.pixels.begin() + ptrdiff_t(row) * r.width, r.width,
+                  sheet.begin() + ptrdiff_t(y + row) * width + kMargin);
+    y += r.height + kMargin;
+  }
+  WritePng(path, QVGreyPixels{width, height, width, sheet.data()});
+}
+
+struct SimilarRow {
+  std::string name, family, style;
+  double score;
+};
+
+// Asks the module's similar-font suite, exactly as another plug-in would.
+void Similar(Host& host, const Options& options) {
+  const std::string& name = options.args[0];
+  const QVFontHandle query = FindInstalledFont(host, name);
+  HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
+  std::vector<std::pair<std::string, double>> found;
+  FontrixFontList list{
+      &found, [](void* c) { static_cast<decltype(found)*>(c)->clear(); },
+      [](void* c, const FontrixFontResult* f) { static_cast<decltype(found)*>(c)->emplace_back(f->name, f->score); }};
+  const QVErr err = similar->GetSimilarFontNames(name.c_str(), &list);
+  if (err == kQVNotInitialisedErr)
+    throw Failure("the similarity service is not running (switched off, or its data is missing)");
+  Check(err, "the similar-font query");
+  // A font the service could not image answers with itself alone: nothing is like it.
+  if (found.size() == 1 && found[0].first == name) found.clear();
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+  std::vector<SimilarRow> rows;
+  for (const auto& [result, score] : found) {
+    if (rows.size() >= options.limit) break;
+    QVFontHandle font = nullptr;
+    const char *unique = nullptr, *family = nullptr, *style = nullptr;
+    if (fonts->FindFontByName(result.c_str(), &font) || fonts->GetFontNames(font, &unique, &family, &style))
+      family = style = "";
+    rows.push_back({result, family ? family : "", style ? style : "", score});
+  }
+  std::string out;
+  if (options.json) {
+    out = "{\"query\": " + JsonString(name) + ", \"results\": [";
+    for (size_t i = 0; i < rows.size(); ++i) {
+      char score[32];
+      std::snprintf(score, sizeof score, "%.6f", rows[i].score);
+      out += std::string(i ? ", " : "") + "{\"name\": " + JsonString(rows[i].name) +
+             ", \"family\": " + JsonString(rows[i].family) + ", \"style\": " + JsonString(rows[i].style) +
+             ", \"score\": " + score + "}";
+    }
+    out += "]}\n";
+  } else if (rows.empty()) {
+    out = "no font is known to be like " + name + " (the similarity service could not image it)\n";
+  } else {
+    size_t w = 4;
+    for (const auto& r : rows) w = std::max(w, DisplayWidth(r.name));
+    for (const auto& r : rows) {
+      char score[32];
+      std::snprintf(score, sizeof score, "%.4f", r.score);
+      out += std::string(score) + "  " + r.name + std::string(w - DisplayWidth(r.name) + 2, ' ') + r.family + "  " +
+             r.style + "\n";
+    }
+  }
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  if (!options.sheet.empty()) {
+    HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
+    QVFontHandle label = nullptr;
+    if (fonts->FindFontByName("DejaVuSans", &label)) label = nullptr;
+    std::vector<Specimen> sheet;
+    AddSheetRow(sheet, *glue, label, name + " (query)", query);
+    for (const auto& r : rows) {
+      QVFontHandle font = nullptr;
+      char score[32];
+      std::snprintf(score, sizeof score, "%.4f", r.score);
+      if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
+    }
+    try {
+      WriteSheet(options.sheet, sheet);
+    } catch (const std::runtime_error& e) {
+      throw Failure(std::string("cannot write the sheet: ") + e.what());
+    }
+  }
+  std::fflush(stdout);
+}
+
+// What the module's background work did, per service, as its progress suite tells it.
+void Index(const FontrixProgressSuite& progress, const Options& options, double seconds) {
+  static const char* const kNames[] = {"classification", "similarity", "recognition"};
+  std::string out = options.json ? "{\"services\": [" : "";
+  for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
+    FontrixServiceProgress p{};
+    Check(progress.GetServiceProgress(service, &p), "reading the module's progress");
+    char line[256];
+    if (options.json) {
+      std::snprintf(line, sizeof line,
+                    "%s{\"service\": \"%s\", \"enabled\": %s, \"fonts\": %u, \"matched\": %u, "
+                    "\"computed\": %u, \"unusable\": %u}",
+                    service ? ", " : "", kNames[service], p.enabled ? "true" : "false", p.fontsTotal, p.fontsMatched,
+                    p.fontsComputed, p.fontsUnusable);
+    } else if (!p.enabled) {
+      std::snprintf(line, sizeof line, "%-15s off\n", kNames[service]);
+    } else {
+      std::snprintf(line, sizeof line, "%-15s %u fonts: %u already cached, %u computed, %u unusable\n", kNames[service],
+                    p.fontsTotal, p.fontsMatched, p.fontsComputed, p.fontsUnusable);
+    }
+    out += line;
+  }
+  char tail[96];
+  std::snprintf(tail, sizeof tail, options.json ? "], \"seconds\": %.2f}\n" : "took %.2f s\n", seconds);
+  out += tail;
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+}
+
 int RunCommand(const Options& options) {
   HostOptions host_options;
   host_options.data_dir = options.data_dir;
   host_options.cache_dir = options.cache_dir;
   for (const std::string& key : options.disabled) host_options.switches[key] = false;
   if (options.debug_log) host_options.switches[kSwitchDumpDebugInfo] = true;
+  const double started = Seconds();
   Host host(std::move(host_options));
   host.LoadModule(FindModule(options.module));
 
@@ -395,6 +542,10 @@ int RunCommand(const Options& options) {
         status = 130;
       } else if (options.command == "fonts") {
         Fonts(host, *progress, options);
+      } else if (options.command == "similar") {
+        Similar(host, options);
+      } else if (options.command == "index") {
+        Index(*progress, options, Seconds() - started);
       }
     }
   } catch (const Failure& e) {

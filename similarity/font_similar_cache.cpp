@@ -172,19 +172,27 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
       }
     }
   }
-  progress_.matched.store(uint32_t(usable.size() - unmatched.size()));
-  progress_.done.store(progress_.matched.load());
+  // Fonts stored by earlier updates of this run match now, but were not in the files.
+  const size_t matched = usable.size() - unmatched.size();
+  progress_.matched.store(uint32_t(matched - std::min(matched, storedThisRun_)));
+  progress_.done.store(uint32_t(matched));
   log.Info("Update : Total Font Size :", usable.size(), " ", "Unmatched font List size : ", unmatched.size());
 
   bool changed = false;
   log.Info("Update : Processing Starts at time : ", HostTime());
   for (size_t i : unmatched) {
     if (CancelRequested()) break;
+    // A font found unusable in this run is not stored, and would be found unusable again.
+    if (unusableThisRun_.count(names[i])) {
+      progress_.done++;
+      continue;
+    }
     try {
       log.Info("Processing Font : Name - ", names[i]);
       Specimens specimens;
       const int result = RenderSpecimens(access, usable[i], specimens);
       if (result == kRenderUnusable) {
+        unusableThisRun_.insert(names[i]);
         progress_.unusable++;
         changed = true;
       } else {
@@ -219,6 +227,7 @@ void FontSimilarCache::StoreFont(size_t fontIndex, int drawResult, const Specime
   const size_t entry = table_.AddInstalled(feature, status, installedNames_[fontIndex]);
   fontToEntry_[fontIndex] = int32_t(entry);
   entryToFont_.push_back(int32_t(fontIndex));
+  ++storedThisRun_;
   (status == kStatusUnusable ? progress_.unusable : progress_.computed)++;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -101,6 +102,8 @@ class FontSimilarCache {
   SimilarityTable table_;
   std::vector<int32_t> entryToFont_, fontToEntry_;
   std::vector<std::string> installedNames_;
+  size_t storedThisRun_ = 0;               // entries this instance added
+  std::set<std::string> unusableThisRun_;  // fonts that could not be imaged, by name
   std::atomic<uint32_t> fontServerId_{0};
   std::atomic<bool> loaded_{false};
   CacheProgress progress_;

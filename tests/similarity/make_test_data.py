@@ -1,0 +1,40 @@
+#!/usr/bin/python3
+"""Writes stand-in similarity data into a folder, for tests and demonstrations until the
+trained data lands: a small network whose "pool4" gives 768 values per 109 x 109 crop
+("NQ_sim_model.dnm") and a shipped pair of 1864 cloud fonts with random unit-half vectors
+("NQ_sim_fea_fs.bin", "NQ_sim_meta_fs.bin").
+
+Usage: make_test_data.py FOLDER
+"""
+import os
+import sys
+
+import numpy as np
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "training"))
+import dnm  # noqa: E402
+
+
+def main(folder):
+    os.makedirs(folder, exist_ok=True)
+    rng = np.random.RandomState(109)
+    # 109 -> max-pool 3/3 -> 37 -> conv 5/5, 192 channels -> 7 -> max-pool 4/3 -> 2 x 2 x 192.
+    dnm.write_model(os.path.join(folder, "NQ_sim_model.dnm"), [
+        dnm.Data("data"),
+        dnm.MaxPool("pool0", "data", 3, 3),
+        dnm.Conv("conv", "pool0", rng.normal(0, 0.02, (192, 1, 5, 5)).astype(np.float32),
+                 np.full(192, 0.5, np.float32), num_input=1, num_output=192, kernel_w=5, kernel_h=5,
+                 stride_w=5, stride_h=5),
+        dnm.ReLU("relu", "conv"),
+        dnm.MaxPool("pool4", "relu", 4, 4, stride_w=3, stride_h=3),
+    ])
+    vectors = np.abs(rng.normal(size=(1864, 2, 384))).astype(np.float32)
+    vectors /= np.linalg.norm(vectors, axis=2, keepdims=True)
+    vectors.reshape(1864, 768).astype("<f4").tofile(os.path.join(folder, "NQ_sim_fea_fs.bin"))
+    with open(os.path.join(folder, "NQ_sim_meta_fs.bin"), "w", newline="\n") as meta:
+        for i in range(1864):
+            meta.write("c%06d\n0\n1\nCloud%d\nCloud Family %d\nRegular\n" % (i, i, i))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])

@@ -1,0 +1,87 @@
+#!/usr/bin/python3
+"""fontrix index and fontrix similar on this machine's fonts, with stand-in similarity data (a
+small network and a generated shipped table): the module images every installed font once,
+keeps them in its cache files, and answers similar-font queries as its suite does.
+
+Usage: test_similar_cli.py PATH/TO/fontrix PATH/TO/libfontrix.so
+"""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+FONTRIX = MODULE = None
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+class SimilarCliTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.TemporaryDirectory()
+        cls.data = os.path.join(cls.tmp.name, "data")
+        cls.cache = os.path.join(cls.tmp.name, "cache")
+        subprocess.run(["/usr/bin/python3", os.path.join(HERE, "make_test_data.py"), cls.data], check=True)
+        cls.env = {k: v for k, v in os.environ.items() if not k.startswith("FONTRIX_")}
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.tmp.cleanup()
+
+    def run_tool(self, *args):
+        return subprocess.run([FONTRIX, "--module", MODULE, "--data-dir", self.data, "--cache-dir", self.cache, *args],
+                              capture_output=True, text=True, timeout=600, env=self.env)
+
+    def test_1_index_images_every_font_once(self):
+        first = self.run_tool("index", "--json")
+        self.assertEqual(first.returncode, 0, first.stderr)
+        similarity = json.loads(first.stdout)["services"][1]
+        self.assertEqual(similarity["service"], "similarity")
+        self.assertGreater(similarity["fonts"], 10)
+        self.assertEqual(similarity["computed"] + similarity["unusable"] + similarity["matched"], similarity["fonts"])
+        self.assertGreater(similarity["computed"], 0)
+        entries = os.path.getsize(os.path.join(self.cache, "NQ_sim_fea_sys.cch")) // 3072
+        self.assertEqual(entries, similarity["computed"])
+        with open(os.path.join(self.cache, "NQ_sim_meta_sys.cch")) as meta:
+            self.assertEqual(len(meta.read().splitlines()), 6 * entries)
+        again = json.loads(self.run_tool("index", "--json").stdout)["services"][1]
+        self.assertEqual((again["computed"], again["matched"]), (0, similarity["computed"]))
+
+    def test_2_similar_fonts_are_installed_best_first(self):
+        installed = {f["name"] for f in json.loads(self.run_tool("fonts", "--json").stdout)["fonts"]}
+        r = self.run_tool("similar", "DejaVuSans", "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        answer = json.loads(r.stdout)
+        self.assertEqual(answer["query"], "DejaVuSans")
+        names = [x["name"] for x in answer["results"]]
+        scores = [x["score"] for x in answer["results"]]
+        self.assertTrue(0 < len(names) <= 80)
+        self.assertNotIn("DejaVuSans", names)
+        self.assertTrue(set(names) <= installed)
+        self.assertEqual(scores, sorted(scores, reverse=True))
+        self.assertTrue(all(s <= 2.0001 for s in scores))
+        self.assertEqual(answer["results"][0]["family"] != "", True)
+        limited = json.loads(self.run_tool("similar", "DejaVuSans", "--json", "--limit", "3").stdout)["results"]
+        self.assertEqual([x["name"] for x in limited], names[:3])
+
+    def test_3_contact_sheet_is_a_png(self):
+        sheet = os.path.join(self.tmp.name, "sheet.png")
+        r = self.run_tool("similar", "DejaVuSerif", "--limit", "4", "--sheet", sheet)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(sheet, "rb") as f:
+            self.assertEqual(f.read(8), b"\x89PNG\r\n\x1a\n")
+
+    def test_4_unknown_fonts_and_a_switched_off_service_fail_clearly(self):
+        r = self.run_tool("similar", "DejaVuSanz")
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("close names: DejaVuSans", r.stderr)
+        r = self.run_tool("--disable", "similarity", "similar", "DejaVuSans")
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("similarity service is not running", r.stderr)
+
+
+if __name__ == "__main__":
+    MODULE = os.path.abspath(sys.argv.pop(2))
+    FONTRIX = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
