@@ -346,12 +346,28 @@ QVErr IsFontUsable(QVFontHandle font, QVBool* usable) {
   return Guarded([&](Host::Impl& h) {
     const HostFont* record = h.FontOf(font);
     if (!record) return kQVBadParameterErr;
+    if (record->usable >= 0) {
+      *usable = record->usable == 1;
+      return kQVNoErr;
+    }
+    {
+      std::lock_guard<std::mutex> lock(h.usable_mu);
+      if (auto it = h.usable.find(record); it != h.usable.end()) {
+        *usable = it->second;
+        return kQVNoErr;
+      }
+    }
     FaceCache::Lease lease = h.faces->Borrow(record->file, record->face_index);
     FT_Face face = lease.face();
-    if (!face || !FT_IS_SCALABLE(face) || face->units_per_EM == 0 || face->num_glyphs < 1) return kQVNoErr;
-    FT_UInt glyph = CharIndex(face, 'a');
-    if (!glyph && face->num_glyphs > 1) glyph = 1;
-    *usable = FT_Load_Glyph(face, glyph, kUnscaled) == 0 && face->glyph->format == FT_GLYPH_FORMAT_OUTLINE;
+    bool answer = false;
+    if (face && FT_IS_SCALABLE(face) && face->units_per_EM != 0 && face->num_glyphs >= 1) {
+      FT_UInt glyph = CharIndex(face, 'a');
+      if (!glyph && face->num_glyphs > 1) glyph = 1;
+      answer = FT_Load_Glyph(face, glyph, kUnscaled) == 0 && face->glyph->format == FT_GLYPH_FORMAT_OUTLINE;
+    }
+    std::lock_guard<std::mutex> lock(h.usable_mu);
+    h.usable[record] = answer;
+    *usable = answer;
     return kQVNoErr;
   });
 }

@@ -67,6 +67,12 @@ FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
       font.unique_name = WithoutSpaces(font.family) + (font.style.empty() ? "" : "-" + WithoutSpaces(font.style));
     font.bitmap_only = !FT_IS_SCALABLE(face);
     font.symbol = !MapsLatinAlphanumerics(face);
+    // Decided while the face is open anyway: the module asks for every font at every update.
+    FT_UInt glyph = FT_Get_Char_Index(face, 'a');
+    if (!glyph && face->num_glyphs > 1) glyph = 1;
+    font.usable = FT_IS_SCALABLE(face) && face->units_per_EM != 0 && face->num_glyphs >= 1 &&
+                  FT_Load_Glyph(face, glyph, FT_LOAD_NO_SCALE | FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) == 0 &&
+                  face->glyph->format == FT_GLYPH_FORMAT_OUTLINE;
     if (!font.unique_name.empty()) result = std::move(font);
   }
   FT_Done_Face(face);

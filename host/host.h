@@ -25,6 +25,7 @@ struct HostFont {
   std::string unique_name, family, style, file;
   int face_index = 0;  ///< FreeType's face index: (named instance << 16) | index in the file
   bool bitmap_only = false, symbol = false;
+  int usable = -1;  ///< has a usable outline program: 1 yes, 0 no, -1 not known yet (asked of FreeType)
 };
 
 /// Where the host's font list comes from.

@@ -91,6 +91,10 @@ struct Host::Impl {
 
   // The font engine's open faces; thread-safe on its own.
   std::unique_ptr<FaceCache> faces;
+  // IsFontUsable's answer per font record: opening a face costs a millisecond, and the
+  // module asks for every font at every update.
+  std::mutex usable_mu;
+  std::unordered_map<const HostFont*, bool> usable;
 
   double Now() const;
   /// The face behind a handle of any generation; null for a handle the host never gave.

@@ -34,6 +34,7 @@ class CacheLog {
   void LogLine(Level level, const Pieces&... pieces) {
     if (level_.load() < level) return;
     std::ostringstream line;
+    line.precision(13);  // host times are seconds since the epoch: keep the milliseconds
     (line << ... << pieces);
     line << '\n';
     Append(line.str());
