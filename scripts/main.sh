@@ -9,6 +9,9 @@ scripts/build.sh >/dev/null
 echo "== fontrix fonts: the installed fonts the module's services use"
 build/bin/fontrix fonts
 echo
+echo "== fontrix specimen: DejaVu Serif drawn as the module draws specimens"
+build/bin/fontrix specimen DejaVuSerif "Handgloves abcdefghijklmnopqrstuvwxyz" -o /tmp/fontrix-specimen.png
+echo
 golden=tests/deepnet/golden
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT
