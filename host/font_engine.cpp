@@ -266,7 +266,7 @@ double StemV(FT_Face face) {
 
 // ---- the names of glyphs: what fonts without glyph names are asked for, by Unicode
 
-// The Adobe Glyph List names of printable ASCII, U+0020 to U+007E, in order.
+// The standard glyph names of printable ASCII, U+0020 to U+007E, in order.
 constexpr const char kAsciiNames[] =
     "space exclam quotedbl numbersign dollar percent ampersand quotesingle parenleft parenright asterisk plus "
     "comma hyphen period slash zero one two three four five six seven eight nine colon semicolon less equal "
@@ -465,7 +465,7 @@ QVErr GetGlyphByCode(QVFontHandle font, uint32_t unicode, uint32_t* glyph) {
 
 // The font's own glyph names first. Fonts without them (TrueType with a version 3 post table,
 // CID fonts), or without that name, are looked up by the character the name stands for in
-// the Adobe Glyph List (printable ASCII names and uniXXXX / uXXXXXX), through the Unicode cmap.
+// the standard glyph list (printable ASCII names and uniXXXX / uXXXXXX), through the Unicode cmap.
 QVErr GetGlyphByName(QVFontHandle font, const char* name, uint32_t* glyph) {
   if (!name || !glyph) return kQVBadParameterErr;
   return WithFace(font, [&](FaceCache::Lease& lease) {

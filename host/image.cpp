@@ -172,6 +172,15 @@ void JpegProgress(j_common_ptr info) {
   }
 }
 
+// Whether the file carries the APP14 colour-transform segment (its data starts with the five
+// bytes 0x41 0x64 0x6F 0x62 0x65); libjpeg keeps the segment when asked with jpeg_save_markers.
+bool HasApp14Transform(const jpeg_decompress_struct& info) {
+  static const unsigned char kTag[5] = {0x41, 0x64, 0x6F, 0x62, 0x65};
+  for (jpeg_saved_marker_ptr m = info.marker_list; m; m = m->next)
+    if (m->marker == JPEG_APP0 + 14 && m->data_length >= 5 && std::memcmp(m->data, kTag, 5) == 0) return true;
+  return false;
+}
+
 struct JpegStructs {
   jpeg_decompress_struct info{};
   JpegErrors errors{};
@@ -193,6 +202,7 @@ bool DecodeJpeg(const uint8_t* data, size_t size, JpegStructs& s, uint64_t max_p
   s.progress.progress_monitor = JpegProgress;
   s.info.progress = &s.progress;
   jpeg_mem_src(&s.info, data, static_cast<unsigned long>(size));
+  jpeg_save_markers(&s.info, JPEG_APP0 + 14, 16);  // the colour-transform segment, read below
   jpeg_read_header(&s.info, TRUE);
   if (uint64_t{s.info.image_width} * s.info.image_height > max_pixels) {
     s.errors.trouble->width = s.info.image_width;
@@ -205,9 +215,9 @@ bool DecodeJpeg(const uint8_t* data, size_t size, JpegStructs& s, uint64_t max_p
   jpeg_start_decompress(&s.info);
   image = std::make_unique<ImageRaster>(int32_t(s.info.output_width), int32_t(s.info.output_height));
   row.resize(size_t(s.info.output_width) * size_t(s.info.output_components));
-  // Adobe applications write CMYK inverted (255 is no ink), and mark the file with their
-  // marker; others write ink amounts.
-  const unsigned flip = cmyk && !s.info.saw_Adobe_marker ? 255 : 0;
+  // Files with an APP14 colour-transform segment store CMYK inverted (255 is no ink); others
+  // store ink amounts.
+  const unsigned flip = cmyk && !HasApp14Transform(s.info) ? 255 : 0;
   while (s.info.output_scanline < s.info.output_height) {
     JSAMPROW rows[1] = {row.data()};
     const JDIMENSION y = s.info.output_scanline;

@@ -508,7 +508,7 @@ TEST_F(DamagedFontTest, FontsAndArgumentsTheEngineCannotUseFailCleanly) {
     EXPECT_EQ(e.GetGlyphByCode(font[i], 'a', &glyph), i ? kQVBadParameterErr : kQVNoErr) << i;
   }
 
-  // Without glyph names in the font, the Adobe names of ASCII and uniXXXX go through the cmap.
+  // Without glyph names in the font, the standard names of ASCII and uniXXXX go through the cmap.
   for (const auto& [name, code] : std::vector<std::pair<const char*, uint32_t>>{
            {"one", '1'}, {"A", 'A'}, {"period", '.'}, {"asciitilde", '~'}, {"uni00E9", 0xE9}, {"u00E9", 0xE9}}) {
     EXPECT_EQ(e.GetGlyphByName(font[4], name, &glyph), kQVNoErr) << name;

@@ -209,7 +209,7 @@ TEST(FontconfigSource, ListsTheInstalledDejaVuFaces) {
 // Unique names are the PostScript names fontconfig reports, except for the faces of variable
 // fonts: fontconfig names their named instances by axis values, as it would an arbitrary
 // instance ("Inter_900wght"), or several alike ("Inter-Display"); the host keeps FreeType's
-// names, made as Adobe names named instances ("Inter-Black", "InterDisplay-Regular").
+// names, made as PostScript names of named instances ("Inter-Black", "InterDisplay-Regular").
 TEST(FontconfigSource, UniqueNamesArePostScriptNames) {
   const std::vector<HostFont> fonts = MakeFontconfigSource()->List();
   FcPattern* pattern = FcPatternCreate();

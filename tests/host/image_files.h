@@ -55,7 +55,7 @@ inline std::vector<uint8_t> EncodePng(const PngPicture& picture) {
 }
 
 /// A JPEG of `components` samples a pixel in `space` (JCS_GRAYSCALE, JCS_RGB, JCS_CMYK), as
-/// libjpeg's defaults store it (YCbCr for RGB; CMYK with an Adobe marker).
+/// libjpeg's defaults store it (YCbCr for RGB; CMYK with an APP14 colour-transform segment).
 inline std::vector<uint8_t> EncodeJpeg(int width, int height, J_COLOR_SPACE space, int components,
                                        const std::vector<uint8_t>& samples, bool progressive = false,
                                        int quality = 100) {

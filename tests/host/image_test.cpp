@@ -105,7 +105,7 @@ TEST_F(ImageTest, JpegGreyColourAndCmykBecomeGrey) {
   };
   expect(Grey(EncodeJpeg(w, h, JCS_GRAYSCALE, 1, flat({40}, {200}))), 40, 200);
   expect(Grey(EncodeJpeg(w, h, JCS_RGB, 3, flat({255, 0, 0}, {0, 0, 255}), true)), 76, 29);  // progressive
-  // Adobe CMYK, stored inverted: no ink is white, full black is black, full cyan is (0, 255, 255).
+  // CMYK with the APP14 segment, stored inverted: no ink is white, full black is black, full cyan is (0, 255, 255).
   const std::vector<uint8_t> cmyk_flat = flat({255, 255, 255, 255}, {0, 255, 255, 255});
   expect(Grey(EncodeJpeg(w, h, JCS_CMYK, 4, cmyk_flat)), 255, 179);
   expect(Grey(EncodeJpeg(w, h, JCS_CMYK, 4, flat({255, 255, 255, 0}, {255, 255, 255, 255}))), 0, 255);
