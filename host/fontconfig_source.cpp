@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <exception>
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -138,8 +140,50 @@ void ReadFaces(const std::vector<ListedFace>& faces, const std::vector<size_t>& 
     if (e) std::rethrow_exception(e);
 }
 
+// Fields of the on-disk listing are separated by tabs; names are escaped so no field holds one.
+std::string Escape(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\\')
+      out += "\\\\";
+    else if (c == '\t')
+      out += "\\t";
+    else if (c == '\n')
+      out += "\\n";
+    else
+      out += c;
+  }
+  return out;
+}
+
+std::string Unescape(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 1 < text.size()) {
+      ++i;
+      out += text[i] == 't' ? '\t' : text[i] == 'n' ? '\n' : text[i];
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> Split(const std::string& line) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1)
+    fields.push_back(line.substr(start, tab - start));
+  fields.push_back(line.substr(start));
+  return fields;
+}
+
+constexpr const char* kListingHeader = "fontrix font listing 1";
+
 class FontconfigSource : public FontSource {
  public:
+  explicit FontconfigSource(std::string listing) : listing_(std::move(listing)) { ReadListing(); }
+
   std::vector<HostFont> List() override {
     // FcInit loads the configuration once; later lists pick up fonts added since.
     if (!initialised_) {
@@ -174,7 +218,9 @@ class FontconfigSource : public FontSource {
       remembered[Key(faces[i])].result = results[i];
       if (results[i]) fonts.push_back(*results[i]);
     }
+    const bool changed = !todo.empty() || remembered.size() != remembered_.size();
     remembered_ = std::move(remembered);
+    if (changed) WriteListing();
     return fonts;
   }
 
@@ -192,13 +238,74 @@ class FontconfigSource : public FontSource {
 
   static std::string Key(const ListedFace& face) { return face.file + '\n' + std::to_string(face.index); }
 
+  // What earlier runs read of each face, so a new process opens only new or changed files. A
+  // listing that cannot be read is ignored: every face is read again.
+  void ReadListing() {
+    if (listing_.empty()) return;
+    std::ifstream in(listing_);
+    std::string line;
+    if (!std::getline(in, line) || line != kListingHeader) return;
+    while (std::getline(in, line)) {
+      const auto f = Split(line);
+      if (f.size() != 13) return;
+      try {
+        Remembered r;
+        r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
+        if (f[5] == "1") {
+          HostFont font;
+          font.file = Unescape(f[0]);
+          font.face_index = std::stoi(f[1]);
+          font.unique_name = Unescape(f[6]);
+          font.family = Unescape(f[7]);
+          font.style = Unescape(f[8]);
+          font.bitmap_only = f[9] == "1";
+          font.symbol = f[10] == "1";
+          font.usable = std::stoi(f[11]);
+          r.result = font;
+        }
+        remembered_[Unescape(f[0]) + '\n' + f[1]] = r;
+      } catch (const std::exception&) {
+        remembered_.clear();
+        return;
+      }
+    }
+  }
+
+  // Written to a temporary file and renamed, so a reader never sees half a listing.
+  void WriteListing() const {
+    if (listing_.empty()) return;
+    const std::string temporary = listing_ + ".tmp";
+    {
+      std::ofstream out(temporary, std::ios::trunc);
+      if (!out) return;
+      out << kListingHeader << '\n';
+      for (const auto& [key, r] : remembered_) {
+        const size_t cut = key.rfind('\n');
+        out << Escape(key.substr(0, cut)) << '\t' << key.substr(cut + 1) << '\t' << r.stamp.seconds << '\t'
+            << r.stamp.nanoseconds << '\t' << r.stamp.size << '\t' << (r.result ? 1 : 0);
+        if (r.result)
+          out << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
+              << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
+              << r.result->usable << '\t' << 0;
+        else
+          out << "\t\t\t\t0\t0\t-1\t0";
+        out << '\n';
+      }
+      if (!out.flush()) return;
+    }
+    std::rename(temporary.c_str(), listing_.c_str());
+  }
+
+  std::string listing_;
   bool initialised_ = false;
   std::unordered_map<std::string, Remembered> remembered_;  // by file and face index
 };
 
 }  // namespace
 
-std::unique_ptr<FontSource> MakeFontconfigSource() { return std::make_unique<FontconfigSource>(); }
+std::unique_ptr<FontSource> MakeFontconfigSource(const std::string& listing) {
+  return std::make_unique<FontconfigSource>(listing);
+}
 
 }  // namespace fontrix::host
 

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -43,7 +44,12 @@ Host::Impl::Impl(HostOptions opts)
       data_dir(ResolveDataDir(options.data_dir)),
       cache_dir(ResolveCacheDir(options.cache_dir)),
       switches(ResolveSwitches(options.switches)) {
-  if (!options.fonts) options.fonts = MakeFontconfigSource();
+  if (!options.fonts) {
+    // The listing lives in the writable cache folder; without one, faces are read every run.
+    std::error_code ec;
+    std::filesystem::create_directories(cache_dir, ec);
+    options.fonts = MakeFontconfigSource(ec ? std::string() : cache_dir + "/host_font_listing.txt");
+  }
   faces = std::make_unique<FaceCache>();
 }
 

@@ -42,7 +42,9 @@ class FontSource {
 /// face). A face without a PostScript name gets "Family-Style" with the spaces removed.
 /// Faces read once are remembered in memory by file, modification time and size, so a second
 /// List() only opens new or changed files.
-std::unique_ptr<FontSource> MakeFontconfigSource();
+/// With `listing` (a file path), what was read of each face is kept there too, so a new process
+/// opens only faces whose file is new or changed (by modification time and size).
+std::unique_ptr<FontSource> MakeFontconfigSource(const std::string& listing = "");
 
 /// A fixed list of fonts, for tests.
 class MemoryFontSource : public FontSource {

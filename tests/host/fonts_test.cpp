@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <set>
 #include <thread>
@@ -262,3 +263,37 @@ TEST(JsonString, EscapesAndRepairsText) {
 
 }  // namespace
 }  // namespace fontrix::host::testing
+
+namespace fontrix::host {
+namespace {
+
+// A listing written by one process is what the next reads for unchanged files (the changed
+// family below proves the face was not opened again); a listing that is not ours is ignored.
+TEST(FontconfigSource, ListingOnDiskServesTheNextProcess) {
+  const auto listing = std::filesystem::temp_directory_path() / "fontrix-listing-test.txt";
+  std::filesystem::remove(listing);
+  const std::vector<HostFont> first = MakeFontconfigSource(listing.string())->List();
+  ASSERT_TRUE(std::filesystem::exists(listing));
+  std::string text;
+  {
+    std::ifstream in(listing);
+    text.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  const size_t at = text.find("\tDejaVu Sans\tBook\t");
+  ASSERT_NE(at, std::string::npos);
+  text.replace(at, 13, "\tDejaVu Edit\t");
+  { std::ofstream(listing) << text; }
+  bool edited = false;
+  for (const HostFont& f : MakeFontconfigSource(listing.string())->List())
+    edited = edited || (f.unique_name == "DejaVuSans" && f.family == "DejaVu Edit");
+  EXPECT_TRUE(edited);
+
+  { std::ofstream(listing) << "something else\n"; }
+  const std::vector<HostFont> fresh = MakeFontconfigSource(listing.string())->List();
+  ASSERT_EQ(fresh.size(), first.size());
+  for (size_t i = 0; i < fresh.size(); ++i) EXPECT_EQ(fresh[i].family, first[i].family);
+  std::filesystem::remove(listing);
+}
+
+}  // namespace
+}  // namespace fontrix::host
