@@ -57,7 +57,7 @@ extern "C" QVErr FontrixGetRecognizedFonts(QVRasterHandle image, FontrixFontList
   if (!cache) return kQVNotInitialisedErr;
   if (!image || !out || !out->append) return kQVBadParameterErr;
   return Answer([&] {
-    for (const auto& [name, score] : cache->GetRecognizedFontList(image)) Append(out, name, score);
+    for (const auto& r : cache->GetRecognizedFontList(image)) Append(out, r.name, r.score);
     return kQVNoErr;
   });
 }

@@ -63,15 +63,11 @@ FontSimilarCacheInitTask::FontSimilarCacheInitTask() : ServiceTask(kFontrixServi
 
 void FontSimilarCacheInitTask::Work() { FontSimilarCache::Init(); }
 
-FontRecognitionCacheInitTask::FontRecognitionCacheInitTask() : ServiceTask(kFontrixServiceRecognition) {}
-
-void FontRecognitionCacheInitTask::Work() {
-  try {
-    FontRecognitionCache::GetOrCreate()->Load();
-  } catch (...) {
-    RecognitionLog().Info("Recognition Cache Loading throws exception");
-  }
+FontRecognitionCacheInitTask::FontRecognitionCacheInitTask() : ServiceTask(kFontrixServiceRecognition) {
+  ResolveRecognitionPaths();
 }
+
+void FontRecognitionCacheInitTask::Work() { FontRecognitionCache::Init(); }
 
 // An update whose cache cannot be had does nothing; a change is announced to the host.
 void FontFeatureCacheUpdateTask::Work() {

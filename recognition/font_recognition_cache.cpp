@@ -1,9 +1,77 @@
 #include "recognition/font_recognition_cache.h"
 
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+
+#include "deepnet/model_io.h"
+#include "deepnet/network.h"
+#include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
+#include "plugin/host_suites.h"
 #include "plugin/process_wide.h"
+#include "similarity/font_similar_cache.h"
+#include "similarity/similarity_table.h"
 
 namespace fontrix {
+
+namespace {
+
+std::mutex paths_mutex;
+RecognitionPaths resolved_paths;
+bool paths_resolved = false;
+std::atomic<hostglue::FontAccess*> font_access{nullptr};
+
+hostglue::FontAccess& Fonts() {
+  hostglue::FontAccess* access = font_access.load();
+  return access ? *access : hostglue::HostFontAccess();
+}
+
+// The localisation network reads the raster brought to 109 rows and gives, in its layer
+// "detections", triples (start, end, confidence) with start and end as fractions of the raster's
+// height.
+std::vector<std::pair<float, float>> Detect(const deepnet::layer_model_list& network, const GreyRaster& raster) {
+  int32_t width = 0;
+  const std::vector<float> line = ToLineHeight(raster, width);
+  deepnet::input_view view{uint64_t(width), kLineHeight, 1, 1, line.data()};
+  deepnet::layer_test_list tests;
+  deepnet::deepnet_construct_layer_test(tests, network, view, 1);
+  const auto& out = *tests[deepnet::deepnet_compute_feature(network, tests, 1, "detections")];
+  std::vector<std::pair<float, float>> detections;
+  for (uint64_t i = 0; i + 2 < out.y_size_1d(); i += 3)
+    detections.emplace_back(out.y[i] * float(raster.height), out.y[i + 1] * float(raster.height));
+  return detections;
+}
+
+}  // namespace
+
+const RecognitionPaths& ResolveRecognitionPaths() {
+  std::lock_guard<std::mutex> lock(paths_mutex);
+  if (!paths_resolved) {
+    const QVFoldersSuite* folders = qv::Suites().folders;
+    char path[4096] = {0};
+    const std::string data = folders && folders->FindFolder(kQVFolderPluginData, 0, path, sizeof path) == kQVNoErr
+                                 ? std::string(path)
+                                 : std::string();
+    auto in = [&](const char* file) { return data.empty() ? std::string() : data + "/" + file; };
+    resolved_paths = {in("NQ_rec_model.dnm"), in("NQ_rec_font.bin"), in("NQ_loc_model.dnm")};
+    paths_resolved = true;
+    CacheLog& log = RecognitionLog();
+    log.Info("Recognition Model File-Path : ", resolved_paths.model);
+    log.Info("Recognition Meta File-Path : ", resolved_paths.fontTable);
+    log.Info("Recognition Loc Model File-Path : ", resolved_paths.localisationModel);
+  }
+  return resolved_paths;
+}
+
+void SetRecognitionPaths(const RecognitionPaths& paths) {
+  std::lock_guard<std::mutex> lock(paths_mutex);
+  resolved_paths = paths;
+  paths_resolved = true;
+}
+
+void FontRecognitionCache::SetFontAccess(hostglue::FontAccess* access) { font_access.store(access); }
 
 std::shared_ptr<FontRecognitionCache> FontRecognitionCache::Instance() {
   return ProcessWide<FontRecognitionCache>::Get();
@@ -13,25 +81,154 @@ std::shared_ptr<FontRecognitionCache> FontRecognitionCache::GetOrCreate() {
 }
 void FontRecognitionCache::Terminate() { ProcessWide<FontRecognitionCache>::Reset(); }
 
-void FontRecognitionCache::Load() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  RecognitionLog().Info("Loading Recognition Engine Starts: time : ", HostTime());
+void FontRecognitionCache::Init() {
+  try {
+    GetOrCreate()->Load(ResolveRecognitionPaths());
+  } catch (...) {
+    RecognitionLog().Info("Recognition Cache Loading throws exception");
+  }
+}
+
+bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
+  std::unique_lock<std::shared_mutex> lock(lock_);
+  CacheLog& log = RecognitionLog();
+  log.Info("Loading Recognition Engine Starts: time : ", HostTime());
+  recognition_.clear();
+  localisation_.clear();
+  for (auto& c : table_) c.clear();
+  status_.clear();
+  bool ok = false;
+  if (std::filesystem::is_regular_file(paths.model) && std::filesystem::is_regular_file(paths.fontTable)) {
+    deepnet::deepnet_load_model(paths.model, recognition_);
+    if (SimilarityTable::ReadMeta(paths.fontTable, table_) > 0)
+      for (const auto& id : table_[0]) status_.push_back(ShippedStatus(id));
+    if (std::filesystem::is_regular_file(paths.localisationModel))
+      deepnet::deepnet_load_model(paths.localisationModel, localisation_);
+    ok = !status_.empty();
+  }
+  entryToFont_.assign(status_.size(), -1);
+  log.Info("Loading Recognition Engine Ends: time ", HostTime());
   loaded_.store(true);
+  return ok;
 }
 
 bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  RecognitionLog().Info(" Current Font Server ID - ", fontServerId);
   if (fontServerId < fontServerId_.load()) return false;
   progress_.Start(uint32_t(fonts.size()));
+  // The same fonts in the same order as the similarity cache matches them, so the font indices
+  // of the two caches agree when recognition widens through similarity.
+  hostglue::FontAccess& access = Fonts();
+  std::vector<std::string> names;
+  const bool available = font_access.load() != nullptr || hostglue::FontEngineBound();
+  for (QVFontHandle f : fonts) {
+    hostglue::FontNames n;
+    if (available && access.IsUsable(f) && access.Names(f, n)) names.push_back(n.uniqueName);
+  }
+  {
+    std::unique_lock<std::shared_mutex> lock(lock_);
+    installed_ = names;
+    entryToFont_.assign(status_.size(), -1);
+    for (size_t e = 0; e < status_.size(); ++e) {
+      const auto hit = std::find(installed_.begin(), installed_.end(), table_[3][e]);
+      if (hit != installed_.end()) entryToFont_[e] = int32_t(hit - installed_.begin());
+    }
+  }
   fontServerId_.store(fontServerId);
-  RecognitionLog().Info(" Current Font Server ID - ", fontServerId);
   progress_.Finish();
   return false;
 }
 
-std::vector<std::pair<std::string, double>> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return {};
+size_t FontRecognitionCache::TableSize() {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  return status_.size();
+}
+
+std::vector<FontRecognitionCache::Candidate> FontRecognitionCache::RankClasses(const std::vector<float>& prob,
+                                                                               bool tableIndexMode) {
+  std::vector<Candidate> candidates;
+  for (size_t i = 0; i < status_.size() && i < prob.size(); ++i) {
+    const int32_t font = entryToFont_[i];
+    if (!tableIndexMode && font == -1 && table_[2][i] == "0") continue;
+    Candidate c;
+    c.score = prob[i];
+    c.fontIndex = font;
+    c.tableIndex = tableIndexMode ? int32_t(i) : -1;
+    c.status = status_[i];
+    if (font == -1) {
+      c.fontServerId = table_[0][i];
+      c.name = table_[3][i];
+    }
+    candidates.push_back(std::move(c));
+  }
+  std::sort(candidates.begin(), candidates.end(),
+            [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+  return candidates;
+}
+
+std::vector<FontRecognitionCache::Candidate> FontRecognitionCache::Widen(const std::vector<Candidate>& ranked) {
+  const size_t k = ranked.size() < 11 ? ranked.size() : kSteeringCandidates;
+  std::vector<int32_t> fonts;
+  std::vector<float> weights;
+  for (size_t i = 0; i < k; ++i)
+    if (ranked[i].fontIndex != -1) {
+      fonts.push_back(ranked[i].fontIndex);
+      weights.push_back(ranked[i].score);
+    }
+  std::vector<Candidate> widened;
+  if (k == 0) return ranked;
+  auto similar = FontSimilarCache::Instance();
+  if (!similar) return widened;
+  for (const RankedRecord& r : similar->GetSimilarToFontSet(fonts, weights)) {
+    Candidate c;
+    c.fontIndex = r.fontIndex;
+    c.fontServerId = r.fontServerId;
+    c.name = r.name;
+    c.status = r.status;
+    c.score = r.score * 0.5f;
+    c.tableIndex = -1;
+    widened.push_back(std::move(c));
+  }
+  return widened;
+}
+
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(const uint8_t* pixels,
+                                                                                      int32_t width, int32_t height) {
+  std::vector<Result> results;
+  {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    if ((height >= 1 && height <= 19) || (width >= 1 && width <= 19)) return results;
+    if (height < 1 || width < 1 || !pixels || recognition_.empty()) return results;
+    GreyRaster raster{width, height, std::vector<uint8_t>(pixels, pixels + size_t(width) * size_t(height))};
+    if (!localisation_.empty()) {
+      const auto [left, right] = BandFromDetections(Detect(localisation_, raster), uint32_t(height));
+      raster.pixels.assign(raster.pixels.begin() + ptrdiff_t(left) * width,
+                           raster.pixels.begin() + ptrdiff_t(right) * width);
+      raster.height = int32_t(right - left);
+    }
+    int32_t lineWidth = 0;
+    const std::vector<float> line = ToLineHeight(raster, lineWidth);
+    const std::vector<Candidate> candidates = Widen(RankClasses(ScoreLine(recognition_, line, lineWidth), false));
+    for (const Candidate& c : candidates) {
+      if (c.fontIndex < 0 || size_t(c.fontIndex) >= installed_.size() || c.status == kStatusIdentifier7) continue;
+      results.push_back({installed_[size_t(c.fontIndex)], double(c.score), c.fontIndex});
+      if (results.size() >= kMaxResults) break;
+    }
+  }
+  if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
+    if (QVPerfLogHandle perf = PerformanceLog()) {
+      char line[160];
+      std::snprintf(line, sizeof line, "%u,%s,%s", unsigned(HostTime()),
+                    "Font Recognition: GetRecognizedFontList() called", "Font Recognition");
+      dev->WritePerformanceLog(perf, line);
+    }
+  return results;
+}
+
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle image) {
+  hostglue::GreyImage pixels;
+  if (!Fonts().ImagePixels(image, pixels)) return {};
+  return GetRecognizedFontList(pixels.pixels.data(), pixels.width, pixels.height);
 }
 
 }  // namespace fontrix

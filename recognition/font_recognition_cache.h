@@ -1,43 +1,83 @@
 #pragma once
-// The recognition cache: the recognition networks, their font table, and the query from a raster.
+// The recognition cache: the recognition network, the optional localisation network, the font
+// table that names the network's classes, and the query from a raster of one line of text.
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
+#include <shared_mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "deepnet/layer_model.h"
+#include "hostglue/font_access.h"
 #include "plugin/cache_progress.h"
+#include "recognition/line_scoring.h"
 #include "sdk/qv_types.h"
 
 namespace fontrix {
 
+struct RecognitionPaths {
+  std::string model, fontTable, localisationModel;
+};
+/// The files in the host's read-only data folder, resolved once (main thread) and logged.
+const RecognitionPaths& ResolveRecognitionPaths();
+void SetRecognitionPaths(const RecognitionPaths& paths);
+
 class FontRecognitionCache {
  public:
-  /// The process-wide instance, or null when none has been created.
-  static std::shared_ptr<FontRecognitionCache> Instance();
-  /// The instance, created when absent.
-  static std::shared_ptr<FontRecognitionCache> GetOrCreate();
-  /// Saves what needs saving and destroys the instance.
-  static void Terminate();
+  static constexpr size_t kMaxResults = 40;
+  static constexpr size_t kSteeringCandidates = 10;
 
-  /// Loads the networks and the font table.
-  void Load();
-  /// Brings the cache up to date with `fonts`, the font list of generation `fontServerId`;
-  /// does nothing for an identifier lower than the last one processed. True when the cache
-  /// changed.
+  struct Result {
+    std::string name;
+    double score = 0;
+    int32_t fontIndex = -1;
+  };
+  /// One font-table entry considered by recognition.
+  struct Candidate {
+    float score = 0;
+    int32_t fontIndex = -1, tableIndex = -1;
+    std::string fontServerId, name;
+    uint32_t status = 0;
+  };
+
+  static std::shared_ptr<FontRecognitionCache> Instance();
+  static std::shared_ptr<FontRecognitionCache> GetOrCreate();
+  static void Terminate();
+  /// Creates the instance and loads the files of ResolveRecognitionPaths() (init task).
+  static void Init();
+  static void SetFontAccess(hostglue::FontAccess* access);
+
+  /// Loads the networks and the font table; false when the recognition network or the table is
+  /// missing (the cache then answers nothing).
+  bool Load(const RecognitionPaths& paths);
+  /// Matches the font table's entries to the installed fonts of `fonts` by unique name.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
 
-  /// The installed fonts most likely shown in the grey raster `image`, best first, with scores.
-  std::vector<std::pair<std::string, double>> GetRecognizedFontList(QVRasterHandle image);
+  /// The installed fonts most likely shown in `height` rows of `width` grey bytes, best first,
+  /// at most 40: the network's best classes steer a weighted similar-font query.
+  std::vector<Result> GetRecognizedFontList(const uint8_t* pixels, int32_t width, int32_t height);
+  /// The same for an image raster of the host.
+  std::vector<Result> GetRecognizedFontList(QVRasterHandle image);
+
+  /// The table's entries ranked by the network's mean probability (before widening).
+  std::vector<Candidate> RankClasses(const std::vector<float>& meanProbabilities, bool tableIndexMode);
+  /// Widens ranked candidates through the similarity cache's font-set query.
+  static std::vector<Candidate> Widen(const std::vector<Candidate>& ranked);
 
   bool Loaded() const { return loaded_.load(); }
   uint32_t FontServerId() const { return fontServerId_.load(); }
   CacheProgress& Progress() { return progress_; }
+  size_t TableSize();
 
  private:
-  std::mutex mutex_;
+  std::shared_mutex lock_;  // queries read, load and update write
+  deepnet::layer_model_list recognition_, localisation_;
+  std::array<std::vector<std::string>, 6> table_;
+  std::vector<uint32_t> status_;
+  std::vector<int32_t> entryToFont_;
+  std::vector<std::string> installed_;
   std::atomic<bool> loaded_{false};
   std::atomic<uint32_t> fontServerId_{0};
   CacheProgress progress_;
