@@ -39,6 +39,9 @@ const char* const kHelp =
     "  similar NAME [--sheet FILE]\n"
     "                      the installed fonts most like font NAME, best first, with scores;\n"
     "                      --sheet writes a PNG contact sheet of their specimens\n"
+    "  recognize IMAGE [--sheet FILE]\n"
+    "                      the installed fonts most likely shown in a picture of one line of text\n"
+    "                      (PNG or JPEG), best first, with scores; --sheet draws a sample in each\n"
     "  index               brings the module's caches up to date and reports what it did\n"
     "  specimen NAME TEXT -o FILE [--size N]\n"
     "                      draws TEXT in the installed font NAME (its unique name) into the PNG\n"
@@ -77,7 +80,8 @@ struct Options {
 constexpr double kDefaultSpecimenSize = 200;
 
 // Each command and the number of arguments it takes.
-const std::pair<const char*, size_t> kCommands[] = {{"fonts", 0}, {"similar", 1}, {"index", 0}, {"specimen", 2}};
+const std::pair<const char*, size_t> kCommands[] = {
+    {"fonts", 0}, {"similar", 1}, {"recognize", 1}, {"index", 0}, {"specimen", 2}};
 
 double ParseSize(const std::string& text) {
   char* end = nullptr;
@@ -162,7 +166,8 @@ Options Parse(int argc, char** argv) {
   if (!specimen && (!options.output.empty() || options.size))
     throw UsageError(std::string(options.output.empty() ? "--size" : "-o") + " is for specimen only");
   if (specimen && !options.size) options.size = kDefaultSpecimenSize;
-  if (!options.sheet.empty() && options.command != "similar") throw UsageError("--sheet is for similar only");
+  if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize")
+    throw UsageError("--sheet is for similar and recognize only");
   return options;
 }
 
@@ -416,34 +421,27 @@ struct SimilarRow {
   double score;
 };
 
-// Asks the module's similar-font suite, exactly as another plug-in would.
-void Similar(Host& host, const Options& options) {
-  const std::string& name = options.args[0];
-  const QVFontHandle query = FindInstalledFont(host, name);
-  HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
-  std::vector<std::pair<std::string, double>> found;
-  FontrixFontList list{
-      &found, [](void* c) { static_cast<decltype(found)*>(c)->clear(); },
-      [](void* c, const FontrixFontResult* f) { static_cast<decltype(found)*>(c)->emplace_back(f->name, f->score); }};
-  const QVErr err = similar->GetSimilarFontNames(name.c_str(), &list);
-  if (err == kQVNotInitialisedErr)
-    throw Failure("the similarity service is not running (switched off, or its data is missing)");
-  Check(err, "the similar-font query");
-  // A font the service could not image answers with itself alone: nothing is like it.
-  if (found.size() == 1 && found[0].first == name) found.clear();
-  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+// Family and style of each result, through the host's font suite.
+std::vector<SimilarRow> ResultRows(const QVFontSuite& fonts, const std::vector<std::pair<std::string, double>>& found,
+                                   size_t limit) {
   std::vector<SimilarRow> rows;
   for (const auto& [result, score] : found) {
-    if (rows.size() >= options.limit) break;
+    if (rows.size() >= limit) break;
     QVFontHandle font = nullptr;
     const char *unique = nullptr, *family = nullptr, *style = nullptr;
-    if (fonts->FindFontByName(result.c_str(), &font) || fonts->GetFontNames(font, &unique, &family, &style))
+    if (fonts.FindFontByName(result.c_str(), &font) || fonts.GetFontNames(font, &unique, &family, &style))
       family = style = "";
     rows.push_back({result, family ? family : "", style ? style : "", score});
   }
+  return rows;
+}
+
+// Results as JSON (`key` names what was asked) or as an aligned table.
+std::string FormatResults(const std::string& key, const std::string& asked, const std::vector<SimilarRow>& rows,
+                          bool json, const std::string& none) {
   std::string out;
-  if (options.json) {
-    out = "{\"query\": " + JsonString(name) + ", \"results\": [";
+  if (json) {
+    out = "{" + JsonString(key) + ": " + JsonString(asked) + ", \"results\": [";
     for (size_t i = 0; i < rows.size(); ++i) {
       char score[32];
       std::snprintf(score, sizeof score, "%.6f", rows[i].score);
@@ -451,19 +449,45 @@ void Similar(Host& host, const Options& options) {
              ", \"family\": " + JsonString(rows[i].family) + ", \"style\": " + JsonString(rows[i].style) +
              ", \"score\": " + score + "}";
     }
-    out += "]}\n";
-  } else if (rows.empty()) {
-    out = "no font is known to be like " + name + " (the similarity service could not image it)\n";
-  } else {
-    size_t w = 4;
-    for (const auto& r : rows) w = std::max(w, DisplayWidth(r.name));
-    for (const auto& r : rows) {
-      char score[32];
-      std::snprintf(score, sizeof score, "%.4f", r.score);
-      out += std::string(score) + "  " + r.name + std::string(w - DisplayWidth(r.name) + 2, ' ') + r.family + "  " +
-             r.style + "\n";
-    }
+    return out + "]}\n";
   }
+  if (rows.empty()) return none + "\n";
+  size_t w = 4;
+  for (const auto& r : rows) w = std::max(w, DisplayWidth(r.name));
+  for (const auto& r : rows) {
+    char score[32];
+    std::snprintf(score, sizeof score, "%.4f", r.score);
+    out += std::string(score) + "  " + r.name + std::string(w - DisplayWidth(r.name) + 2, ' ') + r.family + "  " +
+           r.style + "\n";
+  }
+  return out;
+}
+
+FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
+  return {&found, [](void* c) { static_cast<std::vector<std::pair<std::string, double>>*>(c)->clear(); },
+          [](void* c, const FontrixFontResult* f) {
+            static_cast<std::vector<std::pair<std::string, double>>*>(c)->emplace_back(f->name, f->score);
+          }};
+}
+
+// Asks the module's similar-font suite, exactly as another plug-in would.
+void Similar(Host& host, const Options& options) {
+  const std::string& name = options.args[0];
+  const QVFontHandle query = FindInstalledFont(host, name);
+  HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
+  std::vector<std::pair<std::string, double>> found;
+  FontrixFontList list = Collector(found);
+  const QVErr err = similar->GetSimilarFontNames(name.c_str(), &list);
+  if (err == kQVNotInitialisedErr)
+    throw Failure("the similarity service is not running (switched off, or its data is missing)");
+  Check(err, "the similar-font query");
+  // A font the service could not image answers with itself alone: nothing is like it.
+  if (found.size() == 1 && found[0].first == name) found.clear();
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+  const std::vector<SimilarRow> rows = ResultRows(*fonts, found, options.limit);
+  const std::string out =
+      FormatResults("query", name, rows, options.json,
+                    "no font is known to be like " + name + " (the similarity service could not image it)");
   std::fwrite(out.data(), 1, out.size(), stdout);
   if (!options.sheet.empty()) {
     HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
@@ -471,6 +495,52 @@ void Similar(Host& host, const Options& options) {
     if (fonts->FindFontByName("DejaVuSans", &label)) label = nullptr;
     std::vector<Specimen> sheet;
     AddSheetRow(sheet, *glue, label, name + " (query)", query);
+    for (const auto& r : rows) {
+      QVFontHandle font = nullptr;
+      char score[32];
+      std::snprintf(score, sizeof score, "%.4f", r.score);
+      if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
+    }
+    try {
+      WriteSheet(options.sheet, sheet);
+    } catch (const std::runtime_error& e) {
+      throw Failure(std::string("cannot write the sheet: ") + e.what());
+    }
+  }
+  std::fflush(stdout);
+}
+
+// Asks the module's recognition suite about a picture, exactly as another plug-in would.
+void Recognize(Host& host, const Options& options) {
+  const std::string& path = options.args[0];
+  std::unique_ptr<ImageRaster> image;
+  try {
+    image = LoadImageRaster(path);
+  } catch (const std::runtime_error& e) {
+    throw Failure(e.what());
+  }
+  HeldSuite<FontrixRecognitionSuite> recognition(host, kFontrixRecognitionSuite, kFontrixRecognitionSuiteVersion);
+  std::vector<std::pair<std::string, double>> found;
+  FontrixFontList list = Collector(found);
+  const QVErr err = recognition->GetRecognizedFonts(image->handle(), &list);
+  if (err == kQVNotInitialisedErr)
+    throw Failure("the recognition service is not running (switched off, or its data is missing)");
+  Check(err, "the recognition query");
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+  const std::vector<SimilarRow> rows = ResultRows(*fonts, found, options.limit);
+  const std::string out =
+      FormatResults("image", path, rows, options.json,
+                    "no installed font recognised (a picture needs at least 20 x 20 pixels of one line of text)");
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  if (!options.sheet.empty()) {
+    HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
+    QVFontHandle label = nullptr;
+    if (fonts->FindFontByName("DejaVuSans", &label)) label = nullptr;
+    std::vector<Specimen> sheet(1);  // the picture itself on top
+    sheet[0].width = image->width();
+    sheet[0].height = image->height();
+    for (int32_t y = 0; y < image->height(); ++y)
+      sheet[0].pixels.insert(sheet[0].pixels.end(), image->row(y), image->row(y) + image->width());
     for (const auto& r : rows) {
       QVFontHandle font = nullptr;
       char score[32];
@@ -544,6 +614,8 @@ int RunCommand(const Options& options) {
         Fonts(host, *progress, options);
       } else if (options.command == "similar") {
         Similar(host, options);
+      } else if (options.command == "recognize") {
+        Recognize(host, options);
       } else if (options.command == "index") {
         Index(*progress, options, Seconds() - started);
       }
