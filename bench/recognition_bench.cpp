@@ -7,13 +7,11 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "deepnet/layers/fc.h"
-#include "deepnet/layers/softmax.h"
 #include "deepnet/parallel.h"
 #include "hostglue/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "similarity/font_similar_cache.h"
-#include "tests/similarity/similarity_fixtures.h"
+#include "tests/recognition/recognition_fixtures.h"
 
 namespace {
 
@@ -47,21 +45,8 @@ void BM_RecognizeLine1000(benchmark::State& state) {
   std::string model = std::getenv("FONTRIX_BENCH_REC_MODEL") ? std::getenv("FONTRIX_BENCH_REC_MODEL") : "";
   const uint32_t classes = 100;
   if (model.empty()) {
-    auto m = testing::MakeTestNetwork(3);
-    auto fc = std::make_shared<deepnet::layer_model_fc>();
-    fc->name = "fc";
-    fc->inputs.push_back(m.back().get());
-    fc->input_sizes = {768};
-    fc->num_output = classes;
-    fc->weights.assign(768 * classes, 0.01f);
-    fc->biases.assign(classes, 0.0f);
-    m.push_back(fc);
-    auto prob = std::make_shared<deepnet::layer_model_softmax>();
-    prob->name = "prob";
-    prob->inputs.push_back(fc.get());
-    m.push_back(prob);
     model = p("rec.dnm");
-    deepnet::deepnet_save_model(model, m);
+    deepnet::deepnet_save_model(model, testing::RecognitionNetwork(classes));
   }
   testing::WritePair(
       p("rec.meta"), p("rec.unused"), classes, [](size_t) { return std::string("0"); },

@@ -463,6 +463,27 @@ std::string FormatResults(const std::string& key, const std::string& asked, cons
   return out;
 }
 
+// Writes a contact sheet: the rows already in `sheet`, then `first` (a label and a font, when it
+// has a font), then a labelled sample of every result font.
+void WriteResultSheet(Host& host, const QVFontSuite& fonts, const std::string& path, std::vector<Specimen>& sheet,
+                      const std::vector<SimilarRow>& rows, const std::pair<std::string, QVFontHandle>& first) {
+  HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
+  QVFontHandle label = nullptr;
+  if (fonts.FindFontByName("DejaVuSans", &label)) label = nullptr;
+  if (first.second) AddSheetRow(sheet, *glue, label, first.first, first.second);
+  for (const auto& r : rows) {
+    QVFontHandle font = nullptr;
+    char score[32];
+    std::snprintf(score, sizeof score, "%.4f", r.score);
+    if (!fonts.FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
+  }
+  try {
+    WriteSheet(path, sheet);
+  } catch (const std::runtime_error& e) {
+    throw Failure(std::string("cannot write the sheet: ") + e.what());
+  }
+}
+
 FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
   return {&found, [](void* c) { static_cast<std::vector<std::pair<std::string, double>>*>(c)->clear(); },
           [](void* c, const FontrixFontResult* f) {
@@ -490,22 +511,8 @@ void Similar(Host& host, const Options& options) {
                     "no font is known to be like " + name + " (the similarity service could not image it)");
   std::fwrite(out.data(), 1, out.size(), stdout);
   if (!options.sheet.empty()) {
-    HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
-    QVFontHandle label = nullptr;
-    if (fonts->FindFontByName("DejaVuSans", &label)) label = nullptr;
     std::vector<Specimen> sheet;
-    AddSheetRow(sheet, *glue, label, name + " (query)", query);
-    for (const auto& r : rows) {
-      QVFontHandle font = nullptr;
-      char score[32];
-      std::snprintf(score, sizeof score, "%.4f", r.score);
-      if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
-    }
-    try {
-      WriteSheet(options.sheet, sheet);
-    } catch (const std::runtime_error& e) {
-      throw Failure(std::string("cannot write the sheet: ") + e.what());
-    }
+    WriteResultSheet(host, *fonts, options.sheet, sheet, rows, {name + " (query)", query});
   }
   std::fflush(stdout);
 }
@@ -533,25 +540,12 @@ void Recognize(Host& host, const Options& options) {
                     "no installed font recognised (a picture needs at least 20 x 20 pixels of one line of text)");
   std::fwrite(out.data(), 1, out.size(), stdout);
   if (!options.sheet.empty()) {
-    HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
-    QVFontHandle label = nullptr;
-    if (fonts->FindFontByName("DejaVuSans", &label)) label = nullptr;
     std::vector<Specimen> sheet(1);  // the picture itself on top
     sheet[0].width = image->width();
     sheet[0].height = image->height();
     for (int32_t y = 0; y < image->height(); ++y)
       sheet[0].pixels.insert(sheet[0].pixels.end(), image->row(y), image->row(y) + image->width());
-    for (const auto& r : rows) {
-      QVFontHandle font = nullptr;
-      char score[32];
-      std::snprintf(score, sizeof score, "%.4f", r.score);
-      if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
-    }
-    try {
-      WriteSheet(options.sheet, sheet);
-    } catch (const std::runtime_error& e) {
-      throw Failure(std::string("cannot write the sheet: ") + e.what());
-    }
+    WriteResultSheet(host, *fonts, options.sheet, sheet, rows, {"", nullptr});
   }
   std::fflush(stdout);
 }

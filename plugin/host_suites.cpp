@@ -97,6 +97,13 @@ void SuiteHolder::RefreshOptional() {
 
 void SuiteHolder::MarkLive() { live = held; }
 
+std::string FolderPath(int32_t id, bool create) {
+  const QVFoldersSuite* folders = Suites().folders;
+  char path[4096] = {0};
+  if (!folders || folders->FindFolder(id, create ? 1 : 0, path, sizeof path) != kQVNoErr) return std::string();
+  return path;
+}
+
 void* NewHostMemory(size_t size) {
   const QVMdMemorySuite* memory = live.memory ? live.memory : held.memory;
   void* block = nullptr;

@@ -1,6 +1,8 @@
 #pragma once
 // Access to the host's suites: the process-wide basic suite and the holder of the suites the
 // module keeps acquired while it runs.
+#include <string>
+
 #include "sdk/fontrix_suites.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
@@ -50,6 +52,9 @@ class SuiteHolder {
   /// Publishes this holder's suites as the process-wide ones.
   void MarkLive();
 };
+
+/// The path of host folder `id` (created when asked), or "" when the host cannot give it.
+std::string FolderPath(int32_t id, bool create);
 
 /// Host memory for objects handed to the host; nullptr when it is exhausted or unavailable.
 void* NewHostMemory(size_t size);

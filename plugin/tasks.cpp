@@ -15,13 +15,6 @@ namespace {
 
 std::atomic<int> busy[kFontrixServiceCount];
 
-std::string WritableFolder() {
-  const QVFoldersSuite* folders = qv::Suites().folders;
-  char path[4096] = {0};
-  if (!folders || folders->FindFolder(kQVFolderUserCache, 1, path, sizeof path) != kQVNoErr) return std::string();
-  return path;
-}
-
 }  // namespace
 
 void ServiceActivity::Begin(int service) { busy[service].fetch_add(1); }
@@ -39,7 +32,7 @@ void ServiceTask::Run() {
 }
 
 void ResolveCacheLogs() {
-  const std::string folder = WritableFolder();
+  const std::string folder = qv::FolderPath(kQVFolderUserCache, true);
   for (CacheLog* log : {&ClassificationLog(), &SimilarityLog(), &RecognitionLog()}) {
     log->ReadLogSwitch();
     if (!folder.empty()) log->SetFolder(folder);

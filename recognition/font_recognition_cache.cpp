@@ -49,11 +49,7 @@ std::vector<std::pair<float, float>> Detect(const deepnet::layer_model_list& net
 const RecognitionPaths& ResolveRecognitionPaths() {
   std::lock_guard<std::mutex> lock(paths_mutex);
   if (!paths_resolved) {
-    const QVFoldersSuite* folders = qv::Suites().folders;
-    char path[4096] = {0};
-    const std::string data = folders && folders->FindFolder(kQVFolderPluginData, 0, path, sizeof path) == kQVNoErr
-                                 ? std::string(path)
-                                 : std::string();
+    const std::string data = qv::FolderPath(kQVFolderPluginData, false);
     auto in = [&](const char* file) { return data.empty() ? std::string() : data + "/" + file; };
     resolved_paths = {in("NQ_rec_model.dnm"), in("NQ_rec_font.bin"), in("NQ_loc_model.dnm")};
     paths_resolved = true;

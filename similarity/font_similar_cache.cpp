@@ -27,19 +27,13 @@ hostglue::FontAccess& Fonts() {
 
 bool FontServicesAvailable() { return font_access.load() != nullptr || hostglue::FontEngineBound(); }
 
-std::string Folder(int32_t id) {
-  const QVFoldersSuite* folders = qv::Suites().folders;
-  char path[4096] = {0};
-  if (!folders || folders->FindFolder(id, 1, path, sizeof path) != kQVNoErr) return std::string();
-  return path;
-}
-
 }  // namespace
 
 const SimilarityPaths& ResolveSimilarityPaths() {
   std::lock_guard<std::mutex> lock(paths_mutex);
   if (resolved_paths.model.empty()) {
-    const std::string data = Folder(kQVFolderPluginData), cache = Folder(kQVFolderUserCache);
+    const std::string data = qv::FolderPath(kQVFolderPluginData, false),
+                      cache = qv::FolderPath(kQVFolderUserCache, true);
     auto in = [](const std::string& folder, const char* file) {
       return folder.empty() ? std::string() : folder + "/" + file;
     };

@@ -1,13 +1,11 @@
 // Recognition: the band, the line geometry, ranking and widening, the filters and the cap.
 #include <gtest/gtest.h>
 
-#include "deepnet/layers/fc.h"
-#include "deepnet/layers/softmax.h"
 #include "hostglue/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "recognition/line_scoring.h"
 #include "similarity/font_similar_cache.h"
-#include "tests/similarity/similarity_fixtures.h"
+#include "tests/recognition/recognition_fixtures.h"
 
 namespace fontrix {
 namespace {
@@ -49,27 +47,6 @@ TEST(LineScoring, RowsResampleAtBothScalesAndNarrowLinesTile) {
   EXPECT_FLOAT_EQ(resized[100], 200.0f);
 }
 
-// A recognition network: 109 x 109 in, 15 classes out of "prob".
-deepnet::layer_model_list RecognitionNetwork(uint32_t classes) {
-  auto m = testing::MakeTestNetwork(3);
-  auto fc = std::make_shared<deepnet::layer_model_fc>();
-  fc->name = "fc";
-  fc->inputs.push_back(m.back().get());
-  fc->input_sizes = {768};
-  fc->num_output = classes;
-  std::mt19937 gen(9);
-  std::normal_distribution<float> w(0.0f, 0.05f);
-  fc->weights.resize(768 * classes);
-  for (auto& v : fc->weights) v = w(gen);
-  fc->biases.assign(classes, 0.0f);
-  m.push_back(fc);
-  auto prob = std::make_shared<deepnet::layer_model_softmax>();
-  prob->name = "prob";
-  prob->inputs.push_back(fc.get());
-  m.push_back(prob);
-  return m;
-}
-
 class RecognitionTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -91,7 +68,7 @@ class RecognitionTest : public ::testing::Test {
     FontSimilarCache::SetFontAccess(&fonts);
     FontRecognitionCache::SetFontAccess(&fonts);
     // Recognition: 15 classes, the first 12 named after installed fonts.
-    deepnet::deepnet_save_model(p("rec.dnm"), RecognitionNetwork(15));
+    deepnet::deepnet_save_model(p("rec.dnm"), testing::RecognitionNetwork(15));
     WritePair(
         p("rec.meta"), p("rec.unused"), 15, [](size_t) { return std::string("0"); },
         [](size_t i) { return i < 12 ? "F" + std::to_string(i) : "Other" + std::to_string(i); },

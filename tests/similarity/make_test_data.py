@@ -16,11 +16,9 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import dnm  # noqa: E402
 
 
-def main(folder, rec_fonts):
-    os.makedirs(folder, exist_ok=True)
-    rng = np.random.RandomState(109)
-    # 109 -> max-pool 3/3 -> 37 -> conv 5/5, 192 channels -> 7 -> max-pool 4/3 -> 2 x 2 x 192.
-    dnm.write_model(os.path.join(folder, "NQ_sim_model.dnm"), [
+def trunk(rng):
+    """109 -> max-pool 3/3 -> 37 -> conv 5/5, 192 channels -> 7 -> max-pool 4/3 -> 2 x 2 x 192."""
+    return [
         dnm.Data("data"),
         dnm.MaxPool("pool0", "data", 3, 3),
         dnm.Conv("conv", "pool0", rng.normal(0, 0.02, (192, 1, 5, 5)).astype(np.float32),
@@ -28,7 +26,13 @@ def main(folder, rec_fonts):
                  stride_w=5, stride_h=5),
         dnm.ReLU("relu", "conv"),
         dnm.MaxPool("pool4", "relu", 4, 4, stride_w=3, stride_h=3),
-    ])
+    ]
+
+
+def main(folder, rec_fonts):
+    os.makedirs(folder, exist_ok=True)
+    rng = np.random.RandomState(109)
+    dnm.write_model(os.path.join(folder, "NQ_sim_model.dnm"), trunk(rng))
     vectors = np.abs(rng.normal(size=(1864, 2, 384))).astype(np.float32)
     vectors /= np.linalg.norm(vectors, axis=2, keepdims=True)
     vectors.reshape(1864, 768).astype("<f4").tofile(os.path.join(folder, "NQ_sim_fea_fs.bin"))
@@ -38,14 +42,7 @@ def main(folder, rec_fonts):
     if rec_fonts:
         # The same trunk, then one class per font through a fully connected layer and softmax.
         n = len(rec_fonts)
-        dnm.write_model(os.path.join(folder, "NQ_rec_model.dnm"), [
-            dnm.Data("data"),
-            dnm.MaxPool("pool0", "data", 3, 3),
-            dnm.Conv("conv", "pool0", rng.normal(0, 0.02, (192, 1, 5, 5)).astype(np.float32),
-                     np.full(192, 0.5, np.float32), num_input=1, num_output=192, kernel_w=5, kernel_h=5,
-                     stride_w=5, stride_h=5),
-            dnm.ReLU("relu", "conv"),
-            dnm.MaxPool("pool4", "relu", 4, 4, stride_w=3, stride_h=3),
+        dnm.write_model(os.path.join(folder, "NQ_rec_model.dnm"), trunk(rng) + [
             dnm.FullyConnected("fc", ["pool4"], [768], n, rng.normal(0, 0.05, (n, 768)).astype(np.float32),
                                np.zeros(n, np.float32)),
             dnm.Softmax("prob", "fc"),
