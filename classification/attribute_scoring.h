@@ -1,0 +1,25 @@
+#pragma once
+// Scoring of labels by linear regression over the 96 font features, and the class bitmask.
+// The tables are data: the build generates them from data/classification_weights.tsv.
+#include <array>
+#include <cstdint>
+
+#include "classification/labels.h"
+
+namespace fontrix {
+
+constexpr int kFeatureCount = 96;
+using FeatureVector = std::array<double, kFeatureCount>;
+
+extern const char* const kModelLabels[kLabelCount];  ///< the table's own label column, checked against LabelName
+extern const double kIntercepts[kLabelCount];
+extern const double kCoefficients[kLabelCount][kFeatureCount];
+
+/// Intercept plus the weighted features, summed in feature order in double precision; the raw
+/// linear value (no squashing). With `debug`, 99 lines describing the sum go to standard output.
+double ScoreLabel(int32_t n, const FeatureVector& features, bool debug);
+
+/// The bits of the style classes scoring strictly above 0.5.
+uint32_t ClassMask(const FeatureVector& features);
+
+}  // namespace fontrix
