@@ -8,7 +8,6 @@
 
 namespace fontrix {
 
-constexpr int kFeatureCount = 96;
 using FeatureVector = std::array<double, kFeatureCount>;
 
 extern const char* const kModelLabels[kLabelCount];  ///< the table's own label column, checked against LabelName

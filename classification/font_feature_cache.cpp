@@ -1,34 +1,210 @@
 #include "classification/font_feature_cache.h"
 
+#include <algorithm>
+#include <mutex>
+
+#include "classification/attribute_scoring.h"
+#include "classification/font_features.h"
+#include "classification/labels.h"
+#include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
+#include "plugin/cancellation.h"
+#include "plugin/host_suites.h"
 #include "plugin/process_wide.h"
 
 namespace fontrix {
+
+namespace {
+
+std::mutex update_mutex;  // one update at a time; taken before the cache lock
+std::mutex paths_mutex;
+std::string lookup_path, cache_path, debug_path;
+std::atomic<hostglue::FontAccess*> font_access{nullptr};
+std::mutex classifier_mutex;
+FontFeatureCache::Classifier classifier;
+
+hostglue::FontAccess& Fonts() {
+  hostglue::FontAccess* access = font_access.load();
+  return access ? *access : hostglue::HostFontAccess();
+}
+
+int64_t MeasureAndScore(hostglue::FontAccess& fonts, QVFontHandle font) {
+  FeatureVector features{};
+  return ComputeFontFeatures(fonts, font, features) ? int64_t(ClassMask(features)) : -1;
+}
+
+int64_t Classify(hostglue::FontAccess& fonts, QVFontHandle font) {
+  FontFeatureCache::Classifier c;
+  {
+    std::lock_guard<std::mutex> lock(classifier_mutex);
+    c = classifier;
+  }
+  return c ? c(fonts, font) : MeasureAndScore(fonts, font);
+}
+
+}  // namespace
+
+void FontFeatureCache::SetFontAccess(hostglue::FontAccess* access) { font_access.store(access); }
+
+void FontFeatureCache::SetClassifier(Classifier c) {
+  std::lock_guard<std::mutex> lock(classifier_mutex);
+  classifier = std::move(c);
+}
+
+void FontFeatureCache::SetUpPaths() { SetCacheFolder(qv::FolderPath(kQVFolderUserCache, true)); }
+
+void FontFeatureCache::SetCacheFolder(const std::string& folder) {
+  std::lock_guard<std::mutex> lock(paths_mutex);
+  if (folder.empty()) return;
+  lookup_path = folder + "/" + kFamilyLabelsFileName;
+  cache_path = folder + "/" + kFeatureCacheFileName;
+  debug_path = folder + "/" + kFeatureLogFileName;
+  ClassificationLog().SetFolder(folder);
+  CacheLog& log = ClassificationLog();
+  log.Info("Look-Up File Path : ", lookup_path);
+  log.Info("Cache File Path : ", cache_path);
+  log.Info("Debug Info File Path : ", debug_path);
+}
+
+std::string FontFeatureCache::CacheFilePath() {
+  std::lock_guard<std::mutex> lock(paths_mutex);
+  return cache_path;
+}
 
 std::shared_ptr<FontFeatureCache> FontFeatureCache::Instance() { return ProcessWide<FontFeatureCache>::Get(); }
 std::shared_ptr<FontFeatureCache> FontFeatureCache::GetOrCreate() {
   return ProcessWide<FontFeatureCache>::GetOrCreate();
 }
-void FontFeatureCache::Terminate() { ProcessWide<FontFeatureCache>::Reset(); }
 
-void FontFeatureCache::Load() {
-  std::lock_guard<std::mutex> lock(mutex_);
+void FontFeatureCache::Terminate() {
+  ClassificationLog().Info("Feature Cache Terminating");
+  ProcessWide<FontFeatureCache>::Reset();
+}
+
+void FontFeatureCache::Init() {
+  CacheLog& log = ClassificationLog();
+  log.Info("Feature Cache Initialization Start");
+  try {
+    const bool ok = GetOrCreate()->Load();
+    log.Info(ok ? "Feature Cache Initialization successful" : "Feature Cache Initialization failed");
+  } catch (...) {
+    log.Info("Exception while Feature Cache Initialization");
+  }
+}
+
+bool FontFeatureCache::Load() {
+  CacheLog& log = ClassificationLog();
+  log.Info("Loading Cache Data Starts: time : ", HostTime());
+  bool ok = true;
+  {
+    std::unique_lock<std::shared_mutex> lock(lock_);
+    std::vector<FeatureRecord> read;
+    try {
+      LoadFeatureCache(CacheFilePath(), read);
+      records_ = std::move(read);
+    } catch (const FeatureCacheParameterError&) {
+      // A cache of the wrong shape is dropped: the next update measures every font again.
+      log.Info("Exception while Feature Cache Initialization");
+      records_.clear();
+      ok = false;
+    }
+    log.Info("Loaded Cache of size : ", records_.size());
+  }
+  log.Info("Loading Cache Data Ends: time ", HostTime());
   loaded_.store(true);
+  return ok;
 }
 
-bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (fontServerId < fontServerId_.load()) return false;
+bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t currentId) {
+  CacheLog& log = ClassificationLog();
+  log.Info("Update : Cache Font Server ID - ", fontServerId_.load());
+  log.Info(" Current Font Server ID - ", currentId);
+  const bool available = font_access.load() != nullptr || hostglue::FontEngineBound();
+  if (!available || currentId < fontServerId_.load() || fonts.empty()) return false;
+  std::lock_guard<std::mutex> update(update_mutex);
+  log.Info("Update Starts");
+  if (!loaded_.load()) Load();  // the init task may not have run yet
+  hostglue::FontAccess& access = Fonts();
   progress_.Start(uint32_t(fonts.size()));
-  fontServerId_.store(fontServerId);
-  ClassificationLog().Info(" Current Font Server ID - ", fontServerId);
-  progress_.Finish();
-  return false;
+
+  std::vector<QVFontHandle> unmatched;
+  std::vector<std::string> names;
+  if (!CancelRequested()) {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    for (QVFontHandle f : fonts) {
+      hostglue::FontNames n;
+      if (!f || !access.Names(f, n)) continue;
+      const auto it = std::lower_bound(records_.begin(), records_.end(), FeatureRecord{n.uniqueName, 0});
+      if (it == records_.end() || it->name != n.uniqueName) {
+        unmatched.push_back(f);
+        names.push_back(n.uniqueName);
+      }
+    }
+  }
+  log.Info("Update: Total Font Size :", fonts.size(), " ", "Unmatched font List size : ", unmatched.size());
+  // Fonts measured by earlier updates of this run match now, but were not in the file.
+  const size_t matched = fonts.size() - unmatched.size();
+  progress_.matched.store(uint32_t(matched - std::min(matched, storedThisRun_)));
+  progress_.done.store(uint32_t(matched));
+
+  // The costly measuring runs without the cache lock, so the suite stays answerable.
+  std::vector<FeatureRecord> added;
+  log.Info("Update : Processing Starts at time : ", HostTime());
+  for (size_t i = 0; i < unmatched.size() && !CancelRequested(); ++i) {
+    try {
+      log.Info("Processing Font : Name - ", names[i]);
+      const int64_t measured = Classify(access, unmatched[i]);
+      const uint32_t mask = measured < 0 ? 0 : uint32_t(measured);  // unmeasurable: no class
+      added.push_back({names[i], mask});
+      (measured < 0 ? progress_.unusable : progress_.computed)++;
+      log.Info("Font Attribute Value - ", mask);
+    } catch (...) {
+      log.Detail("Processing Font throws");
+    }
+    progress_.done++;
+  }
+  log.Info("Update : Processing End at time : ", HostTime());
+  log.Info("Update : Processing Ends with feature List of Size : ", added.size());
+  {
+    std::unique_lock<std::shared_mutex> lock(lock_);
+    records_.insert(records_.end(), added.begin(), added.end());
+    std::sort(records_.begin(), records_.end());
+    storedThisRun_ += added.size();
+  }
+  fontServerId_.store(currentId);
+  if (!added.empty()) Save();
+  log.Info("Update Ends");
+  return !added.empty();
 }
 
-std::vector<std::string> FontFeatureCache::GetFontsWithLabel(int32_t) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return {};
+void FontFeatureCache::Save() {
+  CacheLog& log = ClassificationLog();
+  log.Info("Cache Saving Start : time :", HostTime());
+  log.Info("Writing Feature Cache Info Starts");
+  try {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    SaveFeatureCache(CacheFilePath(), records_);
+    log.Info("Writing Feature Cache Info Ends");
+  } catch (...) {
+    log.Info("Exception while Writing Feature Cache");
+  }
+  log.Info("Cache Saving Ends : time :", HostTime());
+}
+
+std::vector<std::string> FontFeatureCache::GetFontsWithLabel(int32_t labelIndex) {
+  std::vector<std::string> names;
+  if (labelIndex < 0 || labelIndex >= kStyleClassCount) return names;
+  const uint32_t bit = kClassBits[labelIndex].bit;
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  for (const FeatureRecord& r : records_)
+    if (r.value & bit) names.push_back(r.name);
+  return names;
+}
+
+int64_t FontFeatureCache::Mask(const std::string& name) {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  const auto it = std::lower_bound(records_.begin(), records_.end(), FeatureRecord{name, 0});
+  return it != records_.end() && it->name == name ? int64_t(it->value) : -1;
 }
 
 }  // namespace fontrix

@@ -1,13 +1,16 @@
 #pragma once
-// The classification cache: one class bitmask per font, kept in "FontFeatureCache.json".
+// The classification cache: the class bitmask of every installed font, kept in
+// "FontFeatureCache.json" so that only fonts new since the last run are measured.
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <mutex>
+#include <shared_mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "classification/feature_cache_file.h"
+#include "hostglue/font_access.h"
 #include "plugin/cache_progress.h"
 #include "sdk/qv_types.h"
 
@@ -15,29 +18,44 @@ namespace fontrix {
 
 class FontFeatureCache {
  public:
-  /// The process-wide instance, or null when none has been created.
+  /// The class bitmask of a font, or -1 when it cannot be measured (stored as no class).
+  using Classifier = std::function<int64_t(hostglue::FontAccess&, QVFontHandle)>;
+
   static std::shared_ptr<FontFeatureCache> Instance();
-  /// The instance, created when absent.
   static std::shared_ptr<FontFeatureCache> GetOrCreate();
-  /// Saves what needs saving and destroys the instance.
+  /// Logs "Feature Cache Terminating" and releases the instance.
   static void Terminate();
+  /// Creates the instance and loads the cache file (init task).
+  static void Init();
+  /// Builds the three paths from the host's writable folder (main thread) and logs them.
+  static void SetUpPaths();
+  static void SetFontAccess(hostglue::FontAccess* access);
+  /// Replaces the measuring and scoring of fonts (tests).
+  static void SetClassifier(Classifier classifier);
+  static std::string CacheFilePath();
+  /// Puts the three files in `folder` and logs their paths.
+  static void SetCacheFolder(const std::string& folder);
 
-  /// Loads the cache file.
-  void Load();
-  /// Brings the cache up to date with `fonts`, the font list of generation `fontServerId`;
-  /// does nothing for an identifier lower than the last one processed. True when the cache
-  /// changed.
+  /// Loads the cache file; false when it had the wrong shape (the cache then stays empty).
+  bool Load();
+  /// Classifies the fonts of `fonts` (generation `fontServerId`) that have no record yet and
+  /// saves the file when any was added; nothing for a lower generation. True when records were added.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
+  void Save();
 
-  /// The unique names of the cached fonts whose class bits include the bit of `labelIndex`.
+  /// The names of the cached fonts whose mask has the bit of `labelIndex` (a style class).
   std::vector<std::string> GetFontsWithLabel(int32_t labelIndex);
+  /// The mask of font `name`, or -1 when it is not cached.
+  int64_t Mask(const std::string& name);
 
   bool Loaded() const { return loaded_.load(); }
   uint32_t FontServerId() const { return fontServerId_.load(); }
   CacheProgress& Progress() { return progress_; }
 
  private:
-  std::mutex mutex_;
+  std::shared_mutex lock_;              // the records
+  std::vector<FeatureRecord> records_;  // sorted by name after every merge
+  size_t storedThisRun_ = 0;            // records this instance added
   std::atomic<bool> loaded_{false};
   std::atomic<uint32_t> fontServerId_{0};
   CacheProgress progress_;

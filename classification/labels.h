@@ -8,6 +8,7 @@
 namespace fontrix {
 
 constexpr int kLabelCount = 39;
+constexpr int kFeatureCount = 96;  ///< features measured per font
 constexpr int kStyleClassCount = 8;
 
 /// The label of attribute number `n` (0..38): "fs_blackletter" ... "r_wide".

@@ -168,7 +168,6 @@ QVErr Fontrix::Notify(QVNotifierMessage* message) {
     RequestCancel(true);
     scheduler.StopAll();
     RequestCancel(false);
-    ClassificationLog().Info("Feature Cache Terminating");
     FontFeatureCache::Terminate();
     FontSimilarCache::Terminate();
     FontRecognitionCache::Terminate();

@@ -39,15 +39,11 @@ void ResolveCacheLogs() {
   }
 }
 
-FontFeatureCacheInitTask::FontFeatureCacheInitTask() : ServiceTask(kFontrixServiceClassification) {}
-
-void FontFeatureCacheInitTask::Work() {
-  try {
-    FontFeatureCache::GetOrCreate()->Load();
-  } catch (...) {
-    ClassificationLog().Info("Exception while Feature Cache Initialization");
-  }
+FontFeatureCacheInitTask::FontFeatureCacheInitTask() : ServiceTask(kFontrixServiceClassification) {
+  FontFeatureCache::SetUpPaths();
 }
+
+void FontFeatureCacheInitTask::Work() { FontFeatureCache::Init(); }
 
 FontSimilarCacheInitTask::FontSimilarCacheInitTask() : ServiceTask(kFontrixServiceSimilarity) {
   SimilarityLog().ReadLogSwitch();

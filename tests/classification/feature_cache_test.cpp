@@ -47,3 +47,62 @@ TEST(FeatureCacheFile, RoundTripEmptyAndMalformedFiles) {
 
 }  // namespace
 }  // namespace fontrix
+
+#include "classification/font_feature_cache.h"
+#include "hostglue/fake_font_access.h"
+
+namespace fontrix {
+namespace {
+
+// Only fonts without a record are measured; a font that throws gets no record and is measured
+// again by the next update; records survive in the file.
+TEST(FontFeatureCache, UpdatesMeasureNewFontsOnlyAndKeepThemInTheFile) {
+  const fs::path dir = fs::temp_directory_path() / "fontrix-feature-cache";
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  SaveFeatureCache((dir / "FontFeatureCache.json").string(), {{"Alpha-Regular", 64}});
+  hostglue::FakeFontAccess fonts;
+  const QVFontHandle alpha = fonts.Add(hostglue::FakeFontAccess::LatinFont("Alpha-Regular"));
+  const QVFontHandle beta = fonts.Add(hostglue::FakeFontAccess::LatinFont("Beta-Bold"));
+  const QVFontHandle gamma = fonts.Add(hostglue::FakeFontAccess::LatinFont("Gamma-Regular"));
+  std::vector<std::string> measured;
+  bool gamma_throws = true;
+  FontFeatureCache::SetFontAccess(&fonts);
+  FontFeatureCache::SetClassifier([&](hostglue::FontAccess& access, QVFontHandle font) -> int64_t {
+    hostglue::FontNames n;
+    access.Names(font, n);
+    measured.push_back(n.uniqueName);
+    if (n.uniqueName == "Gamma-Regular" && gamma_throws) throw std::runtime_error("broken font");
+    return n.uniqueName == "Beta-Bold" ? 16 : -1;
+  });
+  FontFeatureCache::SetCacheFolder(dir.string());
+  FontFeatureCache::Terminate();
+  auto cache = FontFeatureCache::GetOrCreate();
+  ASSERT_TRUE(cache->Load());
+  EXPECT_TRUE(cache->Update({alpha, beta, gamma}, 2));
+  EXPECT_EQ(measured, (std::vector<std::string>{"Beta-Bold", "Gamma-Regular"}));
+  EXPECT_EQ(cache->Mask("Alpha-Regular"), 64);
+  EXPECT_EQ(cache->Mask("Beta-Bold"), 16);
+  EXPECT_EQ(cache->Mask("Gamma-Regular"), -1);  // threw: no record
+  EXPECT_EQ(cache->GetFontsWithLabel(4), (std::vector<std::string>{"Beta-Bold"}));
+  EXPECT_EQ(cache->GetFontsWithLabel(6), (std::vector<std::string>{"Alpha-Regular"}));
+
+  measured.clear();
+  EXPECT_FALSE(cache->Update({alpha, beta}, 1));  // an older generation does nothing
+  EXPECT_TRUE(measured.empty());
+  gamma_throws = false;
+  EXPECT_TRUE(cache->Update({alpha, beta, gamma}, 2));  // the same generation tries Gamma again
+  EXPECT_EQ(measured, (std::vector<std::string>{"Gamma-Regular"}));
+  EXPECT_EQ(cache->Mask("Gamma-Regular"), 0);  // could not be measured: no class
+
+  std::vector<FeatureRecord> saved;
+  LoadFeatureCache((dir / "FontFeatureCache.json").string(), saved);
+  EXPECT_EQ(saved.size(), 3u);
+  FontFeatureCache::Terminate();
+  FontFeatureCache::SetClassifier(nullptr);
+  FontFeatureCache::SetFontAccess(nullptr);
+  fs::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace fontrix
