@@ -36,6 +36,8 @@ const char* const kHelp =
     "\n"
     "Commands:\n"
     "  fonts               the installed fonts the module uses: unique name, family, style\n"
+    "  classes [CLASS]     the installed fonts of each style class (blackletter, decorative,\n"
+    "                      handmade, monospace, sans_serif, script, serif, slab_serif), or of one\n"
     "  similar NAME [--sheet FILE]\n"
     "                      the installed fonts most like font NAME, best first, with scores;\n"
     "                      --sheet writes a PNG contact sheet of their specimens\n"
@@ -80,8 +82,8 @@ struct Options {
 constexpr double kDefaultSpecimenSize = 200;
 
 // Each command and the number of arguments it takes.
-const std::pair<const char*, size_t> kCommands[] = {
-    {"fonts", 0}, {"similar", 1}, {"recognize", 1}, {"index", 0}, {"specimen", 2}};
+const std::pair<const char*, size_t> kCommands[] = {{"fonts", 0},     {"classes", 0}, {"similar", 1},
+                                                    {"recognize", 1}, {"index", 0},   {"specimen", 2}};
 
 double ParseSize(const std::string& text) {
   char* end = nullptr;
@@ -156,9 +158,10 @@ Options Parse(int argc, char** argv) {
   const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
                                      [&](const auto& c) { return options.command == c.first; });
   if (command == std::end(kCommands)) throw UsageError("unknown command '" + options.command + "'");
-  if (command->second == 0 && !options.args.empty())
+  const bool optional_argument = options.command == "classes" && options.args.size() == 1;
+  if (command->second == 0 && !options.args.empty() && !optional_argument)
     throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
-  if (options.args.size() != command->second)
+  if (options.args.size() != command->second && !optional_argument)
     throw UsageError(options.command + " takes " + std::to_string(command->second) + " arguments, not " +
                      std::to_string(options.args.size()));
   const bool specimen = options.command == "specimen";
@@ -550,6 +553,50 @@ void Recognize(Host& host, const Options& options) {
   std::fflush(stdout);
 }
 
+// The style classes as the module's feature suite answers them, exactly as another plug-in asks.
+void Classes(Host& host, const Options& options) {
+  static const char* const kClasses[] = {"blackletter", "decorative", "handmade", "monospace",
+                                         "sans_serif",  "script",     "serif",    "slab_serif"};
+  int32_t only = -1;
+  if (!options.args.empty()) {
+    std::string wanted = options.args[0];
+    if (wanted.rfind("fs_", 0) == 0) wanted = wanted.substr(3);
+    std::replace(wanted.begin(), wanted.end(), '-', '_');
+    for (int32_t i = 0; i < 8; ++i)
+      if (wanted == kClasses[i]) only = i;
+    if (only < 0) {
+      std::string names;
+      for (const char* c : kClasses) names += std::string(names.empty() ? "" : ", ") + c;
+      throw Failure("no style class is named '" + options.args[0] + "'; the classes are " + names);
+    }
+  }
+  HeldSuite<FontrixFeatureSuite> feature(host, kFontrixFeatureSuite, kFontrixFeatureSuiteVersion);
+  std::string out = options.json ? "{\"classes\": [" : "";
+  bool first = true;
+  for (int32_t i = 0; i < 8; ++i) {
+    if (only >= 0 && i != only) continue;
+    std::vector<std::pair<std::string, double>> found;
+    FontrixFontList list = Collector(found);
+    const QVErr err = feature->GetFontsWithLabel(&i, &list);
+    if (err == kQVNotInitialisedErr) throw Failure("the classification service is not running (switched off)");
+    Check(err, "the class query");
+    if (options.json) {
+      out += std::string(first ? "" : ", ") + "{\"class\": " + JsonString(kClasses[i]) + ", \"fonts\": [";
+      for (size_t k = 0; k < found.size() && k < options.limit; ++k)
+        out += std::string(k ? ", " : "") + JsonString(found[k].first);
+      out += "]}";
+    } else if (only >= 0) {
+      for (size_t k = 0; k < found.size() && k < options.limit; ++k) out += found[k].first + "\n";
+    } else {
+      out += std::string(kClasses[i]) + ": " + std::to_string(found.size()) + " fonts\n";
+    }
+    first = false;
+  }
+  if (options.json) out += "]}\n";
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+}
+
 // What the module's background work did, per service, as its progress suite tells it.
 void Index(const FontrixProgressSuite& progress, const Options& options, double seconds) {
   static const char* const kNames[] = {"classification", "similarity", "recognition"};
@@ -608,6 +655,8 @@ int RunCommand(const Options& options) {
         Fonts(host, *progress, options);
       } else if (options.command == "similar") {
         Similar(host, options);
+      } else if (options.command == "classes") {
+        Classes(host, options);
       } else if (options.command == "recognize") {
         Recognize(host, options);
       } else if (options.command == "index") {

@@ -36,7 +36,7 @@ class CliTest(unittest.TestCase):
         cases = {
             "no command": [],
             "unknown command": ["frobnicate"],
-            "later command": ["classes", "serif"],
+            "later command": ["features", "DejaVuSans"],
             "unknown option": ["--frob", "fonts"],
             "missing value": ["fonts", "--limit"],
             "zero limit": ["fonts", "--limit", "0"],

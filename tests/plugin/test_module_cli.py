@@ -44,6 +44,19 @@ class ModuleCliTest(unittest.TestCase):
         self.assertFalse(any(os.path.exists(os.path.join(self.cache, log)) for log in LOGS.values()),
                          "no debug log without --debug-log")
 
+    def test_classes_answer_through_the_feature_suite(self):
+        r = subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, "classes", "--json"],
+                           capture_output=True, text=True, timeout=300, env=self.env)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        classes = json.loads(r.stdout)["classes"]
+        self.assertEqual([c["class"] for c in classes][:3], ["blackletter", "decorative", "handmade"])
+        self.assertEqual(len(classes), 8)
+        self.assertTrue(os.path.exists(os.path.join(self.cache, "FontFeatureCache.json")))
+        r = subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, "classes", "gothic"],
+                           capture_output=True, text=True, timeout=300, env=self.env)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("no style class is named 'gothic'", r.stderr)
+
     def test_debug_logs_follow_the_services_that_ran(self):
         self.fonts("--debug-log", "--disable", "similarity")
         with open(os.path.join(self.cache, LOGS["recognition"])) as f:
