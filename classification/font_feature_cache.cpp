@@ -19,14 +19,9 @@ namespace {
 std::mutex update_mutex;  // one update at a time; taken before the cache lock
 std::mutex paths_mutex;
 std::string lookup_path, cache_path, debug_path;
-std::atomic<hostglue::FontAccess*> font_access{nullptr};
+hostglue::FontAccessSlot font_access;
 std::mutex classifier_mutex;
 FontFeatureCache::Classifier classifier;
-
-hostglue::FontAccess& Fonts() {
-  hostglue::FontAccess* access = font_access.load();
-  return access ? *access : hostglue::HostFontAccess();
-}
 
 int64_t MeasureAndScore(hostglue::FontAccess& fonts, QVFontHandle font) {
   FeatureVector features{};
@@ -44,7 +39,7 @@ int64_t Classify(hostglue::FontAccess& fonts, QVFontHandle font) {
 
 }  // namespace
 
-void FontFeatureCache::SetFontAccess(hostglue::FontAccess* access) { font_access.store(access); }
+void FontFeatureCache::SetFontAccess(hostglue::FontAccess* access) { font_access.Set(access); }
 
 void FontFeatureCache::SetClassifier(Classifier c) {
   std::lock_guard<std::mutex> lock(classifier_mutex);
@@ -119,12 +114,11 @@ bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
   CacheLog& log = ClassificationLog();
   log.Info("Update : Cache Font Server ID - ", fontServerId_.load());
   log.Info(" Current Font Server ID - ", currentId);
-  const bool available = font_access.load() != nullptr || hostglue::FontEngineBound();
-  if (!available || currentId < fontServerId_.load() || fonts.empty()) return false;
+  if (!font_access.Available() || currentId < fontServerId_.load() || fonts.empty()) return false;
   std::lock_guard<std::mutex> update(update_mutex);
   log.Info("Update Starts");
   if (!loaded_.load()) Load();  // the init task may not have run yet
-  hostglue::FontAccess& access = Fonts();
+  hostglue::FontAccess& access = font_access.Get();
   progress_.Start(uint32_t(fonts.size()));
 
   std::vector<QVFontHandle> unmatched;

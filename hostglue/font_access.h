@@ -3,6 +3,7 @@
 // module's one implementation calls the host's font engine procedures bound at start-up; tests
 // use an in-memory fake. Every call reports failure by its result, never by an exception, and
 // may be made from any thread.
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -72,5 +73,20 @@ class FontAccess {
 /// The host's fonts through the procedures bound at start-up; every call fails while they are
 /// not bound.
 FontAccess& HostFontAccess();
+
+/// A cache's way to the fonts: the host's, unless a test has put another FontAccess in.
+class FontAccessSlot {
+ public:
+  void Set(FontAccess* access) { access_.store(access); }
+  FontAccess& Get() const {
+    FontAccess* access = access_.load();
+    return access ? *access : HostFontAccess();
+  }
+  /// Whether fonts can be reached: a replacement is in, or the host's engine is bound.
+  bool Available() const;
+
+ private:
+  std::atomic<FontAccess*> access_{nullptr};
+};
 
 }  // namespace fontrix::hostglue

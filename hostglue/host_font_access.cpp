@@ -132,6 +132,8 @@ class HostAccess : public FontAccess {
 
 }  // namespace
 
+bool FontAccessSlot::Available() const { return access_.load() != nullptr || FontEngineBound(); }
+
 FontAccess& HostFontAccess() {
   static HostAccess access;
   return access;

@@ -21,12 +21,7 @@ namespace {
 std::mutex paths_mutex;
 RecognitionPaths resolved_paths;
 bool paths_resolved = false;
-std::atomic<hostglue::FontAccess*> font_access{nullptr};
-
-hostglue::FontAccess& Fonts() {
-  hostglue::FontAccess* access = font_access.load();
-  return access ? *access : hostglue::HostFontAccess();
-}
+hostglue::FontAccessSlot font_access;
 
 // The localisation network reads the raster brought to 109 rows and gives, in its layer
 // "detections", triples (start, end, confidence) with start and end as fractions of the raster's
@@ -67,7 +62,7 @@ void SetRecognitionPaths(const RecognitionPaths& paths) {
   paths_resolved = true;
 }
 
-void FontRecognitionCache::SetFontAccess(hostglue::FontAccess* access) { font_access.store(access); }
+void FontRecognitionCache::SetFontAccess(hostglue::FontAccess* access) { font_access.Set(access); }
 
 std::shared_ptr<FontRecognitionCache> FontRecognitionCache::Instance() {
   return ProcessWide<FontRecognitionCache>::Get();
@@ -114,9 +109,9 @@ bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32
   progress_.Start(uint32_t(fonts.size()));
   // The same fonts in the same order as the similarity cache matches them, so the font indices
   // of the two caches agree when recognition widens through similarity.
-  hostglue::FontAccess& access = Fonts();
+  hostglue::FontAccess& access = font_access.Get();
   std::vector<std::string> names;
-  const bool available = font_access.load() != nullptr || hostglue::FontEngineBound();
+  const bool available = font_access.Available();
   for (QVFontHandle f : fonts) {
     hostglue::FontNames n;
     if (available && access.IsUsable(f) && access.Names(f, n)) names.push_back(n.uniqueName);
@@ -223,7 +218,7 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
 
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle image) {
   hostglue::GreyImage pixels;
-  if (!Fonts().ImagePixels(image, pixels)) return {};
+  if (!font_access.Get().ImagePixels(image, pixels)) return {};
   return GetRecognizedFontList(pixels.pixels.data(), pixels.width, pixels.height);
 }
 

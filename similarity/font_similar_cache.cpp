@@ -18,14 +18,7 @@ namespace {
 std::mutex update_mutex;  // one update at a time; taken before the cache's own mutex
 std::mutex paths_mutex;
 SimilarityPaths resolved_paths;
-std::atomic<hostglue::FontAccess*> font_access{nullptr};
-
-hostglue::FontAccess& Fonts() {
-  hostglue::FontAccess* access = font_access.load();
-  return access ? *access : hostglue::HostFontAccess();
-}
-
-bool FontServicesAvailable() { return font_access.load() != nullptr || hostglue::FontEngineBound(); }
+hostglue::FontAccessSlot font_access;
 
 }  // namespace
 
@@ -57,7 +50,7 @@ void SetSimilarityPaths(const SimilarityPaths& paths) {
   resolved_paths = paths;
 }
 
-void FontSimilarCache::SetFontAccess(hostglue::FontAccess* access) { font_access.store(access); }
+void FontSimilarCache::SetFontAccess(hostglue::FontAccess* access) { font_access.Set(access); }
 
 std::shared_ptr<FontSimilarCache> FontSimilarCache::Instance() { return ProcessWide<FontSimilarCache>::Get(); }
 std::shared_ptr<FontSimilarCache> FontSimilarCache::GetOrCreate() {
@@ -125,7 +118,7 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
   CacheLog& log = SimilarityLog();
   log.Info("Update : Cache Font Server ID - ", fontServerId_.load());
   log.Info(" Current Font Server ID - ", currentId);
-  if (!FontServicesAvailable() || currentId < fontServerId_.load() || fonts.empty()) return false;
+  if (!font_access.Available() || currentId < fontServerId_.load() || fonts.empty()) return false;
   std::lock_guard<std::mutex> update(update_mutex);
   log.Info("Update Starts with #Fonts = ", fonts.size());
   if (CancelRequested()) return false;
@@ -134,7 +127,7 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
   if (!loaded_.load()) LoadLocked(ResolveSimilarityPaths());
   // Without a network (no model file) no font can be computed: leave them for a later run.
   if (table_.network.empty()) return false;
-  hostglue::FontAccess& access = Fonts();
+  hostglue::FontAccess& access = font_access.Get();
 
   std::vector<QVFontHandle> usable;
   for (QVFontHandle f : fonts)
