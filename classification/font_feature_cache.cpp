@@ -6,7 +6,6 @@
 #include "classification/attribute_scoring.h"
 #include "classification/font_features.h"
 #include "classification/labels.h"
-#include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
 #include "plugin/cancellation.h"
 #include "plugin/host_suites.h"

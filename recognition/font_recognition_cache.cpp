@@ -7,7 +7,6 @@
 
 #include "deepnet/model_io.h"
 #include "deepnet/network.h"
-#include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
 #include "plugin/host_suites.h"
 #include "plugin/process_wide.h"

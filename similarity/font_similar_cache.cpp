@@ -4,7 +4,6 @@
 #include <cstring>
 #include <filesystem>
 
-#include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
 #include "plugin/cancellation.h"
 #include "plugin/host_suites.h"
