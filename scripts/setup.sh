@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs every Debian package that building, testing and running Fontrix needs.
 # Idempotent: when everything is present it changes nothing and asks no registry.
-# Usage: scripts/setup.sh [--training]   (--training adds PyTorch and fontTools)
+# Usage: scripts/setup.sh [--training]   (--training adds PyTorch and what the corpus fetch needs)
 set -euo pipefail
 
 packages=(
@@ -12,7 +12,7 @@ packages=(
   libpng-dev libjpeg-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  python3 python3-numpy
+  python3 python3-numpy python3-fonttools
   fonts-dejavu-core
   # Fonts the host's tests read: TrueType, CFF and Type 1 outlines, a collection (.ttc), a
   # variable font with named instances (Debian 12's Cantarell is static; Inter is variable) and
@@ -21,7 +21,9 @@ packages=(
   fonts-inter-variable fonts-terminus-otb
 )
 if [[ "${1:-}" == "--training" ]]; then
-  packages+=(python3-torch python3-fonttools)
+  # PyTorch; brotli for fontTools to read WOFF2; the corpus fetch's apt-get download and npm.
+  packages+=(python3-torch python3-brotli)
+  command -v npm >/dev/null || packages+=(npm)
 fi
 
 missing=()

@@ -1,0 +1,199 @@
+#!/usr/bin/python3
+"""Writes training/corpus/labels.tsv: the style classes of every face in manifest.tsv.
+
+    /usr/bin/python3 training/corpus/labels.py [--cache DIR]
+
+One line a face: unique name, its classes (label strings, the primary class first), and
+where they came from. The sources, in order:
+1. family_classes.tsv, the hand list (families no metadata describes, and corrections), and
+   the Aenigma collection of display faces (family names ending in "BRK");
+2. the family's Google Fonts category in google-font-metadata, refined by the written rules
+   below (slab serifs among serifs, blackletter and scripts among display faces, scripts
+   and handmade faces among handwriting);
+3. the font itself: a face whose letters and figures all have one advance width, or whose
+   post table says fixed pitch, is monospaced whatever its category says.
+A face none of these describe is written with no classes and source "unlabelled".
+"""
+import argparse
+import json
+import os
+import re
+import sys
+
+from fontTools.ttLib import TTCollection, TTFont, TTLibError
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import fetch  # noqa: E402
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+MANIFEST = os.path.join(HERE, "manifest.tsv")
+LABELS = os.path.join(HERE, "labels.tsv")
+HAND_LIST = os.path.join(HERE, "family_classes.tsv")
+
+CLASSES = ("fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace", "fs_sans_serif", "fs_script",
+           "fs_serif", "fs_slab_serif")
+
+BLACKLETTER = {
+    "Grenze Gotisch", "UnifrakturMaguntia", "UnifrakturCook", "Pirata One", "New Rocker", "Fruktur",
+    "Jacquard 12", "Jacquard 24", "Jacquarda Bastarda 9", "Texturina", "Germania One",
+    "Manufacturing Consent", "Metal Mania",
+}
+SLAB_SERIF = {
+    "Roboto Slab", "Zilla Slab", "Arvo", "Bitter", "Josefin Slab", "Aleo", "Crete Round", "Rokkitt",
+    "Slabo 13px", "Slabo 27px", "Noticia Text", "Kameron", "Podkova", "Enriqueta", "Copse", "Patua One",
+    "Ultra", "Alfa Slab One", "Bevan", "Coustard", "Trocchi", "Glegoo", "Kreon", "Solway", "Sanchez",
+    "Arbutus Slab", "Stint Ultra Condensed", "Stint Ultra Expanded", "Bree Serif", "Hepta Slab", "Andada",
+    "Peralta", "Graduate", "Courier Prime", "Cutive Mono", "Cutive", "Special Elite", "Kelly Slab",
+    "Nixie One", "Smokum", "Scope One", "Antic Slab", "Suez One", "Zilla Slab Highlight",
+}
+# Display-category families that are connected or formal scripts rather than decoration.
+DISPLAY_SCRIPT = {
+    "Lobster", "Lobster Two", "Playball", "Lily Script One", "Oleo Script", "Oleo Script Swash Caps",
+    "Seaweed Script", "Sansita Swashed", "Dynalight", "Nova Script", "Arizonia", "Sevillana", "Vibes",
+    "Yesteryear", "Chicle",
+}
+# Handwriting-category families written as joined or formal script; the rest of the
+# category (print-like handwriting, markers, school hands) is handmade.
+SCRIPT_NAME = re.compile(r"Script|Swash|Formal|Cursive|Calligraph|Brush|^Playwrite|Vibes|Hand Pre$")
+HANDWRITING_SCRIPT = {
+    "Allura", "Allison", "Ballet", "Beau Rivage", "Birthstone", "Birthstone Bounce", "Bonheur Royale",
+    "Carattere", "Cherish", "Charm", "Clicker Script", "Comforter", "Condiment", "Cookie", "Corinthia",
+    "Courgette", "Damion", "Dancing Script", "Devonshire", "Dr Sugiyama", "Eagle Lake", "Engagement",
+    "Ephesis", "Estonia", "Explora", "Felipa", "Fleur De Leah", "Fondamento", "Great Vibes", "Grand Hotel",
+    "Grey Qo", "Gwendolyn", "Herr Von Muellerhoff", "Hurricane", "Imperial Script", "Ingrid Darling",
+    "Inspiration", "Island Moments", "Italianno", "Kristi", "La Belle Aurore", "Lavishly Yours",
+    "Leckerli One", "Licorice", "Love Light", "Lovers Quarrel", "Luxurious Script", "Meddon", "Meie Script",
+    "Miss Fajardose", "Monsieur La Doulaise", "MonteCarlo", "Montez", "Moon Dance", "Mr Bedfort",
+    "Mr Dafoe", "Mr De Haviland", "Mrs Saint Delafield", "Mrs Sheppards", "Ms Madi", "My Soul",
+    "Niconne", "Norican", "Ole", "Pacifico", "Parisienne", "Passions Conflict", "Petemoss", "Pinyon Script",
+    "Praise", "Princess Sofia", "Puppies Play", "Qwigley", "Qwitcher Grypen", "Rochester", "Romanesco",
+    "Ruthie", "Sacramento", "Satisfy", "Send Flowers", "Shalimar", "Smooch", "Sofia", "Splash",
+    "Stalemate", "Tangerine", "Tapestry", "The Nautigal", "Twinkle Star", "Updock", "Vibur", "Waterfall",
+    "Whisper", "WindSong", "Yellowtail", "Yesteryear", "Bilbo", "Marck Script", "Mea Culpa", "Euphoria Script",
+    "Lugrasimo", "Babylonica", "Caramel", "Festive", "Quintessential", "Solitreo", "Kapakana",
+}
+
+
+def category_classes(family, category):
+    """Classes for a family from its Google Fonts category, and the rule that gave them."""
+    if family in BLACKLETTER:
+        return ["fs_blackletter"], "blackletter list"
+    if family in SLAB_SERIF:
+        if category == "monospace":
+            return ["fs_monospace", "fs_slab_serif"], "category monospace, slab serif list"
+        return ["fs_slab_serif", "fs_serif"], "slab serif list"
+    if category == "serif":
+        return ["fs_serif"], "category serif"
+    if category == "sans-serif":
+        return ["fs_sans_serif"], "category sans-serif"
+    if category == "monospace":
+        return ["fs_monospace"], "category monospace"
+    if category == "handwriting":
+        if family in HANDWRITING_SCRIPT or SCRIPT_NAME.search(family):
+            return ["fs_script"], "category handwriting, script rule"
+        return ["fs_handmade"], "category handwriting"
+    if category == "display":
+        if family in DISPLAY_SCRIPT:
+            return ["fs_script"], "category display, script list"
+        return ["fs_decorative"], "category display"
+    return None, None
+
+
+def read_hand_list(path=HAND_LIST):
+    """family -> (classes, note). Lines: family, comma-separated classes, note."""
+    hand = {}
+    with open(path, encoding="utf-8") as f:
+        for number, line in enumerate(f, 1):
+            line = line.rstrip("\n")
+            if not line or line.startswith("#"):
+                continue
+            fields = line.split("\t")
+            classes = fields[1].split(",") if len(fields) > 1 else []
+            if len(fields) < 2 or not classes or any(c not in CLASSES for c in classes):
+                raise ValueError(f"{path}:{number}: expected family<TAB>classes<TAB>note with classes from {CLASSES}")
+            hand[fields[0]] = (classes, fields[2] if len(fields) > 2 else "")
+    return hand
+
+
+def read_catalogue(cache):
+    """Google family name -> category, from the fetched metadata package."""
+    path = os.path.join(fetch.package_folder(cache, "npm", "google-font-metadata"), "google-fonts-v2.json")
+    with open(path, encoding="utf-8") as f:
+        data = json.load(f)
+    return {entry["family"]: entry["category"] for entry in data.values()}
+
+
+def is_fixed_pitch(font):
+    """True when the post table says so, or when a-z, A-Z and 0-9 share one advance width."""
+    if getattr(font.get("post"), "isFixedPitch", 0):
+        return True
+    cmap = font.getBestCmap() or {}
+    metrics = font["hmtx"].metrics
+    widths = {metrics[cmap[ord(c)]][0] for c in "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+              if ord(c) in cmap and cmap[ord(c)] in metrics}
+    return len(widths) == 1
+
+
+def face_is_fixed_pitch(cache, file_field):
+    path, _, index = file_field.partition("#")
+    with open(os.path.join(cache, path), "rb") as file:
+        if path.lower().endswith((".ttc", ".otc")):
+            return is_fixed_pitch(TTCollection(file, lazy=True).fonts[int(index or 0)])
+        return is_fixed_pitch(TTFont(file, lazy=True))
+
+
+def label_face(family, fixed_pitch, hand, catalogue):
+    """(classes, source) for one face."""
+    if family in hand:
+        classes, source = list(hand[family][0]), "hand list"
+    elif family.endswith(" BRK"):
+        classes, source = ["fs_decorative"], "Aenigma display collection (family suffix BRK)"
+    elif family in catalogue:
+        classes, rule = category_classes(family, catalogue[family])
+        classes, source = (list(classes), "Google Fonts " + rule) if classes else ([], "unlabelled")
+    else:
+        classes, source = [], "unlabelled"
+    if fixed_pitch and "fs_monospace" not in classes:
+        classes = ["fs_monospace"] + classes
+        source += "; fixed pitch"
+    elif not fixed_pitch and classes and classes[0] == "fs_monospace":
+        source += "; font not fixed pitch"
+    return classes, source
+
+
+def read_manifest(path=MANIFEST):
+    with open(path, encoding="utf-8") as f:
+        header = f.readline().rstrip("\n").split("\t")
+        return [dict(zip(header, line.rstrip("\n").split("\t"))) for line in f if line.strip()]
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--cache", default=fetch.default_cache())
+    args = parser.parse_args(argv)
+    hand, catalogue = read_hand_list(), read_catalogue(args.cache)
+    counts = {c: 0 for c in CLASSES}
+    unlabelled = set()
+    with open(LABELS + ".tmp", "w", encoding="utf-8") as out:
+        out.write("unique_name\tclasses\tsource\n")
+        for face in read_manifest():
+            try:
+                fixed = face_is_fixed_pitch(args.cache, face["file"])
+            except (TTLibError, OSError, KeyError) as error:
+                print(f"{face['unique_name']}: {error}", file=sys.stderr)
+                fixed = False
+            classes, source = label_face(face["family"], fixed, hand, catalogue)
+            if not classes:
+                unlabelled.add(face["family"])
+            for c in classes:
+                counts[c] += 1
+            out.write(f"{face['unique_name']}\t{','.join(classes)}\t{source}\n")
+    os.replace(LABELS + ".tmp", LABELS)
+    print(" ".join(f"{c}={n}" for c, n in counts.items()))
+    if unlabelled:
+        print(f"{len(unlabelled)} families unlabelled: " + ", ".join(sorted(unlabelled)))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
