@@ -3,8 +3,8 @@
 
     /usr/bin/python3 training/corpus/build_manifest.py [--cache DIR] [--rejects FILE]
 
-Every face in DIR/fonts is named as the reference host names it (fontconfig's scan, which
-takes the PostScript name from FreeType), and kept when it
+Every face in DIR/fonts is named as the reference host names it (build/bin/fontrix fonts over
+the corpus; fontconfig's scan where the host is not built), and kept when it
 - is a static (not variable) TrueType, OpenType or WOFF2 face;
 - maps a-z, A-Z and 0-9 and has the glyph "one" (by glyph name, or through U+0031 as the
   host's glyph lookup falls back);
@@ -73,6 +73,31 @@ def scan_folder(folder):
         except ValueError:
             continue
     return faces
+
+
+def host_names(cache):
+    """file -> [(style, unique name)] as the reference host names the corpus faces (FreeType's
+    PostScript name, which for CFF fonts can differ from fontconfig's), or {} when the host is
+    not built."""
+    tool = os.path.join(os.path.dirname(os.path.dirname(HERE)), "build", "bin", "fontrix")
+    if not os.path.exists(tool):
+        return {}
+    env = dict(os.environ, FONTRIX_CORPUS_DIR=cache)
+    out = subprocess.run([os.path.join(HERE, "with-corpus-fonts"), tool, "fonts", "--json"], env=env,
+                         capture_output=True, text=True, check=True).stdout
+    result = {}
+    for font in json.loads(out)["fonts"]:
+        result.setdefault(font["file"], []).append((font["style"], font["name"]))
+    return result
+
+
+def host_name(face, names):
+    """The host's name for a face: the only one of its file, or the one of its style."""
+    listed = names.get(face["file"], [])
+    if len(listed) == 1:
+        return listed[0][1]
+    same_style = [name for style, name in listed if style == face["style"]]
+    return same_style[0] if len(same_style) == 1 else face["unique_name"]
 
 
 def glyph_bounds(font, glyph_set, cmap, char):
@@ -179,10 +204,11 @@ def main(argv=None):
     parser.add_argument("--jobs", type=int, default=2)
     args = parser.parse_args(argv)
 
-    candidates = []
+    candidates, named = [], host_names(args.cache)
     for source, package, folder, info in package_order(args.cache):
         for face in sorted(scan_folder(folder), key=lambda f: (f["file"], f["index"])):
-            face.update(package=f"{source}:{package}={info['version']}", licence=info.get("licence", ""))
+            face.update(package=f"{source}:{package}={info['version']}", licence=info.get("licence", ""),
+                        unique_name=host_name(face, named))
             candidates.append(face)
 
     reasons, to_open = {}, []

@@ -3,8 +3,9 @@
 
     /usr/bin/python3 training/corpus/labels.py [--cache DIR]
 
-One line a face: unique name, its classes (label strings, the primary class first), and
-where they came from. The sources, in order:
+One line a face: unique name, its classes (label strings, the primary class first), where
+they came from, and the family it belongs to (for a web font its catalogue family, since the
+files' own family names carry the weight: "Barlow Light"); splits.py splits by that family. The sources, in order:
 1. family_classes.tsv, the hand list (families no metadata describes, and corrections), and
    the Aenigma collection of display faces (family names ending in "BRK");
 2. the family's Google Fonts category in google-font-metadata, refined by the written rules
@@ -116,11 +117,25 @@ def read_hand_list(path=HAND_LIST):
 
 
 def read_catalogue(cache):
-    """Google family name -> category, from the fetched metadata package."""
+    """(Google family name -> category, web-font package id -> family name), from the
+    fetched metadata package."""
     path = os.path.join(fetch.package_folder(cache, "npm", "google-font-metadata"), "google-fonts-v2.json")
     with open(path, encoding="utf-8") as f:
         data = json.load(f)
-    return {entry["family"]: entry["category"] for entry in data.values()}
+    return ({entry["family"]: entry["category"] for entry in data.values()},
+            {package_id: entry["family"] for package_id, entry in data.items()})
+
+
+WEB_FONT_PACKAGE = re.compile(r"^npm:@fontsource/([a-z0-9-]+)=")
+
+
+def catalogue_family(face, family_of_id):
+    """The family a face belongs to: for a web-font package its catalogue family (the files'
+    own family names carry the weight, "Barlow Light"), else the face's family name."""
+    match = WEB_FONT_PACKAGE.match(face["package"])
+    if match and match.group(1) in family_of_id:
+        return family_of_id[match.group(1)]
+    return face["family"]
 
 
 def is_fixed_pitch(font):
@@ -171,23 +186,25 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--cache", default=fetch.default_cache())
     args = parser.parse_args(argv)
-    hand, catalogue = read_hand_list(), read_catalogue(args.cache)
+    hand = read_hand_list()
+    catalogue, family_of_id = read_catalogue(args.cache)
     counts = {c: 0 for c in CLASSES}
     unlabelled = set()
     with open(LABELS + ".tmp", "w", encoding="utf-8") as out:
-        out.write("unique_name\tclasses\tsource\n")
+        out.write("unique_name\tclasses\tsource\tfamily\n")
         for face in read_manifest():
             try:
                 fixed = face_is_fixed_pitch(args.cache, face["file"])
             except (TTLibError, OSError, KeyError) as error:
                 print(f"{face['unique_name']}: {error}", file=sys.stderr)
                 fixed = False
-            classes, source = label_face(face["family"], fixed, hand, catalogue)
+            family = catalogue_family(face, family_of_id)
+            classes, source = label_face(family, fixed, hand, catalogue)
             if not classes:
-                unlabelled.add(face["family"])
+                unlabelled.add(family)
             for c in classes:
                 counts[c] += 1
-            out.write(f"{face['unique_name']}\t{','.join(classes)}\t{source}\n")
+            out.write(f"{face['unique_name']}\t{','.join(classes)}\t{source}\t{family}\n")
     os.replace(LABELS + ".tmp", LABELS)
     print(" ".join(f"{c}={n}" for c, n in counts.items()))
     if unlabelled:

@@ -54,23 +54,32 @@ def assign(primary_of_key):
     return result
 
 
-def primary_classes(manifest, face_labels):
+def primary_classes(face_labels, face_family):
     """key -> the most common primary class among its faces ("" when none is labelled)."""
     votes = collections.defaultdict(collections.Counter)
-    for face in manifest:
-        classes = face_labels.get(face["unique_name"], [])
-        votes[family_key(face["family"])][classes[0] if classes else ""] += 1
+    for name, family in face_family.items():
+        classes = face_labels.get(name, [])
+        votes[family_key(family)][classes[0] if classes else ""] += 1
     return {key: counter.most_common(1)[0][0] for key, counter in votes.items()}
 
 
 def read_labels(path=labels.LABELS):
-    result = {}
+    """(unique name -> classes, unique name -> family)."""
+    classes, families = {}, {}
     with open(path, encoding="utf-8") as f:
         f.readline()
         for line in f:
-            name, classes, _ = line.rstrip("\n").split("\t")
-            result[name] = [c for c in classes.split(",") if c]
-    return result
+            name, names, _, family = line.rstrip("\n").split("\t")
+            classes[name] = [c for c in names.split(",") if c]
+            families[name] = family
+    return classes, families
+
+
+def split_of_faces(path=labels.LABELS):
+    """unique name -> split, from the checked-in labels and splits."""
+    _, families = read_labels(path)
+    splits = read_splits()
+    return {name: splits[family_key(family)] for name, family in families.items()}
 
 
 def read_splits(path=SPLITS):
@@ -80,8 +89,7 @@ def read_splits(path=SPLITS):
 
 
 def main():
-    manifest = labels.read_manifest()
-    splits = assign(primary_classes(manifest, read_labels()))
+    splits = assign(primary_classes(*read_labels()))
     with open(SPLITS + ".tmp", "w", encoding="utf-8") as f:
         f.write("family_key\tsplit\n")
         for key in sorted(splits):

@@ -221,11 +221,53 @@ class FamilySplits(unittest.TestCase):
         self.assertEqual(result, splits.assign(dict(reversed(list(primary.items())))))  # order-free
 
     def test_a_family_votes_its_primary_class(self):
-        manifest = [{"unique_name": "A-1", "family": "A"}, {"unique_name": "A-2", "family": "A Condensed"},
-                    {"unique_name": "A-3", "family": "A"}]
+        families = {"A-1": "A", "A-2": "A Condensed", "A-3": "A"}
         face_labels = {"A-1": ["fs_serif"], "A-2": ["fs_sans_serif"], "A-3": ["fs_serif", "fs_slab_serif"]}
-        self.assertEqual(splits.primary_classes(manifest, face_labels), {"a": "fs_serif"})
+        self.assertEqual(splits.primary_classes(face_labels, families), {"a": "fs_serif"})
 
 
 if __name__ == "__main__":
     unittest.main()
+
+
+class CheckedInCorpus(unittest.TestCase):
+    """The manifest, labels and splits as checked in: complete, consistent, and split by family."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.manifest = labels.read_manifest()
+        cls.classes, cls.families = splits.read_labels()
+        cls.split = splits.split_of_faces()
+
+    def test_every_face_is_labelled_and_split(self):
+        names = [f["unique_name"] for f in self.manifest]
+        self.assertEqual(len(names), len(set(names)))
+        self.assertEqual(set(names), set(self.classes))
+        self.assertEqual(set(names), set(self.split))
+        for name, classes in self.classes.items():
+            self.assertTrue(classes, name)
+            self.assertTrue(set(classes) <= set(labels.CLASSES), name)
+
+    def test_size_and_the_fonts_linux_desktops_install(self):
+        self.assertGreaterEqual(len(self.manifest), 4000)
+        self.assertGreaterEqual(len(set(self.families.values())), 1200)
+        names = set(self.classes)
+        for common in ("DejaVuSans", "DejaVuSerif-Bold", "LiberationSans", "LiberationMono-Italic", "Arimo",
+                       "Cantarell-Regular", "NimbusRoman-Regular", "TeXGyreTermes-Regular", "NotoSans-Regular",
+                       "OpenSans-Regular", "C059-Roman"):
+            self.assertIn(common, names)
+
+    def test_every_class_is_broad_enough_and_in_every_split(self):
+        for c in labels.CLASSES:
+            faces = [n for n, cs in self.classes.items() if c in cs]
+            families = {self.families[n] for n in faces}
+            self.assertGreaterEqual(len(faces), 20, c)
+            self.assertGreaterEqual(len(families), 5, c)
+            primary = [n for n, cs in self.classes.items() if cs[0] == c]
+            self.assertEqual({self.split[n] for n in primary}, {"train", "validation", "test"}, c)
+
+    def test_no_family_is_in_two_splits(self):
+        seen = {}
+        for name, family in self.families.items():
+            key = splits.family_key(family)
+            self.assertEqual(seen.setdefault(key, self.split[name]), self.split[name], family)
