@@ -92,8 +92,13 @@ def host_names(cache):
 
 
 def host_name(face, names):
-    """The host's name for a face: the only one of its file, or the one of its style."""
+    """The host's name for a face: the only one of its file, or the one of its style. None
+    when the host lists nothing of the file: it gave the face's name to another face."""
+    if not names:
+        return face["unique_name"]
     listed = names.get(face["file"], [])
+    if not listed:
+        return None
     if len(listed) == 1:
         return listed[0][1]
     same_style = [name for style, name in listed if style == face["style"]]
@@ -167,11 +172,10 @@ def package_order(cache):
 
 
 def select_faces(candidates, reasons):
-    """Keeps the first face of every unique name, in candidate order; `reasons` maps
-    (file, index) to why a face is left out (None: it is fine). Returns (kept, rejected)."""
+    """Keeps the first face of every unique name, in candidate order; reasons[i] says why
+    candidates[i] is left out (None: it is fine). Returns (kept, rejected)."""
     kept, rejected, taken = [], [], set()
-    for face in candidates:
-        reason = reasons.get((face["file"], face["index"]))
+    for face, reason in zip(candidates, reasons):
         if reason is None and face["unique_name"] in taken:
             reason = "unique name already taken"
         if reason is None:
@@ -186,6 +190,8 @@ def precheck(face):
     """The reasons that need no look inside the font file."""
     if face["variable"]:
         return "variable font"
+    if face["unique_name"] is None:
+        return "the host lists another face under its name"
     if not face["unique_name"]:
         return "no PostScript name"
     if not face["file"].lower().endswith(READABLE):
@@ -211,15 +217,15 @@ def main(argv=None):
                         unique_name=host_name(face, named))
             candidates.append(face)
 
-    reasons, to_open = {}, []
-    for face in candidates:
-        key = (face["file"], face["index"])
-        reasons[key] = precheck(face)
-        if reasons[key] is None:
-            to_open.append(key)
+    # A variable font's file lists its default instance and the whole font at the same index,
+    # so faces are told apart by position, not by (file, index).
+    reasons = [precheck(face) for face in candidates]
+    to_open = [i for i, reason in enumerate(reasons) if reason is None]
     with concurrent.futures.ProcessPoolExecutor(max_workers=args.jobs) as pool:
-        for key, reason in zip(to_open, pool.map(check_face, *zip(*to_open), chunksize=32)):
-            reasons[key] = reason
+        checked = pool.map(check_face, [candidates[i]["file"] for i in to_open],
+                           [candidates[i]["index"] for i in to_open], chunksize=32)
+        for i, reason in zip(to_open, checked):
+            reasons[i] = reason
 
     kept, rejected = select_faces(candidates, reasons)
     root = os.path.join(args.cache, "")
@@ -232,7 +238,7 @@ def main(argv=None):
             f.write("\t".join(str(row[k]) for k in MANIFEST_FIELDS) + "\n")
     with open(args.rejects, "w", encoding="utf-8") as f:
         for face, reason in rejected:
-            f.write(f"{face['unique_name']}\t{face['file']}\t{reason}\n")
+            f.write(f"{face['unique_name'] or ''}\t{face['file']}\t{reason}\n")
     families = {face["family"] for face in kept}
     print(f"{len(kept)} faces from {len(families)} families kept; {len(rejected)} left out "
           f"(reasons in {args.rejects})")

@@ -136,7 +136,7 @@ class FaceFilter(unittest.TestCase):
         faces = [{"file": "debian/a.ttf", "index": 0, "unique_name": "A"},
                  {"file": "npm/a.woff2", "index": 0, "unique_name": "A"},
                  {"file": "npm/b.woff2", "index": 0, "unique_name": "B"}]
-        kept, rejected = build_manifest.select_faces(faces, {("npm/b.woff2", 0): "lacks q"})
+        kept, rejected = build_manifest.select_faces(faces, [None, None, "lacks q"])
         self.assertEqual([f["file"] for f in kept], ["debian/a.ttf"])
         self.assertEqual([r for _, r in rejected], ["unique name already taken", "lacks q"])
 
@@ -242,6 +242,8 @@ class CheckedInCorpus(unittest.TestCase):
     def test_every_face_is_labelled_and_split(self):
         names = [f["unique_name"] for f in self.manifest]
         self.assertEqual(len(names), len(set(names)))
+        for name in names:
+            self.assertRegex(name, r"^\S+$")
         self.assertEqual(set(names), set(self.classes))
         self.assertEqual(set(names), set(self.split))
         for name, classes in self.classes.items():

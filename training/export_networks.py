@@ -1,0 +1,87 @@
+#!/usr/bin/python3
+"""Exports the trained network as the module's two model files, after checking that the C++
+engine and PyTorch agree on them.
+
+    /usr/bin/python3 training/export_networks.py --work DIR [--out data]
+
+Writes OUT/NQ_sim_model.dnm (the trunk up to "pool4") and OUT/NQ_rec_model.dnm (the trunk,
+"fc_rec" and "prob"). Each is first written to a temporary file and run by build/bin/dnm-run on
+real crops from DIR (specimen crops and recognition crops); the largest difference from
+PyTorch's output, relative to the output's largest magnitude, must be at most 1e-4, or
+nothing is written.
+"""
+import argparse
+import os
+import subprocess
+import sys
+import tempfile
+
+import numpy as np
+import torch
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+import dnm  # noqa: E402
+import fontnet  # noqa: E402
+import images  # noqa: E402
+
+REPO = os.path.dirname(HERE)
+DNM_RUN = os.path.join(REPO, "build", "bin", "dnm-run")
+TOLERANCE = 1e-4
+
+
+def load_net(work):
+    state = torch.load(os.path.join(work, "fontnet.pt"))
+    net = fontnet.FontNet(state["rec_classes"], state["sim_classes"])
+    net.load_state_dict(state["net"])
+    return net.eval()
+
+
+def sample_crops(work, count=10):
+    """Real inputs: five specimen crops of one face and five recognition crops."""
+    specimens = images.read_specimens(os.path.join(work, "specimens.bin"))
+    lower, _ = next(iter(specimens.values()))
+    _, lines = images.read_lines(os.path.join(work, "lines_clean.bin"))
+    rec = lines[0, :count // 2].astype(np.float32) - 128.0
+    return np.concatenate([images.specimen_crops(lower), rec])[:, None]
+
+
+def engine_output(model_path, layer, crops):
+    with tempfile.TemporaryDirectory() as folder:
+        source, result = os.path.join(folder, "in.f32"), os.path.join(folder, "out.f32")
+        crops.astype("<f4").tofile(source)
+        subprocess.run([DNM_RUN, "--model", model_path, "--layer", layer, "--width", str(images.SIDE),
+                        "--height", str(images.SIDE), "--count", str(len(crops)), "--input", source,
+                        "--output", result], check=True)
+        return np.fromfile(result, "<f4").reshape(len(crops), -1)
+
+
+def relative_error(a, b):
+    return float(np.abs(a - b).max() / max(1e-12, np.abs(b).max()))
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--work", required=True)
+    parser.add_argument("--out", default=os.path.join(REPO, "data"))
+    args = parser.parse_args(argv)
+    net = load_net(args.work)
+    crops = sample_crops(args.work)
+    with torch.no_grad():
+        x = torch.from_numpy(crops)
+        expected = {"pool4": net.pool4(x).numpy(), "prob": torch.softmax(net.rec(net.pool4(x)), 1).numpy()}
+    for file_name, with_prob, layer in (("NQ_sim_model.dnm", False, "pool4"), ("NQ_rec_model.dnm", True, "prob")):
+        target = os.path.join(args.out, file_name)
+        dnm.write_model(target + ".tmp", fontnet.export(net, with_prob))
+        error = relative_error(engine_output(target + ".tmp", layer, crops), expected[layer])
+        if error > TOLERANCE:
+            os.unlink(target + ".tmp")
+            raise SystemExit(f"{file_name}: the engine's {layer} differs from PyTorch's by {error:.2e}")
+        os.replace(target + ".tmp", target)
+        print(f"{file_name}: {os.path.getsize(target)} bytes, engine and PyTorch agree on {layer} "
+              f"to {error:.1e} of its largest value", flush=True)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

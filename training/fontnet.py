@@ -1,0 +1,94 @@
+"""The network shared by similarity and recognition, and its export to .dnm files.
+
+One convolutional trunk turns a 109 x 109 crop (byte - 128) into "pool4", 768 values (a max
+over the last 6 x 6 map). Similarity reads pool4 as the module does: adjacent pairs reduced by
+max, the five crops of a specimen combined by max, the result scaled to unit length. Recognition
+adds one fully connected layer over pool4 and a softmax, "prob", over the fonts of the
+recognition table. Only layers the engine has; batch normalisation is folded into the
+convolutions at export.
+
+Cost per crop: about 77 million multiply-adds (154 MFLOP).
+"""
+import torch
+import torch.nn as nn
+import torch.nn.functional as F
+
+import dnm
+
+# (name, in, out, kernel, stride, pad, max-pool 3/2 after)
+TRUNK = (
+    ("conv1", 1, 24, 5, 2, 2, True),
+    ("conv2", 24, 48, 3, 1, 1, False),
+    ("conv3", 48, 48, 3, 1, 1, True),
+    ("conv4", 48, 128, 3, 1, 1, False),
+    ("conv5", 128, 112, 3, 1, 1, True),
+    ("conv6", 112, 256, 3, 1, 1, False),
+    ("conv7", 256, 768, 1, 1, 0, False),
+)
+POOL4_SIDE = 6  # 109 -> 55 -> 27 -> 13 -> 6
+FEATURES = 768
+
+
+class FontNet(nn.Module):
+    def __init__(self, rec_classes, sim_classes):
+        super().__init__()
+        self.convs = nn.ModuleList()
+        self.norms = nn.ModuleList()
+        for _, cin, cout, k, s, p, _ in TRUNK:
+            self.convs.append(nn.Conv2d(cin, cout, k, stride=s, padding=p, bias=False))
+            self.norms.append(nn.BatchNorm2d(cout))
+        self.rec = nn.Linear(FEATURES, rec_classes)
+        # Cosine classifier over (face, case) for the similarity embedding.
+        self.sim = nn.Parameter(torch.randn(sim_classes, FEATURES // 2) * 0.01)
+
+    def pool4(self, x):
+        """x: (n, 1, 109, 109) of byte - 128 -> (n, 768), every value >= 0."""
+        for (_, _, _, _, _, _, pool), conv, norm in zip(TRUNK, self.convs, self.norms):
+            x = F.relu(norm(conv(x)))
+            if pool:
+                x = F.max_pool2d(x, 3, 2)
+        return F.max_pool2d(x, POOL4_SIDE).flatten(1)
+
+    def rec_logits(self, x):
+        return self.rec(F.dropout(self.pool4(x), 0.3, self.training))
+
+    def embedding(self, crops):
+        """crops: (n, 5, 1, 109, 109) -> (n, 384) unit vectors: pair max, max over crops."""
+        return self.reduce(self.pool4(crops.flatten(0, 1)), crops.shape[0])
+
+    @staticmethod
+    def reduce(pool4, sets):
+        y = pool4.view(sets, -1, FEATURES)
+        y = torch.maximum(y[..., 0::2], y[..., 1::2]).amax(1)
+        return F.normalize(y, dim=1)
+
+    def cosines(self, embedding):
+        return embedding @ F.normalize(self.sim, dim=1).t()
+
+    def forward(self, x_rec, x_sim):
+        """Recognition logits and similarity cosines from one pass of the trunk, so batch
+        normalisation sees (and keeps statistics of) the mixture inference meets."""
+        n = x_rec.shape[0]
+        p = self.pool4(torch.cat([x_rec, x_sim.flatten(0, 1)]))
+        rec = self.rec(F.dropout(p[:n], 0.3, self.training))
+        return rec, self.cosines(self.reduce(p[n:], x_sim.shape[0]))
+
+
+def export(net, with_prob):
+    """The network as .dnm layers: the trunk to "pool4", and with `with_prob` the
+    recognition head "fc_rec" and "prob"."""
+    net = net.eval()
+    layers = [dnm.Data("data")]
+    top = "data"
+    for (name, _, _, _, _, _, pool), conv, norm in zip(TRUNK, net.convs, net.norms):
+        layers.append(dnm.conv_from_torch(name, top, conv, bn=norm))
+        layers.append(dnm.ReLU(name + "_relu", name))
+        top = name + "_relu"
+        if pool:
+            layers.append(dnm.MaxPool("pool_" + name, top, 3, 3, 2, 2))
+            top = "pool_" + name
+    layers.append(dnm.MaxPool("pool4", top, POOL4_SIDE, POOL4_SIDE))
+    if with_prob:
+        layers.append(dnm.fc_from_torch("fc_rec", "pool4", net.rec))
+        layers.append(dnm.Softmax("prob", "fc_rec"))
+    return layers

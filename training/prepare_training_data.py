@@ -1,0 +1,141 @@
+#!/usr/bin/python3
+"""Chooses the shipped table's faces and makes the training pictures, through the reference
+host with the corpus as its fonts.
+
+    /usr/bin/python3 training/prepare_training_data.py --work DIR [--jobs 2] [--lines-per-font 20]
+
+Writes into DIR:
+- names.txt: every face of the manifest (a specimens record's label is its line here);
+- table.tsv: the 1,864 faces of the shipped similarity table, which are also the recognition
+  network's classes in order: identifier, unique name, family, style. Faces of commonly
+  installed Debian packages get 12-character identifiers; the rest, library faces of training
+  and validation families, 7-character ones;
+- rec_classes.txt (the table's names) and sim_classes.txt (training-split faces, on which the
+  similarity embedding is trained);
+- specimens.bin (every face; kept when present, since the table leaves out faces it cannot
+  draw), lines.bin (degraded pictures of the table's faces, for training),
+  lines_heldout.bin (other degraded pictures, for the report) and lines_clean.bin (clean ones).
+"""
+import argparse
+import hashlib
+import os
+import subprocess
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "corpus"))
+import images  # noqa: E402
+import labels as corpus_labels  # noqa: E402
+import splits as corpus_splits  # noqa: E402
+
+REPO = os.path.dirname(HERE)
+TABLE_SIZE = 1864
+TOOL = os.path.join(REPO, "build", "bin", "training-images")
+WITH_CORPUS = os.path.join(HERE, "corpus", "with-corpus-fonts")
+WORDS = os.path.join(HERE, "words.txt")
+
+
+# Debian font packages that Linux desktops commonly install (by default or with office and TeX
+# suites); their faces are the table's system faces.
+COMMON_PACKAGES = {
+    "fonts-dejavu-core", "fonts-dejavu-extra", "fonts-liberation", "fonts-liberation2", "fonts-croscore",
+    "fonts-crosextra-caladea", "fonts-crosextra-carlito", "fonts-noto-core", "fonts-noto-mono",
+    "fonts-urw-base35", "fonts-texgyre", "fonts-lmodern", "fonts-cantarell", "fonts-freefont-otf",
+    "fonts-open-sans", "fonts-lato", "fonts-roboto-unhinted", "fonts-roboto-slab", "fonts-quicksand",
+    "fonts-comfortaa", "fonts-oxygen", "fonts-hack", "fonts-inconsolata", "fonts-firacode",
+    "fonts-jetbrains-mono", "fonts-linuxlibertine", "fonts-stix", "fonts-cmu", "fonts-inter", "fonts-ebgaramond",
+    "fonts-sil-gentiumplus", "fonts-sil-charis", "fonts-sil-andika", "fonts-go", "fonts-paratype", "fonts-cabin",
+    "fonts-karla", "fonts-dosis", "fonts-opendyslexic", "fonts-tlwg-garuda-otf", "fonts-tlwg-kinnari-otf",
+    "fonts-tlwg-laksaman-otf", "fonts-tlwg-loma-otf", "fonts-tlwg-mono-otf", "fonts-tlwg-norasi-otf",
+    "fonts-tlwg-purisa-otf", "fonts-tlwg-sawasdee-otf", "fonts-tlwg-typewriter-otf", "fonts-tlwg-typist-otf",
+    "fonts-tlwg-typo-otf", "fonts-tlwg-umpush-otf", "fonts-tlwg-waree-otf",
+}
+
+
+def is_common(face):
+    return face["package"].startswith("debian:") and face["package"][7:].split("=")[0] in COMMON_PACKAGES
+
+
+def identifier(name, length):
+    return hashlib.sha1(name.encode("utf-8")).hexdigest()[:length]
+
+
+def choose_table(manifest, split_of_face, drawable, size=TABLE_SIZE):
+    """(identifier, face) pairs: every face of a commonly installed Debian package, then
+    library faces of training and validation families in hash order, up to `size`; only
+    faces whose specimens can be drawn (`drawable` names)."""
+    manifest = [f for f in manifest if f["unique_name"] in drawable]
+    system = [f for f in manifest if is_common(f)]
+    if len(system) > size:
+        raise ValueError(f"{len(system)} system faces do not fit a table of {size}")
+    library = sorted((f for f in manifest if not is_common(f) and split_of_face[f["unique_name"]] != "test"),
+                     key=lambda f: identifier(f["unique_name"], 40))
+    table = [(identifier(f["unique_name"], 12), f) for f in system]
+    table += [(identifier(f["unique_name"], 7), f) for f in library[:size - len(system)]]
+    if len(table) != size:
+        raise ValueError(f"only {len(table)} faces for a table of {size}")
+    ids = [i for i, _ in table]
+    if len(set(ids)) != len(ids):
+        raise ValueError("two table faces share an identifier")
+    return table
+
+
+def write_lines(path, lines):
+    with open(path, "w", encoding="utf-8") as f:
+        f.writelines(line + "\n" for line in lines)
+
+
+def run_parts(work, jobs, args, out):
+    """training-images over `jobs` processes, their files joined into `out`."""
+    parts = [f"{out}.part{k}" for k in range(jobs)]
+    procs = [subprocess.Popen([WITH_CORPUS, TOOL] + args + [parts[k], "--part", f"{k}/{jobs}"], cwd=work)
+             for k in range(jobs)]
+    if any(p.wait() != 0 for p in procs):
+        raise RuntimeError(f"training-images {' '.join(args)} failed")
+    with open(out + ".tmp", "wb") as joined:
+        for k, part in enumerate(parts):
+            with open(part, "rb") as f:
+                data = f.read()
+            joined.write(data if k == 0 else data[8:])
+            os.unlink(part)
+    os.replace(out + ".tmp", out)
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--work", required=True)
+    parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--lines-per-font", type=int, default=20)
+    parser.add_argument("--only-lists", action="store_true", help="stop after the specimens, the name lists and the table")
+    args = parser.parse_args(argv)
+    os.makedirs(args.work, exist_ok=True)
+
+    manifest = corpus_labels.read_manifest()
+    split_of_face = corpus_splits.split_of_faces()
+    names = os.path.join(args.work, "names.txt")
+    write_lines(names, [f["unique_name"] for f in manifest])
+    write_lines(os.path.join(args.work, "sim_classes.txt"),
+                [f["unique_name"] for f in manifest if split_of_face[f["unique_name"]] == "train"])
+    out = lambda name: os.path.join(args.work, name)  # noqa: E731
+    if not os.path.exists(out("specimens.bin")):
+        run_parts(args.work, args.jobs, ["specimens", names], out("specimens.bin"))
+    drawable = {manifest[label]["unique_name"] for label in images.specimen_labels(out("specimens.bin"))}
+    table = choose_table(manifest, split_of_face, drawable)
+    write_lines(os.path.join(args.work, "table.tsv"),
+                [f"{i}\t{f['unique_name']}\t{f['family']}\t{f['style']}" for i, f in table])
+    rec = os.path.join(args.work, "rec_classes.txt")
+    write_lines(rec, [f["unique_name"] for _, f in table])
+    system = sum(1 for i, _ in table if len(i) == 12)
+    print(f"table: {system} system faces, {len(table) - system} library faces", flush=True)
+    if args.only_lists:
+        return 0
+    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", str(args.lines_per_font), "--seed", "1"],
+              out("lines.bin"))
+    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "4", "--seed", "2"], out("lines_heldout.bin"))
+    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "2", "--seed", "3", "--clean"],
+              out("lines_clean.bin"))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,136 @@
+"""The training pipeline's own rules: crops where the module takes them, the picture files'
+readers, the shipped table's choice and files, and the classification fit."""
+import os
+import struct
+import sys
+import tempfile
+import unittest
+
+import numpy as np
+
+TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+sys.path.insert(0, TRAINING)
+import fit_classification  # noqa: E402
+import images  # noqa: E402
+import make_tables  # noqa: E402
+import prepare_training_data  # noqa: E402
+
+
+class SpecimenCrops(unittest.TestCase):
+    def test_offsets_and_tiling_follow_the_update(self):
+        self.assertEqual(images.crop_offsets(120), [0, 2, 5, 8, 11])
+        strip = np.arange(109 * 40, dtype=np.uint8).reshape(109, 40)
+        row = images.tiled(strip)
+        self.assertEqual(row.shape, (109, 120))
+        crops = images.specimen_crops(strip)
+        self.assertEqual(crops.shape, (5, 109, 109))
+        # Crop 4 starts at 11: column 29 of the first tile, then wraps into the second.
+        np.testing.assert_array_equal(crops[4][:, 0], strip[:, 11].astype(np.float32) - 128)
+        np.testing.assert_array_equal(crops[4][:, 29], strip[:, 0].astype(np.float32) - 128)
+
+    def test_a_crop_wide_strip_gives_five_identical_crops(self):
+        strip = np.random.default_rng(1).integers(0, 256, (109, 109), dtype=np.uint8)
+        crops = images.specimen_crops(strip)
+        for c in range(1, 5):
+            np.testing.assert_array_equal(crops[c], crops[0])
+
+
+class PictureFiles(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+
+    def tearDown(self):
+        self.folder.cleanup()
+
+    def path(self, name, data):
+        path = os.path.join(self.folder.name, name)
+        with open(path, "wb") as f:
+            f.write(data)
+        return path
+
+    def test_specimens_round_trip_and_truncation_is_refused(self):
+        lower = bytes(range(109)) * 3
+        upper = bytes(109 * 2)
+        record = struct.pack("<iii", 7, 3, 2) + lower + upper
+        path = self.path("s.bin", b"FXSPEC01" + record)
+        specimens = images.read_specimens(path)
+        self.assertEqual(list(specimens), [7])
+        self.assertEqual(specimens[7][0].shape, (109, 3))
+        self.assertEqual(images.specimen_labels(path), [7])
+        with self.assertRaisesRegex(ValueError, "truncated"):
+            images.read_specimens(self.path("t.bin", b"FXSPEC01" + record[:-1]))
+        with self.assertRaisesRegex(ValueError, "not a specimens file"):
+            images.read_specimens(self.path("u.bin", b"FXLINE01"))
+
+    def test_lines_are_mapped_by_record(self):
+        crops = np.arange(2 * 10 * 109 * 109, dtype=np.uint32).astype(np.uint8).reshape(2, 10, 109, 109)
+        data = b"FXLINE01" + b"".join(struct.pack("<i", label) + crops[k].tobytes() for k, label in enumerate((5, 9)))
+        labels, read = images.read_lines(self.path("l.bin", data))
+        np.testing.assert_array_equal(labels, [5, 9])
+        np.testing.assert_array_equal(read, crops)
+        with self.assertRaisesRegex(ValueError, "truncated"):
+            images.read_lines(self.path("m.bin", data[:-5]))
+
+
+def face(name, package, family="F"):
+    return {"unique_name": name, "package": package, "family": family, "style": "Regular"}
+
+
+class ShippedTable(unittest.TestCase):
+    def test_common_faces_first_then_library_faces_of_seen_families(self):
+        manifest = ([face(f"Sys{i}", "debian:fonts-dejavu-core=2") for i in range(3)]
+                    + [face("Rare", "debian:fonts-aenigma=1"), face("Gone", "debian:fonts-dejavu-core=2")]
+                    + [face(f"Web{i}", "npm:@fontsource/x=5") for i in range(6)])
+        split = {f["unique_name"]: "train" for f in manifest}
+        split["Web0"] = "test"
+        drawable = {f["unique_name"] for f in manifest} - {"Gone"}
+        table = prepare_training_data.choose_table(manifest, split, drawable, size=7)
+        names = [f["unique_name"] for _, f in table]
+        self.assertEqual(names[:3], ["Sys0", "Sys1", "Sys2"])
+        self.assertNotIn("Gone", names)   # cannot be drawn
+        self.assertNotIn("Web0", names)   # a test family
+        self.assertEqual([len(i) for i, _ in table], [12] * 3 + [7] * 4)
+        with self.assertRaisesRegex(ValueError, "only 9 faces"):
+            prepare_training_data.choose_table(manifest, split, drawable, size=10)
+
+    def test_meta_groups_never_mark_entries_as_made_on_a_users_machine(self):
+        with tempfile.TemporaryDirectory() as folder:
+            rows = [("abcdefg", "A-Regular", "A", "Regular"), ("abcdefghijkl", "B-Bold", "B", "Bold")]
+            vectors = np.random.default_rng(2).random((2, 768)).astype(np.float32)
+            feature, meta = os.path.join(folder, "f.bin"), os.path.join(folder, "m.bin")
+            make_tables.write_pair(rows, vectors, feature, meta)
+            groups = make_tables.read_meta(meta)
+            self.assertEqual(groups, [["abcdefg", "0", "1", "A-Regular", "A", "Regular"],
+                                      ["abcdefghijkl", "0", "1", "B-Bold", "B", "Bold"]])
+            np.testing.assert_array_equal(np.fromfile(feature, "<f4").reshape(2, 768), vectors)
+
+
+class ClassificationFit(unittest.TestCase):
+    def test_lasso_finds_the_sparse_rule_and_the_penalty_prunes(self):
+        rng = np.random.default_rng(3)
+        x = rng.standard_normal((400, 6))
+        y = 0.2 + 0.5 * x[:, 1] - 0.3 * x[:, 4]
+        b, w = fit_classification.lasso(x, y, 0.0)
+        self.assertAlmostEqual(b, 0.2, places=4)
+        np.testing.assert_allclose(w, [0, 0.5, 0, 0, -0.3, 0], atol=1e-4)
+        _, w = fit_classification.lasso(x, y, 0.35)
+        self.assertEqual(np.flatnonzero(w).tolist(), [1])
+
+    def test_weighting_the_class_raises_its_scores(self):
+        rng = np.random.default_rng(4)
+        x = rng.standard_normal((600, 3))
+        y = (x[:, 0] + 0.8 * rng.standard_normal(600) > 1.4).astype(float)  # a rare class
+        plain = fit_classification.lasso(x, y, 0.0)
+        weighted = fit_classification.lasso(x, y, 0.0, np.where(y > 0.5, 4.0, 1.0))
+        recall = lambda bw: np.mean((bw[0] + x[y > 0.5] @ bw[1]) > 0.5)  # noqa: E731
+        self.assertGreater(recall(weighted), recall(plain))
+
+    def test_f2_prefers_recall(self):
+        actual = np.array([True] * 10 + [False] * 10)
+        misses = np.array([True] * 5 + [False] * 15)
+        extras = np.array([True] * 15 + [False] * 5)
+        self.assertGreater(fit_classification.f_score(extras, actual), fit_classification.f_score(misses, actual))
+
+
+if __name__ == "__main__":
+    unittest.main()
