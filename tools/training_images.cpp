@@ -4,10 +4,12 @@
 //   training-images specimens NAMES OUT [--part K/N]
 //       Per font: the lower- and upper-case specimens the similarity update draws, cut to
 //       their first 109 rows (all that the crops read).
-//   training-images lines NAMES WORDS OUT [--per-font N] [--seed S] [--clean] [--part K/N]
+//   training-images lines NAMES WORDS OUT [--per-font N] [--seed S] [--clean | --tall] [--part K/N]
 //       Per font, N pictures of a line of real words (from WORDS, one a line), degraded like
 //       pictures from other renderers, cameras and scanners unless --clean, then taken through
 //       recognition's own path: the band brought to 109 rows, both scales, tiled, the ten crops.
+//       --tall sets each line in a picture two to four times its height and writes two records
+//       per picture: the whole picture, then the picture cut to its text band.
 //
 // NAMES holds one unique name a line; a record's label is the line's index (from 0). --part K/N
 // does every N-th font from the K-th (0-based), so N processes can share the work.
@@ -204,9 +206,15 @@ std::string LineText(const std::vector<std::string>& words, std::mt19937& rng) {
   return text;
 }
 
-/// One picture of a line of text in `font`, as a person might hand it to recognition.
+/// Rows [first, last) of a picture: where its text line lies.
+struct Band {
+  int first = 0, last = 0;
+};
+
+/// One picture of a line of text in `font`, as a person might hand it to recognition. With
+/// `tall`, the line sits in a picture two to four times its height, and `band` tells where.
 bool LinePicture(fontrix::hostglue::FontAccess& fonts, QVFontHandle font, const std::string& text, bool clean,
-                 std::mt19937& rng, GreyRaster& picture) {
+                 bool tall, std::mt19937& rng, GreyRaster& picture, Band& band) {
   auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
   auto chance = [&](double p) { return uniform(0, 1) < p; };
   const double size = clean ? uniform(40, 80) : uniform(24, 96);
@@ -219,12 +227,15 @@ bool LinePicture(fontrix::hostglue::FontAccess& fonts, QVFontHandle font, const 
   const int h = g.height;
   if (clean) {
     picture = Place(g, 1.0, 0.0, h / 8, h / 8, h / 8, h / 8);
+    band = {0, picture.height};
     return true;
   }
   const double stretch = uniform(0.85, 1.15);
   const double degrees = chance(0.3) ? uniform(-2.0, 2.0) : 0.0;
-  auto margin = [&](double most) { return int(uniform(0, most) * h); };
-  picture = Place(g, stretch, degrees, margin(0.6), margin(0.6), margin(0.35), margin(0.35));
+  auto margin = [&](double most) { return int(uniform(tall ? most / 2 : 0, most) * h); };
+  const int top = margin(tall ? 1.5 : 0.35), bottom = margin(tall ? 1.5 : 0.35);
+  picture = Place(g, stretch, degrees, margin(0.6), margin(0.6), top, bottom);
+  band = {std::max(0, top - h / 10), std::min(picture.height, top + h + h / 10)};
   if (chance(0.4)) Blur(picture, uniform(0.3, 1.4));
   const double ink = uniform(0, 90), paper = uniform(170, 255);
   const double noise = chance(0.4) ? uniform(2, 12) : 0.0;
@@ -238,6 +249,18 @@ bool LinePicture(fontrix::hostglue::FontAccess& fonts, QVFontHandle font, const 
   if (chance(0.15))
     for (uint8_t& p : picture.pixels) p = uint8_t(255 - p);
   return true;
+}
+
+/// A picture through recognition's own path (the band brought to 109 rows, both scales, tiled,
+/// ten crops), written as one record.
+void WriteLineCrops(std::FILE* out, int32_t label, const GreyRaster& picture) {
+  int32_t width = 0;
+  const std::vector<float> line = fontrix::ToLineHeight(picture, width);
+  const std::vector<float> crops = fontrix::LineCrops(line, width);
+  std::vector<uint8_t> bytes(crops.size());
+  for (size_t i = 0; i < crops.size(); ++i) bytes[i] = Byte(crops[i] + 128.0);
+  Put32(out, label);
+  std::fwrite(bytes.data(), 1, bytes.size(), out);
 }
 
 struct Part {
@@ -254,7 +277,7 @@ Part ParsePart(const std::string& text) {
 int Usage() {
   std::fprintf(stderr,
                "usage: training-images specimens NAMES OUT [--part K/N]\n"
-               "       training-images lines NAMES WORDS OUT [--per-font N] [--seed S] [--clean] [--part K/N]\n");
+               "       training-images lines NAMES WORDS OUT [--per-font N] [--seed S] [--clean | --tall] [--part K/N]\n");
   return 2;
 }
 
@@ -263,7 +286,7 @@ int Run(int argc, char** argv) {
   Part part;
   int per_font = 24;
   uint32_t seed = 1;
-  bool clean = false;
+  bool clean = false, tall = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     auto value = [&]() -> std::string {
@@ -278,6 +301,8 @@ int Run(int argc, char** argv) {
       seed = uint32_t(std::stoul(value()));
     else if (a == "--clean")
       clean = true;
+    else if (a == "--tall")
+      tall = true;
     else if (!a.empty() && a[0] == '-')
       return Usage();
     else
@@ -301,7 +326,6 @@ int Run(int argc, char** argv) {
   if (!out) throw std::runtime_error("cannot write " + out_path);
   std::fwrite(specimens ? "FXSPEC01" : "FXLINE01", 1, 8, out);
   size_t written = 0, skipped = 0;
-  std::vector<uint8_t> bytes;
   for (size_t label = part.k; label < names.size(); label += part.n) {
     QVFontHandle font = nullptr;
     if (suite->FindFontByName(names[label].c_str(), &font) != kQVNoErr) {
@@ -328,14 +352,15 @@ int Run(int argc, char** argv) {
     std::mt19937 rng(seed * 2654435761u ^ uint32_t(label));
     for (int n = 0, tries = 0; n < per_font && tries < per_font * 3; ++tries) {
       GreyRaster picture;
-      if (!LinePicture(fonts, font, LineText(words, rng), clean, rng, picture)) continue;
-      int32_t width = 0;
-      const std::vector<float> line = fontrix::ToLineHeight(picture, width);
-      const std::vector<float> crops = fontrix::LineCrops(line, width);
-      bytes.resize(crops.size());
-      for (size_t i = 0; i < crops.size(); ++i) bytes[i] = Byte(crops[i] + 128.0);
-      Put32(out, int32_t(label));
-      std::fwrite(bytes.data(), 1, bytes.size(), out);
+      Band band;
+      if (!LinePicture(fonts, font, LineText(words, rng), clean, tall, rng, picture, band)) continue;
+      WriteLineCrops(out, int32_t(label), picture);
+      if (tall) {  // the same picture cut to its text band: what a perfect localisation would pass on
+        GreyRaster cut{picture.width, band.last - band.first, {}};
+        cut.pixels.assign(picture.pixels.begin() + ptrdiff_t(band.first) * picture.width,
+                          picture.pixels.begin() + ptrdiff_t(band.last) * picture.width);
+        WriteLineCrops(out, int32_t(label), cut);
+      }
       ++n;
       ++written;
     }

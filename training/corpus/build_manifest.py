@@ -191,7 +191,7 @@ def precheck(face):
     if face["variable"]:
         return "variable font"
     if face["unique_name"] is None:
-        return "the host lists another face under its name"
+        return "the host does not list it (its name is another face's, or it lacks Latin letters)"
     if not face["unique_name"]:
         return "no PostScript name"
     if not face["file"].lower().endswith(READABLE):
