@@ -360,6 +360,7 @@ int Run(int argc, char** argv) {
         cut.pixels.assign(picture.pixels.begin() + ptrdiff_t(band.first) * picture.width,
                           picture.pixels.begin() + ptrdiff_t(band.last) * picture.width);
         WriteLineCrops(out, int32_t(label), cut);
+        ++written;
       }
       ++n;
       ++written;
