@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "host/host_impl.h"
 
@@ -148,6 +150,55 @@ Host::~Host() {
   g_host = nullptr;
 }
 
+namespace {
+
+// What the module keeps in the cache folder, worked out by one module build from one set of data.
+const char* const kModuleCacheFiles[] = {"FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch"};
+
+// Size and modification time of the module and of every file in its data folder.
+std::string ModuleStamp(const std::string& module, const std::string& data_dir) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  auto line = [&](const fs::path& file) {
+    const auto size = fs::file_size(file, ec);
+    const auto time = fs::last_write_time(file, ec).time_since_epoch().count();
+    return file.filename().string() + " " + std::to_string(ec ? 0 : size) + " " + std::to_string(ec ? 0 : time) + "\n";
+  };
+  std::vector<std::string> lines{line(module)};
+  for (fs::directory_iterator it(data_dir, ec), end; !ec && it != end; it.increment(ec))
+    if (it->is_regular_file(ec)) lines.push_back(line(it->path()));
+  std::sort(lines.begin() + 1, lines.end());
+  std::string stamp;
+  for (const std::string& l : lines) stamp += l;
+  return stamp;
+}
+
+}  // namespace
+
+// A cache computed by another build of the module, or from other networks and weights, would
+// go on answering with the old results: the module matches cached fonts by name and never
+// recomputes them. So the host keeps a stamp of the module and its data beside the caches, and
+// removes the caches when the stamp changes.
+void Host::ForgetCachesOfOtherModules(const std::string& module) {
+  namespace fs = std::filesystem;
+  const std::string stamp = ModuleStamp(module, impl_->data_dir);
+  const fs::path stamp_file = fs::path(impl_->cache_dir) / "module_stamp.txt";
+  std::string previous;
+  if (std::FILE* f = std::fopen(stamp_file.c_str(), "rb")) {
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) previous.append(buffer, n);
+    std::fclose(f);
+  }
+  if (previous == stamp) return;
+  std::error_code ec;
+  for (const char* name : kModuleCacheFiles) fs::remove(fs::path(impl_->cache_dir) / name, ec);
+  const fs::path temporary = stamp_file.string() + ".tmp";
+  if (std::FILE* f = std::fopen(temporary.c_str(), "wb")) {
+    const bool written = std::fwrite(stamp.data(), 1, stamp.size(), f) == stamp.size();
+    if (std::fclose(f) == 0 && written) fs::rename(temporary, stamp_file, ec);
+  }
+}
+
 void Host::LoadModule(const std::string& path) {
   if (impl_->plugin) throw std::logic_error("a module is already loaded");
   // dlopen searches the library path for a name without a slash; a module is always a file.
@@ -163,6 +214,7 @@ void Host::LoadModule(const std::string& path) {
   impl_->plugin->entry = entry;
   impl_->plugin->library = library;
   impl_->plugin->path = path;
+  ForgetCachesOfOtherModules(path);
 }
 
 void Host::UseModuleEntry(QVPluginMainProc entry) {

@@ -89,10 +89,16 @@ class Host {
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  /// dlopen + dlsym("main"); throws std::runtime_error with one sentence naming the path.
+  /// dlopen + dlsym("main"); throws std::runtime_error with one sentence naming the path. When
+  /// the module file or a file of the data folder changed since the caches were made, removes
+  /// the module's caches (see ForgetCachesOfOtherModules).
   void LoadModule(const std::string& path);
   /// Uses an entry point linked into this process instead of a loaded module.
   void UseModuleEntry(QVPluginMainProc entry);
+
+  /// Removes the module's cache files from the cache folder unless "module_stamp.txt" there
+  /// records this module file and data folder (size and time of each file); then records them.
+  void ForgetCachesOfOtherModules(const std::string& module);
 
   QVErr Startup();              ///< "KP Interface"/"Startup"; a failure forgets what the module registered
   QVErr ApplicationStarted();   ///< delivers "QV Application Started Notifier" now

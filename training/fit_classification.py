@@ -179,7 +179,7 @@ def main(argv=None):
         with open(WEIGHTS, encoding="utf-8") as f:
             lines = f.readlines()
         with open(WEIGHTS + ".tmp", "w", encoding="utf-8") as f:
-            for line in lines:
+            for line in lines:  # comments and the attribute rows as they are
                 label = line.split("\t", 1)[0]
                 if label in rows:
                     b, w = rows[label]

@@ -144,6 +144,32 @@ class CliTest(unittest.TestCase):
         self.assertIn("switch Text/FontSimilarity 1", lines)
         self.assertIn("cache " + self.env["FONTRIX_CACHE_DIR"], lines)
 
+    def test_caches_of_another_module_or_other_data_are_forgotten(self):
+        data, cache = os.path.join(self.tmp.name, "data"), os.path.join(self.tmp.name, "cache")
+        os.makedirs(data)
+        os.makedirs(cache)
+        caches = ["FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch"]
+
+        def fill():
+            for name in caches + ["unrelated.txt"]:
+                with open(os.path.join(cache, name), "w") as f:
+                    f.write("old")
+
+        def run():
+            r = self.run_tool("fonts", "--module", FAKE, "--data-dir", data, "--cache-dir", cache)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            return sorted(os.listdir(cache))
+
+        fill()
+        self.assertNotIn("FontFeatureCache.json", run())  # no stamp yet: made by some other build
+        fill()
+        self.assertIn("FontFeatureCache.json", run())  # same module, same data: kept
+        with open(os.path.join(data, "NQ_sim_model.dnm"), "w") as f:
+            f.write("a new network")
+        left = run()
+        self.assertTrue(set(caches).isdisjoint(left))
+        self.assertIn("unrelated.txt", left)  # only the module's own caches go
+
     def test_ctrl_c_while_waiting_shuts_the_module_down_in_order(self):
         report = os.path.join(self.tmp.name, "report.txt")
         tool = subprocess.Popen([FONTRIX, "fonts", "--module", FAKE], stdout=subprocess.PIPE,
