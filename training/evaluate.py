@@ -4,8 +4,10 @@
     /usr/bin/python3 training/evaluate.py --work DIR
 
 - Recognition, on pictures drawn with other seeds than training's (DIR/lines_heldout.bin,
-  degraded; DIR/lines_clean.bin, clean): the mean "prob" over a picture's ten crops, as the
-  module computes it; top-1 and top-5 over the recognition table's fonts.
+  degraded; DIR/lines_clean.bin, clean; DIR/lines_tall.bin, lines in tall pictures and the
+  same pictures cut to their band, to see what a localisation network could gain): the mean
+  "prob" over a picture's ten crops, as the module computes it; top-1 and top-5 over the
+  recognition classes.
 - Similarity, on the vectors the module itself computed for every corpus face
   (DIR/module-cache, made by make_tables.py): for each face of a test-split family with at
   least two faces, is another face of its family among its 5 nearest (dot product) of all
@@ -32,20 +34,25 @@ WELL_KNOWN = ("DejaVuSans", "DejaVuSerif", "LiberationMono", "Cantarell-Regular"
               "UnifrakturMaguntia-Book", "GreatVibes-Regular", "RobotoSlab-Regular")
 
 
-def recognition(net, path, batch=64):
+def recognition(net, path, batch=64, every=1, first=0):
+    """(pictures, top-1, top-5) over the records first, first + every, ... whose font is a
+    recognition class."""
     labels, crops = images.read_lines(path)
+    records = np.arange(first, len(labels), every)
+    records = records[labels[records] < net.rec.out_features]
     top1 = top5 = 0
     with torch.no_grad():
-        for start in range(0, len(labels), batch):
-            x = torch.from_numpy(crops[start:start + batch].astype(np.float32) - 128.0)
+        for start in range(0, len(records), batch):
+            chosen = records[start:start + batch]
+            x = torch.from_numpy(crops[chosen].astype(np.float32) - 128.0)
             n = x.shape[0]
             prob = torch.softmax(net.rec(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE))), 1)
             mean = prob.view(n, images.LINE_CROPS, -1).mean(1)
             best = mean.topk(5, 1).indices.numpy()
-            truth = labels[start:start + n]
+            truth = labels[chosen]
             top1 += int(np.sum(best[:, 0] == truth))
             top5 += int(np.sum(np.any(best == truth[:, None], axis=1)))
-    return len(labels), top1 / len(labels), top5 / len(labels)
+    return len(records), top1 / max(1, len(records)), top5 / max(1, len(records))
 
 
 def similarity(work):
@@ -87,8 +94,13 @@ def main(argv=None):
     torch.set_num_threads(2)
     net = export_networks.load_net(args.work)
     out = ["| pictures | count | top-1 | top-5 |", "|---|---|---|---|"]
-    for title, file in (("degraded, other seed", "lines_heldout.bin"), ("clean", "lines_clean.bin")):
-        count, top1, top5 = recognition(net, os.path.join(args.work, file))
+    cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
+             ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
+             ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
+    for title, file, every, first in cases:
+        if not os.path.exists(os.path.join(args.work, file)):
+            continue
+        count, top1, top5 = recognition(net, os.path.join(args.work, file), every=every, first=first)
         out.append(f"| {title} | {count} | {100 * top1:.1f} % | {100 * top5:.1f} % |")
     out.append("")
     if os.path.exists(os.path.join(args.work, "module-cache")):

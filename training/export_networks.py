@@ -31,8 +31,10 @@ TOLERANCE = 1e-4
 
 
 def load_net(work):
-    state = torch.load(os.path.join(work, "fontnet.pt"))
-    net = fontnet.FontNet(state["rec_classes"], state["sim_classes"])
+    """The finished network (DIR/fontnet.pt), or the last checkpoint of a run still going on."""
+    path = os.path.join(work, "fontnet.pt")
+    state = torch.load(path if os.path.exists(path) else os.path.join(work, "checkpoint.pt"))
+    net = fontnet.FontNet(state["rec_classes"])
     net.load_state_dict(state["net"])
     return net.eval()
 

@@ -30,7 +30,7 @@ FEATURES = 768
 
 
 class FontNet(nn.Module):
-    def __init__(self, rec_classes, sim_classes):
+    def __init__(self, rec_classes):
         super().__init__()
         self.convs = nn.ModuleList()
         self.norms = nn.ModuleList()
@@ -38,8 +38,6 @@ class FontNet(nn.Module):
             self.convs.append(nn.Conv2d(cin, cout, k, stride=s, padding=p, bias=False))
             self.norms.append(nn.BatchNorm2d(cout))
         self.rec = nn.Linear(FEATURES, rec_classes)
-        # Cosine classifier over (face, case) for the similarity embedding.
-        self.sim = nn.Parameter(torch.randn(sim_classes, FEATURES // 2) * 0.01)
 
     def pool4(self, x):
         """x: (n, 1, 109, 109) of byte - 128 -> (n, 768), every value >= 0."""
@@ -62,16 +60,13 @@ class FontNet(nn.Module):
         y = torch.maximum(y[..., 0::2], y[..., 1::2]).amax(1)
         return F.normalize(y, dim=1)
 
-    def cosines(self, embedding):
-        return embedding @ F.normalize(self.sim, dim=1).t()
-
     def forward(self, x_rec, x_sim):
-        """Recognition logits and similarity cosines from one pass of the trunk, so batch
-        normalisation sees (and keeps statistics of) the mixture inference meets."""
+        """Recognition logits and similarity embeddings (one per crop set) from one pass of the
+        trunk, so batch normalisation sees (and keeps statistics of) the mixture inference meets."""
         n = x_rec.shape[0]
         p = self.pool4(torch.cat([x_rec, x_sim.flatten(0, 1)]))
         rec = self.rec(F.dropout(p[:n], 0.3, self.training))
-        return rec, self.cosines(self.reduce(p[n:], x_sim.shape[0]))
+        return rec, self.reduce(p[n:], x_sim.shape[0])
 
 
 def export(net, with_prob):

@@ -3,14 +3,15 @@
 
     /usr/bin/python3 training/make_tables.py --work DIR [--out data]
 
-1. Runs `fontrix index` with the corpus as the machine's fonts and a data folder holding only
-   the new similarity network, so the module's similarity update draws and measures every
-   corpus face and writes its cache files (into DIR/module-cache).
+1. Runs `fontrix index` with the corpus as the machine's fonts and a data folder holding the new
+   similarity network (and a stand-in shipped pair that matches no font), so the module's
+   similarity update draws and measures every corpus face and writes its cache files (into
+   DIR/module-cache).
 2. Takes the vectors of the 1,864 faces of DIR/table.tsv from those files and writes
    OUT/NQ_sim_fea_fs.bin and OUT/NQ_sim_meta_fs.bin: fields identifier, "0", "1" (never "0":
    that marks entries made on a user's machine), unique name, family, style.
-3. Writes OUT/NQ_rec_font.bin: the same six lines per face, in the recognition network's
-   class order (the table's order).
+3. Writes OUT/NQ_rec_font.bin: the same six lines for each recognition class (DIR/rec_classes.txt,
+   the table's system faces), in the network's class order.
 """
 import argparse
 import os
@@ -26,6 +27,7 @@ REPO = os.path.dirname(HERE)
 FONTRIX = os.path.join(REPO, "build", "bin", "fontrix")
 WITH_CORPUS = os.path.join(HERE, "corpus", "with-corpus-fonts")
 DIM = 768
+TABLE_SIZE = 1864
 
 
 def read_meta(path):
@@ -42,6 +44,11 @@ def read_cache(folder):
     if len(meta) != len(vectors):
         raise ValueError(f"cache holds {len(meta)} meta records and {len(vectors)} vectors")
     return {group[3]: vectors[i] for i, group in enumerate(meta)}
+
+
+def train_names(path):
+    with open(path, encoding="utf-8") as f:
+        return [line.rstrip("\n") for line in f if line.strip()]
 
 
 def read_table(path):
@@ -76,6 +83,11 @@ def main(argv=None):
         os.makedirs(cache)
         with tempfile.TemporaryDirectory() as data:
             shutil.copy(os.path.join(args.out, "NQ_sim_model.dnm"), data)
+            # The module loads its network only with a whole shipped pair; before there is one, a
+            # stand-in of 1,864 all-zero entries that no font is named like.
+            stand_in = [(f"bootstrap{i:05d}", f"(no font {i})", "none", "none") for i in range(TABLE_SIZE)]
+            write_pair(stand_in, np.zeros((TABLE_SIZE, DIM), np.float32), os.path.join(data, "NQ_sim_fea_fs.bin"),
+                       os.path.join(data, "NQ_sim_meta_fs.bin"))
             subprocess.run([WITH_CORPUS, FONTRIX, "--data-dir", data, "--cache-dir", cache,
                             "--disable", "classification,recognition", "index"], check=True)
     computed = read_cache(cache)
@@ -88,8 +100,10 @@ def main(argv=None):
     if zero:
         raise SystemExit(f"{len(zero)} table faces could not be drawn: {' '.join(zero[:10])}")
     write_pair(rows, vectors, os.path.join(args.out, "NQ_sim_fea_fs.bin"), os.path.join(args.out, "NQ_sim_meta_fs.bin"))
-    write_meta(rows, os.path.join(args.out, "NQ_rec_font.bin"))
-    print(f"{len(rows)} faces in the shipped similarity pair and the recognition font table", flush=True)
+    row_of = {row[1]: row for row in rows}
+    classes = [row_of[name] for name in train_names(os.path.join(args.work, "rec_classes.txt"))]
+    write_meta(classes, os.path.join(args.out, "NQ_rec_font.bin"))
+    print(f"{len(rows)} faces in the shipped similarity pair, {len(classes)} in the recognition font table", flush=True)
     return 0
 
 

@@ -10,11 +10,14 @@ Writes into DIR:
   network's classes in order: identifier, unique name, family, style. Faces of commonly
   installed Debian packages get 12-character identifiers; the rest, library faces of training
   and validation families, 7-character ones;
-- rec_classes.txt (the table's names) and sim_classes.txt (training-split faces, on which the
-  similarity embedding is trained);
+- rec_classes.txt, the recognition network's classes: the table's system faces, in table
+  order. Recognition only ever steers by classes that are installed fonts, and on Linux those
+  are the commonly installed ones; library faces would only dilute the classes;
+- sim_classes.txt (training-split faces, on which the similarity embedding is trained);
 - specimens.bin (every face; kept when present, since the table leaves out faces it cannot
-  draw), lines.bin (degraded pictures of the table's faces, for training),
-  lines_heldout.bin (other degraded pictures, for the report) and lines_clean.bin (clean ones).
+  draw), lines.bin (degraded pictures of the recognition classes, for training),
+  lines_heldout.bin (other degraded pictures, for the report), lines_clean.bin (clean ones) and
+  lines_tall.bin (lines in tall pictures, each also cut to its band).
 """
 import argparse
 import hashlib
@@ -124,7 +127,7 @@ def main(argv=None):
     write_lines(os.path.join(args.work, "table.tsv"),
                 [f"{i}\t{f['unique_name']}\t{f['family']}\t{f['style']}" for i, f in table])
     rec = os.path.join(args.work, "rec_classes.txt")
-    write_lines(rec, [f["unique_name"] for _, f in table])
+    write_lines(rec, [f["unique_name"] for i, f in table if len(i) == 12])
     system = sum(1 for i, _ in table if len(i) == 12)
     print(f"table: {system} system faces, {len(table) - system} library faces", flush=True)
     if args.only_lists:
@@ -134,6 +137,8 @@ def main(argv=None):
     run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "4", "--seed", "2"], out("lines_heldout.bin"))
     run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "2", "--seed", "3", "--clean"],
               out("lines_clean.bin"))
+    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "1", "--seed", "4", "--tall"],
+              out("lines_tall.bin"))
     return 0
 
 

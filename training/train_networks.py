@@ -4,17 +4,22 @@
     /usr/bin/python3 training/train_networks.py --work DIR [--steps N] [--resume]
 
 DIR holds what prepare_training_data.py made: specimens.bin (every corpus face), lines.bin
-(pictures of the recognition table's faces), sim_classes.txt and rec_classes.txt. Each step
-trains on a batch of recognition crops (cross-entropy over the table's fonts) and a batch of
-specimen crop sets of training-split faces (a cosine classifier over (face, case) on the
-module's own embedding: pair max, max over five crops, unit length). Specimen crops are taken
-at random offsets of the tiled strip, of which the update's five evenly spread ones are a
-special case.
+(pictures of the recognition classes' faces), sim_classes.txt and rec_classes.txt. Each step
+trains on a batch of recognition crops (cross-entropy over the recognition classes) and a batch
+of pairs of specimen crop sets of training-split faces, on the module's own embedding (pair
+max, max over five crops, unit length): a contrastive loss pulls each anchor towards its
+positive (another face of its family, in the same case, or the same specimen at other offsets)
+and away from the batch's other crop sets. This is what the similarity report asks of the
+vectors: a face's family among its nearest. Specimen crops are taken at random offsets of the
+tiled strip, of which the update's five evenly spread ones are a special case.
 
 A checkpoint (DIR/checkpoint.pt) is written every --save-every steps and at the end; --resume
-continues from it with the same schedule. The trained weights end in DIR/fontnet.pt.
+continues from it with the same schedule. Beside it, DIR/fontnet_trunk.pt holds the trunk and
+the recognition head alone (a few MB): copied to training/checkpoints/, it lets a fresh machine
+go on with --init. The trained weights end in DIR/fontnet.pt.
 """
 import argparse
+import collections
 import math
 import os
 import sys
@@ -28,9 +33,12 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import fontnet  # noqa: E402
 import images  # noqa: E402
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus"))
+import splits as corpus_splits  # noqa: E402
 
-# Cosine classifier with an additive margin: logits = scale * (cos - margin at the target).
-SIM_SCALE, SIM_MARGIN = 24.0, 0.15
+
+# Temperature of the contrastive similarity loss over the batch's crop sets.
+SIM_TEMPERATURE = 0.1
 
 
 def read_names(path):
@@ -39,36 +47,45 @@ def read_names(path):
 
 
 class SpecimenSampler:
-    """Batches of (face, case) crop sets from the specimens of the similarity classes."""
+    """Pairs of crop sets for the similarity embedding: an anchor (a face's lower- or upper-case
+    specimen at random offsets) and a positive of the same case: another face of the anchor's
+    family when it has one, else the same specimen at other offsets."""
 
-    def __init__(self, specimens, labels, rng):
-        self.strips = []  # (tiled strip, class)
-        for cls, label in enumerate(labels):
+    def __init__(self, specimens, labels, families, rng):
+        self.strips = []  # (tiled strip, family, case)
+        self.by_family = collections.defaultdict(list)
+        for label, family in zip(labels, families):
             if label in specimens:
                 for case, strip in enumerate(specimens[label]):
-                    self.strips.append((images.tiled(strip), 2 * cls + case))
+                    self.by_family[(family, case)].append(len(self.strips))
+                    self.strips.append((images.tiled(strip), family, case))
         self.rng = rng
 
+    def crops(self, k):
+        row = self.strips[k][0]
+        offsets = self.rng.integers(0, row.shape[1] - images.SIDE + 1, images.CROPS)
+        return images.specimen_crops(row, offsets)
+
     def batch(self, count):
-        picks = self.rng.integers(0, len(self.strips), count)
-        crops = np.empty((count, images.CROPS, 1, images.SIDE, images.SIDE), np.float32)
-        targets = np.empty(count, np.int64)
-        for i, k in enumerate(picks):
-            row, target = self.strips[k]
-            offsets = self.rng.integers(0, row.shape[1] - images.SIDE + 1, images.CROPS)
-            crops[i, :, 0] = images.specimen_crops(row, offsets)
-            targets[i] = target
-        return torch.from_numpy(crops), torch.from_numpy(targets)
+        """(2 * count, 5, 1, 109, 109): the anchors, then their positives in the same order."""
+        anchors = self.rng.integers(0, len(self.strips), count)
+        x = np.empty((2, count, images.CROPS, 1, images.SIDE, images.SIDE), np.float32)
+        for i, k in enumerate(anchors):
+            _, family, case = self.strips[k]
+            kin = [j for j in self.by_family[(family, case)] if j != k]
+            x[0, i, :, 0] = self.crops(k)
+            x[1, i, :, 0] = self.crops(kin[self.rng.integers(len(kin))] if kin else k)
+        return torch.from_numpy(x.reshape(2 * count, images.CROPS, 1, images.SIDE, images.SIDE))
 
 
 class LineSampler:
     """Batches of single recognition crops with their font's class."""
 
-    def __init__(self, labels, crops, rng):
-        self.labels, self.crops, self.rng = labels, crops, rng
+    def __init__(self, labels, crops, rng, records):
+        self.labels, self.crops, self.rng, self.records = labels, crops, rng, records
 
     def batch(self, count):
-        records = np.sort(self.rng.integers(0, len(self.labels), count))
+        records = np.sort(self.rng.choice(self.records, count))
         which = self.rng.integers(0, images.LINE_CROPS, count)
         x = self.crops[records, which].astype(np.float32)[:, None] - 128.0
         return torch.from_numpy(x), torch.from_numpy(self.labels[records].astype(np.int64))
@@ -86,12 +103,15 @@ def main(argv=None):
     parser.add_argument("--work", required=True)
     parser.add_argument("--steps", type=int, default=8000)
     parser.add_argument("--rec-batch", type=int, default=64)
-    parser.add_argument("--sim-batch", type=int, default=16)
-    parser.add_argument("--lr", type=float, default=2e-3)
+    parser.add_argument("--sim-batch", type=int, default=16, help="crop-set pairs per step")
+    parser.add_argument("--lr", type=float, default=1e-3)
+    parser.add_argument("--sim-weight", type=float, default=1.0, help="weight of the similarity loss")
     parser.add_argument("--save-every", type=int, default=250)
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--resume", action="store_true")
+    parser.add_argument("--init", help="start from the trunk and recognition head saved in this file "
+                                       "(a fresh machine's way to go on from training/checkpoints/)")
     args = parser.parse_args(argv)
     torch.set_num_threads(args.threads)
     torch.manual_seed(args.seed)
@@ -101,17 +121,25 @@ def main(argv=None):
     sim_classes = read_names(os.path.join(args.work, "sim_classes.txt"))
     all_names = read_names(os.path.join(args.work, "names.txt"))
     index_of = {name: i for i, name in enumerate(all_names)}
+    _, family_of = corpus_splits.read_labels()
     specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
-    sim = SpecimenSampler(specimens, [index_of[n] for n in sim_classes], rng)
+    sim = SpecimenSampler(specimens, [index_of[n] for n in sim_classes],
+                          [corpus_splits.family_key(family_of[n]) for n in sim_classes], rng)
     labels, crops = images.read_lines(os.path.join(args.work, "lines.bin"))
-    lines = LineSampler(labels, crops, rng)
-    print(f"{len(rec_classes)} recognition classes, {len(labels)} line pictures; "
+    known = np.flatnonzero(labels < len(rec_classes))  # pictures of fonts that are classes
+    lines = LineSampler(labels, crops, rng, known)
+    print(f"{len(rec_classes)} recognition classes, {len(known)} line pictures; "
           f"{len(sim_classes)} similarity faces, {len(sim.strips)} specimens", flush=True)
 
-    net = fontnet.FontNet(len(rec_classes), 2 * len(sim_classes))
+    net = fontnet.FontNet(len(rec_classes))
     optimiser = torch.optim.AdamW(net.parameters(), lr=args.lr, weight_decay=1e-4)
     checkpoint = os.path.join(args.work, "checkpoint.pt")
     step = 0
+    if args.init:
+        state = torch.load(args.init)
+        net.load_state_dict(state["net"])
+        step = state["step"]
+        print(f"trunk and recognition head from {args.init}, step {step}", flush=True)
     if args.resume and os.path.exists(checkpoint):
         state = torch.load(checkpoint)
         net.load_state_dict(state["net"])
@@ -123,8 +151,12 @@ def main(argv=None):
 
     def save(path):
         torch.save({"net": net.state_dict(), "optimiser": optimiser.state_dict(), "step": step,
-                    "rec_classes": len(rec_classes), "sim_classes": 2 * len(sim_classes)}, path + ".tmp")
+                    "rec_classes": len(rec_classes)}, path + ".tmp")
         os.replace(path + ".tmp", path)
+        # Without the optimiser's state: small enough to keep in the repository.
+        trunk = os.path.join(args.work, "fontnet_trunk.pt")
+        torch.save({"net": net.state_dict(), "step": step, "rec_classes": len(rec_classes)}, trunk + ".tmp")
+        os.replace(trunk + ".tmp", trunk)
 
     net.train()
     started, window = time.time(), []
@@ -132,18 +164,20 @@ def main(argv=None):
         for group in optimiser.param_groups:
             group["lr"] = learning_rate(step, args.steps, args.lr)
         x_rec, y_rec = lines.batch(args.rec_batch)
-        x_sim, y_sim = sim.batch(args.sim_batch)
-        rec_logits, cosines = net(x_rec, x_sim)
+        x_sim = sim.batch(args.sim_batch)
+        rec_logits, embeddings = net(x_rec, x_sim)
         rec_loss = F.cross_entropy(rec_logits, y_rec)
-        sim_logits = SIM_SCALE * (cosines - SIM_MARGIN * F.one_hot(y_sim, cosines.shape[1]))
-        sim_loss = F.cross_entropy(sim_logits, y_sim)
-        loss = rec_loss + sim_loss
+        anchors, positives = embeddings[:args.sim_batch], embeddings[args.sim_batch:]
+        sim_logits = anchors @ positives.t() / SIM_TEMPERATURE
+        y_sim = torch.arange(args.sim_batch)
+        sim_loss = 0.5 * (F.cross_entropy(sim_logits, y_sim) + F.cross_entropy(sim_logits.t(), y_sim))
+        loss = rec_loss + args.sim_weight * sim_loss
         optimiser.zero_grad()
         loss.backward()
         optimiser.step()
         step += 1
         window.append((rec_loss.item(), sim_loss.item(), (rec_logits.argmax(1) == y_rec).float().mean().item(),
-                       (sim_logits.argmax(1) == y_sim).float().mean().item()))
+                       (sim_logits.argmax(1) == y_sim).float().mean().item()))  # sim: positive ranked first
         if step % 50 == 0:
             r, s, ra, sa = np.mean(window, axis=0)
             window = []
@@ -152,8 +186,7 @@ def main(argv=None):
         if step % args.save_every == 0:
             save(checkpoint)
     save(checkpoint)
-    torch.save({"net": net.state_dict(), "rec_classes": len(rec_classes), "sim_classes": 2 * len(sim_classes)},
-               os.path.join(args.work, "fontnet.pt"))
+    torch.save({"net": net.state_dict(), "rec_classes": len(rec_classes)}, os.path.join(args.work, "fontnet.pt"))
     print(f"done: {step} steps in {time.time() - started:.0f} s", flush=True)
     return 0
 
