@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -36,8 +37,11 @@ const char* const kHelp =
     "\n"
     "Commands:\n"
     "  fonts               the installed fonts the module uses: unique name, family, style\n"
-    "  classes [CLASS]     the installed fonts of each style class (blackletter, decorative,\n"
-    "                      handmade, monospace, sans_serif, script, serif, slab_serif), or of one\n"
+    "  classes [CLASS ...] [--not CLASS ...]\n"
+    "                      every installed font with its style classes; with classes, the fonts\n"
+    "                      that have all of them and none of the --not ones (blackletter,\n"
+    "                      decorative, handmade, monospace, sans-serif, script, serif,\n"
+    "                      slab-serif, or label strings such as fs_slab_serif)\n"
     "  similar NAME [--sheet FILE]\n"
     "                      the installed fonts most like font NAME, best first, with scores;\n"
     "                      --sheet writes a PNG contact sheet of their specimens\n"
@@ -75,9 +79,29 @@ struct Options {
   std::string output;  // specimen: -o
   std::string sheet;   // similar: --sheet
   double size = 0;     // specimen: --size; 0 until given
+  std::vector<std::string> not_classes;  // classes: --not
   std::string command;
   std::vector<std::string> args;
 };
+
+// The style classes: label strings in bit order, and the short forms people type.
+const char* const kClassLabels[] = {"fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace",
+                                    "fs_sans_serif",  "fs_script",     "fs_serif",    "fs_slab_serif"};
+const char* const kClassShortNames[] = {"blackletter", "decorative", "handmade", "monospace",
+                                        "sans-serif",  "script",     "serif",    "slab-serif"};
+
+// The bit of a class given as its label string or short form ("-" and "_" alike); throws a
+// usage error listing the classes.
+int32_t ClassIndex(const std::string& text) {
+  std::string wanted = text.rfind("fs_", 0) == 0 ? text.substr(3) : text;
+  std::replace(wanted.begin(), wanted.end(), '_', '-');
+  for (int32_t i = 0; i < 8; ++i)
+    if (wanted == kClassShortNames[i]) return i;
+  std::string names;
+  for (const char* c : kClassShortNames) names += std::string(names.empty() ? "" : ", ") + c;
+  throw UsageError("no style class is named '" + text + "'; the classes are " + names +
+                   " (or their label strings, such as fs_slab_serif)");
+}
 
 constexpr double kDefaultSpecimenSize = 200;
 
@@ -118,7 +142,8 @@ Options Parse(int argc, char** argv) {
     const std::string name = arg.substr(0, equals);
     const bool inline_value = equals != std::string::npos;
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
-        name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet") {
+        name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet" ||
+        name == "--not") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -139,6 +164,7 @@ Options Parse(int argc, char** argv) {
       if (name == "-o" || name == "--output") options.output = value;
       if (name == "--size") options.size = ParseSize(value);
       if (name == "--sheet") options.sheet = value;
+      if (name == "--not") options.not_classes.push_back(value);
       continue;
     }
     bool* flag = name == "--debug-log" ? &options.debug_log
@@ -158,7 +184,7 @@ Options Parse(int argc, char** argv) {
   const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
                                      [&](const auto& c) { return options.command == c.first; });
   if (command == std::end(kCommands)) throw UsageError("unknown command '" + options.command + "'");
-  const bool optional_argument = options.command == "classes" && options.args.size() == 1;
+  const bool optional_argument = options.command == "classes";  // any number of classes
   if (command->second == 0 && !options.args.empty() && !optional_argument)
     throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
   if (options.args.size() != command->second && !optional_argument)
@@ -171,6 +197,10 @@ Options Parse(int argc, char** argv) {
   if (specimen && !options.size) options.size = kDefaultSpecimenSize;
   if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize")
     throw UsageError("--sheet is for similar and recognize only");
+  if (!options.not_classes.empty() && options.command != "classes") throw UsageError("--not is for classes only");
+  if (options.command == "classes")
+    for (const auto* list : {&options.args, &options.not_classes})
+      for (const std::string& c : *list) ClassIndex(c);
   return options;
 }
 
@@ -553,46 +583,48 @@ void Recognize(Host& host, const Options& options) {
   std::fflush(stdout);
 }
 
-// The style classes as the module's feature suite answers them, exactly as another plug-in asks.
+// The style classes as the module's feature suite answers them, exactly as another plug-in asks:
+// with no class, every installed font with its classes; with classes, the fonts that have all of
+// them and none of the --not ones.
 void Classes(Host& host, const Options& options) {
-  static const char* const kClasses[] = {"blackletter", "decorative", "handmade", "monospace",
-                                         "sans_serif",  "script",     "serif",    "slab_serif"};
-  int32_t only = -1;
-  if (!options.args.empty()) {
-    std::string wanted = options.args[0];
-    if (wanted.rfind("fs_", 0) == 0) wanted = wanted.substr(3);
-    std::replace(wanted.begin(), wanted.end(), '-', '_');
-    for (int32_t i = 0; i < 8; ++i)
-      if (wanted == kClasses[i]) only = i;
-    if (only < 0) {
-      std::string names;
-      for (const char* c : kClasses) names += std::string(names.empty() ? "" : ", ") + c;
-      throw Failure("no style class is named '" + options.args[0] + "'; the classes are " + names);
-    }
-  }
   HeldSuite<FontrixFeatureSuite> feature(host, kFontrixFeatureSuite, kFontrixFeatureSuiteVersion);
-  std::string out = options.json ? "{\"classes\": [" : "";
-  bool first = true;
+  std::map<std::string, uint32_t> masks;
   for (int32_t i = 0; i < 8; ++i) {
-    if (only >= 0 && i != only) continue;
     std::vector<std::pair<std::string, double>> found;
     FontrixFontList list = Collector(found);
     const QVErr err = feature->GetFontsWithLabel(&i, &list);
     if (err == kQVNotInitialisedErr) throw Failure("the classification service is not running (switched off)");
     Check(err, "the class query");
-    if (options.json) {
-      out += std::string(first ? "" : ", ") + "{\"class\": " + JsonString(kClasses[i]) + ", \"fonts\": [";
-      for (size_t k = 0; k < found.size() && k < options.limit; ++k)
-        out += std::string(k ? ", " : "") + JsonString(found[k].first);
-      out += "]}";
-    } else if (only >= 0) {
-      for (size_t k = 0; k < found.size() && k < options.limit; ++k) out += found[k].first + "\n";
-    } else {
-      out += std::string(kClasses[i]) + ": " + std::to_string(found.size()) + " fonts\n";
-    }
-    first = false;
+    for (const auto& f : found) masks[f.first] |= 1u << i;
   }
-  if (options.json) out += "]}\n";
+  uint32_t all = 0, none = 0;
+  for (const std::string& c : options.args) all |= 1u << ClassIndex(c);
+  for (const std::string& c : options.not_classes) none |= 1u << ClassIndex(c);
+
+  std::string out = options.json ? "{\"fonts\": [" : "";
+  size_t shown = 0;
+  for (const HostFont& font : host.Fonts()) {
+    const auto found = masks.find(font.unique_name);
+    const uint32_t mask = found == masks.end() ? 0 : found->second;
+    if ((mask & all) != all || (mask & none) || shown >= options.limit) continue;
+    std::vector<int32_t> bits;
+    for (int32_t i = 0; i < 8; ++i)
+      if (mask & (1u << i)) bits.push_back(i);
+    if (options.json) {
+      out += std::string(shown ? ",\n  " : "\n  ") + "{\"name\": " + JsonString(font.unique_name) +
+             ", \"family\": " + JsonString(font.family) + ", \"style\": " + JsonString(font.style) + ", \"classes\": [";
+      for (size_t k = 0; k < bits.size(); ++k) out += std::string(k ? ", " : "") + JsonString(kClassLabels[bits[k]]);
+      out += "]}";
+    } else if (!options.args.empty() || !options.not_classes.empty()) {
+      out += font.unique_name + "\n";
+    } else {
+      out += font.unique_name + "\t";
+      for (size_t k = 0; k < bits.size(); ++k) out += std::string(k ? ", " : "") + kClassShortNames[bits[k]];
+      out += "\n";
+    }
+    ++shown;
+  }
+  if (options.json) out += "\n]}\n";
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
 }

@@ -44,18 +44,32 @@ class ModuleCliTest(unittest.TestCase):
         self.assertFalse(any(os.path.exists(os.path.join(self.cache, log)) for log in LOGS.values()),
                          "no debug log without --debug-log")
 
+    def classes(self, *args):
+        return subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, "classes", *args],
+                              capture_output=True, text=True, timeout=300, env=self.env)
+
     def test_classes_answer_through_the_feature_suite(self):
-        r = subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, "classes", "--json"],
-                           capture_output=True, text=True, timeout=300, env=self.env)
+        r = self.classes("--json")
         self.assertEqual(r.returncode, 0, r.stderr)
-        classes = json.loads(r.stdout)["classes"]
-        self.assertEqual([c["class"] for c in classes][:3], ["blackletter", "decorative", "handmade"])
-        self.assertEqual(len(classes), 8)
+        fonts = {f["name"]: f for f in json.loads(r.stdout)["fonts"]}
         self.assertTrue(os.path.exists(os.path.join(self.cache, "FontFeatureCache.json")))
-        r = subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, "classes", "gothic"],
-                           capture_output=True, text=True, timeout=300, env=self.env)
-        self.assertEqual(r.returncode, 1)
-        self.assertIn("no style class is named 'gothic'", r.stderr)
+        # The trained rows on fonts whose design is beyond doubt.
+        self.assertIn("fs_sans_serif", fonts["DejaVuSans"]["classes"])
+        self.assertIn("fs_serif", fonts["DejaVuSerif"]["classes"])
+        self.assertIn("fs_monospace", fonts["DejaVuSansMono"]["classes"])
+        self.assertNotIn("fs_serif", fonts["DejaVuSans"]["classes"])
+        self.assertEqual(fonts["DejaVuSans"]["family"], "DejaVu Sans")
+
+        # All of the classes and none of the --not ones; label strings and short forms alike.
+        monospace = set(self.classes("monospace").stdout.split())
+        self.assertIn("DejaVuSansMono", monospace)
+        plain = set(self.classes("fs_monospace", "--not", "slab_serif").stdout.split())
+        self.assertTrue(plain < monospace)
+        self.assertEqual(plain, {n for n in monospace if "fs_slab_serif" not in fonts[n]["classes"]})
+
+        r = self.classes("gothic")
+        self.assertEqual(r.returncode, 2)
+        self.assertIn("no style class is named 'gothic'; the classes are blackletter, decorative", r.stderr)
 
     def test_debug_logs_follow_the_services_that_ran(self):
         self.fonts("--debug-log", "--disable", "similarity")
