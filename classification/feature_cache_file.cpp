@@ -12,7 +12,10 @@ using corvid::serialize::JsonValue;
 
 void LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return;
+  if (in) ReadFeatureCache(in, records);
+}
+
+void ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records) {
   JsonValue root;
   corvid::serialize::ParseError error;
   if (!corvid::serialize::Parse(in, root, error, 500, 0)) return;
@@ -30,7 +33,10 @@ void LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& recor
       number = double(value.AsInteger());
     else
       throw FeatureCacheParameterError("a feature cache entry has no featureValue");
-    records.push_back({name.AsString(), uint32_t(int64_t(number))});
+    // A bitmask is a whole number of 32 bits; converting anything else would be undefined.
+    if (!(number > -1.0 && number < 4294967296.0))
+      throw FeatureCacheParameterError("a feature cache entry's featureValue is not a class bitmask");
+    records.push_back({name.AsString(), uint32_t(number)});
   }
 }
 

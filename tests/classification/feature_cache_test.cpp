@@ -38,7 +38,10 @@ TEST(FeatureCacheFile, RoundTripEmptyAndMalformedFiles) {
   read.clear();
   EXPECT_NO_THROW(LoadFeatureCache(path, read));
   EXPECT_TRUE(read.empty());
-  for (const char* wrong : {R"({"name":"A"})", R"([{"featureValue":1}])", R"([{"name":"A","featureValue":"1"}])"}) {
+  // Not a 32-bit bitmask: converting it would be undefined, so the file has the wrong shape.
+  for (const char* wrong : {R"({"name":"A"})", R"([{"featureValue":1}])", R"([{"name":"A","featureValue":"1"}])",
+                            R"([{"name":"A","featureValue":1e300}])", R"([{"name":"A","featureValue":-5}])",
+                            R"([{"name":"A","featureValue":4294967296}])"}) {
     { std::ofstream(path) << wrong; }
     EXPECT_THROW(LoadFeatureCache(path, read), FeatureCacheParameterError) << wrong;
   }
