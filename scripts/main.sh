@@ -1,29 +1,24 @@
 #!/usr/bin/env bash
-# Sets up, builds, then runs what Fontrix can do today: the fontrix tool starts the module in the
-# reference host, lets it take in this machine's fonts and lists the fonts its services use; then
-# the network engine runs the shipped test network on three images through dnm-run.
+# Sets up, builds, then shows Fontrix on this machine's fonts: the module takes them in (the
+# caches built, with a progress bar on a terminal), then a short tour of its three services
+# through the fontrix tool, as a user would run it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh >/dev/null
-echo "== fontrix fonts: the installed fonts the module's services use"
-build/bin/fontrix fonts
+fontrix=build/bin/fontrix
+echo "== fontrix index: the module's caches brought up to date with the installed fonts"
+$fontrix index
 echo
-echo "== fontrix specimen: DejaVu Serif drawn as the module draws specimens"
-build/bin/fontrix specimen DejaVuSerif "Handgloves abcdefghijklmnopqrstuvwxyz" -o /tmp/fontrix-specimen.png
+echo "== fontrix classes: the style classes of the first installed fonts"
+$fontrix classes --limit 12
 echo
-golden=tests/deepnet/golden
-out=$(mktemp)
-trap 'rm -f "$out"' EXIT
-echo "== dnm-run: golden_net.dnm, layer \"prob\", 3 images of 23x19"
-build/bin/dnm-run --model "$golden/golden_net.dnm" --layer prob --width 23 --height 19 --count 3 \
-  --input "$golden/golden_input.f32" --output "$out"
-/usr/bin/python3 - "$out" <<'PY'
-import struct, sys
-data = open(sys.argv[1], "rb").read()
-values = struct.unpack("<%df" % (len(data) // 4), data)
-for i in range(3):
-    p = values[i * 10:(i + 1) * 10]
-    best = max(range(10), key=p.__getitem__)
-    print("image %d: class %d (p=%.3f)  " % (i, best, p[best]) + " ".join("%.3f" % v for v in p))
-PY
+echo "== fontrix classes serif --not slab-serif: serif fonts without slab serifs"
+$fontrix classes serif --not slab-serif --limit 8
+echo
+echo "== fontrix similar DejaVuSerif: the installed fonts most like DejaVu Serif (sheet: /tmp/fontrix-similar.png)"
+$fontrix similar DejaVuSerif --limit 8 --sheet /tmp/fontrix-similar.png
+echo
+sample=data/samples/line-liberation-serif-bold.png
+echo "== fontrix recognize $sample (drawn in Liberation Serif Bold; sheet: /tmp/fontrix-recognized.png)"
+$fontrix recognize "$sample" --limit 5 --sheet /tmp/fontrix-recognized.png
