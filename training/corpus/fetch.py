@@ -139,8 +139,8 @@ def fetch_debian(cache, package, version):
 def fetch_npm(cache, package, version):
     folder = package_folder(cache, "npm", package)
     with tempfile.TemporaryDirectory(dir=cache) as work:
-        spec = package if version == "latest" else f"{package}@{version}"
-        out = subprocess.run(["npm", "pack", "--silent", spec], cwd=work, check=True,
+        wanted = package if version == "latest" else f"{package}@{version}"
+        out = subprocess.run(["npm", "pack", "--silent", wanted], cwd=work, check=True,
                              capture_output=True, text=True).stdout.split()
         tgz = os.path.join(work, out[-1])
         staging = os.path.join(work, "staging")
