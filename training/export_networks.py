@@ -41,7 +41,7 @@ def load_net(work):
 
 def sample_crops(work, count=10):
     """Real inputs: five specimen crops of one face and five recognition crops."""
-    specimens = images.read_specimens(os.path.join(work, "specimens.bin"))
+    specimens = images.read_specimens(os.path.join(work, "specimens.bin"), limit=1)
     lower, _ = next(iter(specimens.values()))
     _, lines = images.read_lines(os.path.join(work, "lines_clean.bin"))
     rec = lines[0, :count // 2].astype(np.float32) - 128.0

@@ -10,24 +10,30 @@ CROPS = 5
 LINE_CROPS = 10
 
 
-def read_specimens(path):
-    """{label: (lower, upper)}, each a (109, width) uint8 array."""
-    with open(path, "rb") as f:
-        data = f.read()
-    if data[:8] != b"FXSPEC01":
+def read_names(path):
+    """A names file as training-images reads it: one unique name a line, blank lines skipped."""
+    with open(path, encoding="utf-8") as f:
+        return [line.rstrip("\n") for line in f if line.strip()]
+
+
+def read_specimens(path, limit=None):
+    """{label: (lower, upper)}, each a (109, width) uint8 array; only the first `limit`
+    records when given, read through a memory map so the rest of the file is not touched."""
+    data = np.memmap(path, np.uint8, "r")
+    if bytes(data[:8]) != b"FXSPEC01":
         raise ValueError(f"{path}: not a specimens file")
     result, at = {}, 8
-    while at < len(data):
+    while at < len(data) and (limit is None or len(result) < limit):
         if at + 12 > len(data):
             raise ValueError(f"{path}: truncated record at byte {at}")
-        label, lower_width, upper_width = struct.unpack_from("<iii", data, at)
+        label, lower_width, upper_width = struct.unpack_from("<iii", bytes(data[at:at + 12]))
         at += 12
         halves = []
         for width in (lower_width, upper_width):
             size = SIDE * width
             if width <= 0 or at + size > len(data):
                 raise ValueError(f"{path}: truncated or empty specimen of label {label}")
-            halves.append(np.frombuffer(data, np.uint8, size, at).reshape(SIDE, width))
+            halves.append(np.asarray(data[at:at + size]).reshape(SIDE, width))
             at += size
         result[label] = tuple(halves)
     return result

@@ -22,6 +22,8 @@ import tempfile
 
 import numpy as np
 
+import images
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(HERE)
 FONTRIX = os.path.join(REPO, "build", "bin", "fontrix")
@@ -44,11 +46,6 @@ def read_cache(folder):
     if len(meta) != len(vectors):
         raise ValueError(f"cache holds {len(meta)} meta records and {len(vectors)} vectors")
     return {group[3]: vectors[i] for i, group in enumerate(meta)}
-
-
-def train_names(path):
-    with open(path, encoding="utf-8") as f:
-        return [line.rstrip("\n") for line in f if line.strip()]
 
 
 def read_table(path):
@@ -101,7 +98,7 @@ def main(argv=None):
         raise SystemExit(f"{len(zero)} table faces could not be drawn: {' '.join(zero[:10])}")
     write_pair(rows, vectors, os.path.join(args.out, "NQ_sim_fea_fs.bin"), os.path.join(args.out, "NQ_sim_meta_fs.bin"))
     row_of = {row[1]: row for row in rows}
-    classes = [row_of[name] for name in train_names(os.path.join(args.work, "rec_classes.txt"))]
+    classes = [row_of[name] for name in images.read_names(os.path.join(args.work, "rec_classes.txt"))]
     write_meta(classes, os.path.join(args.out, "NQ_rec_font.bin"))
     print(f"{len(rows)} faces in the shipped similarity pair, {len(classes)} in the recognition font table", flush=True)
     return 0

@@ -41,11 +41,6 @@ import splits as corpus_splits  # noqa: E402
 SIM_TEMPERATURE = 0.1
 
 
-def read_names(path):
-    with open(path, encoding="utf-8") as f:
-        return [line.rstrip("\n") for line in f if line.strip()]
-
-
 class SpecimenSampler:
     """Pairs of crop sets for the similarity embedding: an anchor (a face's lower- or upper-case
     specimen at random offsets) and a positive of the same case: another face of the anchor's
@@ -117,9 +112,9 @@ def main(argv=None):
     torch.manual_seed(args.seed)
     rng = np.random.default_rng(args.seed)
 
-    rec_classes = read_names(os.path.join(args.work, "rec_classes.txt"))
-    sim_classes = read_names(os.path.join(args.work, "sim_classes.txt"))
-    all_names = read_names(os.path.join(args.work, "names.txt"))
+    rec_classes = images.read_names(os.path.join(args.work, "rec_classes.txt"))
+    sim_classes = images.read_names(os.path.join(args.work, "sim_classes.txt"))
+    all_names = images.read_names(os.path.join(args.work, "names.txt"))
     index_of = {name: i for i, name in enumerate(all_names)}
     _, family_of = corpus_splits.read_labels()
     specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))

@@ -57,6 +57,9 @@ class PictureFiles(unittest.TestCase):
         self.assertEqual(list(specimens), [7])
         self.assertEqual(specimens[7][0].shape, (109, 3))
         self.assertEqual(images.specimen_labels(path), [7])
+        two = self.path("two.bin", b"FXSPEC01" + record + struct.pack("<iii", 8, 1, 1) + bytes(218))
+        self.assertEqual(list(images.read_specimens(two)), [7, 8])
+        self.assertEqual(list(images.read_specimens(two, limit=1)), [7])
         with self.assertRaisesRegex(ValueError, "truncated"):
             images.read_specimens(self.path("t.bin", b"FXSPEC01" + record[:-1]))
         with self.assertRaisesRegex(ValueError, "not a specimens file"):
