@@ -22,22 +22,6 @@ RecognitionPaths resolved_paths;
 bool paths_resolved = false;
 hostglue::FontAccessSlot font_access;
 
-// The localisation network reads the raster brought to 109 rows and gives, in its layer
-// "detections", triples (start, end, confidence) with start and end as fractions of the raster's
-// height.
-std::vector<std::pair<float, float>> Detect(const deepnet::layer_model_list& network, const GreyRaster& raster) {
-  int32_t width = 0;
-  const std::vector<float> line = ToLineHeight(raster, width);
-  deepnet::input_view view{uint64_t(width), kLineHeight, 1, 1, line.data()};
-  deepnet::layer_test_list tests;
-  deepnet::deepnet_construct_layer_test(tests, network, view, 1);
-  const auto& out = *tests[deepnet::deepnet_compute_feature(network, tests, 1, "detections")];
-  std::vector<std::pair<float, float>> detections;
-  for (uint64_t i = 0; i + 2 < out.y_size_1d(); i += 3)
-    detections.emplace_back(out.y[i] * float(raster.height), out.y[i + 1] * float(raster.height));
-  return detections;
-}
-
 }  // namespace
 
 const RecognitionPaths& ResolveRecognitionPaths() {
@@ -191,7 +175,7 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     if (height < 1 || width < 1 || !pixels || recognition_.empty()) return results;
     GreyRaster raster{width, height, std::vector<uint8_t>(pixels, pixels + size_t(width) * size_t(height))};
     if (!localisation_.empty()) {
-      const auto [left, right] = BandFromDetections(Detect(localisation_, raster), uint32_t(height));
+      const auto [left, right] = LocaliseBand(localisation_, raster);
       raster.pixels.assign(raster.pixels.begin() + ptrdiff_t(left) * width,
                            raster.pixels.begin() + ptrdiff_t(right) * width);
       raster.height = int32_t(right - left);

@@ -26,6 +26,20 @@ std::pair<uint32_t, uint32_t> BandFromDetections(const std::vector<std::pair<flo
   return {left, right};
 }
 
+std::pair<uint32_t, uint32_t> LocaliseBand(const deepnet::layer_model_list& network, const GreyRaster& raster) {
+  int32_t width = 0;
+  const std::vector<float> line = ToLineHeight(raster, width);
+  if (width < kNarrowestLocalisedLine || width > kWidestLocalisedLine) return {0, uint32_t(raster.height)};
+  deepnet::input_view view{uint64_t(width), kLineHeight, 1, 1, line.data()};
+  deepnet::layer_test_list tests;
+  deepnet::deepnet_construct_layer_test(tests, network, view, 1);
+  const auto& out = *tests[deepnet::deepnet_compute_feature(network, tests, 1, "detections")];
+  std::vector<std::pair<float, float>> detections;
+  for (uint64_t i = 0; i + 2 < out.y_size_1d(); i += 3)
+    detections.emplace_back(out.y[i] * float(raster.height), out.y[i + 1] * float(raster.height));
+  return BandFromDetections(detections, uint32_t(raster.height));
+}
+
 std::vector<float> ToLineHeight(const GreyRaster& band, int32_t& width) {
   const int32_t H = band.height, W = band.width;
   if (H < 1 || W < 1) throw std::runtime_error("ToLineHeight(): empty band");

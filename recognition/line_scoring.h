@@ -23,6 +23,17 @@ struct GreyRaster {
 std::pair<uint32_t, uint32_t> BandFromDetections(const std::vector<std::pair<float, float>>& detections,
                                                  uint32_t height);
 
+/// Narrowest and widest lines (at 109 rows) the localisation network is run on; a narrower
+/// raster is not a line of text, and past the widest the network's pooling over the whole width
+/// no longer reaches every column. Either goes on whole.
+constexpr int32_t kNarrowestLocalisedLine = 32, kWidestLocalisedLine = 65536;
+
+/// The text band of `raster` found by the localisation network: the network reads the raster
+/// brought to 109 rows (values 0..255) and gives, in its layer "detections", triples (start, end,
+/// confidence) with start and end as fractions of the raster's height; the band is
+/// BandFromDetections of those.
+std::pair<uint32_t, uint32_t> LocaliseBand(const deepnet::layer_model_list& network, const GreyRaster& raster);
+
 /// The band brought to 109 rows: unchanged when it has 109, else resampled bilinearly to
 /// width × 109 / height columns (truncated) and 109 rows. Values stay 0..255, as floats.
 std::vector<float> ToLineHeight(const GreyRaster& band, int32_t& width);

@@ -9,7 +9,12 @@
 //       pictures from other renderers, cameras and scanners unless --clean, then taken through
 //       recognition's own path: the band brought to 109 rows, both scales, tiled, the ten crops.
 //       --tall sets each line in a picture two to four times its height and writes two records
-//       per picture: the whole picture, then the picture cut to its text band.
+//       per picture: the whole picture, then the picture cut to its text band. --localise MODEL
+//       cuts every picture to the band MODEL finds, as recognition does with a localisation
+//       network; with --tall it adds that cut as a third record.
+//   training-images bands NAMES WORDS OUT [--per-font N] [--seed S] [--part K/N]
+//       Per font, N degraded pictures of a line, half of them in a picture two to four times the
+//       line's height: what the localisation network learns to cut to the text band.
 //
 // NAMES holds one unique name a line; a record's label is the line's index (from 0). --part K/N
 // does every N-th font from the K-th (0-based), so N processes can share the work.
@@ -17,7 +22,10 @@
 // Files (little-endian): specimens: "FXSPEC01", then per font int32 label, int32 lower width,
 // int32 upper width, 109 x lower width bytes, 109 x upper width bytes (rows in order; 0 ink,
 // 255 paper). lines: "FXLINE01", then per picture int32 label and ten crops of 109 x 109 bytes,
-// each crop value + 128 rounded (the network reads byte - 128).
+// each crop value + 128 rounded (the network reads byte - 128). bands: "FXBAND01", then per
+// picture int32 label, float32 first and last row of the band as fractions of the height, and
+// the picture brought to 109 rows as 109 x 384 bytes (a narrower picture repeated side by side,
+// which keeps its band; a wider one cut at a random column).
 #include <csetjmp>
 #include <cmath>
 #include <cstdint>
@@ -32,6 +40,7 @@
 // jpeglib.h needs FILE and size_t first.
 #include <jpeglib.h>
 
+#include "deepnet/model_io.h"
 #include "host/host.h"
 #include "hostglue/font_access.h"
 #include "plugin/dispatch.h"
@@ -263,6 +272,31 @@ void WriteLineCrops(std::FILE* out, int32_t label, const GreyRaster& picture) {
   std::fwrite(bytes.data(), 1, bytes.size(), out);
 }
 
+constexpr int kBandWidth = 384;
+
+/// A picture as the localisation network reads it, with the band it should find.
+void WriteBandRecord(std::FILE* out, int32_t label, const GreyRaster& picture, const Band& band, std::mt19937& rng) {
+  int32_t width = 0;
+  const std::vector<float> line = fontrix::ToLineHeight(picture, width);
+  const int32_t from = width > kBandWidth ? std::uniform_int_distribution<int32_t>(0, width - kBandWidth)(rng) : 0;
+  std::vector<uint8_t> bytes(size_t(kBandWidth) * kSide);
+  for (int y = 0; y < kSide; ++y)
+    for (int x = 0; x < kBandWidth; ++x)
+      bytes[size_t(y) * kBandWidth + size_t(x)] = Byte(line[size_t(y) * size_t(width) + size_t((from + x) % width)]);
+  Put32(out, label);
+  const float fractions[2] = {float(band.first) / float(picture.height), float(band.last) / float(picture.height)};
+  std::fwrite(fractions, sizeof(float), 2, out);
+  std::fwrite(bytes.data(), 1, bytes.size(), out);
+}
+
+/// Rows [first, last) of `picture` as a picture of their own.
+GreyRaster Cut(const GreyRaster& picture, uint32_t first, uint32_t last) {
+  GreyRaster cut{picture.width, int32_t(last - first), {}};
+  cut.pixels.assign(picture.pixels.begin() + ptrdiff_t(first) * picture.width,
+                    picture.pixels.begin() + ptrdiff_t(last) * picture.width);
+  return cut;
+}
+
 struct Part {
   size_t k = 0, n = 1;
 };
@@ -277,7 +311,9 @@ Part ParsePart(const std::string& text) {
 int Usage() {
   std::fprintf(stderr,
                "usage: training-images specimens NAMES OUT [--part K/N]\n"
-               "       training-images lines NAMES WORDS OUT [--per-font N] [--seed S] [--clean | --tall] [--part K/N]\n");
+               "       training-images lines NAMES WORDS OUT [--per-font N] [--seed S] [--clean | --tall]\n"
+               "                             [--localise MODEL] [--part K/N]\n"
+               "       training-images bands NAMES WORDS OUT [--per-font N] [--seed S] [--part K/N]\n");
   return 2;
 }
 
@@ -287,6 +323,7 @@ int Run(int argc, char** argv) {
   int per_font = 24;
   uint32_t seed = 1;
   bool clean = false, tall = false;
+  std::string localiser;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     auto value = [&]() -> std::string {
@@ -303,6 +340,8 @@ int Run(int argc, char** argv) {
       clean = true;
     else if (a == "--tall")
       tall = true;
+    else if (a == "--localise")
+      localiser = value();
     else if (!a.empty() && a[0] == '-')
       return Usage();
     else
@@ -310,10 +349,14 @@ int Run(int argc, char** argv) {
   }
   const bool specimens = args.size() == 3 && args[0] == "specimens";
   const bool lines = args.size() == 4 && args[0] == "lines";
-  if (!specimens && !lines) return Usage();
+  const bool bands = args.size() == 4 && args[0] == "bands";
+  if (!specimens && !lines && !bands) return Usage();
+  if (bands && (clean || tall || !localiser.empty())) return Usage();
+  deepnet::layer_model_list localisation;
+  if (!localiser.empty()) deepnet::deepnet_load_model(localiser, localisation);
   const std::vector<std::string> names = ReadLines(args[1]);
-  const std::vector<std::string> words = lines ? ReadLines(args[2]) : std::vector<std::string>{};
-  if (lines && words.empty()) throw std::runtime_error("no words in " + args[2]);
+  const std::vector<std::string> words = specimens ? std::vector<std::string>{} : ReadLines(args[2]);
+  if (!specimens && words.empty()) throw std::runtime_error("no words in " + args[2]);
 
   fontrix::host::Host host({});
   host.UseModuleEntry(FontrixPluginMain);
@@ -324,7 +367,7 @@ int Run(int argc, char** argv) {
   const std::string& out_path = args.back();
   std::FILE* out = std::fopen(out_path.c_str(), "wb");
   if (!out) throw std::runtime_error("cannot write " + out_path);
-  std::fwrite(specimens ? "FXSPEC01" : "FXLINE01", 1, 8, out);
+  std::fwrite(specimens ? "FXSPEC01" : bands ? "FXBAND01" : "FXLINE01", 1, 8, out);
   size_t written = 0, skipped = 0;
   for (size_t label = part.k; label < names.size(); label += part.n) {
     QVFontHandle font = nullptr;
@@ -353,14 +396,30 @@ int Run(int argc, char** argv) {
     for (int n = 0, tries = 0; n < per_font && tries < per_font * 3; ++tries) {
       GreyRaster picture;
       Band band;
-      if (!LinePicture(fonts, font, LineText(words, rng), clean, tall, rng, picture, band)) continue;
-      WriteLineCrops(out, int32_t(label), picture);
-      if (tall) {  // the same picture cut to its text band: what a perfect localisation would pass on
-        GreyRaster cut{picture.width, band.last - band.first, {}};
-        cut.pixels.assign(picture.pixels.begin() + ptrdiff_t(band.first) * picture.width,
-                          picture.pixels.begin() + ptrdiff_t(band.last) * picture.width);
-        WriteLineCrops(out, int32_t(label), cut);
+      if (bands) {
+        const bool in_tall = std::uniform_int_distribution<int>(0, 1)(rng) == 1;
+        if (!LinePicture(fonts, font, LineText(words, rng), false, in_tall, rng, picture, band)) continue;
+        WriteBandRecord(out, int32_t(label), picture, band, rng);
+        ++n;
         ++written;
+        continue;
+      }
+      if (!LinePicture(fonts, font, LineText(words, rng), clean, tall, rng, picture, band)) continue;
+      const GreyRaster* whole = &picture;
+      GreyRaster localised;
+      if (!localisation.empty()) {
+        const auto [first, last] = fontrix::LocaliseBand(localisation, picture);
+        localised = Cut(picture, first, last);
+        if (!tall) whole = &localised;
+      }
+      WriteLineCrops(out, int32_t(label), *whole);
+      if (tall) {  // the same picture cut to its text band: what a perfect localisation would pass on
+        WriteLineCrops(out, int32_t(label), Cut(picture, uint32_t(band.first), uint32_t(band.last)));
+        ++written;
+        if (!localisation.empty()) {
+          WriteLineCrops(out, int32_t(label), localised);
+          ++written;
+        }
       }
       ++n;
       ++written;

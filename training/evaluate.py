@@ -5,9 +5,13 @@
 
 - Recognition, on pictures drawn with other seeds than training's (DIR/lines_heldout.bin,
   degraded; DIR/lines_clean.bin, clean; DIR/lines_tall.bin, lines in tall pictures and the
-  same pictures cut to their band, to see what a localisation network could gain): the mean
+  same pictures cut to their band, to see what a localisation network could gain; with a
+  localisation network, the tall and the degraded pictures again, cut where it finds the band,
+  into DIR/lines_tall_localised.bin and DIR/lines_heldout_localised.bin): the mean
   "prob" over a picture's ten crops, as the module computes it; top-1 and top-5 over the
   recognition classes.
+  Some classes are drawn exactly alike (metric clones with the same outlines); top-1 and top-5
+  are also given counting such a twin as right.
 - Similarity, on the vectors the module itself computed for every corpus face
   (DIR/module-cache, made by make_tables.py): for each face of a test-split family with at
   least two faces, is another face of its family among its 5 nearest (dot product) of all
@@ -27,6 +31,7 @@ sys.path.insert(0, os.path.join(HERE, "corpus"))
 import export_networks  # noqa: E402
 import images  # noqa: E402
 import make_tables  # noqa: E402
+import prepare_training_data  # noqa: E402
 import splits as corpus_splits  # noqa: E402
 
 WELL_KNOWN = ("DejaVuSans", "DejaVuSerif", "LiberationMono", "Cantarell-Regular", "NimbusRoman-Regular",
@@ -34,9 +39,39 @@ WELL_KNOWN = ("DejaVuSans", "DejaVuSerif", "LiberationMono", "Cantarell-Regular"
               "UnifrakturMaguntia-Book", "GreatVibes-Regular", "RobotoSlab-Regular")
 
 
-def recognition(net, path, batch=64, every=1, first=0):
+def twin_classes(work, rec_classes, names):
+    """For each recognition class, the classes drawn the same: the specimens of both cases of
+    the same width within 3 % and, over the common width, differing by under 4 grey levels on
+    average (Liberation Sans and Arimo, STIX and STIX General, the Thai typewriter faces). No
+    picture can tell such classes apart."""
+    index = {n: i for i, n in enumerate(names)}
+    class_of = {index[n]: c for c, n in enumerate(rec_classes)}
+    specimens = {}
+    for label, strips in images.iter_specimens(os.path.join(work, "specimens.bin"), set(class_of)):
+        specimens[class_of[label]] = strips
+
+    def same(a, b):
+        for x, y in zip(specimens[a], specimens[b]):
+            wide, narrow = max(x.shape[1], y.shape[1]), min(x.shape[1], y.shape[1])
+            if wide - narrow > 0.03 * wide:
+                return False
+            if np.abs(x[:, :narrow].astype(np.int16) - y[:, :narrow]).mean() >= 4:
+                return False
+        return True
+
+    twins = {c: {c} for c in range(len(rec_classes))}
+    drawn = sorted(specimens)
+    for i, a in enumerate(drawn):
+        for b in drawn[i + 1:]:
+            if same(a, b):
+                twins[a].add(b)
+                twins[b].add(a)
+    return twins
+
+
+def recognition(net, path, batch=64, every=1, first=0, twins=None):
     """(pictures, top-1, top-5) over the records first, first + every, ... whose font is a
-    recognition class."""
+    recognition class; with `twins`, a class drawn the same as the right one counts as right."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
@@ -50,8 +85,12 @@ def recognition(net, path, batch=64, every=1, first=0):
             mean = prob.view(n, images.LINE_CROPS, -1).mean(1)
             best = mean.topk(5, 1).indices.numpy()
             truth = labels[chosen]
-            top1 += int(np.sum(best[:, 0] == truth))
-            top5 += int(np.sum(np.any(best == truth[:, None], axis=1)))
+            if twins is None:
+                right = best == truth[:, None]
+            else:
+                right = np.array([[b in twins[t] for b in row] for row, t in zip(best, truth)])
+            top1 += int(np.sum(right[:, 0]))
+            top5 += int(np.sum(np.any(right, axis=1)))
     return len(records), top1 / max(1, len(records)), top5 / max(1, len(records))
 
 
@@ -90,18 +129,41 @@ def similarity(work):
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--work", required=True)
+    parser.add_argument("--localisation", default=os.path.join(export_networks.REPO, "data", "NQ_loc_model.dnm"),
+                        help="localisation network to cut the pictures with (skipped when absent)")
     args = parser.parse_args(argv)
     torch.set_num_threads(2)
     net = export_networks.load_net(args.work)
-    out = ["| pictures | count | top-1 | top-5 |", "|---|---|---|---|"]
+    rec_classes = images.read_names(os.path.join(args.work, "rec_classes.txt"))
+    twins = twin_classes(args.work, rec_classes, images.read_names(os.path.join(args.work, "names.txt")))
+    twinned = sum(1 for c in twins if len(twins[c]) > 1)
+    out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the last two columns "
+           "count a twin of the right class as right.", "",
+           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins |", "|---|---|---|---|---|---|"]
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
              ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
+    if os.path.exists(args.localisation):
+        rec = os.path.join(args.work, "rec_classes.txt")
+        local = ["--localise", os.path.abspath(args.localisation)]
+        # The same seeds as prepare_training_data.py, so these are the same pictures.
+        prepare_training_data.run_parts(args.work, 2, ["lines", rec, prepare_training_data.WORDS, "--per-font", "1",
+                                                       "--seed", "4", "--tall"] + local,
+                                        os.path.join(args.work, "lines_tall_localised.bin"))
+        prepare_training_data.run_parts(args.work, 2, ["lines", rec, prepare_training_data.WORDS, "--per-font", "4",
+                                                       "--seed", "2"] + local,
+                                        os.path.join(args.work, "lines_heldout_localised.bin"))
+        cases += [("line in a picture 2-4 times its height, cut by the localisation network",
+                   "lines_tall_localised.bin", 3, 2),
+                  ("degraded, other seed, cut by the localisation network", "lines_heldout_localised.bin", 1, 0)]
     for title, file, every, first in cases:
         if not os.path.exists(os.path.join(args.work, file)):
             continue
-        count, top1, top5 = recognition(net, os.path.join(args.work, file), every=every, first=first)
-        out.append(f"| {title} | {count} | {100 * top1:.1f} % | {100 * top5:.1f} % |")
+        path = os.path.join(args.work, file)
+        count, top1, top5 = recognition(net, path, every=every, first=first)
+        _, twin1, twin5 = recognition(net, path, every=every, first=first, twins=twins)
+        out.append(f"| {title} | {count} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * twin1:.1f} % "
+                   f"| {100 * twin5:.1f} % |")
     out.append("")
     if os.path.exists(os.path.join(args.work, "module-cache")):
         out += similarity(args.work)

@@ -39,16 +39,38 @@ def read_specimens(path, limit=None):
     return result
 
 
+def _specimen_records(f, path):
+    """(label, lower width, upper width) of each record of an open specimens file, the file
+    left at the record's pixels; the caller reads them or seeks past them."""
+    if f.read(8) != b"FXSPEC01":
+        raise ValueError(f"{path}: not a specimens file")
+    while header := f.read(12):
+        if len(header) != 12:
+            raise ValueError(f"{path}: truncated record")
+        yield struct.unpack("<iii", header)
+
+
+def iter_specimens(path, wanted):
+    """(label, (lower, upper)) for the records whose label is in `wanted`, reading only those."""
+    with open(path, "rb") as f:
+        for label, lower_width, upper_width in _specimen_records(f, path):
+            if label not in wanted:
+                f.seek(SIDE * (lower_width + upper_width), 1)
+                continue
+            halves = []
+            for width in (lower_width, upper_width):
+                data = f.read(SIDE * width)
+                if width <= 0 or len(data) != SIDE * width:
+                    raise ValueError(f"{path}: truncated or empty specimen of label {label}")
+                halves.append(np.frombuffer(data, np.uint8).reshape(SIDE, width))
+            yield label, tuple(halves)
+
+
 def specimen_labels(path):
     """The labels a specimens file holds, read from the record headers alone."""
     labels = []
     with open(path, "rb") as f:
-        if f.read(8) != b"FXSPEC01":
-            raise ValueError(f"{path}: not a specimens file")
-        while header := f.read(12):
-            if len(header) != 12:
-                raise ValueError(f"{path}: truncated record")
-            label, lower_width, upper_width = struct.unpack("<iii", header)
+        for label, lower_width, upper_width in _specimen_records(f, path):
             labels.append(label)
             f.seek(SIDE * (lower_width + upper_width), 1)
     return labels
@@ -66,6 +88,25 @@ def read_lines(path):
     records = raw[8:].reshape(count, record)
     labels = records[:, :4].copy().view("<i4").ravel()
     return labels, records[:, 4:].reshape(count, LINE_CROPS, SIDE, SIDE)
+
+
+BAND_WIDTH = 384
+
+
+def read_bands(path):
+    """(labels int32 (n,), bands float32 (n, 2) as fractions of the height, pictures uint8
+    (n, 109, 384)) over a memory map of a bands file."""
+    raw = np.memmap(path, np.uint8, "r")
+    if bytes(raw[:8]) != b"FXBAND01":
+        raise ValueError(f"{path}: not a bands file")
+    record = 12 + SIDE * BAND_WIDTH
+    count = (raw.size - 8) // record
+    if 8 + count * record != raw.size:
+        raise ValueError(f"{path}: truncated ({raw.size} bytes)")
+    records = raw[8:].reshape(count, record)
+    labels = records[:, :4].copy().view("<i4").ravel()
+    bands = records[:, 4:12].copy().view("<f4").reshape(count, 2)
+    return labels, bands, records[:, 12:].reshape(count, SIDE, BAND_WIDTH)
 
 
 def tiled(strip):

@@ -14,10 +14,12 @@ Writes into DIR:
   order. Recognition only ever steers by classes that are installed fonts, and on Linux those
   are the commonly installed ones; library faces would only dilute the classes;
 - sim_classes.txt (training-split faces, on which the similarity embedding is trained);
-- specimens.bin (every face; kept when present, since the table leaves out faces it cannot
-  draw), lines.bin (degraded pictures of the recognition classes, for training),
+- specimens.bin (every face), lines.bin (degraded pictures of the recognition classes, for training),
   lines_heldout.bin (other degraded pictures, for the report), lines_clean.bin (clean ones) and
-  lines_tall.bin (lines in tall pictures, each also cut to its band).
+  lines_tall.bin (lines in tall pictures, each also cut to its band), and bands.bin (pictures of
+  lines of training faces, half in tall pictures, with their bands: for the localisation network).
+The pictures are the same on every run, so a picture file is kept when present: remove it to
+remake it.
 """
 import argparse
 import hashlib
@@ -132,13 +134,14 @@ def main(argv=None):
     print(f"table: {system} system faces, {len(table) - system} library faces", flush=True)
     if args.only_lists:
         return 0
-    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", str(args.lines_per_font), "--seed", "1"],
-              out("lines.bin"))
-    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "4", "--seed", "2"], out("lines_heldout.bin"))
-    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "2", "--seed", "3", "--clean"],
-              out("lines_clean.bin"))
-    run_parts(args.work, args.jobs, ["lines", rec, WORDS, "--per-font", "1", "--seed", "4", "--tall"],
-              out("lines_tall.bin"))
+    runs = [("lines.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "1"]),
+            ("lines_heldout.bin", ["lines", rec, "--per-font", "4", "--seed", "2"]),
+            ("lines_clean.bin", ["lines", rec, "--per-font", "2", "--seed", "3", "--clean"]),
+            ("lines_tall.bin", ["lines", rec, "--per-font", "1", "--seed", "4", "--tall"]),
+            ("bands.bin", ["bands", os.path.join(args.work, "sim_classes.txt"), "--per-font", "2", "--seed", "5"])]
+    for file, (mode, fonts, *options) in runs:
+        if not os.path.exists(out(file)):  # deterministic: a file is only remade when removed
+            run_parts(args.work, args.jobs, [mode, fonts, WORDS] + options, out(file))
     return 0
 
 

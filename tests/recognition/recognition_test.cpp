@@ -21,6 +21,25 @@ TEST(LineScoring, BandIsTheMedianOfClampedDetections) {
   EXPECT_EQ(BandFromDetections({}, 80), (std::pair<uint32_t, uint32_t>{0, 80}));
 }
 
+TEST(LineScoring, LocalisationFindsTheBandAtAnyWidth) {
+  // Bright rows [0, 90) of 300 on black: the end detection is the share of bright rows.
+  for (int32_t width : {120, 3000, 40000}) {
+    GreyRaster raster{width, 300, std::vector<uint8_t>(size_t(width) * 300, 0)};
+    std::fill(raster.pixels.begin(), raster.pixels.begin() + ptrdiff_t(90) * width, uint8_t(255));
+    const auto [first, last] = LocaliseBand(testing::LocalisationNetwork(0.0f, 1.0f), raster);
+    EXPECT_EQ(first, 0u) << width;
+    EXPECT_NEAR(double(last), 90.0, 4.0) << width;  // a row of the 109 is 2.75 rows here
+  }
+  // Fractions become rows of the raster's own height; a start past the end is swapped.
+  GreyRaster blank{500, 200, std::vector<uint8_t>(size_t(500) * 200, 0)};
+  EXPECT_EQ(LocaliseBand(testing::LocalisationNetwork(0.25f, 0.0f), blank), (std::pair<uint32_t, uint32_t>{0, 50}));
+  // Too narrow to be a line (16 columns at 109 rows), or past the widest: the whole raster.
+  GreyRaster narrow{30, 200, std::vector<uint8_t>(size_t(30) * 200, 255)};
+  EXPECT_EQ(LocaliseBand(testing::LocalisationNetwork(0.25f, 0.0f), narrow), (std::pair<uint32_t, uint32_t>{0, 200}));
+  GreyRaster wide{70000, 109, std::vector<uint8_t>(size_t(70000) * 109, 255)};
+  EXPECT_EQ(LocaliseBand(testing::LocalisationNetwork(0.25f, 0.0f), wide), (std::pair<uint32_t, uint32_t>{0, 109}));
+}
+
 TEST(LineScoring, RowsResampleAtBothScalesAndNarrowLinesTile) {
   const float row[5] = {0, 10, 20, 30, 40};
   EXPECT_EQ(ResampleRow(row, 5, 1.0), (std::vector<float>{0, 10, 20, 30, 40}));

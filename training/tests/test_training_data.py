@@ -1,5 +1,6 @@
 """The training pipeline's own rules: crops where the module takes them, the picture files'
-readers, the shipped table's choice and files, and the classification fit."""
+readers, the localisation network's export, the shipped table's choice and files, and the
+classification fit."""
 import os
 import struct
 import sys
@@ -10,10 +11,15 @@ import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, TRAINING)
+import torch  # noqa: E402
+
+import dnm  # noqa: E402
 import fit_classification  # noqa: E402
 import images  # noqa: E402
+import locnet  # noqa: E402
 import make_tables  # noqa: E402
 import prepare_training_data  # noqa: E402
+import train_localisation  # noqa: E402
 
 
 class SpecimenCrops(unittest.TestCase):
@@ -60,6 +66,8 @@ class PictureFiles(unittest.TestCase):
         two = self.path("two.bin", b"FXSPEC01" + record + struct.pack("<iii", 8, 1, 1) + bytes(218))
         self.assertEqual(list(images.read_specimens(two)), [7, 8])
         self.assertEqual(list(images.read_specimens(two, limit=1)), [7])
+        self.assertEqual([label for label, _ in images.iter_specimens(two, {8})], [8])
+        self.assertEqual(images.specimen_labels(two), [7, 8])
         with self.assertRaisesRegex(ValueError, "truncated"):
             images.read_specimens(self.path("t.bin", b"FXSPEC01" + record[:-1]))
         with self.assertRaisesRegex(ValueError, "not a specimens file"):
@@ -73,6 +81,37 @@ class PictureFiles(unittest.TestCase):
         np.testing.assert_array_equal(read, crops)
         with self.assertRaisesRegex(ValueError, "truncated"):
             images.read_lines(self.path("m.bin", data[:-5]))
+
+    def test_bands_carry_their_fractions(self):
+        picture = np.arange(109 * 384, dtype=np.uint32).astype(np.uint8).reshape(109, 384)
+        data = b"FXBAND01" + struct.pack("<iff", 3, 0.25, 0.75) + picture.tobytes()
+        labels, bands, pictures = images.read_bands(self.path("b.bin", data))
+        np.testing.assert_array_equal(labels, [3])
+        np.testing.assert_array_equal(bands, [[0.25, 0.75]])
+        np.testing.assert_array_equal(pictures[0], picture)
+        with self.assertRaisesRegex(ValueError, "truncated"):
+            images.read_bands(self.path("c.bin", data[:-1]))
+
+
+@unittest.skipUnless(os.path.exists(train_localisation.DNM_RUN), "the engine's dnm-run is not built")
+class LocalisationExport(unittest.TestCase):
+    def test_the_engine_agrees_at_any_line_width(self):
+        # The max over the whole width is two fixed poolings in the engine; it must give
+        # PyTorch's answer for short lines, the training width and long lines alike.
+        torch.manual_seed(3)
+        net = locnet.LocNet()
+        with torch.no_grad():
+            net(torch.rand(4, 1, 109, 200) * 255)  # batch-norm statistics to fold
+        net.eval()
+        with tempfile.TemporaryDirectory() as folder:
+            model = os.path.join(folder, "loc.dnm")
+            dnm.write_model(model, locnet.export(net))
+            for width in (33, 384, 2500):
+                x = np.random.default_rng(width).integers(0, 256, (2, 1, 109, width)).astype(np.float32)
+                with torch.no_grad():
+                    expected = net(torch.from_numpy(x)).numpy()
+                got = train_localisation.engine_detections(model, x)
+                np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max(), err_msg=width)
 
 
 def face(name, package, family="F"):
