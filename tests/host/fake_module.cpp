@@ -3,7 +3,8 @@
 // and lists them through GetFontList.
 //   FAKE_MODULE_FAIL=startup   Startup answers 'UIN?'
 //   FAKE_MODULE_STALL=1        its work never progresses, so the tool waits until interrupted
-//   FAKE_MODULE_REPORT=PATH    at Shutdown, writes the messages it got, its folders and switches to PATH
+//   FAKE_MODULE_REPORT=PATH    at Shutdown, writes the messages it got, its folders and switches to PATH;
+//                              PATH.started once the application has started
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -122,6 +123,14 @@ void Work() {
   if (s.pending.empty()) s.timers->SetTimerActive(s.work, 0);
 }
 
+// With a report path, PATH.started appears when the application-started notification arrives:
+// the tool is then waiting and handles Ctrl-C, which a test needs to know before sending one.
+void MarkStarted() {
+  const char* path = std::getenv("FAKE_MODULE_REPORT");
+  if (!path) return;
+  if (std::FILE* f = std::fopen((std::string(path) + ".started").c_str(), "w")) std::fclose(f);
+}
+
 void WriteReport() {
   const char* path = std::getenv("FAKE_MODULE_REPORT");
   if (!path) return;
@@ -166,6 +175,7 @@ extern "C" QVErr FakeModuleMain(const char* caller, const char* selector, void* 
     const std::string type = reinterpret_cast<QVNotifierMessage*>(message)->type;
     state->messages.push_back(type);
     if (type == kQVFontListChangedNotifier) FontListChanged();
+    if (type == kQVApplicationStartedNotifier) MarkStarted();
     return kQVNoErr;
   }
   if (c == kQVTimerCaller) {

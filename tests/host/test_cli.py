@@ -175,7 +175,10 @@ class CliTest(unittest.TestCase):
         tool = subprocess.Popen([FONTRIX, "fonts", "--module", FAKE], stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True,
                                 env={**self.env, "FAKE_MODULE_STALL": "1", "FAKE_MODULE_REPORT": report})
-        time.sleep(0.5)
+        for _ in range(600):  # the tool handles Ctrl-C once the application has started
+            if os.path.exists(report + ".started"):
+                break
+            time.sleep(0.05)
         tool.send_signal(signal.SIGINT)
         out, err = tool.communicate(timeout=30)
         self.assertEqual((tool.returncode, out, err), (130, "", "fontrix: interrupted\n"))
