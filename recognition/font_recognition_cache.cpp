@@ -80,7 +80,8 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
       deepnet::deepnet_load_model(paths.localisationModel, localisation_);
     ok = !status_.empty();
   }
-  entryToFont_.assign(status_.size(), -1);
+  // The update task runs beside this one and may have matched the installed fonts first.
+  MatchEntries();
   log.Info("Loading Recognition Engine Ends: time ", HostTime());
   loaded_.store(true);
   return ok;
@@ -102,15 +103,19 @@ bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32
   {
     std::unique_lock<std::shared_mutex> lock(lock_);
     installed_ = names;
-    entryToFont_.assign(status_.size(), -1);
-    for (size_t e = 0; e < status_.size(); ++e) {
-      const auto hit = std::find(installed_.begin(), installed_.end(), table_[3][e]);
-      if (hit != installed_.end()) entryToFont_[e] = int32_t(hit - installed_.begin());
-    }
+    MatchEntries();
   }
   fontServerId_.store(fontServerId);
   progress_.Finish();
   return false;
+}
+
+void FontRecognitionCache::MatchEntries() {
+  entryToFont_.assign(status_.size(), -1);
+  for (size_t e = 0; e < status_.size(); ++e) {
+    const auto hit = std::find(installed_.begin(), installed_.end(), table_[3][e]);
+    if (hit != installed_.end()) entryToFont_[e] = int32_t(hit - installed_.begin());
+  }
 }
 
 size_t FontRecognitionCache::TableSize() {

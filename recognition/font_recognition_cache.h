@@ -76,6 +76,9 @@ class FontRecognitionCache {
   deepnet::layer_model_list recognition_, localisation_;
   std::array<std::vector<std::string>, 6> table_;
   std::vector<uint32_t> status_;
+  /// entryToFont_ from the table and installed_, whichever of loading and updating came last.
+  /// Caller holds lock_ exclusively.
+  void MatchEntries();
   std::vector<int32_t> entryToFont_;
   std::vector<std::string> installed_;
   std::atomic<bool> loaded_{false};

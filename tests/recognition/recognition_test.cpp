@@ -125,6 +125,16 @@ TEST_F(RecognitionTest, TooSmallRastersAndAbsentSimilarityGiveNothing) {
   EXPECT_TRUE(cache->GetRecognizedFontList(pixels.data(), 20, 20).empty());
 }
 
+TEST_F(RecognitionTest, LoadingAfterTheUpdateKeepsTheInstalledFontsMatched) {
+  // The init and update tasks run side by side; either may finish first.
+  ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), ""}));
+  std::vector<float> prob(15, 0.01f);
+  prob[3] = 0.9f;
+  const auto ranked = cache->RankClasses(prob, false);
+  ASSERT_FALSE(ranked.empty());
+  EXPECT_EQ(ranked[0].fontIndex, 3);
+}
+
 TEST_F(RecognitionTest, OnlyTheFirstTenCandidatesSteerAndAtMostFiveFontsCount) {
   StartSimilarity();
   std::vector<float> prob(15);
