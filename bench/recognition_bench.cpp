@@ -1,7 +1,8 @@
 // Recognition of one 109-pixel-high line of 1,000 pixels, in process: scoring (ten crops at two
 // scales through the recognition network) and widening through a similarity table of 1,964
 // entries. The network is FONTRIX_BENCH_REC_MODEL when set (a trained model), else the small
-// stand-in the tests use, so until the trained network lands the figure is a lower bound.
+// stand-in the tests use; FONTRIX_BENCH_LOC_MODEL adds a localisation network, run first over
+// the whole line as the module does.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -52,7 +53,8 @@ void BM_RecognizeLine1000(benchmark::State& state) {
       p("rec.meta"), p("rec.unused"), classes, [](size_t) { return std::string("0"); },
       [](size_t i) { return "F" + std::to_string(i); }, [](size_t) { return std::vector<float>(); }, "1");
   auto cache = FontRecognitionCache::GetOrCreate();
-  cache->Load({model, p("rec.meta"), ""});
+  const char* localisation = std::getenv("FONTRIX_BENCH_LOC_MODEL");
+  cache->Load({model, p("rec.meta"), localisation ? localisation : ""});
   cache->Update(installed, 1);
 
   std::vector<uint8_t> line(109 * 1000, 255);
