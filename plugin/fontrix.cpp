@@ -2,9 +2,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <new>
+#include <thread>
 
 #include "classification/font_feature_cache.h"
+#include "deepnet/parallel.h"
 #include "hostglue/font_engine.h"
 #include "plugin/cache_log.h"
 #include "plugin/cancellation.h"
@@ -68,6 +71,11 @@ QVErr Fontrix::StartupPlugin(QVMessageData* message) {
     case hostglue::BindResult::kBound:
       break;
   }
+
+  // The networks split each batch of crops over the cores (up to four): imaging a font for
+  // similarity is five crops a case. A query that finds the engine's workers busy with an update
+  // runs its own crops alone rather than wait, so the two never block each other.
+  deepnet::deepnet_set_num_threads(int(std::clamp(std::thread::hardware_concurrency(), 1u, 4u)));
 
   const QVNotifierSuite* notifier = qv::Suites().notifier;
   if (!notifier) return kQVCantHappenErr;
