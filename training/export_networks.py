@@ -48,14 +48,17 @@ def sample_crops(work, count=10):
     return np.concatenate([images.specimen_crops(lower), rec])[:, None]
 
 
-def engine_output(model_path, layer, crops):
+def engine_output(model_path, layer, pictures):
+    """`layer` of the model as build/bin/dnm-run computes it for pictures (n, 1, height, width),
+    one row per picture."""
+    height, width = pictures.shape[-2:]
     with tempfile.TemporaryDirectory() as folder:
         source, result = os.path.join(folder, "in.f32"), os.path.join(folder, "out.f32")
-        crops.astype("<f4").tofile(source)
-        subprocess.run([DNM_RUN, "--model", model_path, "--layer", layer, "--width", str(images.SIDE),
-                        "--height", str(images.SIDE), "--count", str(len(crops)), "--input", source,
-                        "--output", result], check=True)
-        return np.fromfile(result, "<f4").reshape(len(crops), -1)
+        pictures.astype("<f4").tofile(source)
+        subprocess.run([DNM_RUN, "--model", model_path, "--layer", layer, "--width", str(width),
+                        "--height", str(height), "--count", str(len(pictures)), "--input", source,
+                        "--output", result], check=True, stdout=subprocess.DEVNULL)
+        return np.fromfile(result, "<f4").reshape(len(pictures), -1)
 
 
 def relative_error(a, b):

@@ -12,9 +12,7 @@ error at most 1e-4) for pictures of two widths.
 import argparse
 import math
 import os
-import subprocess
 import sys
-import tempfile
 import time
 
 import numpy as np
@@ -24,12 +22,12 @@ import torch.nn.functional as F
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import dnm  # noqa: E402
+import export_networks  # noqa: E402
 import images  # noqa: E402
 import locnet  # noqa: E402
 
 REPO = os.path.dirname(HERE)
-DNM_RUN = os.path.join(REPO, "build", "bin", "dnm-run")
-TOLERANCE = 1e-4
+TOLERANCE = export_networks.TOLERANCE
 
 
 def batch(pictures, bands, rows, rng):
@@ -63,16 +61,6 @@ def evaluate(net, pictures, bands, rows):
     return float(np.abs(found - truth).mean()), float(close.mean())
 
 
-def engine_detections(model_path, x):
-    with tempfile.TemporaryDirectory() as folder:
-        source, result = os.path.join(folder, "in.f32"), os.path.join(folder, "out.f32")
-        x.astype("<f4").tofile(source)
-        subprocess.run([DNM_RUN, "--model", model_path, "--layer", "detections", "--width", str(x.shape[-1]),
-                        "--height", str(images.SIDE), "--count", str(len(x)), "--input", source,
-                        "--output", result], check=True, stdout=subprocess.DEVNULL)
-        return np.fromfile(result, "<f4").reshape(len(x), -1)
-
-
 def export(net, pictures, out_dir):
     net.eval()
     target = os.path.join(out_dir, "NQ_loc_model.dnm")
@@ -81,7 +69,7 @@ def export(net, pictures, out_dir):
         x = np.ascontiguousarray(pictures[:8, :, :width], np.float32)[:, None]
         with torch.no_grad():
             expected = net(torch.from_numpy(x)).numpy()
-        got = engine_detections(target + ".tmp", x)
+        got = export_networks.engine_output(target + ".tmp", "detections", x)
         error = float(np.abs(got - expected).max() / max(1e-12, np.abs(expected).max()))
         if error > TOLERANCE:
             os.unlink(target + ".tmp")

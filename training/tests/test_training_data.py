@@ -14,12 +14,12 @@ sys.path.insert(0, TRAINING)
 import torch  # noqa: E402
 
 import dnm  # noqa: E402
+import export_networks  # noqa: E402
 import fit_classification  # noqa: E402
 import images  # noqa: E402
 import locnet  # noqa: E402
 import make_tables  # noqa: E402
 import prepare_training_data  # noqa: E402
-import train_localisation  # noqa: E402
 
 
 class SpecimenCrops(unittest.TestCase):
@@ -93,7 +93,7 @@ class PictureFiles(unittest.TestCase):
             images.read_bands(self.path("c.bin", data[:-1]))
 
 
-@unittest.skipUnless(os.path.exists(train_localisation.DNM_RUN), "the engine's dnm-run is not built")
+@unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
 class LocalisationExport(unittest.TestCase):
     def test_the_engine_agrees_at_any_line_width(self):
         # The max over the whole width is two fixed poolings in the engine; it must give
@@ -110,7 +110,7 @@ class LocalisationExport(unittest.TestCase):
                 x = np.random.default_rng(width).integers(0, 256, (2, 1, 109, width)).astype(np.float32)
                 with torch.no_grad():
                     expected = net(torch.from_numpy(x)).numpy()
-                got = train_localisation.engine_detections(model, x)
+                got = export_networks.engine_output(model, "detections", x)
                 np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max(), err_msg=width)
 
 
