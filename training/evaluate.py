@@ -69,13 +69,14 @@ def twin_classes(work, rec_classes, names):
     return twins
 
 
-def recognition(net, path, batch=64, every=1, first=0, twins=None):
-    """(pictures, top-1, top-5) over the records first, first + every, ... whose font is a
-    recognition class; with `twins`, a class drawn the same as the right one counts as right."""
+def recognition(net, path, twins, batch=64, every=1, first=0):
+    """(pictures, top-1, top-5, top-1 with twins, top-5 with twins) over the records first,
+    first + every, ... whose font is a recognition class; "with twins", a class drawn the same
+    as the right one counts as right."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
-    top1 = top5 = 0
+    hits = np.zeros(4)
     with torch.no_grad():
         for start in range(0, len(records), batch):
             chosen = records[start:start + batch]
@@ -85,13 +86,11 @@ def recognition(net, path, batch=64, every=1, first=0, twins=None):
             mean = prob.view(n, images.LINE_CROPS, -1).mean(1)
             best = mean.topk(5, 1).indices.numpy()
             truth = labels[chosen]
-            if twins is None:
-                right = best == truth[:, None]
-            else:
-                right = np.array([[b in twins[t] for b in row] for row, t in zip(best, truth)])
-            top1 += int(np.sum(right[:, 0]))
-            top5 += int(np.sum(np.any(right, axis=1)))
-    return len(records), top1 / max(1, len(records)), top5 / max(1, len(records))
+            for k, right in enumerate((best == truth[:, None],
+                                       np.array([[b in twins[t] for b in row] for row, t in zip(best, truth)]))):
+                hits[2 * k] += np.sum(right[:, 0])
+                hits[2 * k + 1] += np.sum(np.any(right, axis=1))
+    return (len(records), *(hits / max(1, len(records))))
 
 
 def similarity(work):
@@ -160,8 +159,7 @@ def main(argv=None):
         if not os.path.exists(os.path.join(args.work, file)):
             continue
         path = os.path.join(args.work, file)
-        count, top1, top5 = recognition(net, path, every=every, first=first)
-        _, twin1, twin5 = recognition(net, path, every=every, first=first, twins=twins)
+        count, top1, top5, twin1, twin5 = recognition(net, path, twins, every=every, first=first)
         out.append(f"| {title} | {count} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * twin1:.1f} % "
                    f"| {100 * twin5:.1f} % |")
     out.append("")
