@@ -9,13 +9,11 @@ Usage: test_trained_recognition.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO
 import json
 import os
 import struct
-import subprocess
 import sys
-import tempfile
-import unittest
 import zlib
 
-FONTRIX = MODULE = DATA = None
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from shipped_data_tool import ShippedDataTest, main  # noqa: E402
 
 # Installed by scripts/setup.sh, in the recognition font table, and of different designs.
 FONTS = ("DejaVuSerif", "DejaVuSans-Bold", "LiberationMono", "Cantarell-Regular", "C059-Italic",
@@ -73,24 +71,13 @@ def write_grey_png(path, width, rows):
         f.write(b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", header) + chunk(b"IDAT", pixels) + chunk(b"IEND", b""))
 
 
-class TrainedRecognitionTest(unittest.TestCase):
+class TrainedRecognitionTest(ShippedDataTest):
     @classmethod
     def setUpClass(cls):
-        cls.tmp = tempfile.TemporaryDirectory()
-        cls.cache = os.path.join(cls.tmp.name, "cache")
-        cls.env = {k: v for k, v in os.environ.items() if not k.startswith("FONTRIX_")}
+        super().setUpClass()
         r = cls.run_tool("index")
         assert r.returncode == 0, r.stderr
         cls.installed = {f["name"] for f in json.loads(cls.run_tool("fonts", "--json").stdout)["fonts"]}
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.tmp.cleanup()
-
-    @classmethod
-    def run_tool(cls, *args):
-        return subprocess.run([FONTRIX, "--module", MODULE, "--data-dir", DATA, "--cache-dir", cls.cache, *args],
-                              capture_output=True, text=True, timeout=900, env=cls.env)
 
     def draw(self, font, text, size):
         picture = os.path.join(self.tmp.name, f"{font}-{size}.png")  # a size has one text
@@ -150,5 +137,4 @@ class TrainedRecognitionTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    FONTRIX, MODULE, DATA = sys.argv[1:4]
-    unittest.main(argv=sys.argv[:1] + sys.argv[4:])
+    main()

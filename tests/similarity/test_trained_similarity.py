@@ -7,32 +7,19 @@ Usage: test_trained_similarity.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/
 """
 import json
 import os
-import subprocess
 import sys
-import tempfile
-import unittest
 
-FONTRIX = MODULE = DATA = None
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from shipped_data_tool import ShippedDataTest, main  # noqa: E402
 
 
-class TrainedSimilarityTest(unittest.TestCase):
+class TrainedSimilarityTest(ShippedDataTest):
     @classmethod
     def setUpClass(cls):
-        cls.tmp = tempfile.TemporaryDirectory()
-        cls.cache = os.path.join(cls.tmp.name, "cache")
-        cls.env = {k: v for k, v in os.environ.items() if not k.startswith("FONTRIX_")}
+        super().setUpClass()
         r = cls.run_tool("--disable", "classification,recognition", "index", "--json")
         assert r.returncode == 0, r.stderr
         cls.index = json.loads(r.stdout)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.tmp.cleanup()
-
-    @classmethod
-    def run_tool(cls, *args):
-        return subprocess.run([FONTRIX, "--module", MODULE, "--data-dir", DATA, "--cache-dir", cls.cache, *args],
-                              capture_output=True, text=True, timeout=900, env=cls.env)
 
     def nearest(self, font, count=5):
         r = self.run_tool("--disable", "classification,recognition", "similar", font, "--json", "--limit", str(count + 1))
@@ -51,5 +38,4 @@ class TrainedSimilarityTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    FONTRIX, MODULE, DATA = sys.argv[1:4]
-    unittest.main(argv=sys.argv[:1] + sys.argv[4:])
+    main()
