@@ -2,7 +2,7 @@
 """Chooses the shipped table's faces and makes the training pictures, through the reference
 host with the corpus as its fonts.
 
-    /usr/bin/python3 training/prepare_training_data.py --work DIR [--jobs 2] [--lines-per-font 20]
+    /usr/bin/python3 training/prepare_training_data.py --work DIR [--jobs 2] [--lines-per-font 60]
 
 Writes into DIR:
 - names.txt: every face of the manifest (a specimens record's label is its line here);
@@ -15,7 +15,8 @@ Writes into DIR:
   are the commonly installed ones; library faces would only dilute the classes;
 - sim_classes.txt (training-split faces, on which the similarity embedding is trained);
 - specimens.bin (every face), lines.bin (degraded pictures of the recognition classes, for training),
-  lines_heldout.bin (other degraded pictures, for the report), lines_clean.bin (clean ones) and
+  lines_clean_train.bin (clean ones, for training: clean pictures are not merely the mildest
+  degraded ones, as their narrower margins and sizes showed), lines_heldout.bin (other degraded pictures, for the report), lines_clean.bin (clean ones) and
   lines_tall.bin (lines in tall pictures, each also cut to its band), and bands.bin (pictures of
   lines of training faces, half in tall pictures, with their bands: for the localisation network).
 The pictures are the same on every run, so a picture file is kept when present: remove it to
@@ -110,7 +111,7 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--work", required=True)
     parser.add_argument("--jobs", type=int, default=2)
-    parser.add_argument("--lines-per-font", type=int, default=20)
+    parser.add_argument("--lines-per-font", type=int, default=60)
     parser.add_argument("--only-lists", action="store_true", help="stop after the specimens, the name lists and the table")
     args = parser.parse_args(argv)
     os.makedirs(args.work, exist_ok=True)
@@ -135,6 +136,7 @@ def main(argv=None):
     if args.only_lists:
         return 0
     runs = [("lines.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "1"]),
+            ("lines_clean_train.bin", ["lines", rec, "--per-font", "6", "--seed", "6", "--clean"]),
             ("lines_heldout.bin", ["lines", rec, "--per-font", "4", "--seed", "2"]),
             ("lines_clean.bin", ["lines", rec, "--per-font", "2", "--seed", "3", "--clean"]),
             ("lines_tall.bin", ["lines", rec, "--per-font", "1", "--seed", "4", "--tall"]),

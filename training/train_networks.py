@@ -2,9 +2,10 @@
 """Trains the network shared by similarity and recognition (fontnet.py) on the CPU.
 
     /usr/bin/python3 training/train_networks.py --work DIR [--steps N] [--resume]
+        [--lines lines.bin lines_clean_train.bin] [--sim-queue 384]
 
-DIR holds what prepare_training_data.py made: specimens.bin (every corpus face), lines.bin
-(pictures of the recognition classes' faces), sim_classes.txt and rec_classes.txt. Each step
+DIR holds what prepare_training_data.py made: specimens.bin (every corpus face), the picture
+files of the recognition classes' faces (--lines), sim_classes.txt and rec_classes.txt. Each step
 trains on a batch of recognition crops (cross-entropy over the recognition classes) and a batch
 of pairs of specimen crop sets of training-split faces, on the module's own embedding (pair
 max, max over five crops, unit length): a contrastive loss pulls each anchor towards its
@@ -54,6 +55,7 @@ class SpecimenSampler:
                 for case, strip in enumerate(specimens[label]):
                     self.by_family[(family, case)].append(len(self.strips))
                     self.strips.append((images.tiled(strip), family, case))
+        self.family_number = {}
         self.rng = rng
 
     def crops(self, k):
@@ -62,28 +64,68 @@ class SpecimenSampler:
         return images.specimen_crops(row, offsets)
 
     def batch(self, count):
-        """(2 * count, 5, 1, 109, 109): the anchors, then their positives in the same order."""
+        """(2 * count, 5, 1, 109, 109): the anchors, then their positives in the same order;
+        and the anchors' families as numbers."""
         anchors = self.rng.integers(0, len(self.strips), count)
         x = np.empty((2, count, images.CROPS, 1, images.SIDE, images.SIDE), np.float32)
+        families = np.empty(count, np.int64)
         for i, k in enumerate(anchors):
             _, family, case = self.strips[k]
             kin = [j for j in self.by_family[(family, case)] if j != k]
             x[0, i, :, 0] = self.crops(k)
             x[1, i, :, 0] = self.crops(kin[self.rng.integers(len(kin))] if kin else k)
-        return torch.from_numpy(x.reshape(2 * count, images.CROPS, 1, images.SIDE, images.SIDE))
+            families[i] = self.family_number.setdefault(family, len(self.family_number))
+        return (torch.from_numpy(x.reshape(2 * count, images.CROPS, 1, images.SIDE, images.SIDE)),
+                torch.from_numpy(families))
 
 
 class LineSampler:
-    """Batches of single recognition crops with their font's class."""
+    """Batches of single recognition crops with their font's class, drawn evenly from the
+    pictures of every lines file (files of other fonts' pictures are skipped)."""
 
-    def __init__(self, labels, crops, rng, records):
-        self.labels, self.crops, self.rng, self.records = labels, crops, rng, records
+    def __init__(self, files, classes, rng):
+        self.files = []  # (labels, crops, records of fonts that are classes)
+        for path in files:
+            labels, crops = images.read_lines(path)
+            self.files.append((labels, crops, np.flatnonzero(labels < classes)))
+        self.sizes = np.array([len(records) for _, _, records in self.files])
+        self.rng = rng
+
+    def __len__(self):
+        return int(self.sizes.sum())
 
     def batch(self, count):
-        records = np.sort(self.rng.choice(self.records, count))
-        which = self.rng.integers(0, images.LINE_CROPS, count)
-        x = self.crops[records, which].astype(np.float32)[:, None] - 128.0
-        return torch.from_numpy(x), torch.from_numpy(self.labels[records].astype(np.int64))
+        picks = np.sort(self.rng.integers(0, len(self), count))
+        x = np.empty((count, 1, images.SIDE, images.SIDE), np.float32)
+        y = np.empty(count, np.int64)
+        start = np.concatenate([[0], np.cumsum(self.sizes)])
+        for f, (labels, crops, records) in enumerate(self.files):
+            at = np.flatnonzero((picks >= start[f]) & (picks < start[f + 1]))
+            chosen = records[picks[at] - start[f]]
+            which = self.rng.integers(0, images.LINE_CROPS, len(at))
+            x[at, 0] = crops[chosen, which].astype(np.float32) - 128.0
+            y[at] = labels[chosen]
+        return torch.from_numpy(x), torch.from_numpy(y)
+
+
+class NegativeQueue:
+    """Embeddings of recent steps' crop sets, kept (without gradient) as further negatives for
+    the contrastive loss: a batch of 12 pairs alone offers each anchor only 11 other fonts to be
+    pushed from. Entries of the anchor's own family are masked, since they are not negatives."""
+
+    def __init__(self, size):
+        self.size = size
+        self.vectors = torch.empty(0, fontnet.FEATURES // 2)
+        self.families = torch.empty(0, dtype=torch.int64)
+
+    def logits(self, anchors, families):
+        """(batch, queue) scores of the anchors against the queue, own family at -inf."""
+        scores = anchors @ self.vectors.t() / SIM_TEMPERATURE
+        return scores.masked_fill(families[:, None] == self.families[None, :], float("-inf"))
+
+    def push(self, vectors, families):
+        self.vectors = torch.cat([vectors.detach(), self.vectors])[:self.size]
+        self.families = torch.cat([families, self.families])[:self.size]
 
 
 def learning_rate(step, steps, peak):
@@ -101,6 +143,10 @@ def main(argv=None):
     parser.add_argument("--sim-batch", type=int, default=16, help="crop-set pairs per step")
     parser.add_argument("--lr", type=float, default=1e-3)
     parser.add_argument("--sim-weight", type=float, default=1.0, help="weight of the similarity loss")
+    parser.add_argument("--sim-queue", type=int, default=0,
+                        help="recent crop sets kept as further similarity negatives (0: the batch's own only)")
+    parser.add_argument("--lines", nargs="+", default=["lines.bin"],
+                        help="recognition picture files in the work folder, sampled evenly by picture")
     parser.add_argument("--save-every", type=int, default=250)
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
@@ -120,10 +166,9 @@ def main(argv=None):
     specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
     sim = SpecimenSampler(specimens, [index_of[n] for n in sim_classes],
                           [corpus_splits.family_key(family_of[n]) for n in sim_classes], rng)
-    labels, crops = images.read_lines(os.path.join(args.work, "lines.bin"))
-    known = np.flatnonzero(labels < len(rec_classes))  # pictures of fonts that are classes
-    lines = LineSampler(labels, crops, rng, known)
-    print(f"{len(rec_classes)} recognition classes, {len(known)} line pictures; "
+    lines = LineSampler([os.path.join(args.work, f) for f in args.lines], len(rec_classes), rng)
+    queue = NegativeQueue(args.sim_queue)
+    print(f"{len(rec_classes)} recognition classes, {len(lines)} line pictures; "
           f"{len(sim_classes)} similarity faces, {len(sim.strips)} specimens", flush=True)
 
     net = fontnet.FontNet(len(rec_classes))
@@ -159,13 +204,16 @@ def main(argv=None):
         for group in optimiser.param_groups:
             group["lr"] = learning_rate(step, args.steps, args.lr)
         x_rec, y_rec = lines.batch(args.rec_batch)
-        x_sim = sim.batch(args.sim_batch)
+        x_sim, families = sim.batch(args.sim_batch)
         rec_logits, embeddings = net(x_rec, x_sim)
         rec_loss = F.cross_entropy(rec_logits, y_rec)
         anchors, positives = embeddings[:args.sim_batch], embeddings[args.sim_batch:]
         sim_logits = anchors @ positives.t() / SIM_TEMPERATURE
         y_sim = torch.arange(args.sim_batch)
-        sim_loss = 0.5 * (F.cross_entropy(sim_logits, y_sim) + F.cross_entropy(sim_logits.t(), y_sim))
+        sim_loss = 0.5 * (F.cross_entropy(torch.cat([sim_logits, queue.logits(anchors, families)], 1), y_sim) +
+                          F.cross_entropy(torch.cat([sim_logits.t(), queue.logits(positives, families)], 1), y_sim))
+        if args.sim_queue:
+            queue.push(torch.cat([anchors, positives]), torch.cat([families, families]))
         loss = rec_loss + args.sim_weight * sim_loss
         optimiser.zero_grad()
         loss.backward()

@@ -20,6 +20,7 @@ import images  # noqa: E402
 import locnet  # noqa: E402
 import make_tables  # noqa: E402
 import prepare_training_data  # noqa: E402
+import train_networks  # noqa: E402
 
 
 class SpecimenCrops(unittest.TestCase):
@@ -41,7 +42,7 @@ class SpecimenCrops(unittest.TestCase):
             np.testing.assert_array_equal(crops[c], crops[0])
 
 
-class PictureFiles(unittest.TestCase):
+class TemporaryFiles(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
 
@@ -54,6 +55,8 @@ class PictureFiles(unittest.TestCase):
             f.write(data)
         return path
 
+
+class PictureFiles(TemporaryFiles):
     def test_specimens_round_trip_and_truncation_is_refused(self):
         lower = bytes(range(109)) * 3
         upper = bytes(109 * 2)
@@ -91,6 +94,33 @@ class PictureFiles(unittest.TestCase):
         np.testing.assert_array_equal(pictures[0], picture)
         with self.assertRaisesRegex(ValueError, "truncated"):
             images.read_bands(self.path("c.bin", data[:-1]))
+
+
+class TrainingBatches(TemporaryFiles):
+    def lines_file(self, name, labels):
+        """Every crop of a picture filled with its label, so a crop shows where it came from."""
+        crops = b"".join(struct.pack("<i", label) + bytes([label]) * (10 * 109 * 109) for label in labels)
+        return self.path(name, b"FXLINE01" + crops)
+
+    def test_crops_of_every_file_keep_their_labels_and_other_fonts_are_skipped(self):
+        files = [self.lines_file("a.bin", [1, 7, 2]), self.lines_file("b.bin", [3, 9, 4, 0])]
+        sampler = train_networks.LineSampler(files, 5, np.random.default_rng(1))
+        self.assertEqual(len(sampler), 5)  # 7 and 9 are not classes
+        x, y = sampler.batch(400)
+        self.assertEqual(set(y.tolist()), {0, 1, 2, 3, 4})
+        np.testing.assert_array_equal(x[:, 0, 50, 50].numpy(), y.numpy() - 128.0)
+
+    def test_the_queue_masks_the_anchors_own_family_and_keeps_the_newest(self):
+        queue = train_networks.NegativeQueue(3)
+        self.assertEqual(queue.logits(torch.ones(2, 384), torch.tensor([0, 1])).shape, (2, 0))
+        vectors = torch.nn.functional.normalize(torch.rand(4, 384), dim=1)
+        queue.push(vectors[:2], torch.tensor([5, 6]))
+        queue.push(vectors[2:], torch.tensor([7, 5]))
+        self.assertEqual(queue.families.tolist(), [7, 5, 5])  # the oldest entry left
+        scores = queue.logits(vectors[:1], torch.tensor([5]))
+        self.assertTrue(torch.isinf(scores[0, 1:]).all() and torch.isfinite(scores[0, 0]))
+        self.assertAlmostEqual(scores[0, 0].item(), (vectors[0] @ vectors[2]).item() / train_networks.SIM_TEMPERATURE,
+                               places=4)
 
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
