@@ -2,10 +2,11 @@
 """Exports the trained network as the module's two model files, after checking that the C++
 engine and PyTorch agree on them.
 
-    /usr/bin/python3 training/export_networks.py --work DIR [--out data]
+    /usr/bin/python3 training/export_networks.py --work DIR [--out data] [--recognition-from FILE]
 
 Writes OUT/NQ_sim_model.dnm (the trunk up to "pool4") and OUT/NQ_rec_model.dnm (the trunk,
-"fc_rec" and "prob"). Each is first written to a temporary file and run by build/bin/dnm-run on
+"fc_rec" and "prob"), both from DIR/fontnet.pt, or the recognition model from FILE (weights
+of a recognition-only run that went on from them). Each is first written to a temporary file and run by build/bin/dnm-run on
 real crops from DIR (specimen crops and recognition crops); the largest difference from
 PyTorch's output, relative to the output's largest magnitude, must be at most 1e-4, or
 nothing is written.
@@ -33,7 +34,11 @@ TOLERANCE = 1e-4
 def load_net(work):
     """The finished network (DIR/fontnet.pt), or the last checkpoint of a run still going on."""
     path = os.path.join(work, "fontnet.pt")
-    state = torch.load(path if os.path.exists(path) else os.path.join(work, "checkpoint.pt"))
+    return load_file(path if os.path.exists(path) else os.path.join(work, "checkpoint.pt"))
+
+
+def load_file(path):
+    state = torch.load(path)
     net = fontnet.FontNet(state["rec_classes"])
     net.load_state_dict(state["net"])
     return net.eval()
@@ -69,13 +74,16 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--work", required=True)
     parser.add_argument("--out", default=os.path.join(REPO, "data"))
+    parser.add_argument("--recognition-from", help="weights of the recognition model (default: DIR's network)")
     args = parser.parse_args(argv)
     net = load_net(args.work)
+    rec_net = load_file(args.recognition_from) if args.recognition_from else net
     crops = sample_crops(args.work)
     with torch.no_grad():
         x = torch.from_numpy(crops)
-        expected = {"pool4": net.pool4(x).numpy(), "prob": torch.softmax(net.rec(net.pool4(x)), 1).numpy()}
-    for file_name, with_prob, layer in (("NQ_sim_model.dnm", False, "pool4"), ("NQ_rec_model.dnm", True, "prob")):
+        expected = {"pool4": net.pool4(x).numpy(), "prob": torch.softmax(rec_net.rec(rec_net.pool4(x)), 1).numpy()}
+    for file_name, net, with_prob, layer in (("NQ_sim_model.dnm", net, False, "pool4"),
+                                             ("NQ_rec_model.dnm", rec_net, True, "prob")):
         target = os.path.join(args.out, file_name)
         dnm.write_model(target + ".tmp", fontnet.export(net, with_prob))
         error = relative_error(engine_output(target + ".tmp", layer, crops), expected[layer])

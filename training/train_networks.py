@@ -2,7 +2,7 @@
 """Trains the network shared by similarity and recognition (fontnet.py) on the CPU.
 
     /usr/bin/python3 training/train_networks.py --work DIR [--steps N] [--resume]
-        [--lines lines.bin lines_clean_train.bin] [--sim-queue 384]
+        [--lines lines.bin lines_clean_train.bin] [--sim-queue 384] [--save-to DIR2]
 
 DIR holds what prepare_training_data.py made: specimens.bin (every corpus face), the picture
 files of the recognition classes' faces (--lines), sim_classes.txt and rec_classes.txt. Each step
@@ -17,7 +17,13 @@ tiled strip, of which the update's five evenly spread ones are a special case.
 A checkpoint (DIR/checkpoint.pt) is written every --save-every steps and at the end; --resume
 continues from it with the same schedule. Beside it, DIR/fontnet_trunk.pt holds the trunk and
 the recognition head alone (a few MB): copied to training/checkpoints/, it lets a fresh machine
-go on with --init. The trained weights end in DIR/fontnet.pt.
+go on with --init. The trained weights end in DIR/fontnet.pt. --save-to puts these three files
+in another folder, so a run can branch off without overwriting the one it started from.
+
+With --sim-batch 0 only recognition is trained, with the normalisation statistics kept as
+they are: a step costs a third of a mixed one (the similarity batch is 120 crops against
+recognition's 64), and the result is meant for the recognition model alone, while the similarity model (and the shipped table computed with it)
+stays with the weights it came from (export_networks.py --recognition-from).
 """
 import argparse
 import collections
@@ -148,6 +154,7 @@ def main(argv=None):
     parser.add_argument("--lines", nargs="+", default=["lines.bin"],
                         help="recognition picture files in the work folder, sampled evenly by picture")
     parser.add_argument("--save-every", type=int, default=250)
+    parser.add_argument("--save-to", help="folder of the checkpoint and the trained weights (default: --work)")
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--resume", action="store_true")
@@ -163,7 +170,8 @@ def main(argv=None):
     all_names = images.read_names(os.path.join(args.work, "names.txt"))
     index_of = {name: i for i, name in enumerate(all_names)}
     _, family_of = corpus_splits.read_labels()
-    specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
+    # The specimens are 4.7 GB: read only when similarity is trained.
+    specimens = images.read_specimens(os.path.join(args.work, "specimens.bin")) if args.sim_batch else {}
     sim = SpecimenSampler(specimens, [index_of[n] for n in sim_classes],
                           [corpus_splits.family_key(family_of[n]) for n in sim_classes], rng)
     lines = LineSampler([os.path.join(args.work, f) for f in args.lines], len(rec_classes), rng)
@@ -173,7 +181,9 @@ def main(argv=None):
 
     net = fontnet.FontNet(len(rec_classes))
     optimiser = torch.optim.AdamW(net.parameters(), lr=args.lr, weight_decay=1e-4)
-    checkpoint = os.path.join(args.work, "checkpoint.pt")
+    save_to = args.save_to or args.work
+    os.makedirs(save_to, exist_ok=True)
+    checkpoint = os.path.join(save_to, "checkpoint.pt")
     step = 0
     if args.init:
         state = torch.load(args.init)
@@ -194,26 +204,36 @@ def main(argv=None):
                     "rec_classes": len(rec_classes)}, path + ".tmp")
         os.replace(path + ".tmp", path)
         # Without the optimiser's state: small enough to keep in the repository.
-        trunk = os.path.join(args.work, "fontnet_trunk.pt")
+        trunk = os.path.join(save_to, "fontnet_trunk.pt")
         torch.save({"net": net.state_dict(), "step": step, "rec_classes": len(rec_classes)}, trunk + ".tmp")
         os.replace(trunk + ".tmp", trunk)
 
     net.train()
+    if not args.sim_batch:
+        # The normalisation statistics were learnt on batches of recognition and specimen crops
+        # together; batches of recognition crops alone normalise differently, which cost half the
+        # right answers at once. They stay as they are, which is also how the exported network
+        # normalises.
+        net.norms.eval()
     started, window = time.time(), []
     while step < args.steps:
         for group in optimiser.param_groups:
             group["lr"] = learning_rate(step, args.steps, args.lr)
         x_rec, y_rec = lines.batch(args.rec_batch)
-        x_sim, families = sim.batch(args.sim_batch)
-        rec_logits, embeddings = net(x_rec, x_sim)
+        if args.sim_batch:
+            x_sim, families = sim.batch(args.sim_batch)
+            rec_logits, embeddings = net(x_rec, x_sim)
+            anchors, positives = embeddings[:args.sim_batch], embeddings[args.sim_batch:]
+            sim_logits = anchors @ positives.t() / SIM_TEMPERATURE
+            y_sim = torch.arange(args.sim_batch)
+            sim_loss = 0.5 * (F.cross_entropy(torch.cat([sim_logits, queue.logits(anchors, families)], 1), y_sim) +
+                              F.cross_entropy(torch.cat([sim_logits.t(), queue.logits(positives, families)], 1), y_sim))
+            if args.sim_queue:
+                queue.push(torch.cat([anchors, positives]), torch.cat([families, families]))
+        else:
+            rec_logits = net.rec_logits(x_rec)
+            sim_logits, y_sim, sim_loss = torch.zeros(1, 1), torch.zeros(1, dtype=torch.int64), torch.zeros(())
         rec_loss = F.cross_entropy(rec_logits, y_rec)
-        anchors, positives = embeddings[:args.sim_batch], embeddings[args.sim_batch:]
-        sim_logits = anchors @ positives.t() / SIM_TEMPERATURE
-        y_sim = torch.arange(args.sim_batch)
-        sim_loss = 0.5 * (F.cross_entropy(torch.cat([sim_logits, queue.logits(anchors, families)], 1), y_sim) +
-                          F.cross_entropy(torch.cat([sim_logits.t(), queue.logits(positives, families)], 1), y_sim))
-        if args.sim_queue:
-            queue.push(torch.cat([anchors, positives]), torch.cat([families, families]))
         loss = rec_loss + args.sim_weight * sim_loss
         optimiser.zero_grad()
         loss.backward()
@@ -229,7 +249,7 @@ def main(argv=None):
         if step % args.save_every == 0:
             save(checkpoint)
     save(checkpoint)
-    torch.save({"net": net.state_dict(), "rec_classes": len(rec_classes)}, os.path.join(args.work, "fontnet.pt"))
+    torch.save({"net": net.state_dict(), "rec_classes": len(rec_classes)}, os.path.join(save_to, "fontnet.pt"))
     print(f"done: {step} steps in {time.time() - started:.0f} s", flush=True)
     return 0
 

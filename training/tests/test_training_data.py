@@ -1,6 +1,8 @@
 """The training pipeline's own rules: crops where the module takes them, the picture files'
 readers, the localisation network's export, the shipped table's choice and files, and the
 classification fit."""
+import contextlib
+import io
 import os
 import struct
 import sys
@@ -16,6 +18,7 @@ import torch  # noqa: E402
 import dnm  # noqa: E402
 import export_networks  # noqa: E402
 import fit_classification  # noqa: E402
+import fontnet  # noqa: E402
 import images  # noqa: E402
 import locnet  # noqa: E402
 import make_tables  # noqa: E402
@@ -121,6 +124,30 @@ class TrainingBatches(TemporaryFiles):
         self.assertTrue(torch.isinf(scores[0, 1:]).all() and torch.isfinite(scores[0, 0]))
         self.assertAlmostEqual(scores[0, 0].item(), (vectors[0] @ vectors[2]).item() / train_networks.SIM_TEMPERATURE,
                                places=4)
+
+    def test_a_recognition_only_run_branches_off_and_keeps_the_normalisation(self):
+        work = self.folder.name
+        for name, lines in (("rec_classes.txt", ["A", "B"]), ("sim_classes.txt", []), ("names.txt", ["A", "B"])):
+            prepare_training_data.write_lines(os.path.join(work, name), lines)
+        self.lines_file("lines.bin", [0, 1, 1, 0])
+        start = fontnet.FontNet(2)
+        init = os.path.join(work, "start.pt")
+        torch.save({"net": start.state_dict(), "step": 0, "rec_classes": 2}, init)
+        with open(init, "rb") as f:
+            before = f.read()
+        branch = os.path.join(work, "branch")
+        with contextlib.redirect_stdout(io.StringIO()):
+            train_networks.main(["--work", work, "--init", init, "--steps", "2", "--sim-batch", "0",
+                                 "--rec-batch", "4", "--threads", "1", "--save-to", branch])
+        trained = torch.load(os.path.join(branch, "fontnet.pt"))["net"]
+        for k, norm in enumerate(start.norms):
+            torch.testing.assert_close(trained[f"norms.{k}.running_mean"], norm.running_mean)
+            torch.testing.assert_close(trained[f"norms.{k}.running_var"], norm.running_var)
+        self.assertFalse(torch.equal(trained["convs.0.weight"], start.convs[0].weight))
+        self.assertTrue(os.path.exists(os.path.join(branch, "checkpoint.pt")))
+        self.assertFalse(os.path.exists(os.path.join(work, "checkpoint.pt")))
+        with open(init, "rb") as f:
+            self.assertEqual(f.read(), before)
 
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
