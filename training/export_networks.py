@@ -2,11 +2,12 @@
 """Exports the trained network as the module's two model files, after checking that the C++
 engine and PyTorch agree on them.
 
-    /usr/bin/python3 training/export_networks.py --work DIR [--out data] [--recognition-from FILE]
+    /usr/bin/python3 training/export_networks.py --work DIR [--out data]
+        [--recognition-from FILE] [--similarity-from FILE]
 
 Writes OUT/NQ_sim_model.dnm (the trunk up to "pool4") and OUT/NQ_rec_model.dnm (the trunk,
-"fc_rec" and "prob"), both from DIR/fontnet.pt, or the recognition model from FILE (weights
-of a recognition-only run that went on from them). Each is first written to a temporary file and run by build/bin/dnm-run on
+"fc_rec" and "prob"), both from DIR/fontnet.pt, or either from FILE (the weights of a run
+that branched off for one task alone). Each is first written to a temporary file and run by build/bin/dnm-run on
 real crops from DIR (specimen crops and recognition crops); the largest difference from
 PyTorch's output, relative to the output's largest magnitude, must be at most 1e-4, or
 nothing is written.
@@ -75,9 +76,11 @@ def main(argv=None):
     parser.add_argument("--work", required=True)
     parser.add_argument("--out", default=os.path.join(REPO, "data"))
     parser.add_argument("--recognition-from", help="weights of the recognition model (default: DIR's network)")
+    parser.add_argument("--similarity-from", help="weights of the similarity model (default: DIR's network)")
     args = parser.parse_args(argv)
     net = load_net(args.work)
     rec_net = load_file(args.recognition_from) if args.recognition_from else net
+    net = load_file(args.similarity_from) if args.similarity_from else net
     crops = sample_crops(args.work)
     with torch.no_grad():
         x = torch.from_numpy(crops)

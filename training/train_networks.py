@@ -20,10 +20,12 @@ the recognition head alone (a few MB): copied to training/checkpoints/, it lets 
 go on with --init. The trained weights end in DIR/fontnet.pt. --save-to puts these three files
 in another folder, so a run can branch off without overwriting the one it started from.
 
-With --sim-batch 0 only recognition is trained, with the normalisation statistics kept as
-they are: a step costs a third of a mixed one (the similarity batch is 120 crops against
-recognition's 64), and the result is meant for the recognition model alone, while the similarity model (and the shipped table computed with it)
-stays with the weights it came from (export_networks.py --recognition-from).
+With --sim-batch 0 only recognition is trained, with --rec-batch 0 only similarity, in both
+cases with the normalisation statistics kept as they are. A recognition step then costs a
+fifth of a mixed one (the similarity batch is 120 crops against recognition's 64). The result
+is meant for one model alone: the other (and, for recognition, the shipped table computed with
+the similarity model) stays with the weights the branch came from (export_networks.py
+--recognition-from, --similarity-from).
 """
 import argparse
 import collections
@@ -209,7 +211,7 @@ def main(argv=None):
         os.replace(trunk + ".tmp", trunk)
 
     net.train()
-    if not args.sim_batch:
+    if not (args.sim_batch and args.rec_batch):
         # The normalisation statistics were learnt on batches of recognition and specimen crops
         # together; batches of recognition crops alone normalise differently, which cost half the
         # right answers at once. They stay as they are, which is also how the exported network
@@ -220,9 +222,14 @@ def main(argv=None):
         for group in optimiser.param_groups:
             group["lr"] = learning_rate(step, args.steps, args.lr)
         x_rec, y_rec = lines.batch(args.rec_batch)
+        rec_logits, rec_loss = torch.zeros(1, 1), torch.zeros(())
         if args.sim_batch:
             x_sim, families = sim.batch(args.sim_batch)
-            rec_logits, embeddings = net(x_rec, x_sim)
+            if args.rec_batch:
+                rec_logits, embeddings = net(x_rec, x_sim)
+            else:
+                embeddings = net.embedding(x_sim)
+                y_rec = torch.zeros(1, dtype=torch.int64)
             anchors, positives = embeddings[:args.sim_batch], embeddings[args.sim_batch:]
             sim_logits = anchors @ positives.t() / SIM_TEMPERATURE
             y_sim = torch.arange(args.sim_batch)
@@ -233,7 +240,8 @@ def main(argv=None):
         else:
             rec_logits = net.rec_logits(x_rec)
             sim_logits, y_sim, sim_loss = torch.zeros(1, 1), torch.zeros(1, dtype=torch.int64), torch.zeros(())
-        rec_loss = F.cross_entropy(rec_logits, y_rec)
+        if args.rec_batch:
+            rec_loss = F.cross_entropy(rec_logits, y_rec)
         loss = rec_loss + args.sim_weight * sim_loss
         optimiser.zero_grad()
         loss.backward()

@@ -13,6 +13,7 @@ import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, TRAINING)
+sys.path.insert(0, os.path.join(TRAINING, "corpus"))
 import torch  # noqa: E402
 
 import dnm  # noqa: E402
@@ -23,6 +24,7 @@ import images  # noqa: E402
 import locnet  # noqa: E402
 import make_tables  # noqa: E402
 import prepare_training_data  # noqa: E402
+import splits as corpus_splits  # noqa: E402
 import train_networks  # noqa: E402
 
 
@@ -125,30 +127,36 @@ class TrainingBatches(TemporaryFiles):
         self.assertAlmostEqual(scores[0, 0].item(), (vectors[0] @ vectors[2]).item() / train_networks.SIM_TEMPERATURE,
                                places=4)
 
-    def test_a_recognition_only_run_branches_off_and_keeps_the_normalisation(self):
+    def test_a_one_task_run_branches_off_and_keeps_the_normalisation(self):
         work = self.folder.name
-        for name, lines in (("rec_classes.txt", ["A", "B"]), ("sim_classes.txt", []), ("names.txt", ["A", "B"])):
+        _, family_of = corpus_splits.read_labels()
+        faces = sorted(family_of)[:3]
+        for name, lines in (("rec_classes.txt", faces[:2]), ("sim_classes.txt", faces), ("names.txt", faces)):
             prepare_training_data.write_lines(os.path.join(work, name), lines)
         self.lines_file("lines.bin", [0, 1, 1, 0])
+        strip = bytes(range(200)) * 109
+        self.path("specimens.bin", b"FXSPEC01" + b"".join(struct.pack("<iii", k, 200, 200) + strip * 2 for k in range(3)))
         start = fontnet.FontNet(2)
         init = os.path.join(work, "start.pt")
         torch.save({"net": start.state_dict(), "step": 0, "rec_classes": 2}, init)
         with open(init, "rb") as f:
             before = f.read()
-        branch = os.path.join(work, "branch")
-        with contextlib.redirect_stdout(io.StringIO()):
-            train_networks.main(["--work", work, "--init", init, "--steps", "2", "--sim-batch", "0",
-                                 "--rec-batch", "4", "--threads", "1", "--save-to", branch])
-        trained = torch.load(os.path.join(branch, "fontnet.pt"))["net"]
-        for k, norm in enumerate(start.norms):
-            torch.testing.assert_close(trained[f"norms.{k}.running_mean"], norm.running_mean)
-            torch.testing.assert_close(trained[f"norms.{k}.running_var"], norm.running_var)
-        self.assertFalse(torch.equal(trained["convs.0.weight"], start.convs[0].weight))
-        self.assertTrue(os.path.exists(os.path.join(branch, "checkpoint.pt")))
+        for task, batches in (("recognition", ["--sim-batch", "0", "--rec-batch", "4"]),
+                              ("similarity", ["--sim-batch", "2", "--rec-batch", "0"])):
+            with self.subTest(task):
+                branch = os.path.join(work, task)
+                with contextlib.redirect_stdout(io.StringIO()):
+                    train_networks.main(["--work", work, "--init", init, "--steps", "2", "--threads", "1",
+                                         "--save-to", branch] + batches)
+                trained = torch.load(os.path.join(branch, "fontnet.pt"))["net"]
+                for k, norm in enumerate(start.norms):
+                    torch.testing.assert_close(trained[f"norms.{k}.running_mean"], norm.running_mean)
+                    torch.testing.assert_close(trained[f"norms.{k}.running_var"], norm.running_var)
+                self.assertFalse(torch.equal(trained["convs.0.weight"], start.convs[0].weight))
+                self.assertTrue(os.path.exists(os.path.join(branch, "checkpoint.pt")))
         self.assertFalse(os.path.exists(os.path.join(work, "checkpoint.pt")))
         with open(init, "rb") as f:
             self.assertEqual(f.read(), before)
-
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
 class LocalisationExport(unittest.TestCase):
