@@ -78,14 +78,14 @@ def main(argv=None):
     parser.add_argument("--recognition-from", help="weights of the recognition model (default: DIR's network)")
     parser.add_argument("--similarity-from", help="weights of the similarity model (default: DIR's network)")
     args = parser.parse_args(argv)
-    net = load_net(args.work)
-    rec_net = load_file(args.recognition_from) if args.recognition_from else net
-    net = load_file(args.similarity_from) if args.similarity_from else net
+    shared = None if args.similarity_from and args.recognition_from else load_net(args.work)
+    sim_net = load_file(args.similarity_from) if args.similarity_from else shared
+    rec_net = load_file(args.recognition_from) if args.recognition_from else shared
     crops = sample_crops(args.work)
     with torch.no_grad():
         x = torch.from_numpy(crops)
-        expected = {"pool4": net.pool4(x).numpy(), "prob": torch.softmax(rec_net.rec(rec_net.pool4(x)), 1).numpy()}
-    for file_name, net, with_prob, layer in (("NQ_sim_model.dnm", net, False, "pool4"),
+        expected = {"pool4": sim_net.pool4(x).numpy(), "prob": torch.softmax(rec_net.rec(rec_net.pool4(x)), 1).numpy()}
+    for file_name, net, with_prob, layer in (("NQ_sim_model.dnm", sim_net, False, "pool4"),
                                              ("NQ_rec_model.dnm", rec_net, True, "prob")):
         target = os.path.join(args.out, file_name)
         dnm.write_model(target + ".tmp", fontnet.export(net, with_prob))

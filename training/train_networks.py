@@ -163,6 +163,8 @@ def main(argv=None):
     parser.add_argument("--init", help="start from the trunk and recognition head saved in this file "
                                        "(a fresh machine's way to go on from training/checkpoints/)")
     args = parser.parse_args(argv)
+    if not (args.rec_batch or args.sim_batch):
+        parser.error("--rec-batch and --sim-batch are both 0: nothing to train")
     torch.set_num_threads(args.threads)
     torch.manual_seed(args.seed)
     rng = np.random.default_rng(args.seed)
@@ -213,42 +215,40 @@ def main(argv=None):
     net.train()
     if not (args.sim_batch and args.rec_batch):
         # The normalisation statistics were learnt on batches of recognition and specimen crops
-        # together; batches of recognition crops alone normalise differently, which cost half the
-        # right answers at once. They stay as they are, which is also how the exported network
-        # normalises.
+        # together; batches of one kind alone normalise differently (recognition crops alone cost
+        # half the right answers at once). They stay as they are, which is also how the exported
+        # network normalises.
         net.norms.eval()
     started, window = time.time(), []
     while step < args.steps:
         for group in optimiser.param_groups:
             group["lr"] = learning_rate(step, args.steps, args.lr)
         x_rec, y_rec = lines.batch(args.rec_batch)
-        rec_logits, rec_loss = torch.zeros(1, 1), torch.zeros(())
+        x_sim, families = sim.batch(args.sim_batch) if args.sim_batch else (None, None)
+        if args.rec_batch and args.sim_batch:
+            rec_logits, embeddings = net(x_rec, x_sim)
+        else:
+            rec_logits = net.rec_logits(x_rec) if args.rec_batch else None
+            embeddings = net.embedding(x_sim) if args.sim_batch else None
+        rec_loss, rec_right, sim_loss, sim_right = torch.zeros(()), 0.0, torch.zeros(()), 0.0
+        if args.rec_batch:
+            rec_loss = F.cross_entropy(rec_logits, y_rec)
+            rec_right = (rec_logits.argmax(1) == y_rec).float().mean().item()
         if args.sim_batch:
-            x_sim, families = sim.batch(args.sim_batch)
-            if args.rec_batch:
-                rec_logits, embeddings = net(x_rec, x_sim)
-            else:
-                embeddings = net.embedding(x_sim)
-                y_rec = torch.zeros(1, dtype=torch.int64)
             anchors, positives = embeddings[:args.sim_batch], embeddings[args.sim_batch:]
             sim_logits = anchors @ positives.t() / SIM_TEMPERATURE
             y_sim = torch.arange(args.sim_batch)
             sim_loss = 0.5 * (F.cross_entropy(torch.cat([sim_logits, queue.logits(anchors, families)], 1), y_sim) +
                               F.cross_entropy(torch.cat([sim_logits.t(), queue.logits(positives, families)], 1), y_sim))
+            sim_right = (sim_logits.argmax(1) == y_sim).float().mean().item()  # the positive ranked first
             if args.sim_queue:
                 queue.push(torch.cat([anchors, positives]), torch.cat([families, families]))
-        else:
-            rec_logits = net.rec_logits(x_rec)
-            sim_logits, y_sim, sim_loss = torch.zeros(1, 1), torch.zeros(1, dtype=torch.int64), torch.zeros(())
-        if args.rec_batch:
-            rec_loss = F.cross_entropy(rec_logits, y_rec)
         loss = rec_loss + args.sim_weight * sim_loss
         optimiser.zero_grad()
         loss.backward()
         optimiser.step()
         step += 1
-        window.append((rec_loss.item(), sim_loss.item(), (rec_logits.argmax(1) == y_rec).float().mean().item(),
-                       (sim_logits.argmax(1) == y_sim).float().mean().item()))  # sim: positive ranked first
+        window.append((rec_loss.item(), sim_loss.item(), rec_right, sim_right))
         if step % 50 == 0:
             r, s, ra, sa = np.mean(window, axis=0)
             window = []

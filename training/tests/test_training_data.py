@@ -158,6 +158,7 @@ class TrainingBatches(TemporaryFiles):
         with open(init, "rb") as f:
             self.assertEqual(f.read(), before)
 
+
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
 class LocalisationExport(unittest.TestCase):
     def test_the_engine_agrees_at_any_line_width(self):
