@@ -74,14 +74,17 @@ def twin_classes(work, rec_classes, names):
     return twins
 
 
-def recognition(net, path, twins, batch=64, every=1, first=0):
-    """(pictures, top-1, top-5, top-1 with twins, top-5 with twins) over the records first,
-    first + every, ... whose font is a recognition class; "with twins", a class drawn the same
-    as the right one counts as right."""
+def recognition(net, path, twins, families, batch=64, every=1, first=0):
+    """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, the
+    wrong first answers) over the records first, first + every, ... whose font is a recognition
+    class; "with twins", a class drawn the same as the right one counts as right; "of the
+    family", any face of the right one's family (families[class], its family key); the wrong
+    answers count (right class, class answered) pairs."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
-    hits = np.zeros(4)
+    hits = np.zeros(5)
+    wrong = collections.Counter()
     with torch.no_grad():
         for start in range(0, len(records), batch):
             chosen = records[start:start + batch]
@@ -95,7 +98,9 @@ def recognition(net, path, twins, batch=64, every=1, first=0):
                                        np.array([[b in twins[t] for b in row] for row, t in zip(best, truth)]))):
                 hits[2 * k] += np.sum(right[:, 0])
                 hits[2 * k + 1] += np.sum(np.any(right, axis=1))
-    return (len(records), *(hits / max(1, len(records))))
+            hits[4] += sum(families[b] == families[t] for b, t in zip(best[:, 0], truth))
+            wrong.update((int(t), int(b)) for b, t in zip(best[:, 0], truth) if b not in twins[t])
+    return (len(records), *(hits / max(1, len(records))), wrong)
 
 
 # How far down a query's ranking clones are looked for.
@@ -166,9 +171,12 @@ def main(argv=None):
     rec_classes = images.read_names(os.path.join(args.work, "rec_classes.txt"))
     twins = twin_classes(args.work, rec_classes, images.read_names(os.path.join(args.work, "names.txt")))
     twinned = sum(1 for c in twins if len(twins[c]) > 1)
-    out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the last two columns "
-           "count a twin of the right class as right.", "",
-           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins |", "|---|---|---|---|---|---|"]
+    _, family_of = corpus_splits.read_labels()
+    families = [corpus_splits.family_key(family_of[n]) for n in rec_classes]
+    out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the \"twins\" columns "
+           "count a twin of the right class as right, the \"family\" one any face of its family.", "",
+           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family |",
+           "|---|---|---|---|---|---|---|"]
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
              ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
@@ -185,13 +193,20 @@ def main(argv=None):
         cases += [("line in a picture 2-4 times its height, cut by the localisation network",
                    "lines_tall_localised.bin", 3, 2),
                   ("degraded, other seed, cut by the localisation network", "lines_heldout_localised.bin", 1, 0)]
+    confusions = collections.Counter()
     for title, file, every, first in cases:
         if not os.path.exists(os.path.join(args.work, file)):
             continue
         path = os.path.join(args.work, file)
-        count, top1, top5, twin1, twin5 = recognition(net, path, twins, every=every, first=first)
+        count, top1, top5, twin1, twin5, family1, wrong = recognition(net, path, twins, families,
+                                                                       every=every, first=first)
         out.append(f"| {title} | {count} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * twin1:.1f} % "
-                   f"| {100 * twin5:.1f} % |")
+                   f"| {100 * twin5:.1f} % | {100 * family1:.1f} % |")
+        if file == "lines_heldout.bin":
+            confusions = wrong
+    out += ["", "The most frequent wrong first answers on the degraded pictures (twins left out):", "",
+            "| right class | answered | times |", "|---|---|---|"]
+    out += [f"| {rec_classes[t]} | {rec_classes[b]} | {k} |" for (t, b), k in confusions.most_common(12)]
     out.append("")
     if os.path.exists(os.path.join(args.work, "module-cache")):
         out += similarity(args.work)
