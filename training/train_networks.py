@@ -136,11 +136,14 @@ class NegativeQueue:
         self.families = torch.cat([families, self.families])[:self.size]
 
 
-def learning_rate(step, steps, peak):
+def learning_rate(step, steps, peak, first=0):
+    """The cosine of a run from step 0 to `steps`, after a linear warm-up over the first steps
+    of this optimiser (from `first`, where a branch or a later stage began): a fresh Adam's
+    first updates are as large as the learning rate in every weight at once, which tore the
+    similarity embedding apart when a branch started at full rate."""
     warm = min(500, steps // 20)
-    if step < warm:
-        return peak * (step + 1) / warm
-    return peak * 0.5 * (1 + math.cos(math.pi * (step - warm) / max(1, steps - warm)))
+    cosine = peak * 0.5 * (1 + math.cos(math.pi * max(0, step - warm) / max(1, steps - warm)))
+    return cosine * min(1.0, (step - first + 1) / warm)
 
 
 def main(argv=None):
@@ -188,23 +191,23 @@ def main(argv=None):
     save_to = args.save_to or args.work
     os.makedirs(save_to, exist_ok=True)
     checkpoint = os.path.join(save_to, "checkpoint.pt")
-    step = 0
+    step = first = 0
     if args.init:
         state = torch.load(args.init)
         net.load_state_dict(state["net"])
-        step = state["step"]
+        step = first = state["step"]
         print(f"trunk and recognition head from {args.init}, step {step}", flush=True)
     if args.resume and os.path.exists(checkpoint):
         state = torch.load(checkpoint)
         net.load_state_dict(state["net"])
         optimiser.load_state_dict(state["optimiser"])
-        step = state["step"]
+        step, first = state["step"], state.get("first", 0)
         rng = np.random.default_rng([args.seed, step])
         sim.rng = lines.rng = rng
         print(f"resumed at step {step}", flush=True)
 
     def save(path):
-        torch.save({"net": net.state_dict(), "optimiser": optimiser.state_dict(), "step": step,
+        torch.save({"net": net.state_dict(), "optimiser": optimiser.state_dict(), "step": step, "first": first,
                     "rec_classes": len(rec_classes)}, path + ".tmp")
         os.replace(path + ".tmp", path)
         # Without the optimiser's state: small enough to keep in the repository.
@@ -222,7 +225,7 @@ def main(argv=None):
     started, window = time.time(), []
     while step < args.steps:
         for group in optimiser.param_groups:
-            group["lr"] = learning_rate(step, args.steps, args.lr)
+            group["lr"] = learning_rate(step, args.steps, args.lr, first)
         x_rec, y_rec = lines.batch(args.rec_batch)
         x_sim, families = sim.batch(args.sim_batch) if args.sim_batch else (None, None)
         if args.rec_batch and args.sim_batch:

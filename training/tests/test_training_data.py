@@ -127,6 +127,13 @@ class TrainingBatches(TemporaryFiles):
         self.assertAlmostEqual(scores[0, 0].item(), (vectors[0] @ vectors[2]).item() / train_networks.SIM_TEMPERATURE,
                                places=4)
 
+    def test_a_branch_warms_up_again_then_follows_the_whole_runs_cosine(self):
+        rate = train_networks.learning_rate
+        self.assertLess(rate(24000, 29000, 1.0, first=24000), 0.01 * rate(24000, 29000, 1.0))
+        self.assertAlmostEqual(rate(24700, 29000, 1.0, first=24000), rate(24700, 29000, 1.0))
+        self.assertEqual(rate(29000, 29000, 1.0, first=24000), 0.0)
+        self.assertLess(rate(0, 8000, 1.0), rate(400, 8000, 1.0))  # a run from scratch warms up too
+
     def test_a_one_task_run_branches_off_and_keeps_the_normalisation(self):
         work = self.folder.name
         _, family_of = corpus_splits.read_labels()
