@@ -141,7 +141,7 @@ def learning_rate(step, steps, peak, first=0):
     of this optimiser (from `first`, where a branch or a later stage began): a fresh Adam's
     first updates are as large as the learning rate in every weight at once, which tore the
     similarity embedding apart when a branch started at full rate."""
-    warm = min(500, steps // 20)
+    warm = max(1, min(500, steps // 20))
     cosine = peak * 0.5 * (1 + math.cos(math.pi * max(0, step - warm) / max(1, steps - warm)))
     return cosine * min(1.0, (step - first + 1) / warm)
 
