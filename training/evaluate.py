@@ -90,7 +90,7 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0):
             chosen = records[start:start + batch]
             x = torch.from_numpy(crops[chosen].astype(np.float32) - 128.0)
             n = x.shape[0]
-            prob = torch.softmax(net.rec(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE))), 1)
+            prob = torch.softmax(net.rec_scores(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE))), 1)
             mean = prob.view(n, images.LINE_CROPS, -1).mean(1)
             best = mean.topk(5, 1).indices.numpy()
             truth = labels[chosen]

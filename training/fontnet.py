@@ -3,12 +3,15 @@
 One convolutional trunk turns a 109 x 109 crop (byte - 128) into "pool4", 768 values (a max
 over the last 6 x 6 map). Similarity reads pool4 as the module does: adjacent pairs reduced by
 max, the five crops of a specimen combined by max, the result scaled to unit length. Recognition
-adds one fully connected layer over pool4 and a softmax, "prob", over the fonts of the
-recognition table. Only layers the engine has; batch normalisation is folded into the
+adds a fully connected layer over pool4 ("fc_rec"), optionally after a hidden fully connected
+layer with ReLU ("fc_hidden", a few million multiply-adds against the trunk's 72), and a softmax,
+"prob", over the fonts of the recognition table. Only layers the engine has; batch normalisation is folded into the
 convolutions at export.
 
 Cost per crop: about 77 million multiply-adds (154 MFLOP).
 """
+import math
+
 import torch
 import torch.nn as nn
 import torch.nn.functional as F
@@ -30,14 +33,50 @@ FEATURES = 768
 
 
 class FontNet(nn.Module):
-    def __init__(self, rec_classes):
+    def __init__(self, rec_classes, rec_hidden=0):
         super().__init__()
         self.convs = nn.ModuleList()
         self.norms = nn.ModuleList()
         for _, cin, cout, k, s, p, _ in TRUNK:
             self.convs.append(nn.Conv2d(cin, cout, k, stride=s, padding=p, bias=False))
             self.norms.append(nn.BatchNorm2d(cout))
-        self.rec = nn.Linear(FEATURES, rec_classes)
+        # Registered even when absent, so a head widened later lists its parameters in the same
+        # order as one built at that width, and an optimiser's saved state fits either.
+        self.add_module("hidden", nn.Linear(FEATURES, rec_hidden) if rec_hidden else None)
+        self.rec = nn.Linear(rec_hidden or FEATURES, rec_classes)
+
+    @property
+    def rec_hidden(self):
+        return self.hidden.out_features if self.hidden is not None else 0
+
+    def widen_head(self, extra, generator=None):
+        """Puts (or widens) a hidden layer between pool4 and "fc_rec" without changing what the
+        network computes: pool4 is never negative, so hidden units that copy it pass it through
+        the ReLU unchanged, and "fc_rec" reads the `extra` new units with zero weights. Training
+        then grows the head's capacity from the network as it was."""
+        old = self.hidden
+        width = (old.out_features if old is not None else FEATURES) + extra
+        hidden, rec = nn.Linear(FEATURES, width), nn.Linear(width, self.rec.out_features)
+        with torch.no_grad():
+            hidden.weight.normal_(0.0, 0.1 * math.sqrt(2.0 / FEATURES), generator=generator)
+            hidden.bias.zero_()
+            if old is None:
+                hidden.weight[:FEATURES] = torch.eye(FEATURES)
+            else:
+                hidden.weight[:old.out_features] = old.weight
+                hidden.bias[:old.out_features] = old.bias
+            kept = width - extra
+            rec.weight.zero_()
+            rec.weight[:, :kept] = self.rec.weight
+            rec.bias.copy_(self.rec.bias)
+        self.hidden, self.rec = hidden, rec
+
+    def rec_scores(self, pool4):
+        """The recognition logits ("fc_rec") from pool4; dropout on pool4 while training."""
+        x = F.dropout(pool4, 0.3, self.training)
+        if self.hidden is not None:
+            x = F.relu(self.hidden(x))
+        return self.rec(x)
 
     def pool4(self, x):
         """x: (n, 1, 109, 109) of byte - 128 -> (n, 768), every value >= 0."""
@@ -48,7 +87,7 @@ class FontNet(nn.Module):
         return F.max_pool2d(x, POOL4_SIDE).flatten(1)
 
     def rec_logits(self, x):
-        return self.rec(F.dropout(self.pool4(x), 0.3, self.training))
+        return self.rec_scores(self.pool4(x))
 
     def embedding(self, crops):
         """crops: (n, 5, 1, 109, 109) -> (n, 384) unit vectors: pair max, max over crops."""
@@ -65,13 +104,19 @@ class FontNet(nn.Module):
         trunk, so batch normalisation sees (and keeps statistics of) the mixture inference meets."""
         n = x_rec.shape[0]
         p = self.pool4(torch.cat([x_rec, x_sim.flatten(0, 1)]))
-        rec = self.rec(F.dropout(p[:n], 0.3, self.training))
-        return rec, self.reduce(p[n:], x_sim.shape[0])
+        return self.rec_scores(p[:n]), self.reduce(p[n:], x_sim.shape[0])
+
+
+def from_state(state):
+    """The network a saved state holds, with its number of recognition classes and hidden width."""
+    net = FontNet(state["rec_classes"], state.get("rec_hidden", 0))
+    net.load_state_dict(state["net"])
+    return net
 
 
 def export(net, with_prob):
     """The network as .dnm layers: the trunk to "pool4", and with `with_prob` the
-    recognition head "fc_rec" and "prob"."""
+    recognition head ("fc_hidden" and its ReLU when there is one, "fc_rec", "prob")."""
     net = net.eval()
     layers = [dnm.Data("data")]
     top = "data"
@@ -84,6 +129,11 @@ def export(net, with_prob):
             top = "pool_" + name
     layers.append(dnm.MaxPool("pool4", top, POOL4_SIDE, POOL4_SIDE))
     if with_prob:
-        layers.append(dnm.fc_from_torch("fc_rec", "pool4", net.rec))
+        top = "pool4"
+        if net.hidden is not None:
+            layers.append(dnm.fc_from_torch("fc_hidden", top, net.hidden))
+            layers.append(dnm.ReLU("fc_hidden_relu", "fc_hidden"))
+            top = "fc_hidden_relu"
+        layers.append(dnm.fc_from_torch("fc_rec", top, net.rec))
         layers.append(dnm.Softmax("prob", "fc_rec"))
     return layers

@@ -14,9 +14,11 @@ Writes into DIR:
   order. Recognition only ever steers by classes that are installed fonts, and on Linux those
   are the commonly installed ones; library faces would only dilute the classes;
 - sim_classes.txt (training-split faces, on which the similarity embedding is trained);
-- specimens.bin (every face), lines.bin, lines_more.bin, lines_third.bin and lines_fourth.bin
-  (degraded pictures of the recognition classes, for training; four seeds, since recognition
-  learnt best from pictures it had not yet seen),
+- specimens.bin (every face), lines.bin, lines_more.bin, lines_third.bin, lines_fourth.bin and
+  lines_fifth.bin (degraded pictures of the recognition classes, for training; five seeds, since
+  recognition learnt best from pictures it had not yet seen), lines_validation.bin (degraded
+  pictures of yet another seed, on which choices about the recognition head are made, so the
+  report's pictures stay unseen by every choice),
   lines_clean_train.bin (clean ones, for training: clean pictures are not merely the mildest
   degraded ones, as their narrower margins and sizes showed), lines_heldout.bin (other degraded pictures, for the report), lines_clean.bin (clean ones) and
   lines_tall.bin (lines in tall pictures, each also cut to its band), and bands.bin (pictures of
@@ -141,6 +143,8 @@ def main(argv=None):
             ("lines_more.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "7"]),
             ("lines_third.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "8"]),
             ("lines_fourth.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "9"]),
+            ("lines_fifth.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "10"]),
+            ("lines_validation.bin", ["lines", rec, "--per-font", "4", "--seed", "11"]),
             ("lines_clean_train.bin", ["lines", rec, "--per-font", "6", "--seed", "6", "--clean"]),
             ("lines_heldout.bin", ["lines", rec, "--per-font", "4", "--seed", "2"]),
             ("lines_clean.bin", ["lines", rec, "--per-font", "2", "--seed", "3", "--clean"]),

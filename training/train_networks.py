@@ -165,6 +165,8 @@ def main(argv=None):
     parser.add_argument("--resume", action="store_true")
     parser.add_argument("--init", help="start from the trunk and recognition head saved in this file "
                                        "(a fresh machine's way to go on from training/checkpoints/)")
+    parser.add_argument("--widen-head", type=int, default=0, metavar="N",
+                        help="with --init, give the recognition head N more hidden units (fontnet.widen_head)")
     args = parser.parse_args(argv)
     if not (args.rec_batch or args.sim_batch):
         parser.error("--rec-batch and --sim-batch are both 0: nothing to train")
@@ -187,32 +189,41 @@ def main(argv=None):
           f"{len(sim_classes)} similarity faces, {len(sim.strips)} specimens", flush=True)
 
     net = fontnet.FontNet(len(rec_classes))
-    optimiser = torch.optim.AdamW(net.parameters(), lr=args.lr, weight_decay=1e-4)
     save_to = args.save_to or args.work
     os.makedirs(save_to, exist_ok=True)
     checkpoint = os.path.join(save_to, "checkpoint.pt")
     step = first = 0
-    if args.init:
-        state = torch.load(args.init)
-        net.load_state_dict(state["net"])
-        step = first = state["step"]
-        print(f"trunk and recognition head from {args.init}, step {step}", flush=True)
+    resumed = None
     if args.resume and os.path.exists(checkpoint):
-        state = torch.load(checkpoint)
-        net.load_state_dict(state["net"])
-        optimiser.load_state_dict(state["optimiser"])
-        step, first = state["step"], state.get("first", 0)
+        resumed = torch.load(checkpoint)
+        net = fontnet.from_state(resumed)
+        step, first = resumed["step"], resumed.get("first", 0)
         rng = np.random.default_rng([args.seed, step])
         sim.rng = lines.rng = rng
         print(f"resumed at step {step}", flush=True)
+    elif args.init:
+        state = torch.load(args.init)
+        net = fontnet.from_state(state)
+        step = first = state["step"]
+        print(f"trunk and recognition head from {args.init}, step {step}", flush=True)
+        if args.widen_head:
+            net.widen_head(args.widen_head, torch.Generator().manual_seed(args.seed))
+            print(f"recognition head widened to a hidden layer of {net.rec_hidden}", flush=True)
+    if net.rec.out_features != len(rec_classes):
+        parser.error(f"the weights have {net.rec.out_features} recognition classes, "
+                     f"rec_classes.txt {len(rec_classes)}")
+    optimiser = torch.optim.AdamW(net.parameters(), lr=args.lr, weight_decay=1e-4)
+    if resumed:
+        optimiser.load_state_dict(resumed["optimiser"])
 
     def save(path):
         torch.save({"net": net.state_dict(), "optimiser": optimiser.state_dict(), "step": step, "first": first,
-                    "rec_classes": len(rec_classes)}, path + ".tmp")
+                    "rec_classes": len(rec_classes), "rec_hidden": net.rec_hidden}, path + ".tmp")
         os.replace(path + ".tmp", path)
         # Without the optimiser's state: small enough to keep in the repository.
         trunk = os.path.join(save_to, "fontnet_trunk.pt")
-        torch.save({"net": net.state_dict(), "step": step, "rec_classes": len(rec_classes)}, trunk + ".tmp")
+        torch.save({"net": net.state_dict(), "step": step, "rec_classes": len(rec_classes),
+                    "rec_hidden": net.rec_hidden}, trunk + ".tmp")
         os.replace(trunk + ".tmp", trunk)
 
     net.train()
@@ -260,7 +271,8 @@ def main(argv=None):
         if step % args.save_every == 0:
             save(checkpoint)
     save(checkpoint)
-    torch.save({"net": net.state_dict(), "rec_classes": len(rec_classes)}, os.path.join(save_to, "fontnet.pt"))
+    torch.save({"net": net.state_dict(), "rec_classes": len(rec_classes), "rec_hidden": net.rec_hidden},
+               os.path.join(save_to, "fontnet.pt"))
     print(f"done: {step} steps in {time.time() - started:.0f} s", flush=True)
     return 0
 

@@ -165,6 +165,59 @@ class TrainingBatches(TemporaryFiles):
         with open(init, "rb") as f:
             self.assertEqual(f.read(), before)
 
+        # A branch that widens the recognition head can be stopped and resumed at its width.
+        wide = os.path.join(work, "wide")
+        run = ["--work", work, "--init", init, "--threads", "1", "--save-to", wide, "--sim-batch", "0",
+               "--rec-batch", "4", "--widen-head", "16"]
+        with contextlib.redirect_stdout(io.StringIO()):
+            train_networks.main(run + ["--steps", "1"])
+            train_networks.main(run + ["--steps", "2", "--resume"])
+        finished = torch.load(os.path.join(wide, "fontnet.pt"))
+        self.assertEqual(torch.load(os.path.join(wide, "checkpoint.pt"))["step"], 2)
+        self.assertEqual(fontnet.from_state(finished).rec_hidden, 768 + 16)
+
+
+class WidenedRecognitionHead(TemporaryFiles):
+    def trained_net(self):
+        torch.manual_seed(4)
+        net = fontnet.FontNet(6)
+        with torch.no_grad():
+            net.pool4(torch.rand(4, 1, 109, 109) * 255 - 128)  # batch-norm statistics to fold
+            net.rec.weight.normal_()
+        return net.eval()
+
+    def test_widening_keeps_every_answer_and_the_weights_save_and_load(self):
+        net = self.trained_net()
+        x = torch.rand(3, 1, 109, 109) * 255 - 128
+        with torch.no_grad():
+            before = net.rec_scores(net.pool4(x))
+            for extra, width in ((10, 778), (5, 783)):  # a hidden layer put in, then widened
+                net.widen_head(extra)
+                self.assertEqual(net.rec_hidden, width)
+                torch.testing.assert_close(net.rec_scores(net.pool4(x)), before)
+            # The new units are live: the head's output moves when "fc_rec" reads them.
+            net.rec.weight[:, -5:] = 1.0
+            self.assertFalse(torch.allclose(net.rec_scores(net.pool4(x)), before))
+        state = {"net": net.state_dict(), "rec_classes": 6, "rec_hidden": net.rec_hidden}
+        again = fontnet.from_state(state).eval()
+        with torch.no_grad():
+            torch.testing.assert_close(again.rec_scores(again.pool4(x)), net.rec_scores(net.pool4(x)))
+
+    @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
+    def test_the_engine_runs_the_hidden_layer_as_pytorch_does(self):
+        net = self.trained_net()
+        net.widen_head(40)
+        with torch.no_grad():
+            net.hidden.weight.normal_(0, 0.05)
+            net.rec.weight.normal_(0, 0.05)
+        model = os.path.join(self.folder.name, "rec.dnm")
+        dnm.write_model(model, fontnet.export(net, True))
+        x = np.random.default_rng(2).integers(0, 256, (3, 1, 109, 109)).astype(np.float32) - 128
+        with torch.no_grad():
+            expected = torch.softmax(net.rec_scores(net.pool4(torch.from_numpy(x))), 1).numpy()
+        got = export_networks.engine_output(model, "prob", x)
+        np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max())
+
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
 class LocalisationExport(unittest.TestCase):
