@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Judges the trained network on what it did not learn from; prints Markdown for REPORT.md.
 
-    /usr/bin/python3 training/evaluate.py --work DIR [--recognition-from FILE] [--similarity-only]
+    /usr/bin/python3 training/evaluate.py --work DIR [--recognition-from FILE] [--rec-temperature T]
+        [--tables data] [--choose-temperature T ...] [--similarity-only]
 
 - Recognition, on pictures drawn with other seeds than training's (DIR/lines_heldout.bin,
   degraded; DIR/lines_clean.bin, clean; DIR/lines_tall.bin, lines in tall pictures and the
@@ -9,7 +10,8 @@
   localisation network, the tall and the degraded pictures again, cut where it finds the band,
   into DIR/lines_tall_localised.bin and DIR/lines_heldout_localised.bin): the mean
   "prob" over a picture's ten crops, as the module computes it; top-1 and top-5 over the
-  recognition classes.
+  recognition classes; and the module's own first answer, after those classes steered a
+  similar-font query through the shipped similarity table (--tables, data/ by default).
   Some classes are drawn exactly alike (metric clones with the same outlines); top-1 and top-5
   are also given counting such a twin as right.
 - Similarity, on the vectors the module itself computed for every corpus face
@@ -74,24 +76,39 @@ def twin_classes(work, rec_classes, names):
     return twins
 
 
-def recognition(net, path, twins, families, batch=64, every=1, first=0):
+def answered(mean, vectors):
+    """The first font the module answers for a picture's mean probabilities when every class is
+    an installed font with a table entry (vectors[class], or None without one): the best ten
+    classes, of which the first five with an entry steer a similar-font query weighted by their
+    probabilities; the answer is the installed font nearest that weighted sum."""
+    order = np.argsort(-mean, kind="stable")[:10]
+    kept = [c for c in order if vectors[c] is not None][:5]
+    query = sum(mean[c] * vectors[c] for c in kept)
+    scores = [-np.inf if v is None else float(v @ query) for v in vectors]
+    return int(np.argmax(scores))
+
+
+def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None):
     """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, the
-    wrong first answers) over the records first, first + every, ... whose font is a recognition
-    class; "with twins", a class drawn the same as the right one counts as right; "of the
-    family", any face of the right one's family (families[class], its family key); the wrong
-    answers count (right class, class answered) pairs."""
+    module's first answer right, the same counting twins, the wrong first answers) over the
+    records first, first + every, ... whose font is a recognition class; "with twins", a class
+    drawn the same as the right one counts as right; "of the family", any face of the right
+    one's family (families[class], its family key); the module's answer as `answered` gives it
+    from the table's `vectors` (0 without them); the wrong answers count (right class, class
+    answered) pairs. The logits are divided by `temperature`, as an export with that
+    temperature folds it into "fc_rec"."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
-    hits = np.zeros(5)
+    hits = np.zeros(7)
     wrong = collections.Counter()
     with torch.no_grad():
         for start in range(0, len(records), batch):
             chosen = records[start:start + batch]
             x = torch.from_numpy(crops[chosen].astype(np.float32) - 128.0)
             n = x.shape[0]
-            prob = torch.softmax(net.rec_scores(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE))), 1)
-            mean = prob.view(n, images.LINE_CROPS, -1).mean(1)
+            logits = net.rec_scores(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE))) / temperature
+            mean = torch.softmax(logits, 1).view(n, images.LINE_CROPS, -1).mean(1)
             best = mean.topk(5, 1).indices.numpy()
             truth = labels[chosen]
             for k, right in enumerate((best == truth[:, None],
@@ -99,8 +116,23 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0):
                 hits[2 * k] += np.sum(right[:, 0])
                 hits[2 * k + 1] += np.sum(np.any(right, axis=1))
             hits[4] += sum(families[b] == families[t] for b, t in zip(best[:, 0], truth))
+            if vectors is not None:
+                answers = [answered(m, vectors) for m in mean.numpy()]
+                hits[5] += sum(a == t for a, t in zip(answers, truth))
+                hits[6] += sum(a in twins[t] for a, t in zip(answers, truth))
             wrong.update((int(t), int(b)) for b, t in zip(best[:, 0], truth) if b not in twins[t])
     return (len(records), *(hits / max(1, len(records))), wrong)
+
+
+def table_vectors(data, rec_classes):
+    """Each recognition class's vector in the shipped similarity table of `data` (None for a
+    class without an entry)."""
+    meta = make_tables.read_meta(os.path.join(data, "NQ_sim_meta_fs.bin"))
+    vectors = np.fromfile(os.path.join(data, "NQ_sim_fea_fs.bin"), "<f4").reshape(-1, make_tables.DIM)
+    if len(meta) != len(vectors):
+        raise ValueError(f"{data}: {len(meta)} meta records and {len(vectors)} vectors")
+    by_name = {group[3]: vectors[i] for i, group in enumerate(meta)}
+    return [by_name.get(name) for name in rec_classes]
 
 
 # How far down a query's ranking clones are looked for.
@@ -164,6 +196,13 @@ def main(argv=None):
     parser.add_argument("--localisation", default=os.path.join(export_networks.REPO, "data", "NQ_loc_model.dnm"),
                         help="localisation network to cut the pictures with (skipped when absent)")
     parser.add_argument("--recognition-from", help="weights of the recognition network (default: DIR's network)")
+    parser.add_argument("--rec-temperature", type=float, default=1.0,
+                        help="the temperature the recognition model is exported with")
+    parser.add_argument("--tables", default=os.path.join(export_networks.REPO, "data"),
+                        help="folder of the shipped similarity table, for the module's answers")
+    parser.add_argument("--choose-temperature", type=float, nargs="+", metavar="T",
+                        help="only judge the validation pictures (DIR/lines_validation.bin) at each of these "
+                             "temperatures, to choose the export's")
     parser.add_argument("--similarity-only", action="store_true",
                         help="judge only the similarity vectors of DIR/module-cache (3 minutes, not 15)")
     args = parser.parse_args(argv)
@@ -180,8 +219,20 @@ def main(argv=None):
     families = [corpus_splits.family_key(family_of[n]) for n in rec_classes]
     out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the \"twins\" columns "
            "count a twin of the right class as right, the \"family\" one any face of its family.", "",
-           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family |",
-           "|---|---|---|---|---|---|---|"]
+           "The module's answer is its first font after the best classes steered a similar-font query "
+           "(with every class installed); \"answer, twins\" counts a twin of the right class as right.", "",
+           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family | answer "
+           "| answer, twins |",
+           "|---|---|---|---|---|---|---|---|---|"]
+    vectors = table_vectors(args.tables, rec_classes)
+    if args.choose_temperature:
+        print("| temperature | top-1 | top-5 | answer |\n|---|---|---|---|", flush=True)
+        for t in args.choose_temperature:
+            _, top1, top5, _, _, _, answer, _, _ = recognition(
+                net, os.path.join(args.work, "lines_validation.bin"), twins, families, temperature=t,
+                vectors=vectors)
+            print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % |", flush=True)
+        return 0
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
              ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
@@ -203,10 +254,9 @@ def main(argv=None):
         if not os.path.exists(os.path.join(args.work, file)):
             continue
         path = os.path.join(args.work, file)
-        count, top1, top5, twin1, twin5, family1, wrong = recognition(net, path, twins, families,
-                                                                       every=every, first=first)
-        out.append(f"| {title} | {count} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * twin1:.1f} % "
-                   f"| {100 * twin5:.1f} % | {100 * family1:.1f} % |")
+        count, *figures, wrong = recognition(net, path, twins, families, every=every, first=first,
+                                             temperature=args.rec_temperature, vectors=vectors)
+        out.append(f"| {title} | {count} | " + " | ".join(f"{100 * f:.1f} %" for f in figures) + " |")
         if file == "lines_heldout.bin":
             confusions = wrong
     out += ["", "The most frequent wrong first answers on the degraded pictures (twins left out):", "",

@@ -3,7 +3,7 @@
 engine and PyTorch agree on them.
 
     /usr/bin/python3 training/export_networks.py --work DIR [--out data]
-        [--recognition-from FILE] [--similarity-from FILE]
+        [--recognition-from FILE] [--similarity-from FILE] [--rec-temperature T]
 
 Writes OUT/NQ_sim_model.dnm (the trunk up to "pool4") and OUT/NQ_rec_model.dnm (the trunk,
 "fc_rec" and "prob"), both from DIR/fontnet.pt, or either from FILE (the weights of a run
@@ -74,10 +74,18 @@ def main(argv=None):
     parser.add_argument("--out", default=os.path.join(REPO, "data"))
     parser.add_argument("--recognition-from", help="weights of the recognition model (default: DIR's network)")
     parser.add_argument("--similarity-from", help="weights of the similarity model (default: DIR's network)")
+    parser.add_argument("--rec-temperature", type=float, default=1.0,
+                        help="divide the recognition logits by this, folded into fc_rec: the module averages "
+                             "\"prob\" over a picture's crops, and a softer softmax lets no single crop outvote the rest")
     args = parser.parse_args(argv)
+    if not args.rec_temperature > 0:
+        parser.error("--rec-temperature must be positive")
     shared = None if args.similarity_from and args.recognition_from else load_net(args.work)
     sim_net = load_file(args.similarity_from) if args.similarity_from else shared
     rec_net = load_file(args.recognition_from) if args.recognition_from else shared
+    with torch.no_grad():
+        rec_net.rec.weight /= args.rec_temperature
+        rec_net.rec.bias /= args.rec_temperature
     crops = sample_crops(args.work)
     with torch.no_grad():
         x = torch.from_numpy(crops)

@@ -17,6 +17,7 @@ sys.path.insert(0, os.path.join(TRAINING, "corpus"))
 import torch  # noqa: E402
 
 import dnm  # noqa: E402
+import evaluate  # noqa: E402
 import export_networks  # noqa: E402
 import fit_classification  # noqa: E402
 import fontnet  # noqa: E402
@@ -217,6 +218,19 @@ class WidenedRecognitionHead(TemporaryFiles):
             expected = torch.softmax(net.rec_scores(net.pool4(torch.from_numpy(x))), 1).numpy()
         got = export_networks.engine_output(model, "prob", x)
         np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max())
+
+
+class ModuleAnswer(unittest.TestCase):
+    def test_the_best_five_classes_with_an_entry_steer_by_their_probabilities(self):
+        e = np.eye(4, dtype=np.float32)
+        # Class 0 has no table entry; class 3 lies between classes 1 and 2; class 6, the sixth
+        # class with an entry, would win the query if it were let in.
+        vectors = [None, e[0], e[1], (e[0] + e[1]) / np.sqrt(2), e[2], e[2], 100 * e[3]]
+        tail = [0.01, 0.01, 0.005]
+        # Two close classes: the font between them is nearest their weighted sum.
+        self.assertEqual(evaluate.answered(np.array([0.5, 0.45, 0.40, 0.05] + tail), vectors), 3)
+        # One clear class answers itself.
+        self.assertEqual(evaluate.answered(np.array([0.5, 0.8, 0.1, 0.05] + tail), vectors), 1)
 
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
