@@ -2,7 +2,7 @@
 """Chooses the shipped table's faces and makes the training pictures, through the reference
 host with the corpus as its fonts.
 
-    /usr/bin/python3 training/prepare_training_data.py --work DIR [--jobs 2] [--lines-per-font 60]
+    /usr/bin/python3 training/prepare_training_data.py --work DIR [--jobs 2] [--lines-per-font 60] [--only FILE ...]
 
 Writes into DIR:
 - names.txt: every face of the manifest (a specimens record's label is its line here);
@@ -117,6 +117,8 @@ def main(argv=None):
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--lines-per-font", type=int, default=60)
     parser.add_argument("--only-lists", action="store_true", help="stop after the specimens, the name lists and the table")
+    parser.add_argument("--only", nargs="+", metavar="FILE",
+                        help="make only these picture files (e.g. what a head on a fixed trunk and the report need)")
     args = parser.parse_args(argv)
     os.makedirs(args.work, exist_ok=True)
 
@@ -150,6 +152,11 @@ def main(argv=None):
             ("lines_clean.bin", ["lines", rec, "--per-font", "2", "--seed", "3", "--clean"]),
             ("lines_tall.bin", ["lines", rec, "--per-font", "1", "--seed", "4", "--tall"]),
             ("bands.bin", ["bands", os.path.join(args.work, "sim_classes.txt"), "--per-font", "2", "--seed", "5"])]
+    if args.only:
+        unknown = set(args.only) - {file for file, _ in runs}
+        if unknown:
+            parser.error(f"no picture file called {', '.join(sorted(unknown))}")
+        runs = [run for run in runs if run[0] in args.only]
     for file, (mode, fonts, *options) in runs:
         if not os.path.exists(out(file)):  # deterministic: a file is only remade when removed
             run_parts(args.work, args.jobs, [mode, fonts, WORDS] + options, out(file))
