@@ -44,9 +44,6 @@ class FontNet(nn.Module):
         # order as one built at that width, and an optimiser's saved state fits either.
         self.add_module("hidden", nn.Linear(FEATURES, rec_hidden) if rec_hidden else None)
         self.rec = nn.Linear(rec_hidden or FEATURES, rec_classes)
-        # The similarity model's own last layer once train_projection.py has trained one: fully
-        # connected with ReLU over pool4, exported in pool4's place (the module reads "pool4").
-        self.add_module("sim_proj", None)
 
     @property
     def rec_hidden(self):
@@ -74,18 +71,6 @@ class FontNet(nn.Module):
             rec.bias.copy_(self.rec.bias)
         self.hidden, self.rec = hidden, rec
 
-    def add_projection(self):
-        """Puts a similarity projection over pool4 that starts as the identity: pool4 is never
-        negative, so ReLU(pool4) is pool4 and the vectors are at first exactly the trunk's."""
-        self.sim_proj = nn.Linear(FEATURES, FEATURES)
-        with torch.no_grad():
-            self.sim_proj.weight.copy_(torch.eye(FEATURES))
-            self.sim_proj.bias.zero_()
-
-    def project(self, pool4):
-        """What the similarity model gives for pool4: the projection's output when there is one."""
-        return F.relu(self.sim_proj(pool4)) if self.sim_proj is not None else pool4
-
     def rec_scores(self, pool4):
         """The recognition logits ("fc_rec") from pool4; dropout on pool4 while training."""
         x = F.dropout(pool4, 0.3, self.training)
@@ -106,7 +91,7 @@ class FontNet(nn.Module):
 
     def embedding(self, crops):
         """crops: (n, 5, 1, 109, 109) -> (n, 384) unit vectors: pair max, max over crops."""
-        return self.reduce(self.project(self.pool4(crops.flatten(0, 1))), crops.shape[0])
+        return self.reduce(self.pool4(crops.flatten(0, 1)), crops.shape[0])
 
     @staticmethod
     def reduce(pool4, sets):
@@ -119,23 +104,19 @@ class FontNet(nn.Module):
         trunk, so batch normalisation sees (and keeps statistics of) the mixture inference meets."""
         n = x_rec.shape[0]
         p = self.pool4(torch.cat([x_rec, x_sim.flatten(0, 1)]))
-        return self.rec_scores(p[:n]), self.reduce(self.project(p[n:]), x_sim.shape[0])
+        return self.rec_scores(p[:n]), self.reduce(p[n:], x_sim.shape[0])
 
 
 def from_state(state):
     """The network a saved state holds, with its number of recognition classes and hidden width."""
     net = FontNet(state["rec_classes"], state.get("rec_hidden", 0))
-    if "sim_proj.weight" in state["net"]:
-        net.add_projection()
     net.load_state_dict(state["net"])
     return net
 
 
-def export(net, with_prob, with_projection=True):
+def export(net, with_prob):
     """The network as .dnm layers: the trunk to "pool4", and with `with_prob` the
-    recognition head ("fc_hidden" and its ReLU when there is one, "fc_rec", "prob"). Without
-    `with_prob`, the similarity projection when there is one (and `with_projection`): the
-    trunk's pooling becomes "pool_trunk", and "pool4" the projection's ReLU."""
+    recognition head ("fc_hidden" and its ReLU when there is one, "fc_rec", "prob")."""
     net = net.eval()
     layers = [dnm.Data("data")]
     top = "data"
@@ -146,11 +127,7 @@ def export(net, with_prob, with_projection=True):
         if pool:
             layers.append(dnm.MaxPool("pool_" + name, top, 3, 3, 2, 2))
             top = "pool_" + name
-    projected = net.sim_proj is not None and with_projection and not with_prob
-    layers.append(dnm.MaxPool("pool_trunk" if projected else "pool4", top, POOL4_SIDE, POOL4_SIDE))
-    if projected:
-        layers.append(dnm.fc_from_torch("sim_proj", "pool_trunk", net.sim_proj))
-        layers.append(dnm.ReLU("pool4", "sim_proj"))
+    layers.append(dnm.MaxPool("pool4", top, POOL4_SIDE, POOL4_SIDE))
     if with_prob:
         top = "pool4"
         if net.hidden is not None:

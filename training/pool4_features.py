@@ -25,13 +25,12 @@ CHUNK = 512
 
 
 class Trunk:
-    """A network's trunk (without any similarity projection) as an exported model, with its
-    digest."""
+    """A network's trunk as an exported model, with its digest."""
 
     def __init__(self, net):
         with tempfile.TemporaryDirectory() as folder:
             model = os.path.join(folder, "trunk.dnm")
-            dnm.write_model(model, fontnet.export(net.eval(), False, with_projection=False))
+            dnm.write_model(model, fontnet.export(net.eval(), False))
             with open(model, "rb") as f:
                 self.model = f.read()
         self.digest = hashlib.sha1(self.model).hexdigest()[:12]
