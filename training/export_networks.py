@@ -51,16 +51,17 @@ def sample_crops(work, count=10):
     return np.concatenate([images.specimen_crops(lower), rec])[:, None]
 
 
-def engine_output(model_path, layer, pictures):
-    """`layer` of the model as build/bin/dnm-run computes it for pictures (n, 1, height, width),
-    one row per picture."""
+def engine_output(model_path, layer, pictures, threads=None):
+    """`layer` of the model as build/bin/dnm-run computes it for pictures (n, 1, height, width)
+    or (n, height, width), one row per picture; on `threads` of the engine when given."""
     height, width = pictures.shape[-2:]
     with tempfile.TemporaryDirectory() as folder:
         source, result = os.path.join(folder, "in.f32"), os.path.join(folder, "out.f32")
         pictures.astype("<f4").tofile(source)
         subprocess.run([DNM_RUN, "--model", model_path, "--layer", layer, "--width", str(width),
                         "--height", str(height), "--count", str(len(pictures)), "--input", source,
-                        "--output", result], check=True, stdout=subprocess.DEVNULL)
+                        "--output", result] + (["--threads", str(threads)] if threads else []),
+                       check=True, stdout=subprocess.DEVNULL)
         return np.fromfile(result, "<f4").reshape(len(pictures), -1)
 
 

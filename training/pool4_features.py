@@ -9,7 +9,6 @@ cache made with other weights is never taken for this one.
 """
 import hashlib
 import os
-import subprocess
 import tempfile
 
 import numpy as np
@@ -39,17 +38,12 @@ class Trunk:
         """float16 (n, 768) for uint8 crops (n, 109, 109), through the engine."""
         out = np.empty((len(crops), fontnet.FEATURES), np.float16)
         with tempfile.TemporaryDirectory() as folder:
-            model, source, result = (os.path.join(folder, name) for name in ("trunk.dnm", "in.f32", "out.f32"))
+            model = os.path.join(folder, "trunk.dnm")
             with open(model, "wb") as f:
                 f.write(self.model)
             for start in range(0, len(crops), CHUNK):
-                part = np.asarray(crops[start:start + CHUNK])
-                (part.astype("<f4") - 128.0).tofile(source)
-                subprocess.run([export_networks.DNM_RUN, "--model", model, "--layer", "pool4",
-                                "--width", str(images.SIDE), "--height", str(images.SIDE), "--count", str(len(part)),
-                                "--input", source, "--output", result, "--threads", str(threads)],
-                               check=True, stdout=subprocess.DEVNULL)
-                out[start:start + len(part)] = np.fromfile(result, "<f4").reshape(len(part), -1)
+                part = np.asarray(crops[start:start + CHUNK], np.float32) - 128.0
+                out[start:start + len(part)] = export_networks.engine_output(model, "pool4", part, threads)
         return out
 
 
@@ -68,7 +62,7 @@ def line_features(work, trunk, file, classes, log=print):
             return labels[chosen], features
     log(f"{file}: pool4 of {len(chosen) * images.LINE_CROPS} crops through the engine", flush=True)
     features = np.empty(shape, np.float16)
-    per_run = CHUNK // images.LINE_CROPS * 8
+    per_run = 8 * CHUNK // images.LINE_CROPS  # pictures read from the map at a time: eight engine runs
     for start in range(0, len(chosen), per_run):
         picked = chosen[start:start + per_run]
         flat = crops[picked].reshape(-1, images.SIDE, images.SIDE)
