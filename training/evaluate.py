@@ -76,31 +76,39 @@ def twin_classes(work, rec_classes, names):
     return twins
 
 
-def answered(mean, vectors):
-    """The first font the module answers for a picture's mean probabilities when every class is
-    an installed font with a table entry (vectors[class], or None without one): the best ten
-    classes, of which the first five with an entry steer a similar-font query weighted by their
-    probabilities; the answer is the installed font nearest that weighted sum."""
+def answers(mean, vectors, count=5):
+    """The first `count` fonts the module answers for a picture's mean probabilities when every
+    class is an installed font with a table entry (vectors[class], or None without one): the best
+    ten classes, of which the first five with an entry steer a similar-font query weighted by
+    their probabilities; the answers are the installed fonts nearest that weighted sum."""
     order = np.argsort(-mean, kind="stable")[:10]
     kept = [c for c in order if vectors[c] is not None][:5]
     query = sum(mean[c] * vectors[c] for c in kept)
-    scores = [-np.inf if v is None else float(v @ query) for v in vectors]
-    return int(np.argmax(scores))
+    scores = np.array([-np.inf if v is None else float(v @ query) for v in vectors])
+    ranked = np.argsort(-scores, kind="stable")
+    return [int(c) for c in ranked if vectors[c] is not None][:count]
+
+
+def answered(mean, vectors):
+    """The module's first answer (see `answers`)."""
+    return answers(mean, vectors, 1)[0]
 
 
 def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None):
     """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, the
-    module's first answer right, the same counting twins, the wrong first answers) over the
+    module's first answer right, the same counting twins, the right font among the module's
+    first five answers, the wrong first answers) over the
     records first, first + every, ... whose font is a recognition class; "with twins", a class
     drawn the same as the right one counts as right; "of the family", any face of the right
-    one's family (families[class], its family key); the module's answer as `answered` gives it
-    from the table's `vectors` (0 without them); the wrong answers count (right class, class
+    one's family (families[class], its family key); the module's first answer as `answers` gives
+    it from the table's `vectors`, the same counting twins, the right font among its first five
+    (0 without vectors); the wrong answers count (right class, class
     answered) pairs. The logits are divided by `temperature`, as an export with that
     temperature folds it into "fc_rec"."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
-    hits = np.zeros(7)
+    hits = np.zeros(8)
     wrong = collections.Counter()
     with torch.no_grad():
         for start in range(0, len(records), batch):
@@ -117,9 +125,10 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
                 hits[2 * k + 1] += np.sum(np.any(right, axis=1))
             hits[4] += sum(families[b] == families[t] for b, t in zip(best[:, 0], truth))
             if vectors is not None:
-                answers = [answered(m, vectors) for m in mean.numpy()]
-                hits[5] += sum(a == t for a, t in zip(answers, truth))
-                hits[6] += sum(a in twins[t] for a, t in zip(answers, truth))
+                ranked = [answers(m, vectors) for m in mean.numpy()]
+                hits[5] += sum(r[0] == t for r, t in zip(ranked, truth))
+                hits[6] += sum(r[0] in twins[t] for r, t in zip(ranked, truth))
+                hits[7] += sum(t in r for r, t in zip(ranked, truth))
             wrong.update((int(t), int(b)) for b, t in zip(best[:, 0], truth) if b not in twins[t])
     return (len(records), *(hits / max(1, len(records))), wrong)
 
@@ -222,16 +231,16 @@ def main(argv=None):
            "The module's answer is its first font after the best classes steered a similar-font query "
            "(with every class installed); \"answer, twins\" counts a twin of the right class as right.", "",
            "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family | answer "
-           "| answer, twins |",
-           "|---|---|---|---|---|---|---|---|---|"]
+           "| answer, twins | answer, top-5 |",
+           "|---|---|---|---|---|---|---|---|---|---|"]
     vectors = table_vectors(args.tables, rec_classes)
     if args.choose_temperature:
-        print("| temperature | top-1 | top-5 | answer |\n|---|---|---|---|", flush=True)
+        print("| temperature | top-1 | top-5 | answer | answer, top-5 |\n|---|---|---|---|---|", flush=True)
         for t in args.choose_temperature:
-            _, top1, top5, _, _, _, answer, _, _ = recognition(
+            _, top1, top5, _, _, _, answer, _, answer5, _ = recognition(
                 net, os.path.join(args.work, "lines_validation.bin"), twins, families, temperature=t,
                 vectors=vectors)
-            print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % |", flush=True)
+            print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % | {100 * answer5:.1f} % |", flush=True)
         return 0
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
