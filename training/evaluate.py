@@ -84,27 +84,20 @@ def answers(mean, vectors, count=5):
     order = np.argsort(-mean, kind="stable")[:10]
     kept = [c for c in order if vectors[c] is not None][:5]
     query = sum(mean[c] * vectors[c] for c in kept)
-    scores = np.array([-np.inf if v is None else float(v @ query) for v in vectors])
-    ranked = np.argsort(-scores, kind="stable")
-    return [int(c) for c in ranked if vectors[c] is not None][:count]
-
-
-def answered(mean, vectors):
-    """The module's first answer (see `answers`)."""
-    return answers(mean, vectors, 1)[0]
+    entered = [c for c, v in enumerate(vectors) if v is not None]
+    scores = np.array([float(vectors[c] @ query) for c in entered])
+    return [entered[i] for i in np.argsort(-scores, kind="stable")[:count]]
 
 
 def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None):
     """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, the
     module's first answer right, the same counting twins, the right font among the module's
-    first five answers, the wrong first answers) over the
-    records first, first + every, ... whose font is a recognition class; "with twins", a class
-    drawn the same as the right one counts as right; "of the family", any face of the right
-    one's family (families[class], its family key); the module's first answer as `answers` gives
-    it from the table's `vectors`, the same counting twins, the right font among its first five
-    (0 without vectors); the wrong answers count (right class, class
-    answered) pairs. The logits are divided by `temperature`, as an export with that
-    temperature folds it into "fc_rec"."""
+    first five answers, the wrong first answers) over the records first, first + every, ...
+    whose font is a recognition class; "with twins", a class drawn the same as the right one
+    counts as right; "of the family", any face of the right one's family (families[class], its
+    family key); the module's answers are those `answers` gives from the table's `vectors` (0
+    without them); the wrong answers count (right class, class answered) pairs. The logits are
+    divided by `temperature`, as an export with that temperature folds it into "fc_rec"."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
@@ -240,7 +233,8 @@ def main(argv=None):
             _, top1, top5, _, _, _, answer, _, answer5, _ = recognition(
                 net, os.path.join(args.work, "lines_validation.bin"), twins, families, temperature=t,
                 vectors=vectors)
-            print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % | {100 * answer5:.1f} % |", flush=True)
+            print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % "
+                  f"| {100 * answer5:.1f} % |", flush=True)
         return 0
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),

@@ -228,11 +228,12 @@ class ModuleAnswer(unittest.TestCase):
         vectors = [None, e[0], e[1], (e[0] + e[1]) / np.sqrt(2), e[2], e[2], 100 * e[3]]
         tail = [0.01, 0.01, 0.005]
         # Two close classes: the font between them is nearest their weighted sum.
-        self.assertEqual(evaluate.answered(np.array([0.5, 0.45, 0.40, 0.05] + tail), vectors), 3)
+        self.assertEqual(evaluate.answers(np.array([0.5, 0.45, 0.40, 0.05] + tail), vectors)[0], 3)
         # One clear class answers itself.
-        self.assertEqual(evaluate.answered(np.array([0.5, 0.8, 0.1, 0.05] + tail), vectors), 1)
+        self.assertEqual(evaluate.answers(np.array([0.5, 0.8, 0.1, 0.05] + tail), vectors)[0], 1)
         # Further answers follow the query's scores; a class without an entry is never answered.
-        self.assertEqual(evaluate.answers(np.array([0.5, 0.8, 0.1, 0.05] + tail), vectors, 7), [1, 3, 2, 4, 5, 6])
+        self.assertEqual(evaluate.answers(np.array([0.5, 0.8, 0.1, 0.05] + tail), vectors, 7),
+                         [1, 3, 2, 4, 5, 6])
 
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
