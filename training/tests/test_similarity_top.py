@@ -1,0 +1,90 @@
+"""The similarity trunk's top retrained over cached lower-trunk features: the split of the trunk,
+the cache key, and the mining of hard negatives."""
+import os
+import sys
+import unittest
+
+import numpy as np
+
+TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+sys.path.insert(0, TRAINING)
+sys.path.insert(0, os.path.join(TRAINING, "corpus"))
+import torch  # noqa: E402
+
+import fontnet  # noqa: E402
+import images  # noqa: E402
+import train_similarity_top as top  # noqa: E402
+
+
+def small_net(seed=3):
+    torch.manual_seed(seed)
+    net = fontnet.FontNet(4)
+    with torch.no_grad():
+        net.pool4(torch.rand(4, 1, 109, 109) * 255 - 128)  # normalisation statistics that matter
+    return net.eval()
+
+
+class TrunkSplit(unittest.TestCase):
+    def test_lower_then_upper_is_the_whole_trunk(self):
+        net = small_net()
+        x = torch.rand(3, 1, 109, 109) * 255 - 128
+        with torch.no_grad():
+            lower = top.lower_trunk(net, x)
+            self.assertEqual(tuple(lower.shape[1:]), top.LOWER_SHAPE)
+            torch.testing.assert_close(top.upper_trunk(net, lower), net.pool4(x))
+
+    def test_the_cache_key_follows_the_fixed_layers_only(self):
+        net = small_net()
+        digest = top.lower_digest(net)
+        with torch.no_grad():
+            net.convs[top.LOWER].weight.mul_(2.0)  # trained: not part of the cached features
+        self.assertEqual(top.lower_digest(net), digest)
+        with torch.no_grad():
+            net.norms[top.LOWER - 1].running_mean.add_(0.5)
+        self.assertNotEqual(top.lower_digest(net), digest)
+
+
+class Mining(unittest.TestCase):
+    def setUp(self):
+        self.net = small_net()
+        rng = np.random.default_rng(4)
+        # Six specimens: (family, case) = (0,0) (0,0) (1,0) (2,0) (2,1) (3,0); specimen 5 is a copy
+        # of specimen 0 (another family drawing the same letters).
+        # Each specimen lights its own block of channels, so that only the copy comes near.
+        self.features = np.zeros((6, images.CROPS) + top.LOWER_SHAPE, np.float16)
+        for i in range(6):
+            self.features[i, :, 18 * i:18 * i + 18] = rng.random((images.CROPS, 18, 6, 6)) * 4
+        self.features[5] = self.features[0]
+        self.families = np.array([0, 0, 1, 2, 2, 3])
+        self.cases = np.array([0, 0, 0, 0, 1, 0])
+        self.rows = np.arange(6)
+
+    def mined(self, clone):
+        return top.mine(self.net, self.features, self.rows, self.families, self.cases, clone, count=3)
+
+    def test_negatives_are_of_another_family_and_the_same_case(self):
+        hard = self.mined(lambda a, b: False)
+        for k, negatives in hard.items():
+            for j in negatives:
+                self.assertNotEqual(self.families[j], self.families[k])
+                self.assertEqual(self.cases[j], self.cases[k])
+        self.assertEqual(hard[4], [])  # the only upper-case specimen has no other
+        self.assertEqual(hard[0][0], 5)  # the copy is nearest of all
+
+    def test_a_face_drawn_the_same_is_never_a_negative(self):
+        asked = []
+
+        def clone(a, b):
+            asked.append((a, b))
+            return {a, b} == {0, 5}
+
+        hard = self.mined(clone)
+        self.assertNotIn(5, hard[0])
+        self.assertNotIn(0, hard[5])
+        self.assertIn(2, hard[0])
+        # Only vectors all but equal are compared pixel by pixel.
+        self.assertTrue(all({a, b} == {0, 5} for a, b in asked), asked)
+
+
+if __name__ == "__main__":
+    unittest.main()
