@@ -1,14 +1,14 @@
 #!/usr/bin/python3
-"""Retrains the top of the similarity trunk (conv6, conv7) on hard negatives, over the lower
-trunk's output of every specimen crop computed once.
+"""Retrains the top of the similarity trunk (conv6, conv7; with --fixed 4 also conv5) on hard
+negatives, over the lower trunk's output of every specimen crop computed once.
 
     /usr/bin/python3 training/train_similarity_top.py --work DIR --init FILE --save-to DIR2
-        [--steps 4000] [--pairs 16] [--lr 3e-4] [--mine-every 1000]
+        [--fixed 5] [--steps 4000] [--pairs 16] [--lr 3e-4] [--mine-every 1000]
 
 A projection over pool4 cannot pull apart what the trunk's 6 x 6 max has already drawn together;
-the last two convolutions still see the map before that max. The lower trunk (conv1 to conv5 and
-its pooling, three quarters of the cost) stays fixed, so its 112 x 6 x 6 output of every crop is
-computed once (DIR/simtop/, float16, keyed by a digest of those weights): five crops of every
+the last convolutions still see the map before that max. The lower trunk (by default conv1 to
+conv5 and its pooling, three quarters of the cost) stays fixed, so its output of every crop
+(112 x 6 x 6) is computed once (DIR/simtop/, float16, keyed by a digest of those weights): five crops of every
 specimen at the offsets the similarity update uses, and ten more at random offsets for the
 training faces.
 
@@ -46,43 +46,57 @@ import images  # noqa: E402
 import splits as corpus_splits  # noqa: E402
 import train_networks  # noqa: E402
 
-LOWER = 5  # conv1 .. conv5 (with its pooling) stay fixed
 RANDOM_CROPS = 10  # further crops of a training specimen, at random offsets
 # Specimens whose vectors are nearer than this are checked for being drawn the same.
 CLONE_COSINE = 0.98
-LOWER_SHAPE = (fontnet.TRUNK[LOWER - 1][2], fontnet.POOL4_SIDE, fontnet.POOL4_SIDE)
 
 
-def lower_trunk(net, x):
-    for (_, _, _, _, _, _, pool), conv, norm in list(zip(fontnet.TRUNK, net.convs, net.norms))[:LOWER]:
-        x = F.relu(norm(conv(x)))
-        if pool:
-            x = F.max_pool2d(x, 3, 2)
-    return x
+class TrunkSplit:
+    """A network's trunk cut after its first `fixed` convolutions (with their pooling): the lower
+    part is computed once and cached, the upper part is what training changes."""
+
+    def __init__(self, net, fixed=5):
+        if not 1 <= fixed < len(fontnet.TRUNK):
+            raise ValueError(f"between 1 and {len(fontnet.TRUNK) - 1} convolutions can stay fixed, not {fixed}")
+        self.net, self.fixed = net, fixed
+        self.layers = list(zip(fontnet.TRUNK, net.convs, net.norms))
+        with torch.no_grad():
+            self.shape = tuple(self.lower(torch.zeros(1, 1, images.SIDE, images.SIDE)).shape[1:])
+
+    def lower(self, x):
+        for (_, _, _, _, _, _, pool), conv, norm in self.layers[:self.fixed]:
+            x = F.relu(norm(conv(x)))
+            if pool:
+                x = F.max_pool2d(x, 3, 2)
+        return x
+
+    def upper(self, x):
+        """pool4 from the lower part's output."""
+        for (_, _, _, _, _, _, pool), conv, norm in self.layers[self.fixed:]:
+            x = F.relu(norm(conv(x)))
+            if pool:
+                x = F.max_pool2d(x, 3, 2)
+        return F.max_pool2d(x, fontnet.POOL4_SIDE).flatten(1)
+
+    def trained_parameters(self):
+        return [p for _, conv, norm in self.layers[self.fixed:] for p in (*conv.parameters(), *norm.parameters())]
+
+    def digest(self):
+        """A key of the lower part's weights: features cached with other weights are never taken."""
+        h = hashlib.sha1(str(self.fixed).encode())
+        for _, conv, norm in self.layers[:self.fixed]:
+            for value in (*conv.state_dict().values(), *norm.state_dict().values()):
+                h.update(value.numpy().tobytes())
+        return h.hexdigest()[:12]
 
 
-def upper_trunk(net, x):
-    """pool4 from the lower trunk's output: what training changes."""
-    for conv, norm in list(zip(net.convs, net.norms))[LOWER:]:
-        x = F.relu(norm(conv(x)))
-    return F.max_pool2d(x, fontnet.POOL4_SIDE).flatten(1)
-
-
-def lower_digest(net):
-    h = hashlib.sha1()
-    for module in list(net.convs)[:LOWER] + list(net.norms)[:LOWER]:
-        for value in module.state_dict().values():
-            h.update(value.numpy().tobytes())
-    return h.hexdigest()[:12]
-
-
-def lower_features(work, net, names, training, log=print):
+def lower_features(work, split, names, training, log=print):
     """(specimen keys [(name, case)], features float16 (n, 15, 112, 6, 6)): the first five crops
     at the update's offsets, then RANDOM_CROPS at random offsets for the faces in `training`
     (zeros for the others, which are only ever judged)."""
     folder = os.path.join(work, "simtop")
     os.makedirs(folder, exist_ok=True)
-    path = os.path.join(folder, f"lower-{lower_digest(net)}.npy")
+    path = os.path.join(folder, f"lower-{split.digest()}.npy")
     label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(work, "names.txt")))}
     name_of = {label_of[n]: n for n in names if n in label_of}
     keys = [(name_of[label], case) for label in images.specimen_labels(os.path.join(work, "specimens.bin"))
@@ -90,12 +104,12 @@ def lower_features(work, net, names, training, log=print):
     width = images.CROPS + RANDOM_CROPS
     if os.path.exists(path):
         features = np.load(path, mmap_mode="r")
-        if features.shape == (len(keys), width) + LOWER_SHAPE:
+        if features.shape == (len(keys), width) + split.shape:
             return keys, np.asarray(features)
     log(f"lower trunk over the crops of {len(keys)} specimens", flush=True)
-    features = np.zeros((len(keys), width) + LOWER_SHAPE, np.float16)
+    features = np.zeros((len(keys), width) + split.shape, np.float16)
     rng = np.random.default_rng(7)
-    pending, at, started = [], 0, time.time()
+    pending, at, logged, started = [], 0, 0, time.time()
 
     def flush():
         nonlocal pending
@@ -103,7 +117,7 @@ def lower_features(work, net, names, training, log=print):
             return
         x = torch.from_numpy(np.concatenate([c for _, c in pending])[:, None])
         with torch.no_grad():
-            y = lower_trunk(net, x).numpy().astype(np.float16)
+            y = split.lower(x).numpy().astype(np.float16)
         k = 0
         for row, crops in pending:
             features[row, :len(crops)] = y[k:k + len(crops)]
@@ -121,7 +135,8 @@ def lower_features(work, net, names, training, log=print):
             at += 1
         if sum(len(c) for _, c in pending) >= 480:
             flush()
-            if at // 2000 != (at - len(strips)) // 2000:
+            if at - logged >= 2000:
+                logged = at
                 log(f"  {at} of {len(keys)} specimens, {time.time() - started:.0f} s", flush=True)
     flush()
     with open(path + ".tmp", "wb") as f:
@@ -130,7 +145,7 @@ def lower_features(work, net, names, training, log=print):
     return keys, features
 
 
-def embed(net, features, which, crops=None, batch=128):
+def embed(split, features, which, crops=None, batch=128):
     """Unit vectors (len(which), 384) of the specimens `which` over the update's five crops (or
     the given crop indices per specimen, (len(which), 5))."""
     out = []
@@ -141,7 +156,7 @@ def embed(net, features, which, crops=None, batch=128):
         else:
             x = features[rows[:, None], crops[start:start + batch]]
         x = torch.from_numpy(np.asarray(x, np.float32)).flatten(0, 1)
-        out.append(fontnet.FontNet.reduce(upper_trunk(net, x), len(rows)))
+        out.append(fontnet.FontNet.reduce(split.upper(x), len(rows)))
     return torch.cat(out)
 
 
@@ -149,16 +164,16 @@ class Judge:
     """The report's figure on one split: another face of the family among the 5 nearest of all
     corpus faces, by the sum of the two cases' cosines."""
 
-    def __init__(self, keys, families, split, wanted):
+    def __init__(self, keys, families, split_of, wanted):
         self.row = {key: i for i, key in enumerate(keys)}
         self.names = sorted({n for n, c in keys if (n, 1 - c) in self.row})
         members = collections.Counter(families[n] for n in self.names)
         self.families = np.array([families[n] for n in self.names])
-        self.tested = np.array([i for i, n in enumerate(self.names) if split[n] == wanted and members[families[n]] >= 2])
+        self.tested = np.array([i for i, n in enumerate(self.names) if split_of[n] == wanted and members[families[n]] >= 2])
 
-    def __call__(self, net, features):
+    def __call__(self, split, features):
         with torch.no_grad():
-            halves = [embed(net, features, np.array([self.row[(n, c)] for n in self.names])) for c in (0, 1)]
+            halves = [embed(split, features, np.array([self.row[(n, c)] for n in self.names])) for c in (0, 1)]
         vectors = torch.cat(halves, 1)
         scores = vectors[self.tested] @ vectors.t()
         scores[torch.arange(len(self.tested)), torch.from_numpy(self.tested)] = -math.inf
@@ -167,11 +182,11 @@ class Judge:
         return float(hits.mean()), len(self.tested)
 
 
-def mine(net, features, train_rows, family_ids, cases, clone, count=10):
+def mine(split, features, train_rows, family_ids, cases, clone, count=10):
     """For each training specimen, up to `count` nearest specimens of the same case and another
     family, clones left out."""
     with torch.no_grad():
-        vectors = embed(net, features, train_rows)
+        vectors = embed(split, features, train_rows)
     hard = {}
     for case in (0, 1):
         idx = np.flatnonzero(cases[train_rows] == case)
@@ -196,6 +211,7 @@ def main(argv=None):
     parser.add_argument("--work", required=True)
     parser.add_argument("--init", required=True, help="weights of the similarity network to start from")
     parser.add_argument("--save-to", required=True)
+    parser.add_argument("--fixed", type=int, default=5, help="convolutions of the trunk that stay fixed (5: conv1 to conv5)")
     parser.add_argument("--steps", type=int, default=4000)
     parser.add_argument("--pairs", type=int, default=16, help="seed specimens a step, each with a mined negative")
     parser.add_argument("--lr", type=float, default=3e-4)
@@ -214,7 +230,8 @@ def main(argv=None):
     split = corpus_splits.split_of_faces()
     names = [n for n in images.read_names(os.path.join(args.work, "names.txt")) if n in family_of]
     training = set(images.read_names(os.path.join(args.work, "sim_classes.txt")))
-    keys, features = lower_features(args.work, net, names, training)
+    split = TrunkSplit(net, args.fixed)
+    keys, features = lower_features(args.work, split, names, training)
     judge = Judge(keys, family_of, split, "validation")
 
     key_family = [corpus_splits.family_key(family_of[n]) for n, _ in keys]
@@ -236,10 +253,9 @@ def main(argv=None):
             alike[pair] = evaluate.drawn_alike(specimens[label_of[keys[a][0]]], specimens[label_of[keys[b][0]]])
         return alike[pair]
 
-    upper = [p for m in list(net.convs)[LOWER:] + list(net.norms)[LOWER:] for p in m.parameters()]
-    optimiser = torch.optim.AdamW(upper, lr=args.lr, weight_decay=1e-4)
+    optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
     started = time.time()
-    figure, tested = judge(net, features)
+    figure, tested = judge(split, features)
     print(f"{len(train_rows)} training specimens, {tested} validation faces with a sibling; "
           f"before: family among the 5 nearest {100 * figure:.1f} % ({time.time() - started:.0f} s)", flush=True)
     best = (figure, 0, {k: v.clone() for k, v in net.state_dict().items()})
@@ -248,7 +264,7 @@ def main(argv=None):
     for step in range(args.steps):
         if step % args.mine_every == 0:
             t = time.time()
-            hard = mine(net, features, train_rows, family_ids, cases, clone)
+            hard = mine(split, features, train_rows, family_ids, cases, clone)
             print(f"step {step}: hard negatives mined in {time.time() - t:.0f} s", flush=True)
         rate = train_networks.learning_rate(step, args.steps, args.lr)
         for group in optimiser.param_groups:
@@ -263,7 +279,7 @@ def main(argv=None):
                               for a in anchors])
         rows = np.concatenate([anchors, positives])
         crops = np.stack([rng.choice(images.CROPS + RANDOM_CROPS, images.CROPS, replace=False) for _ in rows])
-        vectors = embed(net, features, rows, crops, batch=len(rows))
+        vectors = embed(split, features, rows, crops, batch=len(rows))
         a, p = vectors[:len(anchors)], vectors[len(anchors):]
         logits = a @ p.t() / train_networks.SIM_TEMPERATURE
         # Another pair of the anchor's own family is no negative.
@@ -281,7 +297,7 @@ def main(argv=None):
             print(f"step {step + 1}/{args.steps} loss {l:.3f} ({r:.2f}) lr {rate:.2e} {time.time() - started:.0f} s",
                   flush=True)
         if (step + 1) % args.judge_every == 0 or step + 1 == args.steps:
-            figure, _ = judge(net, features)
+            figure, _ = judge(split, features)
             print(f"step {step + 1}: validation family among the 5 nearest {100 * figure:.1f} %", flush=True)
             if figure > best[0]:
                 best = (figure, step + 1, {k: v.clone() for k, v in net.state_dict().items()})

@@ -25,33 +25,43 @@ def small_net(seed=3):
 
 
 class TrunkSplit(unittest.TestCase):
-    def test_lower_then_upper_is_the_whole_trunk(self):
+    def test_lower_then_upper_is_the_whole_trunk_wherever_it_is_cut(self):
         net = small_net()
         x = torch.rand(3, 1, 109, 109) * 255 - 128
-        with torch.no_grad():
-            lower = top.lower_trunk(net, x)
-            self.assertEqual(tuple(lower.shape[1:]), top.LOWER_SHAPE)
-            torch.testing.assert_close(top.upper_trunk(net, lower), net.pool4(x))
+        for fixed, shape in ((5, (112, 6, 6)), (4, (128, 13, 13)), (1, (24, 27, 27))):
+            split = top.TrunkSplit(net, fixed)
+            with torch.no_grad():
+                lower = split.lower(x)
+                self.assertEqual(tuple(lower.shape[1:]), split.shape)
+                self.assertEqual(split.shape, shape)
+                torch.testing.assert_close(split.upper(lower), net.pool4(x))
+            trained = {id(p) for p in split.trained_parameters()}
+            self.assertIn(id(net.convs[fixed].weight), trained)
+            self.assertNotIn(id(net.convs[fixed - 1].weight), trained)
+        with self.assertRaises(ValueError):
+            top.TrunkSplit(net, 7)
 
     def test_the_cache_key_follows_the_fixed_layers_only(self):
         net = small_net()
-        digest = top.lower_digest(net)
+        split = top.TrunkSplit(net)
+        digest = split.digest()
         with torch.no_grad():
-            net.convs[top.LOWER].weight.mul_(2.0)  # trained: not part of the cached features
-        self.assertEqual(top.lower_digest(net), digest)
+            net.convs[5].weight.mul_(2.0)  # trained: not part of the cached features
+        self.assertEqual(split.digest(), digest)
+        self.assertNotEqual(top.TrunkSplit(net, 4).digest(), digest)
         with torch.no_grad():
-            net.norms[top.LOWER - 1].running_mean.add_(0.5)
-        self.assertNotEqual(top.lower_digest(net), digest)
+            net.norms[4].running_mean.add_(0.5)
+        self.assertNotEqual(split.digest(), digest)
 
 
 class Mining(unittest.TestCase):
     def setUp(self):
-        self.net = small_net()
+        self.split = top.TrunkSplit(small_net())
         rng = np.random.default_rng(4)
         # Six specimens: (family, case) = (0,0) (0,0) (1,0) (2,0) (2,1) (3,0); specimen 5 is a copy
         # of specimen 0 (another family drawing the same letters).
         # Each specimen lights its own block of channels, so that only the copy comes near.
-        self.features = np.zeros((6, images.CROPS) + top.LOWER_SHAPE, np.float16)
+        self.features = np.zeros((6, images.CROPS) + self.split.shape, np.float16)
         for i in range(6):
             self.features[i, :, 18 * i:18 * i + 18] = rng.random((images.CROPS, 18, 6, 6)) * 4
         self.features[5] = self.features[0]
@@ -60,7 +70,7 @@ class Mining(unittest.TestCase):
         self.rows = np.arange(6)
 
     def mined(self, clone):
-        return top.mine(self.net, self.features, self.rows, self.families, self.cases, clone, count=3)
+        return top.mine(self.split, self.features, self.rows, self.families, self.cases, clone, count=3)
 
     def test_negatives_are_of_another_family_and_the_same_case(self):
         hard = self.mined(lambda a, b: False)
