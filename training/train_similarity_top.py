@@ -227,12 +227,12 @@ def main(argv=None):
     state = torch.load(args.init)
     net = fontnet.from_state(state).eval()
     _, family_of = corpus_splits.read_labels()
-    split = corpus_splits.split_of_faces()
+    split_of = corpus_splits.split_of_faces()
     names = [n for n in images.read_names(os.path.join(args.work, "names.txt")) if n in family_of]
     training = set(images.read_names(os.path.join(args.work, "sim_classes.txt")))
     split = TrunkSplit(net, args.fixed)
     keys, features = lower_features(args.work, split, names, training)
-    judge = Judge(keys, family_of, split, "validation")
+    judge = Judge(keys, family_of, split_of, "validation")
 
     key_family = [corpus_splits.family_key(family_of[n]) for n, _ in keys]
     family_number = {f: i for i, f in enumerate(sorted(set(key_family)))}

@@ -1,7 +1,12 @@
 """The similarity trunk's top retrained over cached lower-trunk features: the split of the trunk,
 the cache key, and the mining of hard negatives."""
+import collections
+import contextlib
+import io
 import os
+import struct
 import sys
+import tempfile
 import unittest
 
 import numpy as np
@@ -13,6 +18,7 @@ import torch  # noqa: E402
 
 import fontnet  # noqa: E402
 import images  # noqa: E402
+import splits as corpus_splits  # noqa: E402
 import train_similarity_top as top  # noqa: E402
 
 
@@ -94,6 +100,58 @@ class Mining(unittest.TestCase):
         self.assertIn(2, hard[0])
         # Only vectors all but equal are compared pixel by pixel.
         self.assertTrue(all({a, b} == {0, 5} for a, b in asked), asked)
+
+
+class ScriptOnAToyWorkFolder(unittest.TestCase):
+    """Real corpus names (their families and splits come from the checked-in labels) with random
+    specimens: the script's wiring, not what it learns."""
+
+    def families_of(self, split, count):
+        _, family_of = corpus_splits.read_labels()
+        split_of = corpus_splits.split_of_faces()
+        members = collections.defaultdict(list)
+        for name, family in sorted(family_of.items()):
+            if split_of[name] == split:
+                members[family].append(name)
+        return [faces[:3] for faces in members.values() if len(faces) >= 2][:count]
+
+    def test_the_lower_trunk_and_the_head_are_kept_and_the_features_cached(self):
+        training = [n for faces in self.families_of("train", 2) for n in faces]
+        judged = [n for faces in self.families_of("validation", 2) for n in faces]
+        names = training + judged
+        rng = np.random.default_rng(6)
+        with tempfile.TemporaryDirectory() as work:
+            with open(os.path.join(work, "specimens.bin"), "wb") as f:
+                f.write(b"FXSPEC01")
+                for label in range(len(names)):
+                    widths = rng.integers(60, 300, 2)
+                    f.write(struct.pack("<iii", label, *widths))
+                    for width in widths:
+                        f.write(rng.integers(0, 256, (109, width), dtype=np.uint8).tobytes())
+            for file, listed in (("names.txt", names), ("sim_classes.txt", training)):
+                with open(os.path.join(work, file), "w", encoding="utf-8") as f:
+                    f.write("\n".join(listed) + "\n")
+            net = small_net()
+            init = os.path.join(work, "init.pt")
+            torch.save({"net": net.state_dict(), "step": 9, "rec_classes": 4}, init)
+            out = os.path.join(work, "out")
+            arguments = ["--work", work, "--init", init, "--save-to", out, "--fixed", "4", "--steps", "3",
+                         "--pairs", "2", "--mine-every", "2", "--judge-every", "2", "--threads", "1"]
+            with contextlib.redirect_stdout(io.StringIO()) as printed:
+                top.main(arguments)
+            self.assertIn(f"{2 * len(training)} training specimens, {len(judged)} validation faces", printed.getvalue())
+            state = torch.load(os.path.join(out, "fontnet.pt"))
+            self.assertEqual(state["step"], 9)
+            for name, value in net.state_dict().items():
+                if name.startswith(("convs.0.", "convs.3.", "norms.3.", "rec.")):
+                    torch.testing.assert_close(state["net"][name], value)
+            cached = os.listdir(os.path.join(work, "simtop"))
+            self.assertEqual(len(cached), 1)
+            # A second run takes the cached features instead of computing them again.
+            with contextlib.redirect_stdout(io.StringIO()) as printed:
+                top.main(arguments)
+            self.assertNotIn("lower trunk over", printed.getvalue())
+            self.assertEqual(os.listdir(os.path.join(work, "simtop")), cached)
 
 
 if __name__ == "__main__":
