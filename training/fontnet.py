@@ -78,13 +78,18 @@ class FontNet(nn.Module):
             x = F.relu(self.hidden(x))
         return self.rec(x)
 
-    def pool4(self, x):
-        """x: (n, 1, 109, 109) of byte - 128 -> (n, 768), every value >= 0."""
-        for (_, _, _, _, _, _, pool), conv, norm in zip(TRUNK, self.convs, self.norms):
+    def trunk(self, x, start=0, stop=None):
+        """The trunk's convolutions start to stop - 1 (each with its ReLU and pooling) over x."""
+        layers = list(zip(TRUNK, self.convs, self.norms))[start:stop]
+        for (_, _, _, _, _, _, pool), conv, norm in layers:
             x = F.relu(norm(conv(x)))
             if pool:
                 x = F.max_pool2d(x, 3, 2)
-        return F.max_pool2d(x, POOL4_SIDE).flatten(1)
+        return x
+
+    def pool4(self, x):
+        """x: (n, 1, 109, 109) of byte - 128 -> (n, 768), every value >= 0."""
+        return F.max_pool2d(self.trunk(x), POOL4_SIDE).flatten(1)
 
     def rec_logits(self, x):
         return self.rec_scores(self.pool4(x))

@@ -64,19 +64,11 @@ class TrunkSplit:
             self.shape = tuple(self.lower(torch.zeros(1, 1, images.SIDE, images.SIDE)).shape[1:])
 
     def lower(self, x):
-        for (_, _, _, _, _, _, pool), conv, norm in self.layers[:self.fixed]:
-            x = F.relu(norm(conv(x)))
-            if pool:
-                x = F.max_pool2d(x, 3, 2)
-        return x
+        return self.net.trunk(x, 0, self.fixed)
 
     def upper(self, x):
         """pool4 from the lower part's output."""
-        for (_, _, _, _, _, _, pool), conv, norm in self.layers[self.fixed:]:
-            x = F.relu(norm(conv(x)))
-            if pool:
-                x = F.max_pool2d(x, 3, 2)
-        return F.max_pool2d(x, fontnet.POOL4_SIDE).flatten(1)
+        return F.max_pool2d(self.net.trunk(x, self.fixed), fontnet.POOL4_SIDE).flatten(1)
 
     def trained_parameters(self):
         return [p for _, conv, norm in self.layers[self.fixed:] for p in (*conv.parameters(), *norm.parameters())]
@@ -90,17 +82,16 @@ class TrunkSplit:
         return h.hexdigest()[:12]
 
 
-def lower_features(work, split, names, training, log=print):
-    """(specimen keys [(name, case)], features float16 (n, 15, 112, 6, 6)): the first five crops
-    at the update's offsets, then RANDOM_CROPS at random offsets for the faces in `training`
-    (zeros for the others, which are only ever judged)."""
+def lower_features(work, split, specimens, name_of, training, log=print):
+    """(specimen keys [(name, case)], features float16 (n, 15, 112, 6, 6)) of the specimens
+    ({label: (lower, upper)}) of the faces in `name_of` ({label: name}): the first five crops at
+    the update's offsets, then RANDOM_CROPS at random offsets for the faces in `training` (zeros
+    for the others, which are only ever judged)."""
     folder = os.path.join(work, "simtop")
     os.makedirs(folder, exist_ok=True)
     path = os.path.join(folder, f"lower-{split.digest()}.npy")
-    label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(work, "names.txt")))}
-    name_of = {label_of[n]: n for n in names if n in label_of}
-    keys = [(name_of[label], case) for label in images.specimen_labels(os.path.join(work, "specimens.bin"))
-            if label in name_of for case in (0, 1)]
+    labels = [label for label in specimens if label in name_of]
+    keys = [(name_of[label], case) for label in labels for case in (0, 1)]
     width = images.CROPS + RANDOM_CROPS
     if os.path.exists(path):
         features = np.load(path, mmap_mode="r")
@@ -124,7 +115,8 @@ def lower_features(work, split, names, training, log=print):
             k += len(crops)
         pending = []
 
-    for label, strips in images.iter_specimens(os.path.join(work, "specimens.bin"), set(name_of)):
+    for label in labels:
+        strips = specimens[label]
         for strip in strips:
             crops = [images.specimen_crops(strip)]
             if name_of[label] in training:
@@ -228,10 +220,13 @@ def main(argv=None):
     net = fontnet.from_state(state).eval()
     _, family_of = corpus_splits.read_labels()
     split_of = corpus_splits.split_of_faces()
-    names = [n for n in images.read_names(os.path.join(args.work, "names.txt")) if n in family_of]
+    label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(args.work, "names.txt")))}
+    name_of = {label: n for n, label in label_of.items() if n in family_of}
     training = set(images.read_names(os.path.join(args.work, "sim_classes.txt")))
+    # A memory map: only the pixels used are read.
+    specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
     split = TrunkSplit(net, args.fixed)
-    keys, features = lower_features(args.work, split, names, training)
+    keys, features = lower_features(args.work, split, specimens, name_of, training)
     judge = Judge(keys, family_of, split_of, "validation")
 
     key_family = [corpus_splits.family_key(family_of[n]) for n, _ in keys]
@@ -243,8 +238,6 @@ def main(argv=None):
     for r in train_rows:
         kin[(family_ids[r], cases[r])].append(r)
 
-    label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(args.work, "names.txt")))}
-    specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
     alike = {}
 
     def clone(a, b):
