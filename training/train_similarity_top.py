@@ -3,7 +3,7 @@
 negatives, over the lower trunk's output of every specimen crop computed once.
 
     /usr/bin/python3 training/train_similarity_top.py --work DIR --init FILE --save-to DIR2
-        [--fixed 5] [--steps 4000] [--pairs 16] [--lr 3e-4] [--mine-every 1000]
+        [--fixed 5] [--steps 4000] [--pairs 16] [--lr 3e-4] [--mine-every 1000] [--with-validation]
 
 A projection over pool4 cannot pull apart what the trunk's 6 x 6 max has already drawn together;
 the last convolutions still see the map before that max. The lower trunk (by default conv1 to
@@ -23,7 +23,9 @@ them apart only teaches noise.
 Every --judge-every steps the vectors of every corpus face are computed (the update's crops), and
 the figure the report gives, another face of the family among the 5 nearest, is measured on the
 validation families; the best state is kept in DIR2/fontnet.pt (the recognition head of FILE
-unchanged), for export_networks.py --similarity-from.
+unchanged), for export_networks.py --similarity-from. With --with-validation the validation
+families train too (their specimens get random crops as well) and the last step is kept: for a
+final model, once a run on the training families alone has chosen the settings.
 """
 import argparse
 import collections
@@ -89,7 +91,9 @@ def lower_features(work, split, specimens, name_of, training, log=print):
     for the others, which are only ever judged)."""
     folder = os.path.join(work, "simtop")
     os.makedirs(folder, exist_ok=True)
-    path = os.path.join(folder, f"lower-{split.digest()}.npy")
+    # Which faces have random crops is part of the key as well as the weights.
+    faces = hashlib.sha1("\n".join(sorted(training)).encode()).hexdigest()[:8]
+    path = os.path.join(folder, f"lower-{split.digest()}-{faces}.npy")
     labels = [label for label in specimens if label in name_of]
     keys = [(name_of[label], case) for label in labels for case in (0, 1)]
     width = images.CROPS + RANDOM_CROPS
@@ -211,6 +215,8 @@ def main(argv=None):
     parser.add_argument("--judge-every", type=int, default=1000)
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--with-validation", action="store_true",
+                        help="train on the validation families too, for all --steps (nothing left to judge by)")
     args = parser.parse_args(argv)
     torch.set_num_threads(args.threads)
     torch.manual_seed(args.seed)
@@ -223,6 +229,8 @@ def main(argv=None):
     label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(args.work, "names.txt")))}
     name_of = {label: n for n, label in label_of.items() if n in family_of}
     training = set(images.read_names(os.path.join(args.work, "sim_classes.txt")))
+    if args.with_validation:
+        training |= {n for n in name_of.values() if split_of.get(n) == "validation"}
     # A memory map: only the pixels used are read.
     specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
     split = TrunkSplit(net, args.fixed)
@@ -248,10 +256,14 @@ def main(argv=None):
 
     optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
     started = time.time()
-    figure, tested = judge(split, features)
-    print(f"{len(train_rows)} training specimens, {tested} validation faces with a sibling; "
-          f"before: family among the 5 nearest {100 * figure:.1f} % ({time.time() - started:.0f} s)", flush=True)
-    best = (figure, 0, {k: v.clone() for k, v in net.state_dict().items()})
+    if args.with_validation:
+        print(f"{len(train_rows)} training specimens, the validation families' among them: "
+              f"the last step is kept", flush=True)
+    else:
+        figure, tested = judge(split, features)
+        print(f"{len(train_rows)} training specimens, {tested} validation faces with a sibling; "
+              f"before: family among the 5 nearest {100 * figure:.1f} % ({time.time() - started:.0f} s)", flush=True)
+        best = (figure, 0, {k: v.clone() for k, v in net.state_dict().items()})
     position = {r: i for i, r in enumerate(train_rows)}
     hard, window = {}, []
     for step in range(args.steps):
@@ -289,19 +301,21 @@ def main(argv=None):
             window = []
             print(f"step {step + 1}/{args.steps} loss {l:.3f} ({r:.2f}) lr {rate:.2e} {time.time() - started:.0f} s",
                   flush=True)
-        if (step + 1) % args.judge_every == 0 or step + 1 == args.steps:
+        if not args.with_validation and ((step + 1) % args.judge_every == 0 or step + 1 == args.steps):
             figure, _ = judge(split, features)
             print(f"step {step + 1}: validation family among the 5 nearest {100 * figure:.1f} %", flush=True)
             if figure > best[0]:
                 best = (figure, step + 1, {k: v.clone() for k, v in net.state_dict().items()})
+    if args.with_validation:
+        best = (math.nan, args.steps, net.state_dict())
     net.load_state_dict(best[2])
     os.makedirs(args.save_to, exist_ok=True)
     out = os.path.join(args.save_to, "fontnet.pt")
     torch.save({"net": net.state_dict(), "step": state.get("step", 0), "rec_classes": net.rec.out_features,
                 "rec_hidden": net.rec_hidden}, out + ".tmp")
     os.replace(out + ".tmp", out)
-    print(f"done in {time.time() - started:.0f} s: step {best[1]} kept (validation {100 * best[0]:.1f} %) in {out}",
-          flush=True)
+    judged = "" if args.with_validation else f" (validation {100 * best[0]:.1f} %)"
+    print(f"done in {time.time() - started:.0f} s: step {best[1]} kept{judged} in {out}", flush=True)
     return 0
 
 

@@ -152,6 +152,18 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
                 top.main(arguments)
             self.assertNotIn("lower trunk over", printed.getvalue())
             self.assertEqual(os.listdir(os.path.join(work, "simtop")), cached)
+            # Training on the validation families too needs their random crops: other features.
+            with contextlib.redirect_stdout(io.StringIO()) as printed:
+                top.main(arguments + ["--with-validation"])
+            self.assertIn(f"{2 * len(names)} training specimens, the validation families'", printed.getvalue())
+            self.assertNotIn("validation family among", printed.getvalue())
+            (added,) = set(os.listdir(os.path.join(work, "simtop"))) - set(cached)
+            before = np.load(os.path.join(work, "simtop", cached[0]))
+            after = np.load(os.path.join(work, "simtop", added))
+            judged_rows = slice(2 * len(training), None)
+            self.assertFalse(before[judged_rows, images.CROPS:].any())
+            self.assertTrue(after[judged_rows, images.CROPS:].any(axis=(2, 3, 4)).all())
+            np.testing.assert_array_equal(before[:, :images.CROPS], after[:, :images.CROPS])
 
 
 if __name__ == "__main__":
