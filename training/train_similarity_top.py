@@ -235,7 +235,8 @@ def main(argv=None):
     specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))
     split = TrunkSplit(net, args.fixed)
     keys, features = lower_features(args.work, split, specimens, name_of, training)
-    judge = Judge(keys, family_of, split_of, "validation")
+    # Trained on, the validation families judge nothing: the last step is kept.
+    judge = None if args.with_validation else Judge(keys, family_of, split_of, "validation")
 
     key_family = [corpus_splits.family_key(family_of[n]) for n, _ in keys]
     family_number = {f: i for i, f in enumerate(sorted(set(key_family)))}
@@ -256,7 +257,8 @@ def main(argv=None):
 
     optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
     started = time.time()
-    if args.with_validation:
+    best = None
+    if judge is None:
         print(f"{len(train_rows)} training specimens, the validation families' among them: "
               f"the last step is kept", flush=True)
     else:
@@ -301,21 +303,20 @@ def main(argv=None):
             window = []
             print(f"step {step + 1}/{args.steps} loss {l:.3f} ({r:.2f}) lr {rate:.2e} {time.time() - started:.0f} s",
                   flush=True)
-        if not args.with_validation and ((step + 1) % args.judge_every == 0 or step + 1 == args.steps):
+        if judge is not None and ((step + 1) % args.judge_every == 0 or step + 1 == args.steps):
             figure, _ = judge(split, features)
             print(f"step {step + 1}: validation family among the 5 nearest {100 * figure:.1f} %", flush=True)
             if figure > best[0]:
                 best = (figure, step + 1, {k: v.clone() for k, v in net.state_dict().items()})
-    if args.with_validation:
-        best = (math.nan, args.steps, net.state_dict())
-    net.load_state_dict(best[2])
+    if best is not None:
+        net.load_state_dict(best[2])
     os.makedirs(args.save_to, exist_ok=True)
     out = os.path.join(args.save_to, "fontnet.pt")
     torch.save({"net": net.state_dict(), "step": state.get("step", 0), "rec_classes": net.rec.out_features,
                 "rec_hidden": net.rec_hidden}, out + ".tmp")
     os.replace(out + ".tmp", out)
-    judged = "" if args.with_validation else f" (validation {100 * best[0]:.1f} %)"
-    print(f"done in {time.time() - started:.0f} s: step {best[1]} kept{judged} in {out}", flush=True)
+    kept = f"step {best[1]} kept (validation {100 * best[0]:.1f} %)" if best else f"step {args.steps} kept"
+    print(f"done in {time.time() - started:.0f} s: {kept} in {out}", flush=True)
     return 0
 
 
