@@ -26,6 +26,10 @@ validation families; the best state is kept in DIR2/fontnet.pt (the recognition 
 unchanged), for export_networks.py --similarity-from. With --with-validation the validation
 families train too (their specimens get random crops as well) and the last step is kept: for a
 final model, once a run on the training families alone has chosen the settings.
+
+With --fixed 0 nothing stays fixed: the whole trunk trains on the crops' pixels (held in memory,
+not cached), its normalisation statistics kept as they are. A step costs about five times a
+step of the top alone, and mining or judging runs the whole trunk over every specimen.
 """
 import argparse
 import collections
@@ -58,8 +62,8 @@ class TrunkSplit:
     part is computed once and cached, the upper part is what training changes."""
 
     def __init__(self, net, fixed=5):
-        if not 1 <= fixed < len(fontnet.TRUNK):
-            raise ValueError(f"between 1 and {len(fontnet.TRUNK) - 1} convolutions can stay fixed, not {fixed}")
+        if not 0 <= fixed < len(fontnet.TRUNK):
+            raise ValueError(f"between 0 and {len(fontnet.TRUNK) - 1} convolutions can stay fixed, not {fixed}")
         self.net, self.fixed = net, fixed
         self.layers = list(zip(fontnet.TRUNK, net.convs, net.norms))
         with torch.no_grad():
@@ -84,26 +88,49 @@ class TrunkSplit:
         return h.hexdigest()[:12]
 
 
+def specimen_crop_sets(labels, specimens, name_of, training):
+    """(row, crops (5 or 15, 109, 109) float32) of every specimen, rows in key order: the update's
+    five crops, then for the faces in `training` RANDOM_CROPS more at random offsets (the same
+    offsets on every run)."""
+    rng = np.random.default_rng(7)
+    at = 0
+    for label in labels:
+        for strip in specimens[label]:
+            crops = [images.specimen_crops(strip)]
+            if name_of[label] in training:
+                row = images.tiled(strip)
+                offsets = rng.integers(0, row.shape[1] - images.SIDE + 1, RANDOM_CROPS)
+                crops.append(images.specimen_crops(row, offsets))
+            yield at, np.concatenate(crops)
+            at += 1
+
+
 def lower_features(work, split, specimens, name_of, training, log=print):
     """(specimen keys [(name, case)], features float16 (n, 15, 112, 6, 6)) of the specimens
     ({label: (lower, upper)}) of the faces in `name_of` ({label: name}): the first five crops at
     the update's offsets, then RANDOM_CROPS at random offsets for the faces in `training` (zeros
     for the others, which are only ever judged)."""
+    labels = [label for label in specimens if label in name_of]
+    keys = [(name_of[label], case) for label in labels for case in (0, 1)]
+    width = images.CROPS + RANDOM_CROPS
+    if split.fixed == 0:
+        # The whole trunk trains: its input is the crops' pixels, byte - 128, held as int8 (2.6 GB
+        # for the corpus), cut afresh on each run rather than written to disk at twice the size.
+        crops = np.zeros((len(keys), width) + split.shape, np.int8)
+        for row, pixels in specimen_crop_sets(labels, specimens, name_of, training):
+            crops[row, :len(pixels), 0] = pixels
+        return keys, crops
     folder = os.path.join(work, "simtop")
     os.makedirs(folder, exist_ok=True)
     # Which faces have random crops is part of the key as well as the weights.
     faces = hashlib.sha1("\n".join(sorted(training)).encode()).hexdigest()[:8]
     path = os.path.join(folder, f"lower-{split.digest()}-{faces}.npy")
-    labels = [label for label in specimens if label in name_of]
-    keys = [(name_of[label], case) for label in labels for case in (0, 1)]
-    width = images.CROPS + RANDOM_CROPS
     if os.path.exists(path):
         features = np.load(path, mmap_mode="r")
         if features.shape == (len(keys), width) + split.shape:
             return keys, np.asarray(features)
     log(f"lower trunk over the crops of {len(keys)} specimens", flush=True)
     features = np.zeros((len(keys), width) + split.shape, np.float16)
-    rng = np.random.default_rng(7)
     pending, at, logged, started = [], 0, 0, time.time()
 
     def flush():
@@ -119,16 +146,8 @@ def lower_features(work, split, specimens, name_of, training, log=print):
             k += len(crops)
         pending = []
 
-    for label in labels:
-        strips = specimens[label]
-        for strip in strips:
-            crops = [images.specimen_crops(strip)]
-            if name_of[label] in training:
-                row = images.tiled(strip)
-                offsets = rng.integers(0, row.shape[1] - images.SIDE + 1, RANDOM_CROPS)
-                crops.append(images.specimen_crops(row, offsets))
-            pending.append((at, np.concatenate(crops)))
-            at += 1
+    for at, crops in specimen_crop_sets(labels, specimens, name_of, training):
+        pending.append((at, crops))
         if sum(len(c) for _, c in pending) >= 480:
             flush()
             if at - logged >= 2000:
@@ -207,7 +226,7 @@ def main(argv=None):
     parser.add_argument("--work", required=True)
     parser.add_argument("--init", required=True, help="weights of the similarity network to start from")
     parser.add_argument("--save-to", required=True)
-    parser.add_argument("--fixed", type=int, default=5, help="convolutions of the trunk that stay fixed (5: conv1 to conv5)")
+    parser.add_argument("--fixed", type=int, default=5, help="convolutions of the trunk that stay fixed (5: conv1 to conv5; 0: none)")
     parser.add_argument("--steps", type=int, default=4000)
     parser.add_argument("--pairs", type=int, default=16, help="seed specimens a step, each with a mined negative")
     parser.add_argument("--lr", type=float, default=3e-4)

@@ -34,7 +34,7 @@ class TrunkSplit(unittest.TestCase):
     def test_lower_then_upper_is_the_whole_trunk_wherever_it_is_cut(self):
         net = small_net()
         x = torch.rand(3, 1, 109, 109) * 255 - 128
-        for fixed, shape in ((5, (112, 6, 6)), (4, (128, 13, 13)), (1, (24, 27, 27))):
+        for fixed, shape in ((5, (112, 6, 6)), (4, (128, 13, 13)), (1, (24, 27, 27)), (0, (1, 109, 109))):
             split = top.TrunkSplit(net, fixed)
             with torch.no_grad():
                 lower = split.lower(x)
@@ -43,9 +43,13 @@ class TrunkSplit(unittest.TestCase):
                 torch.testing.assert_close(split.upper(lower), net.pool4(x))
             trained = {id(p) for p in split.trained_parameters()}
             self.assertIn(id(net.convs[fixed].weight), trained)
-            self.assertNotIn(id(net.convs[fixed - 1].weight), trained)
-        with self.assertRaises(ValueError):
-            top.TrunkSplit(net, 7)
+            if fixed:
+                self.assertNotIn(id(net.convs[fixed - 1].weight), trained)
+            else:
+                self.assertEqual(len(trained), 3 * len(fontnet.TRUNK))  # every weight, scale and shift
+        for wrong in (-1, 7):
+            with self.assertRaises(ValueError):
+                top.TrunkSplit(net, wrong)
 
     def test_the_cache_key_follows_the_fixed_layers_only(self):
         net = small_net()
@@ -164,6 +168,22 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
             self.assertFalse(before[judged_rows, images.CROPS:].any())
             self.assertTrue(after[judged_rows, images.CROPS:].any(axis=(2, 3, 4)).all())
             np.testing.assert_array_equal(before[:, :images.CROPS], after[:, :images.CROPS])
+            # The whole trunk trains on the crops' pixels, which are not written to disk; the
+            # crops it sees are the ones whose lower-trunk output the cache holds.
+            fixed_at_zero = arguments[:arguments.index("--fixed") + 1] + ["0"] + arguments[arguments.index("--fixed") + 2:]
+            split = top.TrunkSplit(net, 0)
+            specimens = images.read_specimens(os.path.join(work, "specimens.bin"))
+            name_of = dict(enumerate(names))
+            _, pixels = top.lower_features(work, split, specimens, name_of, set(training))
+            self.assertEqual(pixels.dtype, np.int8)
+            with torch.no_grad():
+                lower4 = top.TrunkSplit(net, 4).lower(torch.from_numpy(pixels[:2].astype(np.float32)).flatten(0, 1))
+            np.testing.assert_allclose(before[:2].reshape(lower4.shape), lower4.numpy(), rtol=2e-3, atol=2e-2)
+            with contextlib.redirect_stdout(io.StringIO()):
+                top.main(fixed_at_zero + ["--with-validation"])
+            self.assertEqual(sorted(os.listdir(os.path.join(work, "simtop"))), sorted(cached + [added]))
+            state = torch.load(os.path.join(out, "fontnet.pt"))
+            self.assertFalse(torch.equal(state["net"]["convs.0.weight"], net.convs[0].weight))
 
 
 if __name__ == "__main__":
