@@ -28,7 +28,7 @@ families train too (their specimens get random crops as well) and the last step 
 final model, once a run on the training families alone has chosen the settings.
 
 With --fixed 0 nothing stays fixed: the whole trunk trains on the crops' pixels (held in memory,
-not cached), its normalisation statistics kept as they are. A step costs about five times a
+not cached), its normalisation statistics kept as they are. A step costs about six times a
 step of the top alone, and mining or judging runs the whole trunk over every specimen.
 """
 import argparse
