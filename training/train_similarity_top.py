@@ -59,7 +59,8 @@ CLONE_COSINE = 0.98
 
 class TrunkSplit:
     """A network's trunk cut after its first `fixed` convolutions (with their pooling): the lower
-    part is computed once and cached, the upper part is what training changes."""
+    part is computed once (and cached, unless it is empty), the upper part is what training
+    changes."""
 
     def __init__(self, net, fixed=5):
         if not 0 <= fixed < len(fontnet.TRUNK):
@@ -109,7 +110,8 @@ def lower_features(work, split, specimens, name_of, training, log=print):
     """(specimen keys [(name, case)], features float16 (n, 15, 112, 6, 6)) of the specimens
     ({label: (lower, upper)}) of the faces in `name_of` ({label: name}): the first five crops at
     the update's offsets, then RANDOM_CROPS at random offsets for the faces in `training` (zeros
-    for the others, which are only ever judged)."""
+    for the others, which are only ever judged). With nothing fixed, the features are the crops'
+    pixels themselves, int8 (n, 15, 1, 109, 109)."""
     labels = [label for label in specimens if label in name_of]
     keys = [(name_of[label], case) for label in labels for case in (0, 1)]
     width = images.CROPS + RANDOM_CROPS
@@ -187,21 +189,24 @@ class Judge:
         self.tested = np.array([i for i, n in enumerate(self.names) if split_of[n] == wanted and members[families[n]] >= 2])
 
     def __call__(self, split, features):
+        """(figure, faces tested, the unit vectors of every specimen in key order): the vectors are
+        returned so that mining at the same weights need not compute them again."""
         with torch.no_grad():
-            halves = [embed(split, features, np.array([self.row[(n, c)] for n in self.names])) for c in (0, 1)]
-        vectors = torch.cat(halves, 1)
+            every = embed(split, features, np.arange(len(self.row)))
+        vectors = torch.cat([every[[self.row[(n, c)] for n in self.names]] for c in (0, 1)], 1)
         scores = vectors[self.tested] @ vectors.t()
         scores[torch.arange(len(self.tested)), torch.from_numpy(self.tested)] = -math.inf
         nearest = scores.topk(5, 1).indices.numpy()
         hits = (self.families[nearest] == self.families[self.tested, None]).any(1)
-        return float(hits.mean()), len(self.tested)
+        return float(hits.mean()), len(self.tested), every
 
 
-def mine(split, features, train_rows, family_ids, cases, clone, count=10):
+def mine(split, features, train_rows, family_ids, cases, clone, count=10, vectors=None):
     """For each training specimen, up to `count` nearest specimens of the same case and another
-    family, clones left out."""
-    with torch.no_grad():
-        vectors = embed(split, features, train_rows)
+    family, clones left out; from the training specimens' `vectors` when the caller has them."""
+    if vectors is None:
+        with torch.no_grad():
+            vectors = embed(split, features, train_rows)
     hard = {}
     for case in (0, 1):
         idx = np.flatnonzero(cases[train_rows] == case)
@@ -276,12 +281,13 @@ def main(argv=None):
 
     optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
     started = time.time()
-    best = None
+    best = judged = None  # judged: (step, every specimen's vector) of the last judgement
     if judge is None:
         print(f"{len(train_rows)} training specimens, the validation families' among them: "
               f"the last step is kept", flush=True)
     else:
-        figure, tested = judge(split, features)
+        figure, tested, judged = judge(split, features)
+        judged = (0, judged)
         print(f"{len(train_rows)} training specimens, {tested} validation faces with a sibling; "
               f"before: family among the 5 nearest {100 * figure:.1f} % ({time.time() - started:.0f} s)", flush=True)
         best = (figure, 0, {k: v.clone() for k, v in net.state_dict().items()})
@@ -290,7 +296,10 @@ def main(argv=None):
     for step in range(args.steps):
         if step % args.mine_every == 0:
             t = time.time()
-            hard = mine(split, features, train_rows, family_ids, cases, clone)
+            # Judged at these weights (the first step, or the step after a judgement): the
+            # vectors are at hand; with the whole trunk training they take minutes to compute.
+            known = judged[1][train_rows] if judged is not None and judged[0] == step else None
+            hard = mine(split, features, train_rows, family_ids, cases, clone, vectors=known)
             print(f"step {step}: hard negatives mined in {time.time() - t:.0f} s", flush=True)
         rate = train_networks.learning_rate(step, args.steps, args.lr)
         for group in optimiser.param_groups:
@@ -323,7 +332,8 @@ def main(argv=None):
             print(f"step {step + 1}/{args.steps} loss {l:.3f} ({r:.2f}) lr {rate:.2e} {time.time() - started:.0f} s",
                   flush=True)
         if judge is not None and ((step + 1) % args.judge_every == 0 or step + 1 == args.steps):
-            figure, _ = judge(split, features)
+            figure, _, every = judge(split, features)
+            judged = (step + 1, every)
             print(f"step {step + 1}: validation family among the 5 nearest {100 * figure:.1f} %", flush=True)
             if figure > best[0]:
                 best = (figure, step + 1, {k: v.clone() for k, v in net.state_dict().items()})

@@ -170,7 +170,6 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
             np.testing.assert_array_equal(before[:, :images.CROPS], after[:, :images.CROPS])
             # The whole trunk trains on the crops' pixels, which are not written to disk; the
             # crops it sees are the ones whose lower-trunk output the cache holds.
-            fixed_at_zero = arguments[:arguments.index("--fixed") + 1] + ["0"] + arguments[arguments.index("--fixed") + 2:]
             split = top.TrunkSplit(net, 0)
             specimens = images.read_specimens(os.path.join(work, "specimens.bin"))
             name_of = dict(enumerate(names))
@@ -180,7 +179,7 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
                 lower4 = top.TrunkSplit(net, 4).lower(torch.from_numpy(pixels[:2].astype(np.float32)).flatten(0, 1))
             np.testing.assert_allclose(before[:2].reshape(lower4.shape), lower4.numpy(), rtol=2e-3, atol=2e-2)
             with contextlib.redirect_stdout(io.StringIO()):
-                top.main(fixed_at_zero + ["--with-validation"])
+                top.main(arguments + ["--fixed", "0", "--with-validation"])  # the last --fixed counts
             self.assertEqual(sorted(os.listdir(os.path.join(work, "simtop"))), sorted(cached + [added]))
             state = torch.load(os.path.join(out, "fontnet.pt"))
             self.assertFalse(torch.equal(state["net"]["convs.0.weight"], net.convs[0].weight))
