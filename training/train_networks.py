@@ -167,6 +167,9 @@ def main(argv=None):
                                        "(a fresh machine's way to go on from training/checkpoints/)")
     parser.add_argument("--widen-head", type=int, default=0, metavar="N",
                         help="with --init, give the recognition head N more hidden units (fontnet.widen_head)")
+    parser.add_argument("--widen-trunk", type=int, nargs=len(fontnet.TRUNK), metavar="W",
+                        help="with --init, widen the trunk's convolutions to these output channels, "
+                             "computing the same as before (fontnet.FontNet.widen_trunk)")
     args = parser.parse_args(argv)
     if not (args.rec_batch or args.sim_batch):
         parser.error("--rec-batch and --sim-batch are both 0: nothing to train")
@@ -209,6 +212,15 @@ def main(argv=None):
         if args.widen_head:
             net.widen_head(args.widen_head, torch.Generator().manual_seed(args.seed))
             print(f"recognition head widened to a hidden layer of {net.rec_hidden}", flush=True)
+        if args.widen_trunk:
+            try:
+                net.widen_trunk(args.widen_trunk, torch.Generator().manual_seed(args.seed))
+            except ValueError as e:
+                parser.error(str(e))
+            print(f"trunk widened to {net.widths}: {fontnet.multiply_adds(net.widths) / 1e6:.0f} million "
+                  f"multiply-adds a crop", flush=True)
+    elif args.widen_head or args.widen_trunk:
+        parser.error("--widen-head and --widen-trunk widen the network of --init")
     if net.rec.out_features != len(rec_classes):
         parser.error(f"the weights have {net.rec.out_features} recognition classes, "
                      f"rec_classes.txt {len(rec_classes)}")

@@ -177,15 +177,33 @@ class TrainingBatches(TemporaryFiles):
         self.assertEqual(torch.load(os.path.join(wide, "checkpoint.pt"))["step"], 2)
         self.assertEqual(fontnet.from_state(finished).rec_hidden, 768 + 16)
 
+        # So can one that widens the trunk; without --init there is nothing to widen.
+        wider = os.path.join(work, "wider")
+        widths = ["26", "50", "48", "130", "112", "256", "768"]
+        run = ["--work", work, "--init", init, "--threads", "1", "--save-to", wider, "--sim-batch", "0",
+               "--rec-batch", "4", "--widen-trunk"] + widths
+        with contextlib.redirect_stdout(io.StringIO()):
+            train_networks.main(run + ["--steps", "1"])
+            train_networks.main(run + ["--steps", "2", "--resume"])
+        finished = torch.load(os.path.join(wider, "fontnet.pt"))
+        self.assertEqual(torch.load(os.path.join(wider, "checkpoint.pt"))["step"], 2)
+        self.assertEqual(fontnet.from_state(finished).widths, [int(w) for w in widths])
+        with self.assertRaises(SystemExit), contextlib.redirect_stderr(io.StringIO()):
+            train_networks.main(["--work", work, "--sim-batch", "0", "--widen-trunk"] + widths)
+
+
+def trained_net():
+    torch.manual_seed(4)
+    net = fontnet.FontNet(6)
+    with torch.no_grad():
+        net.pool4(torch.rand(4, 1, 109, 109) * 255 - 128)  # batch-norm statistics to fold
+        net.rec.weight.normal_()
+    return net.eval()
+
 
 class WidenedRecognitionHead(TemporaryFiles):
     def trained_net(self):
-        torch.manual_seed(4)
-        net = fontnet.FontNet(6)
-        with torch.no_grad():
-            net.pool4(torch.rand(4, 1, 109, 109) * 255 - 128)  # batch-norm statistics to fold
-            net.rec.weight.normal_()
-        return net.eval()
+        return trained_net()
 
     def test_widening_keeps_every_answer_and_the_weights_save_and_load(self):
         net = self.trained_net()
@@ -216,6 +234,48 @@ class WidenedRecognitionHead(TemporaryFiles):
         x = np.random.default_rng(2).integers(0, 256, (3, 1, 109, 109)).astype(np.float32) - 128
         with torch.no_grad():
             expected = torch.softmax(net.rec_scores(net.pool4(torch.from_numpy(x))), 1).numpy()
+        got = export_networks.engine_output(model, "prob", x)
+        np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max())
+
+
+class WidenedTrunk(TemporaryFiles):
+    WIDTHS = [28, 56, 50, 140, 120, 260, 768]
+
+    def test_widening_keeps_every_answer_and_the_copies_learn_apart(self):
+        net = trained_net()
+        x = torch.rand(3, 1, 109, 109) * 255 - 128
+        with torch.no_grad():
+            before = net.rec_logits(x)
+        net.widen_trunk(self.WIDTHS, torch.Generator().manual_seed(1))
+        self.assertEqual(net.widths, self.WIDTHS)
+        with torch.no_grad():
+            torch.testing.assert_close(net.rec_logits(x), before, rtol=0, atol=1e-4 * before.abs().max().item())
+        # Each new channel of conv1 copies an old one, but the split of its outgoing weights
+        # gives the copy and its original different gradients, so they do not stay twins.
+        net.rec_logits(x).logsumexp(1).sum().backward()
+        weight, grad = net.convs[0].weight, net.convs[0].weight.grad
+        for new in range(24, 28):
+            original = next(k for k in range(24) if torch.equal(weight[k], weight[new]))
+            self.assertFalse(torch.allclose(grad[new], grad[original]))
+        # Saved and loaded, the network keeps its widths.
+        again = fontnet.from_state({"net": net.state_dict(), "rec_classes": 6}).eval()
+        self.assertEqual(again.widths, self.WIDTHS)
+        for widths in ([20] + self.WIDTHS[1:], self.WIDTHS[:-1] + [800], self.WIDTHS[:-1]):
+            with self.assertRaises(ValueError, msg=widths):
+                trained_net().widen_trunk(widths)
+
+    @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
+    def test_the_engine_runs_the_widened_trunk_as_pytorch_does(self):
+        net = trained_net()
+        net.widen_trunk(self.WIDTHS, torch.Generator().manual_seed(1))
+        with torch.no_grad():
+            for conv in net.convs:  # away from the function it copied, so every weight counts
+                conv.weight.mul_(1 + 0.2 * torch.rand(conv.weight.shape))
+        model = os.path.join(self.folder.name, "rec.dnm")
+        dnm.write_model(model, fontnet.export(net, True))
+        x = np.random.default_rng(2).integers(0, 256, (3, 1, 109, 109)).astype(np.float32) - 128
+        with torch.no_grad():
+            expected = torch.softmax(net.rec_logits(torch.from_numpy(x)), 1).numpy()
         got = export_networks.engine_output(model, "prob", x)
         np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max())
 
