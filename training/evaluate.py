@@ -76,6 +76,25 @@ def twin_classes(work, rec_classes, names):
     return twins
 
 
+# Two faces whose table vectors score this high (of 2, both halves alike) show one design: the
+# misses of recognition between other families' faces are mostly at 1.8-2.0 (TeX Gyre Pagella
+# and P052, Latin Modern and CMU), where an average class has under one such neighbour.
+DESIGN_SCORE = 1.9
+
+
+def design_classes(twins, families, vectors, score=DESIGN_SCORE):
+    """For each recognition class, the classes that show its design: its twins, the faces of its
+    family (families[class]) and the classes whose table vectors (vectors[class], None without
+    an entry) score at least `score` against its own, another foundry's cut of the same letters."""
+    designs = []
+    for c, v in enumerate(vectors):
+        same = set(twins[c]) | {k for k, f in enumerate(families) if f == families[c]}
+        if v is not None:
+            same |= {k for k, w in enumerate(vectors) if w is not None and float(v @ w) >= score}
+        designs.append(same)
+    return designs
+
+
 def answers(mean, vectors, count=5):
     """The first `count` fonts the module answers for a picture's mean probabilities when every
     class is an installed font with a table entry (vectors[class], or None without one): the best
@@ -89,9 +108,10 @@ def answers(mean, vectors, count=5):
     return [entered[i] for i in np.argsort(-scores, kind="stable")[:count]]
 
 
-def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None):
-    """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, the
-    module's first answer right, the same counting twins, the right font among the module's
+def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None,
+                designs=None):
+    """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, top-1 of
+    the design (designs[class], from design_classes; 0 without), the module's first answer right, the same counting twins, the right font among the module's
     first five answers, the wrong first answers) over the records first, first + every, ...
     whose font is a recognition class; "with twins", a class drawn the same as the right one
     counts as right; "of the family", any face of the right one's family (families[class], its
@@ -101,7 +121,7 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
-    hits = np.zeros(8)
+    hits = np.zeros(9)
     wrong = collections.Counter()
     with torch.no_grad():
         for start in range(0, len(records), batch):
@@ -117,11 +137,13 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
                 hits[2 * k] += np.sum(right[:, 0])
                 hits[2 * k + 1] += np.sum(np.any(right, axis=1))
             hits[4] += sum(families[b] == families[t] for b, t in zip(best[:, 0], truth))
+            if designs is not None:
+                hits[5] += sum(b in designs[t] for b, t in zip(best[:, 0], truth))
             if vectors is not None:
                 ranked = [answers(m, vectors) for m in mean.numpy()]
-                hits[5] += sum(r[0] == t for r, t in zip(ranked, truth))
-                hits[6] += sum(r[0] in twins[t] for r, t in zip(ranked, truth))
-                hits[7] += sum(t in r for r, t in zip(ranked, truth))
+                hits[6] += sum(r[0] == t for r, t in zip(ranked, truth))
+                hits[7] += sum(r[0] in twins[t] for r, t in zip(ranked, truth))
+                hits[8] += sum(t in r for r, t in zip(ranked, truth))
             wrong.update((int(t), int(b)) for b, t in zip(best[:, 0], truth) if b not in twins[t])
     return (len(records), *(hits / max(1, len(records))), wrong)
 
@@ -220,17 +242,21 @@ def main(argv=None):
     _, family_of = corpus_splits.read_labels()
     families = [corpus_splits.family_key(family_of[n]) for n in rec_classes]
     out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the \"twins\" columns "
-           "count a twin of the right class as right, the \"family\" one any face of its family.", "",
+           "count a twin of the right class as right, the \"family\" one any face of its family, the \"design\" "
+           f"one also faces of other families scoring {DESIGN_SCORE:g} or more against it in the similarity table.", "",
            "The module's answer is its first font after the best classes steered a similar-font query "
            "(with every class installed); \"answer, twins\" counts a twin of the right class as right.", "",
-           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family | answer "
-           "| answer, twins | answer, top-5 |",
-           "|---|---|---|---|---|---|---|---|---|---|"]
+           "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family | top-1, design "
+           "| answer | answer, twins | answer, top-5 |",
+           "|---|---|---|---|---|---|---|---|---|---|---|"]
     vectors = table_vectors(args.tables, rec_classes)
+    designs = design_classes(twins, families, vectors)
+    crossing = np.mean([sum(families[k] != families[c] and k not in twins[c] for k in d) for c, d in enumerate(designs)])
+    out.insert(1, f"A class has {crossing:.2f} faces of other families (twins aside) at that score on average.")
     if args.choose_temperature:
         print("| temperature | top-1 | top-5 | answer | answer, top-5 |\n|---|---|---|---|---|", flush=True)
         for t in args.choose_temperature:
-            _, top1, top5, _, _, _, answer, _, answer5, _ = recognition(
+            _, top1, top5, _, _, _, _, answer, _, answer5, _ = recognition(
                 net, os.path.join(args.work, "lines_validation.bin"), twins, families, temperature=t,
                 vectors=vectors)
             print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % "
@@ -258,13 +284,22 @@ def main(argv=None):
             continue
         path = os.path.join(args.work, file)
         count, *figures, wrong = recognition(net, path, twins, families, every=every, first=first,
-                                             temperature=args.rec_temperature, vectors=vectors)
+                                             temperature=args.rec_temperature, vectors=vectors, designs=designs)
         out.append(f"| {title} | {count} | " + " | ".join(f"{100 * f:.1f} %" for f in figures) + " |")
         if file == "lines_heldout.bin":
             confusions = wrong
     out += ["", "The most frequent wrong first answers on the degraded pictures (twins left out):", "",
             "| right class | answered | times |", "|---|---|---|"]
     out += [f"| {rec_classes[t]} | {rec_classes[b]} | {k} |" for (t, b), k in confusions.most_common(12)]
+    crossing = [float(vectors[t] @ vectors[b]) for (t, b), k in confusions.items() for _ in range(k)
+                if families[t] != families[b] and vectors[t] is not None and vectors[b] is not None]
+    if crossing:
+        entered = np.array([v for v in vectors if v is not None])
+        scores = entered @ entered.T
+        half, quarter = np.quantile(crossing, [0.5, 0.25])
+        out += ["", f"Of the {len(crossing)} wrong first answers of another family, half score {half:.2f} or more against "
+                    f"the right class in the similarity table and three quarters {quarter:.2f} or more; two classes "
+                    f"picked at random score {np.median(scores[np.triu_indices(len(entered), 1)]):.2f}."]
     out.append("")
     if os.path.exists(os.path.join(args.work, "module-cache")):
         out += similarity(args.work)

@@ -296,6 +296,22 @@ class ModuleAnswer(unittest.TestCase):
                          [1, 3, 2, 4, 5, 6])
 
 
+class DesignClasses(unittest.TestCase):
+    def test_twins_family_and_near_vectors_share_a_design_and_nothing_else(self):
+        e = np.eye(3, dtype=np.float32)
+        near = (0.96 * e[0] + 0.28 * e[1]) * 2 / np.sqrt(2)  # scores 1.92 against class 0
+        far = (0.9 * e[0] + 0.44 * e[1]) * 2 / np.sqrt(2)  # 1.80
+        vectors = [e[0] * 2 / np.sqrt(2), near, far, None, e[2] * 2 / np.sqrt(2)]
+        twins = {0: {0}, 1: {1}, 2: {2}, 3: {3, 4}, 4: {3, 4}}
+        families = ["a", "b", "c", "d", "a"]
+        designs = evaluate.design_classes(twins, families, vectors)
+        self.assertEqual(designs[0], {0, 1, 4})  # itself, the near cut, its family's face
+        self.assertEqual(designs[1], {0, 1, 2})  # near and far score 1.97 against each other
+        self.assertEqual(designs[2], {1, 2})
+        self.assertEqual(designs[3], {3, 4})  # no table entry: its twin alone
+        self.assertEqual(designs[4], {0, 3, 4})
+
+
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
 class LocalisationExport(unittest.TestCase):
     def test_the_engine_agrees_at_any_line_width(self):
