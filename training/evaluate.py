@@ -115,8 +115,9 @@ def answers(mean, vectors, count=5):
 def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None,
                 designs=None):
     """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, top-1 of
-    the design (designs[class], from design_classes; 0 without), the module's first answer right, the same counting twins, the right font among the module's
-    first five answers, the wrong first answers) over the records first, first + every, ...
+    the design (designs[class], from design_classes; 0 without), the module's first answer right,
+    the same counting twins, the right font among the module's first five answers, the wrong
+    first answers) over the records first, first + every, ...
     whose font is a recognition class; "with twins", a class drawn the same as the right one
     counts as right; "of the family", any face of the right one's family (families[class], its
     family key); the module's answers are those `answers` gives from the table's `vectors` (0
@@ -255,9 +256,6 @@ def main(argv=None):
            "| answer | answer, twins | answer, top-5 |",
            "|---|---|---|---|---|---|---|---|---|---|---|"]
     vectors = table_vectors(args.tables, rec_classes)
-    designs = design_classes(twins, families, vectors)
-    crossing = np.mean([sum(families[k] != families[c] and k not in twins[c] for k in d) for c, d in enumerate(designs)])
-    out.insert(1, f"A class has {crossing:.2f} faces of other families (twins aside) at that score on average.")
     if args.choose_temperature:
         print("| temperature | top-1 | top-5 | answer | answer, top-5 |\n|---|---|---|---|---|", flush=True)
         for t in args.choose_temperature:
@@ -267,6 +265,10 @@ def main(argv=None):
             print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % "
                   f"| {100 * answer5:.1f} % |", flush=True)
         return 0
+    designs = design_classes(twins, families, vectors)
+    other_cuts = np.mean([sum(families[k] != families[c] and k not in twins[c] for k in d)
+                          for c, d in enumerate(designs)])
+    out.insert(1, f"A class has {other_cuts:.2f} faces of other families (twins aside) at that score on average.")
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
              ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
