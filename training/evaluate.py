@@ -86,17 +86,23 @@ def width_difference(a, b):
 DESIGN_SCORE = 1.9
 
 
-def design_classes(twins, families, vectors, score=DESIGN_SCORE):
+def table_scores(vectors):
+    """The scores of every pair of recognition classes' table vectors (vectors[class], None
+    without an entry) as one matrix, NaN where either class has no entry."""
+    scores = np.full((len(vectors), len(vectors)), np.nan, np.float32)
+    entered = [c for c, v in enumerate(vectors) if v is not None]
+    if entered:
+        matrix = np.stack([vectors[c] for c in entered])
+        scores[np.ix_(entered, entered)] = matrix @ matrix.T
+    return scores
+
+
+def design_classes(twins, families, scores, score=DESIGN_SCORE):
     """For each recognition class, the classes that show its design: its twins, the faces of its
-    family (families[class]) and the classes whose table vectors (vectors[class], None without
-    an entry) score at least `score` against its own, another foundry's cut of the same letters."""
-    designs = []
-    for c, v in enumerate(vectors):
-        same = set(twins[c]) | {k for k, f in enumerate(families) if f == families[c]}
-        if v is not None:
-            same |= {k for k, w in enumerate(vectors) if w is not None and float(v @ w) >= score}
-        designs.append(same)
-    return designs
+    family (families[class]) and the classes whose table vectors score at least `score` against
+    its own (scores, from table_scores), another foundry's cut of the same letters."""
+    return [set(twins[c]) | {k for k, f in enumerate(families) if f == families[c]}
+            | set(np.flatnonzero(scores[c] >= score).tolist()) for c in range(len(families))]
 
 
 def answers(mean, vectors, count=5):
@@ -265,7 +271,8 @@ def main(argv=None):
             print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % "
                   f"| {100 * answer5:.1f} % |", flush=True)
         return 0
-    designs = design_classes(twins, families, vectors)
+    scores = table_scores(vectors)
+    designs = design_classes(twins, families, scores)
     other_cuts = np.mean([sum(families[k] != families[c] and k not in twins[c] for k in d)
                           for c, d in enumerate(designs)])
     out.insert(1, f"A class has {other_cuts:.2f} faces of other families (twins aside) at that score on average.")
@@ -301,14 +308,12 @@ def main(argv=None):
     crossing = [(t, b) for (t, b), k in confusions.items() for _ in range(k)
                 if families[t] != families[b] and vectors[t] is not None and vectors[b] is not None]
     if crossing:
-        entered = np.array([v for v in vectors if v is not None])
-        scores = entered @ entered.T
-        half, quarter = np.quantile([float(vectors[t] @ vectors[b]) for t, b in crossing], [0.5, 0.25])
+        half, quarter = np.quantile([scores[t, b] for t, b in crossing], [0.5, 0.25])
         near = [(t, b) for t, b in crossing if b in designs[t] and t in specimens and b in specimens]
         widths = [width_difference(specimens[t], specimens[b]) for t, b in near]
         out += ["", f"Of the {len(crossing)} wrong first answers of another family, half score {half:.2f} or more against "
                     f"the right class in the similarity table and three quarters {quarter:.2f} or more; two classes "
-                    f"picked at random score {np.median(scores[np.triu_indices(len(entered), 1)]):.2f}."]
+                    f"picked at random score {np.nanmedian(scores[np.triu_indices(len(scores), 1)]):.2f}."]
         if widths:
             out[-1] += (f" The {len(near)} of the same design are drawn as wide as the right class within "
                         f"{100 * np.median(widths):.1f} % (median; {100 * np.mean(np.array(widths) < 0.03):.0f} % "

@@ -304,7 +304,7 @@ class DesignClasses(unittest.TestCase):
         vectors = [e[0] * 2 / np.sqrt(2), near, far, None, e[2] * 2 / np.sqrt(2)]
         twins = {0: {0}, 1: {1}, 2: {2}, 3: {3, 4}, 4: {3, 4}}
         families = ["a", "b", "c", "d", "a"]
-        designs = evaluate.design_classes(twins, families, vectors)
+        designs = evaluate.design_classes(twins, families, evaluate.table_scores(vectors))
         self.assertEqual(designs[0], {0, 1, 4})  # itself, the near cut, its family's face
         self.assertEqual(designs[1], {0, 1, 2})  # near and far score 1.97 against each other
         self.assertEqual(designs[2], {1, 2})
