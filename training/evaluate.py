@@ -118,12 +118,19 @@ def answers(mean, vectors, count=5):
     return [entered[i] for i in np.argsort(-scores, kind="stable")[:count]]
 
 
+# What `recognition` measures over a file of line pictures: the count, then the share of them
+# each figure holds (in the order of the report's columns), then the wrong first answers.
+Recognition = collections.namedtuple("Recognition", [
+    "count", "top1", "top5", "top1_twins", "top5_twins", "top1_family", "top1_design",
+    "answer", "answer_twins", "answer_top5", "wrong"])
+
+
 def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None,
                 designs=None):
-    """(pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the family, top-1 of
-    the design (designs[class], from design_classes; 0 without), the module's first answer right,
-    the same counting twins, the right font among the module's first five answers, the wrong
-    first answers) over the records first, first + every, ...
+    """A Recognition: pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the
+    family, top-1 of the design (designs[class], from design_classes; 0 without), the module's
+    first answer right, the same counting twins, the right font among the module's first five
+    answers, the wrong first answers; over the records first, first + every, ...
     whose font is a recognition class; "with twins", a class drawn the same as the right one
     counts as right; "of the family", any face of the right one's family (families[class], its
     family key); the module's answers are those `answers` gives from the table's `vectors` (0
@@ -156,7 +163,7 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
                 hits[7] += sum(r[0] in twins[t] for r, t in zip(ranked, truth))
                 hits[8] += sum(t in r for r, t in zip(ranked, truth))
             wrong.update((int(t), int(b)) for b, t in zip(best[:, 0], truth) if b not in twins[t])
-    return (len(records), *(hits / max(1, len(records))), wrong)
+    return Recognition(len(records), *(hits / max(1, len(records))), wrong)
 
 
 def table_vectors(data, rec_classes):
@@ -265,11 +272,10 @@ def main(argv=None):
     if args.choose_temperature:
         print("| temperature | top-1 | top-5 | answer | answer, top-5 |\n|---|---|---|---|---|", flush=True)
         for t in args.choose_temperature:
-            _, top1, top5, _, _, _, _, answer, _, answer5, _ = recognition(
-                net, os.path.join(args.work, "lines_validation.bin"), twins, families, temperature=t,
-                vectors=vectors)
-            print(f"| {t:g} | {100 * top1:.1f} % | {100 * top5:.1f} % | {100 * answer:.1f} % "
-                  f"| {100 * answer5:.1f} % |", flush=True)
+            r = recognition(net, os.path.join(args.work, "lines_validation.bin"), twins, families,
+                            temperature=t, vectors=vectors)
+            print(f"| {t:g} | {100 * r.top1:.1f} % | {100 * r.top5:.1f} % | {100 * r.answer:.1f} % "
+                  f"| {100 * r.answer_top5:.1f} % |", flush=True)
         return 0
     scores = table_scores(vectors)
     designs = design_classes(twins, families, scores)
