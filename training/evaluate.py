@@ -13,15 +13,20 @@
   recognition classes; and the module's own first answer, after those classes steered a
   similar-font query through the shipped similarity table (--tables, data/ by default).
   Some classes are drawn exactly alike (metric clones with the same outlines); top-1 and top-5
-  are also given counting such a twin as right.
+  are also given counting such a twin as right, and counting another cut of the right face's
+  design as right (the same weight and slant, read from the corpus's font files with fc-scan,
+  the same width, and letters that differ by a few grey levels with spacing left aside).
 - Similarity, on the vectors the module itself computed for every corpus face
   (DIR/module-cache, made by make_tables.py): for each face of a test-split family with at
   least two faces, is another face of its family among its 5 nearest (dot product) of all
-  corpus faces; and the nearest neighbours of well-known fonts.
+  corpus faces, and among the faces of a machine with the commonly installed fonts and the
+  test families, since the module ranks installed fonts alone; and the nearest neighbours of
+  well-known fonts.
 """
 import argparse
 import collections
 import os
+import subprocess
 import sys
 
 import numpy as np
@@ -31,6 +36,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 sys.path.insert(0, os.path.join(HERE, "corpus"))
 import export_networks  # noqa: E402
+import fetch as corpus_fetch  # noqa: E402
 import images  # noqa: E402
 import make_tables  # noqa: E402
 import prepare_training_data  # noqa: E402
@@ -80,10 +86,93 @@ def width_difference(a, b):
     return max(max(x.shape[1], y.shape[1]) / min(x.shape[1], y.shape[1]) for x, y in zip(a, b)) - 1
 
 
-# Two faces whose table vectors score this high (of 2, both halves alike) show one design: the
-# misses of recognition between other families' faces are mostly at 1.8-2.0 (TeX Gyre Pagella
-# and P052, Latin Modern and CMU), where an average class has under one such neighbour.
-DESIGN_SCORE = 1.9
+# Two faces of the same weight (in OpenType's units), slant and width whose letters differ by
+# less than this (shape_distance, grey levels) show one design. Measured on the recognition
+# classes: another foundry's cut of the same letters differs by 0.5-7 (TeX Gyre Pagella and P052
+# 2.9, CMU Serif and Latin Modern 2.8, STIX and TeX Gyre Termes 3.7, DejaVu Sans and Waree's
+# Latin 5.1), bold cuts and optical sizes of one design by 7-14 (TeX Gyre Heros Bold and Nimbus
+# Sans Bold 12.2, Noto Sans and Open Sans 13.8); the next pairs are other designs, 15 and more
+# apart (FreeSans and Garuda 16.3, Liberation Serif and Nimbus Roman 25.5).
+DESIGN_SHAPE = 14
+# Weights of one style: book (380) and regular (400) are one, medium (500) and bold (700)
+# against extra-bold (800) are not.
+DESIGN_WEIGHT = 50
+# Widths of one design: condensed cuts are 8-15 % narrower.
+DESIGN_WIDTH = 0.03
+# Fontconfig's weight constants (fontconfig.h) and the OpenType weights they stand for: its scale
+# is uneven (bold 200, extra-bold 205, black 210), so weights are compared on OpenType's.
+FONTCONFIG_WEIGHTS = ((0, 100), (40, 200), (50, 300), (55, 350), (75, 380), (80, 400), (100, 500), (180, 600),
+                      (200, 700), (205, 800), (210, 900), (215, 1000))
+# A specimen column holds ink where a pixel is this much darker than the white ground.
+INK = 40
+
+
+def letter_pieces(strip):
+    """The runs of inked columns of a specimen strip (dark on white): its letters, or letters
+    that touch, as (start, end) columns."""
+    inked = (255 - strip.astype(np.int16)).max(0) > INK
+    edges = np.flatnonzero(np.diff(np.concatenate([[0], inked.astype(np.int8), [0]])))
+    return list(zip(edges[::2], edges[1::2]))
+
+
+def strip_distance(x, y):
+    """How much two specimen strips of the same letters differ in the letters themselves, spacing
+    left aside: the strips' letter pieces are paired in order, each pair set side by side at its
+    left edge on white, and the mean absolute difference over the paired pieces' area is taken
+    (grey levels). A piece of one may pair with two touching pieces of the other, since one
+    foundry's spacing lets letters touch that another's keeps apart; the pairing of least total
+    difference is found by dynamic programming. Infinite when the pieces cannot be paired."""
+    a, b = letter_pieces(x), letter_pieces(y)
+
+    def difference(i0, i1, j0, j1):
+        s0, e0, s1, e1 = a[i0][0], a[i1 - 1][1], b[j0][0], b[j1 - 1][1]
+        wide = max(e0 - s0, e1 - s1)
+        pa = np.full((x.shape[0], wide), 255, np.int16)
+        pb = pa.copy()
+        pa[:, :e0 - s0] = x[:, s0:e0]
+        pb[:, :e1 - s1] = y[:, s1:e1]
+        return float(np.abs(pa - pb).sum()), x.shape[0] * wide
+
+    n, m = len(a), len(b)
+    best = {(0, 0): (0.0, 0)}  # (pieces of x, pieces of y) paired -> (total difference, area)
+    for i in range(n + 1):
+        for j in range(m + 1):
+            if (i, j) not in best:
+                continue
+            total, area = best[(i, j)]
+            for di, dj in ((1, 1), (2, 1), (1, 2)):
+                if i + di <= n and j + dj <= m:
+                    d, s = difference(i, i + di, j, j + dj)
+                    if (i + di, j + dj) not in best or total + d < best[(i + di, j + dj)][0]:
+                        best[(i + di, j + dj)] = (total + d, area + s)
+    if (n, m) not in best or n == 0:
+        return float("inf")
+    total, area = best[(n, m)]
+    return total / area
+
+
+def shape_distance(a, b):
+    """strip_distance of two faces' specimens (lower, upper), the larger of both cases."""
+    return max(strip_distance(x, y) for x, y in zip(a, b))
+
+
+def class_styles(rec_classes, fonts):
+    """Each recognition class's (OpenType weight, slanted) from fc-scan over the font files
+    under `fonts`, matched by PostScript name; None for a class not found. Neighbouring weights
+    of one family can differ in their letters as little as two cuts of one design (Lato Regular
+    and Medium by 10 grey levels), so the style comes from the fonts themselves."""
+    found = {}
+    if os.path.isdir(fonts):
+        scan = subprocess.run(["fc-scan", "--format", "%{postscriptname}\t%{weight}\t%{slant}\n", fonts],
+                              capture_output=True, text=True, check=True).stdout
+        for line in scan.splitlines():
+            name, weight, slant = (line.split("\t") + ["", "", ""])[:3]
+            try:
+                found.setdefault(name, (float(np.interp(float(weight), *zip(*FONTCONFIG_WEIGHTS))),
+                                        float(slant) > 0))
+            except ValueError:  # a variable font's weight is a range: not a single style
+                pass
+    return [found.get(name) for name in rec_classes]
 
 
 def table_scores(vectors):
@@ -97,12 +186,24 @@ def table_scores(vectors):
     return scores
 
 
-def design_classes(twins, families, scores, score=DESIGN_SCORE):
-    """For each recognition class, the classes that show its design: its twins, the faces of its
-    family (families[class]) and the classes whose table vectors score at least `score` against
-    its own (scores, from table_scores), another foundry's cut of the same letters."""
-    return [set(twins[c]) | {k for k, f in enumerate(families) if f == families[c]}
-            | set(np.flatnonzero(scores[c] >= score).tolist()) for c in range(len(families))]
+def design_classes(twins, styles, specimens, shape=DESIGN_SHAPE):
+    """For each recognition class, the classes that show its design: its twins and the classes
+    of its style (styles[class], from class_styles: weights within DESIGN_WEIGHT, both upright
+    or both slanted) whose specimens (specimens[class]) are as wide within DESIGN_WIDTH and whose
+    letters differ from its own by less than `shape` (shape_distance): another foundry's cut of
+    the same letters. Other faces of the family are not the design: a bold, an italic or a
+    condensed width is another face to a reader."""
+    designs = [set(twins[c]) for c in range(len(styles))]
+    drawn = sorted(c for c in specimens if styles[c] is not None)
+    for i, c in enumerate(drawn):
+        for k in drawn[i + 1:]:
+            (wc, sc), (wk, sk) = styles[c], styles[k]
+            if (abs(wc - wk) <= DESIGN_WEIGHT and sc == sk
+                    and width_difference(specimens[c], specimens[k]) <= DESIGN_WIDTH
+                    and shape_distance(specimens[c], specimens[k]) < shape):
+                designs[c].add(k)
+                designs[k].add(c)
+    return designs
 
 
 def answers(mean, vectors, count=5):
@@ -121,16 +222,17 @@ def answers(mean, vectors, count=5):
 # What `recognition` measures over a file of line pictures: the count, then the share of them
 # each figure holds (in the order of the report's columns), then the wrong first answers.
 Recognition = collections.namedtuple("Recognition", [
-    "count", "top1", "top5", "top1_twins", "top5_twins", "top1_family", "top1_design",
-    "answer", "answer_twins", "answer_top5", "wrong"])
+    "count", "top1", "top5", "top1_twins", "top5_twins", "top1_family", "top1_design", "top5_design",
+    "answer", "answer_twins", "answer_design", "answer_top5", "wrong"])
 
 
 def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None,
                 designs=None):
     """A Recognition: pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the
-    family, top-1 of the design (designs[class], from design_classes; 0 without), the module's
-    first answer right, the same counting twins, the right font among the module's first five
-    answers, the wrong first answers; over the records first, first + every, ...
+    family, top-1 and top-5 of the design (designs[class], from design_classes; 0 without), the
+    module's first answer right, the same counting twins, the same counting the design, the right
+    font among the module's first five answers, the wrong first answers; over the records first,
+    first + every, ...
     whose font is a recognition class; "with twins", a class drawn the same as the right one
     counts as right; "of the family", any face of the right one's family (families[class], its
     family key); the module's answers are those `answers` gives from the table's `vectors` (0
@@ -139,7 +241,7 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
-    hits = np.zeros(9)
+    hits = np.zeros(11)
     wrong = collections.Counter()
     with torch.no_grad():
         for start in range(0, len(records), batch):
@@ -156,12 +258,15 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
                 hits[2 * k + 1] += np.sum(np.any(right, axis=1))
             hits[4] += sum(families[b] == families[t] for b, t in zip(best[:, 0], truth))
             if designs is not None:
-                hits[5] += sum(b in designs[t] for b, t in zip(best[:, 0], truth))
+                hits[5] += sum(row[0] in designs[t] for row, t in zip(best, truth))
+                hits[6] += sum(any(b in designs[t] for b in row) for row, t in zip(best, truth))
             if vectors is not None:
                 ranked = [answers(m, vectors) for m in mean.numpy()]
-                hits[6] += sum(r[0] == t for r, t in zip(ranked, truth))
-                hits[7] += sum(r[0] in twins[t] for r, t in zip(ranked, truth))
-                hits[8] += sum(t in r for r, t in zip(ranked, truth))
+                hits[7] += sum(r[0] == t for r, t in zip(ranked, truth))
+                hits[8] += sum(r[0] in twins[t] for r, t in zip(ranked, truth))
+                if designs is not None:
+                    hits[9] += sum(r[0] in designs[t] for r, t in zip(ranked, truth))
+                hits[10] += sum(t in r for r, t in zip(ranked, truth))
             wrong.update((int(t), int(b)) for b, t in zip(best[:, 0], truth) if b not in twins[t])
     return Recognition(len(records), *(hits / max(1, len(records))), wrong)
 
@@ -198,6 +303,16 @@ def similarity(work):
         scores[index[n]] = -np.inf
         orders[n] = np.argsort(-scores)[:CLONE_DEPTH]
     hits = sum(any(families[names[k]] == families[n] for k in orders[n][:5]) for n in tested)
+    # The module ranks installed fonts only: on a machine with the commonly installed faces (the
+    # recognition classes) and the test families, a face's candidates are those alone.
+    common = set(images.read_names(os.path.join(work, "rec_classes.txt")))
+    installed = common | {n for n in names if split[n] == "test"}
+    pool = np.array([n in installed for n in names])
+    pooled = 0
+    for n in tested:
+        scores = np.where(pool, matrix @ matrix[index[n]], -np.inf)
+        scores[index[n]] = -np.inf
+        pooled += any(families[names[k]] == families[n] for k in np.argsort(-scores)[:5])
     # Faces of other families drawn the same as the query (Hind Madurai and Hind Guntur, Veranda
     # and DejaVu Sans share their Latin letters) can only tie with its own family: the second
     # figure leaves them out of the ranking, as recognition's "twins" columns do.
@@ -220,7 +335,9 @@ def similarity(work):
     lines = [f"Similarity: {len(tested)} test-family faces with a sibling; another face of the family among "
              f"the 5 nearest of {len(names)} corpus faces for {percent(hits):.1f} %; for {percent(apart):.1f} % "
              f"once faces of other families drawn the same as the query are left out ({clones} such "
-             "faces ranked before the fifth other one).", "",
+             f"faces ranked before the fifth other one). On a machine with the {len(common)} commonly installed "
+             f"faces and the test families ({int(pool.sum())} faces in all), where the module ranks these "
+             f"alone: {percent(pooled):.1f} %.", "",
              "| font | 5 nearest (score) |", "|---|---|"]
     for n in WELL_KNOWN:
         if n not in index:
@@ -245,6 +362,8 @@ def main(argv=None):
     parser.add_argument("--choose-temperature", type=float, nargs="+", metavar="T",
                         help="only judge the validation pictures (DIR/lines_validation.bin) at each of these "
                              "temperatures, to choose the export's")
+    parser.add_argument("--fonts", default=corpus_fetch.default_cache(),
+                        help="the corpus folder, whose fonts give the classes' weight and slant")
     parser.add_argument("--similarity-only", action="store_true",
                         help="judge only the similarity vectors of DIR/module-cache (3 minutes, not 15)")
     args = parser.parse_args(argv)
@@ -262,12 +381,15 @@ def main(argv=None):
     families = [corpus_splits.family_key(family_of[n]) for n in rec_classes]
     out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the \"twins\" columns "
            "count a twin of the right class as right, the \"family\" one any face of its family, the \"design\" "
-           f"one also faces of other families scoring {DESIGN_SCORE:g} or more against it in the similarity table.", "",
+           f"ones its twins and faces of its weight (within {DESIGN_WEIGHT:g} in OpenType's units), slant and "
+           f"width (within {100 * DESIGN_WIDTH:g} %) whose letters, spacing aside, differ from its own by under "
+           f"{DESIGN_SHAPE:g} grey levels: another foundry's cut of the same letters.", "",
            "The module's answer is its first font after the best classes steered a similar-font query "
-           "(with every class installed); \"answer, twins\" counts a twin of the right class as right.", "",
+           "(with every class installed); \"answer, twins\" and \"answer, design\" count it right as the "
+           "columns above do.", "",
            "| pictures | count | top-1 | top-5 | top-1, twins | top-5, twins | top-1, family | top-1, design "
-           "| answer | answer, twins | answer, top-5 |",
-           "|---|---|---|---|---|---|---|---|---|---|---|"]
+           "| top-5, design | answer | answer, twins | answer, design | answer, top-5 |",
+           "|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
     vectors = table_vectors(args.tables, rec_classes)
     if args.choose_temperature:
         print("| temperature | top-1 | top-5 | answer | answer, top-5 |\n|---|---|---|---|---|", flush=True)
@@ -278,10 +400,12 @@ def main(argv=None):
                   f"| {100 * r.answer_top5:.1f} % |", flush=True)
         return 0
     scores = table_scores(vectors)
-    designs = design_classes(twins, families, scores)
-    other_cuts = np.mean([sum(families[k] != families[c] and k not in twins[c] for k in d)
-                          for c, d in enumerate(designs)])
-    out.insert(1, f"A class has {other_cuts:.2f} faces of other families (twins aside) at that score on average.")
+    styles = class_styles(rec_classes, os.path.join(args.fonts, "fonts"))
+    designs = design_classes(twins, styles, specimens)
+    other_cuts = np.mean([len(d - twins[c]) for c, d in enumerate(designs)])
+    unstyled = sum(style is None for style in styles)
+    out.insert(1, f"A class has {other_cuts:.2f} other cuts of its design (twins aside) on average"
+                  + (f"; {unstyled} classes have no single weight and slant, so no other cut." if unstyled else "."))
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
              ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
@@ -315,15 +439,13 @@ def main(argv=None):
                 if families[t] != families[b] and vectors[t] is not None and vectors[b] is not None]
     if crossing:
         half, quarter = np.quantile([scores[t, b] for t, b in crossing], [0.5, 0.25])
-        near = [(t, b) for t, b in crossing if b in designs[t] and t in specimens and b in specimens]
-        widths = [width_difference(specimens[t], specimens[b]) for t, b in near]
+        near = [(t, b) for t, b in crossing if b in designs[t]]
         out += ["", f"Of the {len(crossing)} wrong first answers of another family, half score {half:.2f} or more against "
                     f"the right class in the similarity table and three quarters {quarter:.2f} or more; two classes "
                     f"picked at random score {np.nanmedian(scores[np.triu_indices(len(scores), 1)]):.2f}."]
-        if widths:
-            out[-1] += (f" The {len(near)} of the same design are drawn as wide as the right class within "
-                        f"{100 * np.median(widths):.1f} % (median; {100 * np.mean(np.array(widths) < 0.03):.0f} % "
-                        "within 3 %): the same letters, spaced or drawn a little differently.")
+        out[-1] += (f" {len(near)} of them are another cut of the right class's design, whose letters differ "
+                    f"from its own by {np.median([shape_distance(specimens[t], specimens[b]) for t, b in near]):.1f} "
+                    "grey levels (median)." if near else "")
     out.append("")
     if os.path.exists(os.path.join(args.work, "module-cache")):
         out += similarity(args.work)

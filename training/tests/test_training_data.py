@@ -4,6 +4,7 @@ classification fit."""
 import contextlib
 import io
 import os
+import shutil
 import struct
 import sys
 import tempfile
@@ -27,6 +28,8 @@ import make_tables  # noqa: E402
 import prepare_training_data  # noqa: E402
 import splits as corpus_splits  # noqa: E402
 import train_networks  # noqa: E402
+
+DEJAVU = "/usr/share/fonts/truetype/dejavu"
 
 
 class SpecimenCrops(unittest.TestCase):
@@ -296,20 +299,64 @@ class ModuleAnswer(unittest.TestCase):
                          [1, 3, 2, 4, 5, 6])
 
 
+def letters(*shapes, rows=20):
+    """A white specimen strip with dark letters: (gap before, width, height of ink) for each."""
+    columns = []
+    for gap, width, height in shapes:
+        columns.append(np.full((rows, gap), 255, np.uint8))
+        letter = np.full((rows, width), 255, np.uint8)
+        letter[rows - height:] = 0
+        columns.append(letter)
+    columns.append(np.full((rows, 3), 255, np.uint8))
+    return np.concatenate(columns, 1)
+
+
 class DesignClasses(unittest.TestCase):
-    def test_twins_family_and_near_vectors_share_a_design_and_nothing_else(self):
-        e = np.eye(3, dtype=np.float32)
-        near = (0.96 * e[0] + 0.28 * e[1]) * 2 / np.sqrt(2)  # scores 1.92 against class 0
-        far = (0.9 * e[0] + 0.44 * e[1]) * 2 / np.sqrt(2)  # 1.80
-        vectors = [e[0] * 2 / np.sqrt(2), near, far, None, e[2] * 2 / np.sqrt(2)]
-        twins = {0: {0}, 1: {1}, 2: {2}, 3: {3, 4}, 4: {3, 4}}
-        families = ["a", "b", "c", "d", "a"]
-        designs = evaluate.design_classes(twins, families, evaluate.table_scores(vectors))
-        self.assertEqual(designs[0], {0, 1, 4})  # itself, the near cut, its family's face
-        self.assertEqual(designs[1], {0, 1, 2})  # near and far score 1.97 against each other
-        self.assertEqual(designs[2], {1, 2})
-        self.assertEqual(designs[3], {3, 4})  # no table entry: its twin alone
-        self.assertEqual(designs[4], {0, 3, 4})
+    def test_letter_shapes_are_compared_with_spacing_left_aside(self):
+        tight = letters((2, 30, 10), (1, 24, 16), (1, 36, 8))
+        loose = letters((6, 30, 10), (5, 24, 16), (9, 36, 8))
+        self.assertEqual(evaluate.strip_distance(tight, loose), 0.0)
+        # The first two letters touch in one cut and stand a column apart in the other: their pieces
+        # pair as one, off by that column.
+        touching = np.concatenate([letters((2, 30, 10))[:, :-3], letters((0, 24, 16), (1, 36, 8))], 1)
+        self.assertEqual(len(evaluate.letter_pieces(touching)), 2)
+        apart = letters((2, 30, 10), (1, 24, 16), (1, 36, 8))
+        self.assertLess(evaluate.strip_distance(touching, apart), 5.0)
+        self.assertLess(evaluate.strip_distance(apart, touching), 5.0)
+        taller = letters((2, 30, 14), (1, 24, 16), (1, 36, 8))
+        self.assertGreater(evaluate.strip_distance(taller, loose), 15.0)
+        self.assertEqual(evaluate.strip_distance(np.full((20, 30), 255, np.uint8), loose), float("inf"))
+
+    def test_a_design_is_the_same_letters_in_the_same_weight_slant_and_width(self):
+        face = letters((2, 30, 10), (1, 24, 16), (1, 36, 8))
+        respaced = letters((1, 30, 10), (2, 24, 16), (1, 36, 8))  # as wide: another foundry's cut
+        wider = letters((2, 33, 10), (1, 27, 16), (1, 39, 8))
+        other = letters((2, 30, 16), (1, 24, 6), (1, 36, 12))
+        # 0 the face; 1 its cut, book against regular; 2 the cut, slanted; 3 the cut, bold; 4 wider;
+        # 5 other letters; 6 the cut of unknown style; 7 no specimens, twin of 5.
+        specimens = {0: (face, face), 1: (respaced, respaced), 2: (respaced, respaced), 3: (respaced, respaced),
+                     4: (wider, wider), 5: (other, other), 6: (respaced, respaced)}
+        regular = (400.0, False)
+        styles = [regular, (380.0, False), (400.0, True), (700.0, False), regular, regular, None, regular]
+        twins = {c: {c} for c in range(8)}
+        twins[5], twins[7] = {5, 7}, {5, 7}
+        designs = evaluate.design_classes(twins, styles, specimens)
+        self.assertEqual(designs[0], {0, 1})
+        self.assertEqual(designs[1], {0, 1})
+        for c in (2, 3, 4, 6):
+            self.assertEqual(designs[c], {c})
+        self.assertEqual(designs[5], {5, 7})  # other letters: only its twin
+        self.assertEqual(designs[7], {5, 7})
+
+    @unittest.skipUnless(shutil.which("fc-scan") and os.path.isdir(DEJAVU), "fc-scan or DejaVu is missing")
+    def test_styles_come_from_the_fonts_on_opentype_weights(self):
+        styles = evaluate.class_styles(["DejaVuSans-Bold", "DejaVuSans-Oblique", "DejaVuSans-ExtraLight", "Absent"],
+                                       DEJAVU)
+        self.assertEqual(styles[0], (700.0, False))
+        self.assertEqual(styles[1], (400.0, True))
+        self.assertEqual(styles[2][1], False)
+        self.assertLess(styles[2][0], 300.0)
+        self.assertIsNone(styles[3])
 
 
 @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
