@@ -21,8 +21,9 @@ packages=(
   fonts-inter-variable fonts-terminus-otb
 )
 if [[ "${1:-}" == "--training" ]]; then
-  # PyTorch; brotli for fontTools to read WOFF2; the corpus fetch's apt-get download and npm.
-  packages+=(python3-torch python3-brotli)
+  # PyTorch; brotli for fontTools to read WOFF2; fc-scan, which the evaluation reads the
+  # corpus's weights and slants with; the corpus fetch's apt-get download and npm.
+  packages+=(python3-torch python3-brotli fontconfig)
   command -v npm >/dev/null || packages+=(npm)
 fi
 
