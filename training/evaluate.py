@@ -86,14 +86,18 @@ def width_difference(a, b):
     return max(max(x.shape[1], y.shape[1]) / min(x.shape[1], y.shape[1]) for x, y in zip(a, b)) - 1
 
 
-# Two faces of the same weight (in OpenType's units), slant and width whose letters differ by
-# less than this (shape_distance, grey levels) show one design. Measured on the recognition
-# classes: another foundry's cut of the same letters differs by 0.5-7 (TeX Gyre Pagella and P052
-# 2.9, CMU Serif and Latin Modern 2.8, STIX and TeX Gyre Termes 3.7, DejaVu Sans and Waree's
-# Latin 5.1), bold cuts and optical sizes of one design by 7-14 (TeX Gyre Heros Bold and Nimbus
-# Sans Bold 12.2, Noto Sans and Open Sans 13.8); the next pairs are other designs, 15 and more
-# apart (FreeSans and Garuda 16.3, Liberation Serif and Nimbus Roman 25.5).
-DESIGN_SHAPE = 14
+# Two faces as wide whose letters differ by less than DESIGN_SHAPE (shape_distance, grey levels)
+# show one design, and so do two of the same declared weight and slant under DESIGN_SHAPE_STYLED.
+# Measured on the recognition classes: another foundry's cut of the same letters differs by
+# 0.5-8 (TeX Gyre Pagella and P052 2.2, CMU Serif and Latin Modern 2.5, STIX and TeX Gyre Termes
+# 2.6, DejaVu Sans and Waree's Latin 3.8), whatever weight and slant the fonts declare (CMU's
+# roman says medium, Latin Modern's slanted faces say upright); bold cuts and optical sizes of
+# one design by 8-14 (TeX Gyre Heros Bold and Nimbus Sans Bold 12.5, Noto Sans and Open Sans
+# 12.8), as little as neighbouring weights of one family (Lato Regular and Medium 9.1), which
+# only the fonts' own weights tell apart; other designs of one style are 15 and more apart
+# (FreeSans and Garuda 15.6, Liberation Serif and Nimbus Roman 26.2).
+DESIGN_SHAPE = 8
+DESIGN_SHAPE_STYLED = 14
 # Weights of one style: book (380) and regular (400) are one, medium (500) and bold (700)
 # against extra-bold (800) are not.
 DESIGN_WEIGHT = 50
@@ -105,6 +109,8 @@ FONTCONFIG_WEIGHTS = ((0, 100), (40, 200), (50, 300), (55, 350), (75, 380), (80,
                       (200, 700), (205, 800), (210, 900), (215, 1000))
 # A specimen column holds ink where a pixel is this much darker than the white ground.
 INK = 40
+# How far apart the letter pieces of two strips may get in their pairing (see strip_distance).
+PIECE_BAND = 8
 
 
 def letter_pieces(strip):
@@ -121,19 +127,26 @@ def strip_distance(x, y):
     left edge on white, and the mean absolute difference over the paired pieces' area is taken
     (grey levels). A piece of one may pair with two touching pieces of the other, since one
     foundry's spacing lets letters touch that another's keeps apart; the pairing of least total
-    difference is found by dynamic programming. Infinite when the pieces cannot be paired."""
+    difference is found by dynamic programming, within PIECE_BAND pieces of the diagonal (strips
+    whose piece counts differ by more are not the same letters). Infinite when the pieces cannot
+    be paired."""
     a, b = letter_pieces(x), letter_pieces(y)
+    x16, y16 = x.astype(np.int16), y.astype(np.int16)
+    # Ink (255 - grey) summed over the columns before each column: the part of the longer piece
+    # that the shorter one does not cover differs from white by exactly its ink.
+    ink_x = np.concatenate([[0], np.cumsum(255 * x.shape[0] - x16.sum(0, dtype=np.int64))])
+    ink_y = np.concatenate([[0], np.cumsum(255 * y.shape[0] - y16.sum(0, dtype=np.int64))])
 
     def difference(i0, i1, j0, j1):
         s0, e0, s1, e1 = a[i0][0], a[i1 - 1][1], b[j0][0], b[j1 - 1][1]
-        wide = max(e0 - s0, e1 - s1)
-        pa = np.full((x.shape[0], wide), 255, np.int16)
-        pb = pa.copy()
-        pa[:, :e0 - s0] = x[:, s0:e0]
-        pb[:, :e1 - s1] = y[:, s1:e1]
-        return float(np.abs(pa - pb).sum()), x.shape[0] * wide
+        common = min(e0 - s0, e1 - s1)
+        total = int(np.abs(x16[:, s0:s0 + common] - y16[:, s1:s1 + common]).sum())
+        total += int(ink_x[e0] - ink_x[s0 + common] + ink_y[e1] - ink_y[s1 + common])
+        return float(total), x.shape[0] * max(e0 - s0, e1 - s1)
 
     n, m = len(a), len(b)
+    if n == 0 or abs(n - m) > PIECE_BAND:
+        return float("inf")
     best = {(0, 0): (0.0, 0)}  # (pieces of x, pieces of y) paired -> (total difference, area)
     for i in range(n + 1):
         for j in range(m + 1):
@@ -141,11 +154,11 @@ def strip_distance(x, y):
                 continue
             total, area = best[(i, j)]
             for di, dj in ((1, 1), (2, 1), (1, 2)):
-                if i + di <= n and j + dj <= m:
+                if i + di <= n and j + dj <= m and abs(i + di - j - dj) <= PIECE_BAND:
                     d, s = difference(i, i + di, j, j + dj)
                     if (i + di, j + dj) not in best or total + d < best[(i + di, j + dj)][0]:
                         best[(i + di, j + dj)] = (total + d, area + s)
-    if (n, m) not in best or n == 0:
+    if (n, m) not in best:
         return float("inf")
     total, area = best[(n, m)]
     return total / area
@@ -186,21 +199,23 @@ def table_scores(vectors):
     return scores
 
 
-def design_classes(twins, styles, specimens, shape=DESIGN_SHAPE):
+def design_classes(twins, styles, specimens):
     """For each recognition class, the classes that show its design: its twins and the classes
-    of its style (styles[class], from class_styles: weights within DESIGN_WEIGHT, both upright
-    or both slanted) whose specimens (specimens[class]) are as wide within DESIGN_WIDTH and whose
-    letters differ from its own by less than `shape` (shape_distance): another foundry's cut of
-    the same letters. Other faces of the family are not the design: a bold, an italic or a
-    condensed width is another face to a reader."""
+    whose specimens (specimens[class]) are as wide within DESIGN_WIDTH and whose letters differ
+    from its own (shape_distance) by less than DESIGN_SHAPE, or by less than DESIGN_SHAPE_STYLED
+    in the same style (styles[class], from class_styles: weights within DESIGN_WEIGHT, both
+    upright or both slanted): another foundry's cut of the same letters. Other faces of the
+    family are not the design: a bold, an italic or a condensed width is another face to a
+    reader."""
     designs = [set(twins[c]) for c in range(len(styles))]
-    drawn = sorted(c for c in specimens if styles[c] is not None)
+    drawn = sorted(specimens)
     for i, c in enumerate(drawn):
         for k in drawn[i + 1:]:
-            (wc, sc), (wk, sk) = styles[c], styles[k]
-            if (abs(wc - wk) <= DESIGN_WEIGHT and sc == sk
-                    and width_difference(specimens[c], specimens[k]) <= DESIGN_WIDTH
-                    and shape_distance(specimens[c], specimens[k]) < shape):
+            if width_difference(specimens[c], specimens[k]) > DESIGN_WIDTH:
+                continue
+            styled = (styles[c] is not None and styles[k] is not None
+                      and abs(styles[c][0] - styles[k][0]) <= DESIGN_WEIGHT and styles[c][1] == styles[k][1])
+            if shape_distance(specimens[c], specimens[k]) < (DESIGN_SHAPE_STYLED if styled else DESIGN_SHAPE):
                 designs[c].add(k)
                 designs[k].add(c)
     return designs
@@ -381,9 +396,9 @@ def main(argv=None):
     families = [corpus_splits.family_key(family_of[n]) for n in rec_classes]
     out = [f"{twinned} of the {len(rec_classes)} classes have a twin drawn the same; the \"twins\" columns "
            "count a twin of the right class as right, the \"family\" one any face of its family, the \"design\" "
-           f"ones its twins and faces of its weight (within {DESIGN_WEIGHT:g} in OpenType's units), slant and "
-           f"width (within {100 * DESIGN_WIDTH:g} %) whose letters, spacing aside, differ from its own by under "
-           f"{DESIGN_SHAPE:g} grey levels: another foundry's cut of the same letters.", "",
+           f"ones its twins and faces as wide (within {100 * DESIGN_WIDTH:g} %) whose letters, spacing aside, differ "
+           f"from its own by under {DESIGN_SHAPE:g} grey levels, or under {DESIGN_SHAPE_STYLED:g} with its weight "
+           f"(within {DESIGN_WEIGHT:g} in OpenType's units) and slant: another foundry's cut of the same letters.", "",
            "The module's answer is its first font after the best classes steered a similar-font query "
            "(with every class installed); \"answer, twins\" and \"answer, design\" count it right as the "
            "columns above do.", "",

@@ -327,26 +327,32 @@ class DesignClasses(unittest.TestCase):
         self.assertGreater(evaluate.strip_distance(taller, loose), 15.0)
         self.assertEqual(evaluate.strip_distance(np.full((20, 30), 255, np.uint8), loose), float("inf"))
 
-    def test_a_design_is_the_same_letters_in_the_same_weight_slant_and_width(self):
+    def test_a_design_is_the_same_letters_whatever_the_fonts_declare_or_nearly_in_one_style(self):
         face = letters((2, 30, 10), (1, 24, 16), (1, 36, 8))
         respaced = letters((1, 30, 10), (2, 24, 16), (1, 36, 8))  # as wide: another foundry's cut
+        # Letters about 10 grey levels from the face's, and 18 or more from one another's.
+        near = [letters((2, 30, 10), (1, 24, 16), (1, 36, 10)), letters((2, 30, 12), (1, 24, 16), (1, 36, 8)),
+                letters((2, 30, 10), (1, 24, 19), (1, 36, 8)), letters((2, 30, 10), (1, 24, 16), (1, 36, 6))]
         wider = letters((2, 33, 10), (1, 27, 16), (1, 39, 8))
         other = letters((2, 30, 16), (1, 24, 6), (1, 36, 12))
-        # 0 the face; 1 its cut, book against regular; 2 the cut, slanted; 3 the cut, bold; 4 wider;
-        # 5 other letters; 6 the cut of unknown style; 7 no specimens, twin of 5.
-        specimens = {0: (face, face), 1: (respaced, respaced), 2: (respaced, respaced), 3: (respaced, respaced),
-                     4: (wider, wider), 5: (other, other), 6: (respaced, respaced)}
+        # 0 the face; 1 its cut, declared bold; 2 near letters, book against regular; 3 near letters,
+        # medium; 4 near letters, slanted; 5 wider; 6 other letters, twin of 7 (no specimens);
+        # 8 near letters of unknown style.
+        strips = {0: face, 1: respaced, 2: near[0], 3: near[1], 4: near[2], 5: wider, 6: other, 8: near[3]}
+        specimens = {c: (strip, strip) for c, strip in strips.items()}
         regular = (400.0, False)
-        styles = [regular, (380.0, False), (400.0, True), (700.0, False), regular, regular, None, regular]
-        twins = {c: {c} for c in range(8)}
-        twins[5], twins[7] = {5, 7}, {5, 7}
+        styles = [regular, (700.0, False), (380.0, False), (500.0, False), (400.0, True), regular, regular, regular,
+                  None]
+        twins = {c: {c} for c in range(9)}
+        twins[6], twins[7] = {6, 7}, {6, 7}
         designs = evaluate.design_classes(twins, styles, specimens)
-        self.assertEqual(designs[0], {0, 1})
-        self.assertEqual(designs[1], {0, 1})
-        for c in (2, 3, 4, 6):
+        self.assertEqual(designs[0], {0, 1, 2})
+        self.assertEqual(designs[1], {0, 1})  # near letters, but the bold is declared another style
+        self.assertEqual(designs[2], {0, 2})
+        for c in (3, 4, 5, 8):
             self.assertEqual(designs[c], {c})
-        self.assertEqual(designs[5], {5, 7})  # other letters: only its twin
-        self.assertEqual(designs[7], {5, 7})
+        self.assertEqual(designs[6], {6, 7})  # other letters: only its twin
+        self.assertEqual(designs[7], {6, 7})
 
     @unittest.skipUnless(shutil.which("fc-scan") and os.path.isdir(DEJAVU), "fc-scan or DejaVu is missing")
     def test_styles_come_from_the_fonts_on_opentype_weights(self):
