@@ -129,7 +129,8 @@ def strip_distance(x, y):
     foundry's spacing lets letters touch that another's keeps apart; the pairing of least total
     difference is found by dynamic programming, within PIECE_BAND pieces of the diagonal (strips
     whose piece counts differ by more are not the same letters). Infinite when the pieces cannot
-    be paired."""
+    be paired. Within a run of touching letters the spacing still counts, so the capitals of bold
+    serif faces, which touch in long runs, come out further apart than their letters are."""
     a, b = letter_pieces(x), letter_pieces(y)
     x16, y16 = x.astype(np.int16), y.astype(np.int16)
     # Ink (255 - grey) summed over the columns before each column: the part of the longer piece
