@@ -14,8 +14,9 @@
   similar-font query through the shipped similarity table (--tables, data/ by default).
   Some classes are drawn exactly alike (metric clones with the same outlines); top-1 and top-5
   are also given counting such a twin as right, and counting another cut of the right face's
-  design as right (the same weight and slant, read from the corpus's font files with fc-scan,
-  the same width, and letters that differ by a few grey levels with spacing left aside).
+  design as right (the same width and letters that differ by a few grey levels with spacing
+  left aside; a little more when the weight and slant, read from the corpus's font files with
+  fc-scan, are the same too).
 - Similarity, on the vectors the module itself computed for every corpus face
   (DIR/module-cache, made by make_tables.py): for each face of a test-split family with at
   least two faces, is another face of its family among its 5 nearest (dot product) of all
@@ -207,8 +208,10 @@ def design_classes(twins, styles, specimens):
     in the same style (styles[class], from class_styles: weights within DESIGN_WEIGHT, both
     upright or both slanted): another foundry's cut of the same letters. Other faces of the
     family are not the design: a bold, an italic or a condensed width is another face to a
-    reader."""
+    reader. Also returns the shape_distance of every pair it measured, as {(c, k): distance}
+    with c < k."""
     designs = [set(twins[c]) for c in range(len(styles))]
+    distances = {}
     drawn = sorted(specimens)
     for i, c in enumerate(drawn):
         for k in drawn[i + 1:]:
@@ -216,10 +219,11 @@ def design_classes(twins, styles, specimens):
                 continue
             styled = (styles[c] is not None and styles[k] is not None
                       and abs(styles[c][0] - styles[k][0]) <= DESIGN_WEIGHT and styles[c][1] == styles[k][1])
-            if shape_distance(specimens[c], specimens[k]) < (DESIGN_SHAPE_STYLED if styled else DESIGN_SHAPE):
+            distances[(c, k)] = shape_distance(specimens[c], specimens[k])
+            if distances[(c, k)] < (DESIGN_SHAPE_STYLED if styled else DESIGN_SHAPE):
                 designs[c].add(k)
                 designs[k].add(c)
-    return designs
+    return designs, distances
 
 
 def answers(mean, vectors, count=5):
@@ -313,22 +317,20 @@ def similarity(work):
     for n in names:
         members[families[n]].append(n)
     tested = [n for n in names if split[n] == "test" and len(members[families[n]]) >= 2]
-    orders = {}
-    for n in tested:
-        scores = matrix @ matrix[index[n]]
-        scores[index[n]] = -np.inf
-        orders[n] = np.argsort(-scores)[:CLONE_DEPTH]
-    hits = sum(any(families[names[k]] == families[n] for k in orders[n][:5]) for n in tested)
     # The module ranks installed fonts only: on a machine with the commonly installed faces (the
     # recognition classes) and the test families, a face's candidates are those alone.
     common = set(images.read_names(os.path.join(work, "rec_classes.txt")))
     installed = common | {n for n in names if split[n] == "test"}
     pool = np.array([n in installed for n in names])
+    orders = {}
     pooled = 0
     for n in tested:
-        scores = np.where(pool, matrix @ matrix[index[n]], -np.inf)
+        scores = matrix @ matrix[index[n]]
         scores[index[n]] = -np.inf
-        pooled += any(families[names[k]] == families[n] for k in np.argsort(-scores)[:5])
+        orders[n] = np.argsort(-scores)[:CLONE_DEPTH]
+        nearest_installed = np.argsort(-np.where(pool, scores, -np.inf))[:5]
+        pooled += any(families[names[k]] == families[n] for k in nearest_installed)
+    hits = sum(any(families[names[k]] == families[n] for k in orders[n][:5]) for n in tested)
     # Faces of other families drawn the same as the query (Hind Madurai and Hind Guntur, Veranda
     # and DejaVu Sans share their Latin letters) can only tie with its own family: the second
     # figure leaves them out of the ranking, as recognition's "twins" columns do.
@@ -417,11 +419,12 @@ def main(argv=None):
         return 0
     scores = table_scores(vectors)
     styles = class_styles(rec_classes, os.path.join(args.fonts, "fonts"))
-    designs = design_classes(twins, styles, specimens)
+    designs, distances = design_classes(twins, styles, specimens)
     other_cuts = np.mean([len(d - twins[c]) for c, d in enumerate(designs)])
     unstyled = sum(style is None for style in styles)
     out.insert(1, f"A class has {other_cuts:.2f} other cuts of its design (twins aside) on average"
-                  + (f"; {unstyled} classes have no single weight and slant, so no other cut." if unstyled else "."))
+                  + (f"; {unstyled} classes have no single weight and slant, so only cuts under {DESIGN_SHAPE:g} "
+                     "grey levels count for them." if unstyled else "."))
     cases = [("degraded, other seed", "lines_heldout.bin", 1, 0), ("clean", "lines_clean.bin", 1, 0),
              ("line in a picture 2-4 times its height", "lines_tall.bin", 2, 0),
              ("the same pictures cut to the text band", "lines_tall.bin", 2, 1)]
@@ -460,7 +463,7 @@ def main(argv=None):
                     f"the right class in the similarity table and three quarters {quarter:.2f} or more; two classes "
                     f"picked at random score {np.nanmedian(scores[np.triu_indices(len(scores), 1)]):.2f}."]
         out[-1] += (f" {len(near)} of them are another cut of the right class's design, whose letters differ "
-                    f"from its own by {np.median([shape_distance(specimens[t], specimens[b]) for t, b in near]):.1f} "
+                    f"from its own by {np.median([distances[min(t, b), max(t, b)] for t, b in near]):.1f} "
                     "grey levels (median)." if near else "")
     out.append("")
     if os.path.exists(os.path.join(args.work, "module-cache")):

@@ -345,7 +345,7 @@ class DesignClasses(unittest.TestCase):
                   None]
         twins = {c: {c} for c in range(9)}
         twins[6], twins[7] = {6, 7}, {6, 7}
-        designs = evaluate.design_classes(twins, styles, specimens)
+        designs, distances = evaluate.design_classes(twins, styles, specimens)
         self.assertEqual(designs[0], {0, 1, 2})
         self.assertEqual(designs[1], {0, 1})  # near letters, but the bold is declared another style
         self.assertEqual(designs[2], {0, 2})
@@ -353,6 +353,8 @@ class DesignClasses(unittest.TestCase):
             self.assertEqual(designs[c], {c})
         self.assertEqual(designs[6], {6, 7})  # other letters: only its twin
         self.assertEqual(designs[7], {6, 7})
+        self.assertLess(distances[(0, 1)], 1.0)  # each pair measured once, smaller class first
+        self.assertNotIn((0, 5), distances)  # too wide to be measured at all
 
     @unittest.skipUnless(shutil.which("fc-scan") and os.path.isdir(DEJAVU), "fc-scan or DejaVu is missing")
     def test_styles_come_from_the_fonts_on_opentype_weights(self):
