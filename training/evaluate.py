@@ -383,7 +383,7 @@ def main(argv=None):
     parser.add_argument("--fonts", default=corpus_fetch.default_cache(),
                         help="the corpus folder, whose fonts give the classes' weight and slant")
     parser.add_argument("--similarity-only", action="store_true",
-                        help="judge only the similarity vectors of DIR/module-cache (3 minutes, not 15)")
+                        help="judge only the similarity vectors of DIR/module-cache (seconds, not the full 6 minutes)")
     args = parser.parse_args(argv)
     torch.set_num_threads(2)
     if args.similarity_only:
