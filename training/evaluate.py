@@ -327,8 +327,9 @@ def similarity(work):
     for n in tested:
         scores = matrix @ matrix[index[n]]
         scores[index[n]] = -np.inf
-        orders[n] = np.argsort(-scores)[:CLONE_DEPTH]
-        nearest_installed = np.argsort(-np.where(pool, scores, -np.inf))[:5]
+        order = np.argsort(-scores)
+        orders[n] = order[:CLONE_DEPTH]
+        nearest_installed = order[pool[order]][:5]
         pooled += any(families[names[k]] == families[n] for k in nearest_installed)
     hits = sum(any(families[names[k]] == families[n] for k in orders[n][:5]) for n in tested)
     # Faces of other families drawn the same as the query (Hind Madurai and Hind Guntur, Veranda
