@@ -236,6 +236,7 @@ class ReaderValidationTest(unittest.TestCase):
         self.assertEqual(dnm.read_model(bad, validate=False)[1].inputs, ["x"])
 
 
+@unittest.skipIf(torch is None, "PyTorch is not installed (scripts/setup.sh --training installs it)")
 class TorchHelperTest(unittest.TestCase):
     def setUp(self):
         torch.manual_seed(0)

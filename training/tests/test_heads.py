@@ -14,7 +14,10 @@ import numpy as np
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, TRAINING)
 sys.path.insert(0, os.path.join(TRAINING, "corpus"))
-import torch  # noqa: E402
+try:
+    import torch  # noqa: E402
+except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
+    raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
 import export_networks  # noqa: E402
 import fontnet  # noqa: E402
