@@ -20,6 +20,8 @@
 #include <system_error>
 #include <vector>
 
+#include "host/cli_rows.h"
+#include "host/font_names.h"
 #include "host/host.h"
 #include "host/image.h"
 #include "host/json.h"
@@ -36,22 +38,32 @@ const char* const kHelp =
     "usage: fontrix [OPTIONS] COMMAND\n"
     "\n"
     "Commands:\n"
-    "  fonts               the installed fonts the module uses: unique name, family, style\n"
+    "  fonts [PATTERN] [--class CLASS ...] [--all]\n"
+    "                      the installed fonts the module uses, by family, weight, width and\n"
+    "                      slant: unique name, family, style. PATTERN: a fontconfig pattern as\n"
+    "                      fc-list takes it (\"Open Sans\", :weight=bold, \"DejaVu Sans:italic\"),\n"
+    "                      or text in the name or family; --class keeps fonts of those classes;\n"
+    "                      --all lists every face fontconfig lists, with why one is left out\n"
     "  classes [CLASS ...] [--not CLASS ...]\n"
     "                      every installed font with its style classes; with classes, the fonts\n"
     "                      that have all of them and none of the --not ones (blackletter,\n"
     "                      decorative, handmade, monospace, sans-serif, script, serif,\n"
     "                      slab-serif, or label strings such as fs_slab_serif)\n"
     "  similar NAME [--sheet FILE]\n"
-    "                      the installed fonts most like font NAME, best first, with scores;\n"
-    "                      --sheet writes a PNG contact sheet of their specimens\n"
+    "                      the installed fonts most like font NAME (at most 80), best first, with\n"
+    "                      scores; --sheet writes a PNG contact sheet of their specimens\n"
     "  recognize IMAGE [--sheet FILE]\n"
     "                      the installed fonts most likely shown in a picture of one line of text\n"
-    "                      (PNG or JPEG), best first, with scores; --sheet draws a sample in each\n"
+    "                      (PNG or JPEG; at most 40), best first, with scores; --sheet draws a\n"
+    "                      sample in each\n"
     "  index               brings the module's caches up to date and reports what it did\n"
     "  specimen NAME TEXT -o FILE [--size N]\n"
-    "                      draws TEXT in the installed font NAME (its unique name) into the PNG\n"
-    "                      FILE, N pixels to the em (default 200), as the module draws text\n"
+    "                      draws TEXT in the installed font NAME into the PNG FILE, N pixels to\n"
+    "                      the em (default 200), as the module draws text\n"
+    "\n"
+    "NAME is what you would give fc-match: a PostScript name (any case), a family (\"Open Sans\"),\n"
+    "a family and style (\"Open Sans Bold\", \"Open Sans:bold\"), a fontconfig pattern or a font\n"
+    "file. When it leaves a choice, the face fc-match picks is used and named on standard error.\n"
     "\n"
     "Options (before or after the command):\n"
     "  --module PATH       the module (default: $FONTRIX_MODULE, then libfontrix.so in ../lib or\n"
@@ -63,7 +75,13 @@ const char* const kHelp =
     "  --disable SERVICE   turn off classification, similarity or recognition (repeatable or\n"
     "                      comma-separated; also $FONTRIX_DISABLE)\n"
     "  --debug-log         let the module write its debug information\n"
+    "  -s, --style STYLE   the style of NAME's family to use (\"italic\", \"Semi Bold\")\n"
     "  --json              JSON output\n"
+    "  --format FORMAT     one line per font, with fields as fc-list -f takes them: %{name},\n"
+    "                      %{family}, %{style}, %{file}, %{index}, %{weight}, %{width},\n"
+    "                      %{slant} (fontconfig's values), %{score}, %{classes}, %{status};\n"
+    "                      \\t and \\n. Without it, text output is tab-separated columns, with a\n"
+    "                      header line on a terminal\n"
     "  --limit N           at most N results\n"
     "  --help, --version\n";
 
@@ -80,15 +98,14 @@ struct Options {
   std::string sheet;   // similar: --sheet
   double size = 0;     // specimen: --size; 0 until given
   std::vector<std::string> not_classes;  // classes: --not
+  std::vector<std::string> classes;      // fonts: --class
+  std::string style;                     // -s, --style: of the font NAME
+  std::string format;                    // --format
+  bool all = false;                      // fonts: --all
+  bool limit_given = false;
   std::string command;
   std::vector<std::string> args;
 };
-
-// The style classes: label strings in bit order, and the short forms people type.
-const char* const kClassLabels[] = {"fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace",
-                                    "fs_sans_serif",  "fs_script",     "fs_serif",    "fs_slab_serif"};
-const char* const kClassShortNames[] = {"blackletter", "decorative", "handmade", "monospace",
-                                        "sans-serif",  "script",     "serif",    "slab-serif"};
 
 // The bit of a class given as its label string or short form ("-" and "_" alike); throws a
 // usage error listing the classes.
@@ -105,9 +122,14 @@ int32_t ClassIndex(const std::string& text) {
 
 constexpr double kDefaultSpecimenSize = 200;
 
-// Each command and the number of arguments it takes.
-const std::pair<const char*, size_t> kCommands[] = {{"fonts", 0},     {"classes", 0}, {"similar", 1},
-                                                    {"recognize", 1}, {"index", 0},   {"specimen", 2}};
+// Each command, the fewest and the most arguments it takes, and the most results it gives.
+struct Command {
+  const char* name;
+  size_t fewest, most, results;
+};
+constexpr size_t kAny = std::numeric_limits<size_t>::max();
+const Command kCommands[] = {{"fonts", 0, 1, kAny},     {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
+                             {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny}};
 
 double ParseSize(const std::string& text) {
   char* end = nullptr;
@@ -143,7 +165,7 @@ Options Parse(int argc, char** argv) {
     const bool inline_value = equals != std::string::npos;
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
         name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet" ||
-        name == "--not") {
+        name == "--not" || name == "--class" || name == "-s" || name == "--style" || name == "--format") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -160,7 +182,10 @@ Options Parse(int argc, char** argv) {
           throw UsageError("--disable: " + std::string(e.what()));
         }
       }
-      if (name == "--limit") options.limit = ParseLimit(value);
+      if (name == "--limit") options.limit = ParseLimit(value), options.limit_given = true;
+      if (name == "--class") options.classes.push_back(value);
+      if (name == "-s" || name == "--style") options.style = value;
+      if (name == "--format") options.format = value;
       if (name == "-o" || name == "--output") options.output = value;
       if (name == "--size") options.size = ParseSize(value);
       if (name == "--sheet") options.sheet = value;
@@ -172,6 +197,7 @@ Options Parse(int argc, char** argv) {
                  : name == "--help"    ? &options.help
                  : name == "-h"        ? &options.help
                  : name == "--version" ? &options.version
+                 : name == "--all"     ? &options.all
                                        : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
     if (inline_value) throw UsageError(name + " takes no value");
@@ -182,14 +208,17 @@ Options Parse(int argc, char** argv) {
   options.command = positional.front();
   options.args.assign(positional.begin() + 1, positional.end());
   const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
-                                     [&](const auto& c) { return options.command == c.first; });
+                                     [&](const Command& c) { return options.command == c.name; });
   if (command == std::end(kCommands)) throw UsageError("unknown command '" + options.command + "'");
-  const bool optional_argument = options.command == "classes";  // any number of classes
-  if (command->second == 0 && !options.args.empty() && !optional_argument)
+  if (command->most == 0 && !options.args.empty())
     throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
-  if (options.args.size() != command->second && !optional_argument)
-    throw UsageError(options.command + " takes " + std::to_string(command->second) + " arguments, not " +
-                     std::to_string(options.args.size()));
+  if (options.args.size() < command->fewest || options.args.size() > command->most)
+    throw UsageError(options.command + " takes " +
+                     (command->fewest == command->most ? std::to_string(command->fewest) : "at most " + std::to_string(command->most)) +
+                     " arguments, not " + std::to_string(options.args.size()));
+  if (options.limit_given && options.limit > command->results)
+    std::fprintf(stderr, "fontrix: %s gives at most %zu fonts; --limit %zu gives as many\n", command->name,
+                 command->results, options.limit);
   const bool specimen = options.command == "specimen";
   if (specimen && options.output.empty()) throw UsageError("specimen needs the PNG file to write: -o FILE");
   if (!specimen && (!options.output.empty() || options.size))
@@ -198,9 +227,23 @@ Options Parse(int argc, char** argv) {
   if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize")
     throw UsageError("--sheet is for similar and recognize only");
   if (!options.not_classes.empty() && options.command != "classes") throw UsageError("--not is for classes only");
-  if (options.command == "classes")
-    for (const auto* list : {&options.args, &options.not_classes})
-      for (const std::string& c : *list) ClassIndex(c);
+  if (!options.classes.empty() && options.command != "fonts") throw UsageError("--class is for fonts only");
+  if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
+  if (!options.style.empty() && options.command != "similar" && options.command != "specimen")
+    throw UsageError("--style is for similar and specimen only");
+  const bool rows = options.command == "fonts" || options.command == "classes" || options.command == "similar" ||
+                    options.command == "recognize";
+  if (!options.format.empty() && (!rows || options.json))
+    throw UsageError(options.json ? "--format and --json exclude each other" : "--format is for fonts, classes, similar and recognize");
+  try {
+    CheckFormat(options.format);
+  } catch (const FormatError& e) {
+    throw UsageError(e.what());
+  }
+  if (options.command == "classes" || options.command == "fonts")
+    for (const auto* list : {&options.args, &options.not_classes, &options.classes})
+      if (options.command == "classes" || list == &options.classes)
+        for (const std::string& c : *list) ClassIndex(c);
   return options;
 }
 
@@ -264,87 +307,27 @@ void Check(QVErr err, const std::string& what) {
   if (err) throw Failure(what + " failed (error " + ErrorText(err) + ")");
 }
 
-// Idle ticks until every enabled service is idle; false when interrupted.
+// Idle ticks until every enabled service is idle; false when interrupted. The bar counts fonts:
+// a font is done when every enabled service is done with it.
 bool WaitForServices(Host& host, const FontrixProgressSuite& progress) {
   ProgressBar bar;
   bool idle = false;
   auto check = [&] {
-    uint64_t done = 0, total = 0;
+    uint64_t done = std::numeric_limits<uint64_t>::max(), total = 0;
     idle = true;
     for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
       FontrixServiceProgress p{};
       Check(progress.GetServiceProgress(service, &p), "reading the module's progress");
       if (!p.enabled) continue;
       idle = idle && p.idle;
-      done += p.fontsDone;
-      total += p.fontsTotal;
+      total = std::max<uint64_t>(total, p.fontsTotal);
+      done = std::min<uint64_t>(done, p.idle ? p.fontsTotal : p.fontsDone);
     }
-    bar.Show(done, total);
+    bar.Show(std::min(done, total), total);
   };
   check();
   host.RunUntil([&] { return idle || interrupted; }, std::numeric_limits<double>::infinity(), check);
   return !interrupted;
-}
-
-struct FontRow {
-  std::string name, family, style, file;
-};
-
-size_t DisplayWidth(const std::string& text) {
-  size_t width = 0;
-  for (unsigned char c : text) width += (c & 0xC0) != 0x80;  // code points, not bytes
-  return width;
-}
-
-void PrintFonts(const std::vector<FontRow>& rows, bool json) {
-  std::string out;
-  if (json) {
-    out = "{\"fonts\": [";
-    for (size_t i = 0; i < rows.size(); ++i) {
-      const FontRow& r = rows[i];
-      out += (i ? ",\n  " : "\n  ");
-      out += "{\"name\": " + JsonString(r.name) + ", \"family\": " + JsonString(r.family) +
-             ", \"style\": " + JsonString(r.style) + ", \"file\": " + JsonString(r.file) + "}";
-    }
-    out += rows.empty() ? "]}\n" : "\n]}\n";
-  } else {
-    size_t name_width = DisplayWidth("UNIQUE_NAME"), family_width = DisplayWidth("FAMILY");
-    for (const FontRow& r : rows) {
-      name_width = std::max(name_width, DisplayWidth(r.name));
-      family_width = std::max(family_width, DisplayWidth(r.family));
-    }
-    auto line = [&](const std::string& name, const std::string& family, const std::string& style) {
-      out += name + std::string(name_width - DisplayWidth(name) + 2, ' ');
-      out += family + std::string(family_width - DisplayWidth(family) + 2, ' ');
-      out += style + "\n";
-    };
-    line("UNIQUE_NAME", "FAMILY", "STYLE");
-    for (const FontRow& r : rows) line(r.name, r.family, r.style);
-  }
-  std::fwrite(out.data(), 1, out.size(), stdout);
-  std::fflush(stdout);
-}
-
-void Fonts(Host& host, const FontrixProgressSuite& progress, const Options& options) {
-  std::vector<QVFontHandle> handles;
-  FontrixFontHandleList list{&handles, [](void* context, QVFontHandle font) {
-                               static_cast<std::vector<QVFontHandle>*>(context)->push_back(font);
-                             }};
-  uint32_t generation = 0;
-  Check(progress.GetFontList(&list, &generation), "listing the module's fonts");
-  auto* fonts = static_cast<const QVFontSuite*>(host.AcquireSuite(kQVFontSuite, kQVFontSuiteVersion));
-  std::vector<FontRow> rows;
-  for (size_t i = 0; i < handles.size() && i < options.limit; ++i) {
-    const char *name = nullptr, *family = nullptr, *style = nullptr, *file = nullptr;
-    int32_t face_index = 0;
-    if (fonts->GetFontNames(handles[i], &name, &family, &style) || fonts->GetFontFile(handles[i], &file, &face_index)) {
-      host.ReleaseSuite(kQVFontSuite, kQVFontSuiteVersion);
-      throw Failure("the module listed a font handle the host does not know");
-    }
-    rows.push_back({name, family, style, file});
-  }
-  host.ReleaseSuite(kQVFontSuite, kQVFontSuiteVersion);
-  PrintFonts(rows, options.json);
 }
 
 // A suite of the host or the module, released when it goes.
@@ -371,30 +354,163 @@ class HeldSuite {
   const Suite* suite_;
 };
 
-// The installed font named `name`; a name that is not installed fails, listing the installed
-// names most like it.
-QVFontHandle FindInstalledFont(Host& host, const std::string& name) {
+// The faces the module uses, in its order: its font list, through its progress suite.
+std::vector<const HostFont*> ModuleFonts(Host& host) {
+  HeldSuite<FontrixProgressSuite> progress(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+  std::vector<QVFontHandle> handles;
+  FontrixFontHandleList list{&handles, [](void* context, QVFontHandle font) {
+                               static_cast<std::vector<QVFontHandle>*>(context)->push_back(font);
+                             }};
+  uint32_t generation = 0;
+  Check(progress->GetFontList(&list, &generation), "listing the module's fonts");
   HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
-  QVFontHandle font = nullptr;
-  if (const QVErr err = fonts->FindFontByName(name.c_str(), &font)) {
-    if (err != kQVNotFoundErr) Check(err, "finding the font");
-    std::vector<std::string> names;
-    for (const HostFont& f : host.Fonts()) names.push_back(f.unique_name);
-    std::string close;
-    for (const std::string& n : CloseNames(names, name)) close += (close.empty() ? "" : ", ") + n;
-    throw Failure("no installed font is named '" + name + "'" +
-                  (close.empty() ? " (fontrix fonts lists them)" : "; close names: " + close));
+  std::map<std::pair<std::string, int>, const HostFont*> by_face;
+  for (const HostFont& f : host.Fonts()) by_face.emplace(std::make_pair(f.file, f.face_index), &f);
+  std::vector<const HostFont*> used;
+  for (QVFontHandle handle : handles) {
+    const char* file = nullptr;
+    int32_t index = 0;
+    if (fonts->GetFontFile(handle, &file, &index)) throw Failure("the module listed a font handle the host does not know");
+    const auto found = by_face.find({file, index});
+    if (found != by_face.end()) used.push_back(found->second);
   }
-  return font;
+  return used;
+}
+
+// The face the module uses under `name`, if any.
+const HostFont* UsedFont(const std::vector<const HostFont*>& used, const std::string& name) {
+  for (const HostFont* f : used)
+    if (f->unique_name == name) return f;
+  return nullptr;
+}
+
+// What the user typed, resolved among the faces the services use (the host's, so that
+// specimen needs nothing of the module); a choice is said on stderr.
+const HostFont& ResolveUsedFont(Host& host, const std::string& typed, const std::string& style) {
+  std::vector<const HostFont*> usable;
+  for (const HostFont& f : host.Fonts())
+    if (UnusedReason(f).empty()) usable.push_back(&f);
+  try {
+    const ResolvedFont resolved = ResolveFont(usable, typed, style);
+    if (!resolved.note.empty()) std::fprintf(stderr, "fontrix: %s\n", resolved.note.c_str());
+    return *resolved.font;
+  } catch (const UnknownFont& e) {
+    throw Failure(e.what());
+  }
+}
+
+OutputRow RowOf(const HostFont& f) {
+  OutputRow row;
+  row.name = f.unique_name;
+  row.family = f.family;
+  row.style = f.style;
+  row.file = f.file;
+  row.index = f.face_index;
+  row.weight = f.weight;
+  row.width = f.width;
+  row.slant = f.slant;
+  return row;
+}
+
+// By family (in any case), then weight, width and slant, as a type specimen book orders them.
+void SortByFamily(std::vector<const HostFont*>& fonts) {
+  auto key = [](const HostFont* f) {
+    std::string family = f->family;
+    for (char& c : family) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return std::make_tuple(family, f->weight, f->width, f->slant, f->unique_name);
+  };
+  std::stable_sort(fonts.begin(), fonts.end(), [&](const HostFont* a, const HostFont* b) { return key(a) < key(b); });
+}
+
+// Writes rows in the tool's one convention: JSON (`head` opens the object, "results" or
+// "fonts" holds the rows), --format lines, or tab-separated columns of `columns` with a header
+// line when standard output is a terminal.
+void PrintRows(const Options& options, const std::string& head, const std::string& key,
+               const std::vector<OutputRow>& rows, const std::string& columns) {
+  std::string out;
+  if (options.json) {
+    out = "{" + head + (head.empty() ? "" : ", ") + JsonString(key) + ": [";
+    for (size_t i = 0; i < rows.size(); ++i) out += (i ? ",\n  " : "\n  ") + JsonRow(rows[i]);
+    out += rows.empty() ? "]}\n" : "\n]}\n";
+  } else {
+    // A --format ends its lines itself, as fc-list -f does.
+    const std::string format = options.format.empty() ? columns + "\\n" : options.format;
+    if (options.format.empty() && isatty(STDOUT_FILENO) == 1) out += FormatHeader(format);
+    for (const OutputRow& row : rows) out += FormatRow(format, row);
+  }
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  std::fflush(stdout);
+}
+
+FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
+  return {&found, [](void* c) { static_cast<std::vector<std::pair<std::string, double>>*>(c)->clear(); },
+          [](void* c, const FontrixFontResult* f) {
+            static_cast<std::vector<std::pair<std::string, double>>*>(c)->emplace_back(f->name, f->score);
+          }};
+}
+
+// The style classes of every font the module uses, as its feature suite answers them,
+// exactly as another plug-in asks: by unique name, bit i for kClassLabels[i].
+std::map<std::string, uint32_t> ClassMasks(Host& host) {
+  HeldSuite<FontrixFeatureSuite> feature(host, kFontrixFeatureSuite, kFontrixFeatureSuiteVersion);
+  std::map<std::string, uint32_t> masks;
+  for (int32_t i = 0; i < 8; ++i) {
+    std::vector<std::pair<std::string, double>> found;
+    FontrixFontList list = Collector(found);
+    const QVErr err = feature->GetFontsWithLabel(&i, &list);
+    if (err == kQVNotInitialisedErr) throw Failure("the classification service is not running (switched off)");
+    Check(err, "the class query");
+    for (const auto& f : found) masks[f.first] |= 1u << i;
+  }
+  return masks;
+}
+
+// The fonts the module uses (or, with --all, every face the host lists, with why one is left
+// out), by family, kept by PATTERN and --class.
+void Fonts(Host& host, const Options& options) {
+  const std::vector<const HostFont*> used = ModuleFonts(host);
+  std::vector<const HostFont*> fonts = used;
+  if (options.all) {
+    fonts.clear();
+    for (const HostFont& f : host.Fonts()) fonts.push_back(&f);
+  }
+  if (!options.args.empty()) {
+    const FontFilter filter(options.args[0]);
+    fonts.erase(std::remove_if(fonts.begin(), fonts.end(), [&](const HostFont* f) { return !filter(*f); }), fonts.end());
+  }
+  std::map<std::string, uint32_t> masks;
+  uint32_t wanted = 0;
+  for (const std::string& c : options.classes) wanted |= 1u << ClassIndex(c);
+  if (wanted) masks = ClassMasks(host);
+  SortByFamily(fonts);
+  std::vector<OutputRow> rows;
+  for (const HostFont* f : fonts) {
+    if (rows.size() >= options.limit) break;
+    const bool is_used = std::find(used.begin(), used.end(), f) != used.end();
+    const auto mask = masks.find(f->unique_name);
+    if (wanted && (!is_used || mask == masks.end() || (mask->second & wanted) != wanted)) continue;
+    OutputRow row = RowOf(*f);
+    if (wanted) row.classes = mask->second;
+    if (options.all) {
+      const std::string reason = UnusedReason(*f);
+      row.status = is_used ? "used" : reason.empty() ? "left out by the module" : reason;
+    }
+    rows.push_back(std::move(row));
+  }
+  PrintRows(options, "", "fonts", rows,
+            std::string("%{name}\\t%{family}\\t%{style}") + (wanted ? "\\t%{classes}" : "") +
+                (options.all ? "\\t%{status}" : ""));
 }
 
 // The font is found, and the text drawn, through the suites and engine procedures the module
 // uses.
 void DrawSpecimenFile(Host& host, const Options& options) {
-  const std::string& name = options.args[0];
   const std::string& text = options.args[1];
   HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
-  const QVFontHandle font = FindInstalledFont(host, name);
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+  const std::string name = ResolveUsedFont(host, options.args[0], options.style).unique_name;
+  QVFontHandle font = nullptr;
+  Check(fonts->FindFontByName(name.c_str(), &font), "finding the font");
   Specimen specimen;
   try {
     specimen = DrawSpecimen(*glue, font, text, options.size);
@@ -449,66 +565,39 @@ void WriteSheet(const std::string& path, const std::vector<Specimen>& rows) {
   WritePng(path, QVGreyPixels{width, height, width, sheet.data()});
 }
 
-struct SimilarRow {
-  std::string name, family, style;
-  double score;
-};
-
-// Family and style of each result, through the host's font suite.
-std::vector<SimilarRow> ResultRows(const QVFontSuite& fonts, const std::vector<std::pair<std::string, double>>& found,
-                                   size_t limit) {
-  std::vector<SimilarRow> rows;
+// Rows of the fonts a suite answered, at most `limit`, with what the host knows of each.
+std::vector<OutputRow> ResultRows(Host& host, const std::vector<std::pair<std::string, double>>& found, size_t limit) {
+  const std::vector<const HostFont*> used = ModuleFonts(host);
+  std::vector<OutputRow> rows;
   for (const auto& [result, score] : found) {
     if (rows.size() >= limit) break;
-    QVFontHandle font = nullptr;
-    const char *unique = nullptr, *family = nullptr, *style = nullptr;
-    if (fonts.FindFontByName(result.c_str(), &font) || fonts.GetFontNames(font, &unique, &family, &style))
-      family = style = "";
-    rows.push_back({result, family ? family : "", style ? style : "", score});
+    OutputRow row;
+    if (const HostFont* f = UsedFont(used, result))
+      row = RowOf(*f);
+    else
+      row.name = result;
+    row.score = score;
+    rows.push_back(std::move(row));
   }
   return rows;
 }
 
-// Results as JSON (`key` names what was asked) or as an aligned table.
-std::string FormatResults(const std::string& key, const std::string& asked, const std::vector<SimilarRow>& rows,
-                          bool json, const std::string& none) {
-  std::string out;
-  if (json) {
-    out = "{" + JsonString(key) + ": " + JsonString(asked) + ", \"results\": [";
-    for (size_t i = 0; i < rows.size(); ++i) {
-      char score[32];
-      std::snprintf(score, sizeof score, "%.6f", rows[i].score);
-      out += std::string(i ? ", " : "") + "{\"name\": " + JsonString(rows[i].name) +
-             ", \"family\": " + JsonString(rows[i].family) + ", \"style\": " + JsonString(rows[i].style) +
-             ", \"score\": " + score + "}";
-    }
-    return out + "]}\n";
-  }
-  if (rows.empty()) return none + "\n";
-  size_t w = 4;
-  for (const auto& r : rows) w = std::max(w, DisplayWidth(r.name));
-  for (const auto& r : rows) {
-    char score[32];
-    std::snprintf(score, sizeof score, "%.4f", r.score);
-    out += std::string(score) + "  " + r.name + std::string(w - DisplayWidth(r.name) + 2, ' ') + r.family + "  " +
-           r.style + "\n";
-  }
-  return out;
-}
+constexpr const char* kResultColumns = "%{score}\\t%{name}\\t%{family}\\t%{style}";
 
 // Writes a contact sheet: the rows already in `sheet`, then `first` (a label and a font, when it
 // has a font), then a labelled sample of every result font.
-void WriteResultSheet(Host& host, const QVFontSuite& fonts, const std::string& path, std::vector<Specimen>& sheet,
-                      const std::vector<SimilarRow>& rows, const std::pair<std::string, QVFontHandle>& first) {
+void WriteResultSheet(Host& host, const std::string& path, std::vector<Specimen>& sheet,
+                      const std::vector<OutputRow>& rows, const std::pair<std::string, QVFontHandle>& first) {
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
   HeldSuite<QVFontGlueSuite> glue(host, kQVFontGlueSuite, kQVFontGlueSuiteVersion);
   QVFontHandle label = nullptr;
-  if (fonts.FindFontByName("DejaVuSans", &label)) label = nullptr;
+  if (fonts->FindFontByName("DejaVuSans", &label)) label = nullptr;
   if (first.second) AddSheetRow(sheet, *glue, label, first.first, first.second);
-  for (const auto& r : rows) {
+  for (const OutputRow& r : rows) {
     QVFontHandle font = nullptr;
     char score[32];
-    std::snprintf(score, sizeof score, "%.4f", r.score);
-    if (!fonts.FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
+    std::snprintf(score, sizeof score, "%.4f", r.score.value_or(0));
+    if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
   }
   try {
     WriteSheet(path, sheet);
@@ -517,17 +606,9 @@ void WriteResultSheet(Host& host, const QVFontSuite& fonts, const std::string& p
   }
 }
 
-FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
-  return {&found, [](void* c) { static_cast<std::vector<std::pair<std::string, double>>*>(c)->clear(); },
-          [](void* c, const FontrixFontResult* f) {
-            static_cast<std::vector<std::pair<std::string, double>>*>(c)->emplace_back(f->name, f->score);
-          }};
-}
-
 // Asks the module's similar-font suite, exactly as another plug-in would.
 void Similar(Host& host, const Options& options) {
-  const std::string& name = options.args[0];
-  const QVFontHandle query = FindInstalledFont(host, name);
+  const std::string name = ResolveUsedFont(host, options.args[0], options.style).unique_name;
   HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
   std::vector<std::pair<std::string, double>> found;
   FontrixFontList list = Collector(found);
@@ -537,17 +618,18 @@ void Similar(Host& host, const Options& options) {
   Check(err, "the similar-font query");
   // A font the service could not image answers with itself alone: nothing is like it.
   if (found.size() == 1 && found[0].first == name) found.clear();
-  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
-  const std::vector<SimilarRow> rows = ResultRows(*fonts, found, options.limit);
-  const std::string out =
-      FormatResults("query", name, rows, options.json,
-                    "no font is known to be like " + name + " (the similarity service could not image it)");
-  std::fwrite(out.data(), 1, out.size(), stdout);
+  const std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
+  if (rows.empty() && !options.json)
+    std::fprintf(stderr, "fontrix: no font is known to be like %s (the similarity service could not image it)\n",
+                 name.c_str());
+  PrintRows(options, "\"query\": " + JsonString(name), "results", rows, kResultColumns);
   if (!options.sheet.empty()) {
+    HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+    QVFontHandle query = nullptr;
+    Check(fonts->FindFontByName(name.c_str(), &query), "finding the font");
     std::vector<Specimen> sheet;
-    WriteResultSheet(host, *fonts, options.sheet, sheet, rows, {name + " (query)", query});
+    WriteResultSheet(host, options.sheet, sheet, rows, {name + " (query)", query});
   }
-  std::fflush(stdout);
 }
 
 // Asks the module's recognition suite about a picture, exactly as another plug-in would.
@@ -566,94 +648,76 @@ void Recognize(Host& host, const Options& options) {
   if (err == kQVNotInitialisedErr)
     throw Failure("the recognition service is not running (switched off, or its data is missing)");
   Check(err, "the recognition query");
-  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
-  const std::vector<SimilarRow> rows = ResultRows(*fonts, found, options.limit);
-  const std::string out =
-      FormatResults("image", path, rows, options.json,
-                    "no installed font recognised (a picture needs at least 20 x 20 pixels of one line of text)");
-  std::fwrite(out.data(), 1, out.size(), stdout);
+  const std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
+  if (rows.empty() && !options.json)
+    std::fprintf(stderr,
+                 "fontrix: no installed font recognised (a picture needs at least 20 x 20 pixels of one line of text)\n");
+  PrintRows(options, "\"image\": " + JsonString(path), "results", rows, kResultColumns);
   if (!options.sheet.empty()) {
     std::vector<Specimen> sheet(1);  // the picture itself on top
     sheet[0].width = image->width();
     sheet[0].height = image->height();
     for (int32_t y = 0; y < image->height(); ++y)
       sheet[0].pixels.insert(sheet[0].pixels.end(), image->row(y), image->row(y) + image->width());
-    WriteResultSheet(host, *fonts, options.sheet, sheet, rows, {"", nullptr});
+    WriteResultSheet(host, options.sheet, sheet, rows, {"", nullptr});
   }
-  std::fflush(stdout);
 }
 
-// The style classes as the module's feature suite answers them, exactly as another plug-in asks:
-// with no class, every installed font with its classes; with classes, the fonts that have all of
-// them and none of the --not ones.
+// The style classes as the module's feature suite answers them: with no class, every font the
+// module uses with its classes; with classes, the fonts that have all of them and none of the
+// --not ones.
 void Classes(Host& host, const Options& options) {
-  HeldSuite<FontrixFeatureSuite> feature(host, kFontrixFeatureSuite, kFontrixFeatureSuiteVersion);
-  std::map<std::string, uint32_t> masks;
-  for (int32_t i = 0; i < 8; ++i) {
-    std::vector<std::pair<std::string, double>> found;
-    FontrixFontList list = Collector(found);
-    const QVErr err = feature->GetFontsWithLabel(&i, &list);
-    if (err == kQVNotInitialisedErr) throw Failure("the classification service is not running (switched off)");
-    Check(err, "the class query");
-    for (const auto& f : found) masks[f.first] |= 1u << i;
-  }
+  const std::map<std::string, uint32_t> masks = ClassMasks(host);
   uint32_t all = 0, none = 0;
   for (const std::string& c : options.args) all |= 1u << ClassIndex(c);
   for (const std::string& c : options.not_classes) none |= 1u << ClassIndex(c);
-
-  std::string out = options.json ? "{\"fonts\": [" : "";
-  size_t shown = 0;
-  for (const HostFont& font : host.Fonts()) {
-    const auto found = masks.find(font.unique_name);
+  std::vector<const HostFont*> fonts = ModuleFonts(host);
+  SortByFamily(fonts);
+  std::vector<OutputRow> rows;
+  for (const HostFont* font : fonts) {
+    const auto found = masks.find(font->unique_name);
     const uint32_t mask = found == masks.end() ? 0 : found->second;
-    if ((mask & all) != all || (mask & none) || shown >= options.limit) continue;
-    std::vector<int32_t> bits;
-    for (int32_t i = 0; i < 8; ++i)
-      if (mask & (1u << i)) bits.push_back(i);
-    if (options.json) {
-      out += std::string(shown ? ",\n  " : "\n  ") + "{\"name\": " + JsonString(font.unique_name) +
-             ", \"family\": " + JsonString(font.family) + ", \"style\": " + JsonString(font.style) + ", \"classes\": [";
-      for (size_t k = 0; k < bits.size(); ++k) out += std::string(k ? ", " : "") + JsonString(kClassLabels[bits[k]]);
-      out += "]}";
-    } else if (!options.args.empty() || !options.not_classes.empty()) {
-      out += font.unique_name + "\n";
-    } else {
-      out += font.unique_name + "\t";
-      for (size_t k = 0; k < bits.size(); ++k) out += std::string(k ? ", " : "") + kClassShortNames[bits[k]];
-      out += "\n";
-    }
-    ++shown;
+    if ((mask & all) != all || (mask & none) || rows.size() >= options.limit) continue;
+    rows.push_back(RowOf(*font));
+    rows.back().classes = mask;
   }
-  if (options.json) out += "\n]}\n";
-  std::fwrite(out.data(), 1, out.size(), stdout);
-  std::fflush(stdout);
+  PrintRows(options, "", "fonts", rows, "%{name}\\t%{family}\\t%{style}\\t%{classes}");
 }
 
-// What the module's background work did, per service, as its progress suite tells it.
+// What the module's background work did, per service, as its progress suite tells it; the
+// seconds taken go to standard error in text mode, so the columns stay columns.
 void Index(const FontrixProgressSuite& progress, const Options& options, double seconds) {
   static const char* const kNames[] = {"classification", "similarity", "recognition"};
-  std::string out = options.json ? "{\"services\": [" : "";
+  std::string out = options.json ? "{\"services\": [" : isatty(STDOUT_FILENO) == 1 ? "SERVICE\tFONTS\tCACHED\tCOMPUTED\tUNUSABLE\tNOTE\n" : "";
   for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
     FontrixServiceProgress p{};
     Check(progress.GetServiceProgress(service, &p), "reading the module's progress");
-    char line[256];
+    // A service that keeps nothing per font has nothing to compute: it says so rather than
+    // showing a row of zeros.
+    const char* note = !p.enabled ? "off"
+                       : p.fontsTotal && !p.fontsMatched && !p.fontsComputed && !p.fontsUnusable
+                           ? "nothing to compute per font: installed fonts are looked up by name in its table"
+                           : "";
+    char line[512];
     if (options.json) {
       std::snprintf(line, sizeof line,
                     "%s{\"service\": \"%s\", \"enabled\": %s, \"fonts\": %u, \"matched\": %u, "
-                    "\"computed\": %u, \"unusable\": %u}",
+                    "\"computed\": %u, \"unusable\": %u, \"note\": %s}",
                     service ? ", " : "", kNames[service], p.enabled ? "true" : "false", p.fontsTotal, p.fontsMatched,
-                    p.fontsComputed, p.fontsUnusable);
-    } else if (!p.enabled) {
-      std::snprintf(line, sizeof line, "%-15s off\n", kNames[service]);
+                    p.fontsComputed, p.fontsUnusable, JsonString(note).c_str());
     } else {
-      std::snprintf(line, sizeof line, "%-15s %u fonts: %u already cached, %u computed, %u unusable\n", kNames[service],
-                    p.fontsTotal, p.fontsMatched, p.fontsComputed, p.fontsUnusable);
+      std::snprintf(line, sizeof line, "%s\t%u\t%u\t%u\t%u\t%s\n", kNames[service], p.fontsTotal, p.fontsMatched,
+                    p.fontsComputed, p.fontsUnusable, note);
     }
     out += line;
   }
-  char tail[96];
-  std::snprintf(tail, sizeof tail, options.json ? "], \"seconds\": %.2f}\n" : "took %.2f s\n", seconds);
-  out += tail;
+  if (options.json) {
+    char tail[96];
+    std::snprintf(tail, sizeof tail, "], \"seconds\": %.2f}\n", seconds);
+    out += tail;
+  } else {
+    std::fprintf(stderr, "fontrix: index took %.2f s\n", seconds);
+  }
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
 }
@@ -684,7 +748,7 @@ int RunCommand(const Options& options) {
         std::fprintf(stderr, "fontrix: interrupted\n");
         status = 130;
       } else if (options.command == "fonts") {
-        Fonts(host, *progress, options);
+        Fonts(host, options);
       } else if (options.command == "similar") {
         Similar(host, options);
       } else if (options.command == "classes") {

@@ -3,10 +3,14 @@
 #include <fontconfig/fontconfig.h>
 #include <ft2build.h>
 #include FT_FREETYPE_H
+#include FT_MULTIPLE_MASTERS_H
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <filesystem>
+#include <functional>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -17,6 +21,7 @@
 #include <unordered_map>
 
 #include "host/font_file.h"
+#include "host/font_names.h"
 #include "host/host.h"
 
 namespace fontrix::host {
@@ -26,7 +31,17 @@ struct ListedFace {
   std::string file;
   int index;
   bool variable;  // fontconfig's pattern of a whole variable font (its default instance)
+  int weight, width, slant;
 };
+
+// OpenType and TrueType before the older formats that often hold a copy of the same face.
+int FormatRank(const std::string& file) {
+  std::string extension = std::filesystem::path(file).extension().string();
+  for (char& c : extension) c = char(std::tolower(static_cast<unsigned char>(c)));
+  for (const char* modern : {".otf", ".ttf", ".ttc", ".otc", ".woff", ".woff2"})
+    if (extension == modern) return 0;
+  return 1;
+}
 
 // What reading one face gave; nullopt: FreeType cannot open it, or it is left out.
 using FaceResult = std::optional<HostFont>;
@@ -48,6 +63,38 @@ bool MapsLatinAlphanumerics(FT_Face face) {
   return true;
 }
 
+// The named instance (1-based) whose coordinates are the variable font's defaults; 0 when none
+// is. fontconfig does not list that instance on its own: the default face stands for it.
+FT_UInt DefaultInstance(FT_Library library, FT_Face face) {
+  FT_MM_Var* mm = nullptr;
+  if (!FT_HAS_MULTIPLE_MASTERS(face) || FT_Get_MM_Var(face, &mm) != 0) return 0;
+  FT_UInt found = 0;
+  for (FT_UInt k = 0; k < mm->num_namedstyles && !found; ++k) {
+    bool defaults = true;
+    for (FT_UInt a = 0; a < mm->num_axis; ++a) defaults = defaults && mm->namedstyle[k].coords[a] == mm->axis[a].def;
+    if (defaults) found = k + 1;
+  }
+  FT_Done_MM_Var(library, mm);
+  return found;
+}
+
+// Advances of a-z, A-Z and 0-9 at 1000 pixels to the em, hashed (FNV-1a): the same face in
+// another file format (URW's OpenType, Type 1 and PFB copies) gives the same print, another
+// design under the same name does not. 0 when the face cannot be sized.
+uint64_t OutlinePrint(FT_Face face) {
+  if (!FT_IS_SCALABLE(face) || FT_Set_Pixel_Sizes(face, 1000, 1000) != 0) return 0;
+  uint64_t hash = 14695981039346656037ull;
+  static const char kLatin[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  for (const char* c = kLatin; *c; ++c) {
+    const FT_UInt glyph = FT_Get_Char_Index(face, FT_ULong(*c));
+    const FT_Pos advance = glyph && FT_Load_Glyph(face, glyph, FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) == 0
+                               ? (face->glyph->advance.x + 32) >> 6
+                               : -1;
+    for (int shift = 0; shift < 32; shift += 8) hash = (hash ^ uint64_t((advance >> shift) & 0xFF)) * 1099511628211ull;
+  }
+  return hash ? hash : 1;
+}
+
 FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
   FontFile file(listed.file);  // outlives the face, which reads through it
   FT_Face face = file.Open(library, listed.index);
@@ -60,13 +107,22 @@ FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
     HostFont font;
     font.file = listed.file;
     font.face_index = listed.index;
-    font.family = face->family_name ? face->family_name : "";
-    font.style = face->style_name ? face->style_name : "";
-    const char* postscript = FT_Get_Postscript_Name(face);
+    // The default face of a variable font is its default named instance ("Inter-Regular"), not
+    // the font's base name ("Inter"), which every file of the family shares.
+    std::optional<FontFile> instance_file;  // a second stream: one serves one face at a time
+    FT_Face named = face;
+    if ((listed.index >> 16) == 0 && (face->style_flags >> 16) > 0)
+      if (const FT_UInt instance = DefaultInstance(library, face))
+        if (FT_Face opened = instance_file.emplace(listed.file).Open(library, int(instance << 16) | (listed.index & 0xFFFF)))
+          named = opened;
+    font.family = named->family_name ? named->family_name : "";
+    font.style = named->style_name ? named->style_name : "";
+    const char* postscript = FT_Get_Postscript_Name(named);
     if (postscript && *postscript)
       font.unique_name = postscript;
     else if (!font.family.empty())
       font.unique_name = WithoutSpaces(font.family) + (font.style.empty() ? "" : "-" + WithoutSpaces(font.style));
+    if (named != face) FT_Done_Face(named);
     font.bitmap_only = !FT_IS_SCALABLE(face);
     font.symbol = !MapsLatinAlphanumerics(face);
     // Decided while the face is open anyway: the module asks for every font at every update.
@@ -75,6 +131,7 @@ FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
     font.usable = FT_IS_SCALABLE(face) && face->units_per_EM != 0 && face->num_glyphs >= 1 &&
                   FT_Load_Glyph(face, glyph, FT_LOAD_NO_SCALE | FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) == 0 &&
                   face->glyph->format == FT_GLYPH_FORMAT_OUTLINE;
+    font.outline_print = OutlinePrint(face);
     if (!font.unique_name.empty()) result = std::move(font);
   }
   FT_Done_Face(face);
@@ -83,7 +140,7 @@ FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
 
 std::vector<ListedFace> ListFaces() {
   FcPattern* pattern = FcPatternCreate();
-  FcObjectSet* objects = FcObjectSetBuild(FC_FILE, FC_INDEX, FC_VARIABLE, FC_SCALABLE, nullptr);
+  FcObjectSet* objects = FcObjectSetBuild(FC_FILE, FC_INDEX, FC_VARIABLE, FC_SCALABLE, FC_WEIGHT, FC_WIDTH, FC_SLANT, nullptr);
   FcFontSet* set = pattern && objects ? FcFontList(nullptr, pattern, objects) : nullptr;
   if (objects) FcObjectSetDestroy(objects);
   if (pattern) FcPatternDestroy(pattern);
@@ -98,13 +155,19 @@ std::vector<ListedFace> ListFaces() {
     if (FcPatternGetString(set->fonts[i], FC_FILE, 0, &file) != FcResultMatch || !file) continue;
     FcPatternGetInteger(set->fonts[i], FC_INDEX, 0, &index);
     FcPatternGetBool(set->fonts[i], FC_VARIABLE, 0, &variable);
-    faces.push_back({reinterpret_cast<const char*>(file), index, variable == FcTrue});
+    // A variable font's whole pattern holds ranges: its default instance is listed as well.
+    int weight = FC_WEIGHT_REGULAR, width = FC_WIDTH_NORMAL, slant = FC_SLANT_ROMAN;
+    FcPatternGetInteger(set->fonts[i], FC_WEIGHT, 0, &weight);
+    FcPatternGetInteger(set->fonts[i], FC_WIDTH, 0, &width);
+    FcPatternGetInteger(set->fonts[i], FC_SLANT, 0, &slant);
+    faces.push_back({reinterpret_cast<const char*>(file), index, variable == FcTrue, weight, width, slant});
   }
   FcFontSetDestroy(set);
   // fontconfig's order follows its caches; sorting makes the list, and so which face of a
   // repeated unique name comes first, the same on every run.
   std::sort(faces.begin(), faces.end(), [](const ListedFace& a, const ListedFace& b) {
-    return std::tie(a.file, a.index, a.variable) < std::tie(b.file, b.index, b.variable);
+    return std::make_tuple(FormatRank(a.file), std::cref(a.file), a.index, a.variable) <
+           std::make_tuple(FormatRank(b.file), std::cref(b.file), b.index, b.variable);
   });
   faces.erase(
       std::unique(faces.begin(), faces.end(),
@@ -178,7 +241,7 @@ std::vector<std::string> Split(const std::string& line) {
   return fields;
 }
 
-constexpr const char* kListingHeader = "fontrix font listing 1";
+constexpr const char* kListingHeader = "fontrix font listing 2";
 
 class FontconfigSource : public FontSource {
  public:
@@ -216,8 +279,13 @@ class FontconfigSource : public FontSource {
     fonts.reserve(faces.size());
     for (size_t i = 0; i < faces.size(); ++i) {
       remembered[Key(faces[i])].result = results[i];
-      if (results[i]) fonts.push_back(*results[i]);
+      if (!results[i]) continue;
+      fonts.push_back(*results[i]);
+      fonts.back().weight = faces[i].weight;
+      fonts.back().width = faces[i].width;
+      fonts.back().slant = faces[i].slant;
     }
+    NameFaces(fonts);
     const bool changed = !todo.empty() || remembered.size() != remembered_.size();
     remembered_ = std::move(remembered);
     if (changed) WriteListing();
@@ -261,6 +329,7 @@ class FontconfigSource : public FontSource {
           font.bitmap_only = f[9] == "1";
           font.symbol = f[10] == "1";
           font.usable = std::stoi(f[11]);
+          font.outline_print = std::stoull(f[12]);
           r.result = font;
         }
         remembered_[Unescape(f[0]) + '\n' + f[1]] = r;
@@ -286,7 +355,7 @@ class FontconfigSource : public FontSource {
         if (r.result)
           out << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
               << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
-              << r.result->usable << '\t' << 0;
+              << r.result->usable << '\t' << r.result->outline_print;
         else
           out << "\t\t\t\t0\t0\t-1\t0";
         out << '\n';

@@ -26,6 +26,9 @@ struct HostFont {
   int face_index = 0;  ///< FreeType's face index: (named instance << 16) | index in the file
   bool bitmap_only = false, symbol = false;
   int usable = -1;  ///< has a usable outline program: 1 yes, 0 no, -1 not known yet (asked of FreeType)
+  int weight = 80, width = 100, slant = 0;  ///< fontconfig's values (regular 80, bold 200; normal width 100; italic 100)
+  uint64_t outline_print = 0;  ///< digest of the advances of a-z, A-Z, 0-9: equal for one face in two files; 0 unknown
+  std::string duplicate_of{};  ///< file of the face listed earlier under this name whose copy this is; empty if none
 };
 
 /// Where the host's font list comes from.
@@ -37,9 +40,12 @@ class FontSource {
 };
 
 /// The installed system and user fonts: every face fontconfig lists and FreeType opens, sorted
-/// by file and face index. Faces FreeType cannot open are left out, and so is the default face
-/// of a variable font that has named instances (fontconfig lists each instance as its own
-/// face). A face without a PostScript name gets "Family-Style" with the spaces removed.
+/// by format, file and face index. Faces FreeType cannot open are left out, and so is
+/// fontconfig's pattern of a whole variable font with named instances (it lists each instance
+/// as a face of its own; the default face, index 0, stands for the named instance at the
+/// default coordinates and takes its names). A face without a PostScript name gets "Family-Style" with the spaces removed.
+/// Names are then made unique as NameFaces (host/font_names.h) says: OpenType and TrueType files
+/// come first, so of one face in several formats the OpenType copy is the one used.
 /// Faces read once are remembered in memory by file, modification time and size, so a second
 /// List() only opens new or changed files.
 /// With `listing` (a file path), what was read of each face is kept there too, so a new process

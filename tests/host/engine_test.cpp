@@ -261,8 +261,9 @@ TEST_F(EngineTest, CollectionFacesAndNamedInstancesAreSeparateFaces) {
   EXPECT_GT(advance(black, 'o'), advance(thin, 'o'));
   EXPECT_EQ(Get<QVFontStyle>(e_->GetFontStyle, black).style, kQVFontStyleBold);
   EXPECT_EQ(Get<QVFontStyle>(e_->GetFontStyle, thin).style, kQVFontStyleRegular);
-  // An instance on the slant axis (at -10, which FreeType 2.12 reads as +65526): slanted.
-  const QVFontHandle slanted = Font("Inter-BlackItalic", "Inter.var.ttf");
+  // An instance on the slant axis (at -10, which FreeType 2.12 reads as +65526): slanted. Its
+  // PostScript name is that of the italic file's instance, drawn otherwise, so it is renamed.
+  const QVFontHandle slanted = Font("Inter-BlackItalic-Inter.var", "Inter.var.ttf");
   EXPECT_EQ(Get<QVFontStyle>(e_->GetFontStyle, slanted).style, kQVFontStyleBoldItalic);
   EXPECT_EQ(Get<QVFontMetrics>(e_->GetFontMetrics, slanted).italicAngle, -10);
   EXPECT_GT(Get<QVGlyphBox>(e_->GetGlyphBox, slanted, Glyph(slanted, 'l')).right,
@@ -407,9 +408,9 @@ TEST_F(EngineTest, MetricsStyleUnderlineAndGlyphs) {
       {"DejaVuSerif", kQVFontFlagNonsymbolic | kQVFontFlagSerif, kQVFontStyleRegular},  // PANOSE
       {"LiberationSerif-Italic", kQVFontFlagNonsymbolic | kQVFontFlagSerif | kQVFontFlagItalic,
        kQVFontStyleItalic},  // sFamilyClass
-      {"StandardSymbolsPS", kQVFontFlagSymbolic, kQVFontStyleRegular}};
+      {"StandardSymbolsPS", kQVFontFlagSymbolic, kQVFontStyleRegular}};  // the Type 1 copy: symbol encoding
   for (const auto& [name, flags, code] : styles) {
-    const QVFontStyle style = Get<QVFontStyle>(e_->GetFontStyle, Font(name));
+    const QVFontStyle style = Get<QVFontStyle>(e_->GetFontStyle, Font(name, flags & kQVFontFlagSymbolic ? ".t1" : ""));
     EXPECT_EQ(style.flags, flags) << name;
     EXPECT_EQ(style.style, code) << name;
   }

@@ -7,6 +7,7 @@ Usage: test_cli.py PATH/TO/fontrix PATH/TO/libno_entry_module.so PATH/TO/libfake
 """
 import json
 import os
+import pty
 import re
 import signal
 import struct
@@ -42,7 +43,14 @@ class CliTest(unittest.TestCase):
             "zero limit": ["fonts", "--limit", "0"],
             "bad limit": ["--limit=ten", "fonts"],
             "unknown service": ["--disable", "similarity,speed", "fonts"],
-            "extra argument": ["fonts", "extra"],
+            "extra argument": ["index", "extra"],
+            "two patterns": ["fonts", "Sans", "Serif"],
+            "unknown format field": ["fonts", "--format", "%{fullname}"],
+            "format with json": ["fonts", "--format", "%{name}", "--json"],
+            "--class for similar": ["similar", "DejaVuSans", "--class", "serif"],
+            "unknown class": ["fonts", "--class", "gothic"],
+            "--all for classes": ["classes", "--all"],
+            "--style for fonts": ["fonts", "-s", "bold"],
             "flag with a value": ["--json=yes", "fonts"],
             "specimen without -o": ["specimen", "DejaVuSans", "Abc"],
             "specimen without text": ["specimen", "DejaVuSans", "-o", "a.png"],
@@ -90,28 +98,108 @@ class CliTest(unittest.TestCase):
         r = self.run_tool("fonts", "--module", FAKE)
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertEqual(r.stderr, "")
-        lines = r.stdout.splitlines()
-        self.assertEqual(lines[0].split(), ["UNIQUE_NAME", "FAMILY", "STYLE"])
-        # Columns are aligned: the family starts at the same place on every line.
-        family_column = lines[0].index("FAMILY")
-        for line in lines[1:]:
-            self.assertEqual(line[family_column - 2:family_column], "  ", line)
-            self.assertNotEqual(line[family_column], " ", line)
+        # Piped: tab-separated columns and no header, by family, then weight, width and slant.
+        rows = [line.split("\t") for line in r.stdout.splitlines()]
+        self.assertTrue(rows and all(len(row) == 3 for row in rows), r.stdout)
+        families = [row[1].lower() for row in rows]
+        self.assertEqual(families, sorted(families))
+        self.assertLess([row[0] for row in rows].index("DejaVuSans"), [row[0] for row in rows].index("DejaVuSans-Bold"))
+        # On a terminal a header line comes first.
+        leader, follower = pty.openpty()
+        with subprocess.Popen([FONTRIX, "fonts", "--module", FAKE], stdout=follower, stderr=subprocess.PIPE,
+                              env=self.env) as tool:
+            os.close(follower)
+            seen = b""
+            while True:
+                try:
+                    chunk = os.read(leader, 65536)
+                except OSError:  # the terminal closes with the tool
+                    break
+                if not chunk:
+                    break
+                seen += chunk
+        os.close(leader)
+        self.assertEqual(seen.decode().splitlines()[0], "NAME\tFAMILY\tSTYLE")
+        lines = ["header"] + r.stdout.splitlines()
 
         r = self.run_tool("--json", "fonts", "--module=" + FAKE)
         self.assertEqual(r.returncode, 0, r.stderr)
         fonts = json.loads(r.stdout)["fonts"]
-        self.assertEqual([f["name"] for f in fonts], [line.split()[0] for line in lines[1:]])
+        self.assertEqual([f["name"] for f in fonts], [line.split("\t")[0] for line in lines[1:]])
         by_name = {f["name"]: f for f in fonts}
         self.assertEqual(len(by_name), len(fonts), "the stand-in lists no duplicate names")
         self.assertEqual(by_name["DejaVuSans"]["family"], "DejaVu Sans")
         self.assertEqual(by_name["DejaVuSans"]["style"], "Book")
         for f in fonts:
-            self.assertEqual(sorted(f), ["family", "file", "name", "style"])
+            self.assertEqual(sorted(f), ["family", "file", "index", "name", "slant", "style", "weight", "width"])
             self.assertTrue(os.path.isfile(f["file"]), f)
 
         r = self.run_tool("--json", "--limit", "2", "fonts", "--module", FAKE)
         self.assertEqual(json.loads(r.stdout)["fonts"], fonts[:2])
+
+    def resolve(self, *name_and_options):
+        """The face `specimen` draws for what a user typed, and what it said on stderr."""
+        out = os.path.join(self.tmp.name, "resolved.png")
+        r = self.run_tool("--module", FAKE, "--json", "specimen", *name_and_options, "Abc", "-o", out)
+        return (json.loads(r.stdout)["font"] if r.returncode == 0 else None), r.stderr
+
+    def listing(self):
+        """file:index -> unique name, of every face the host lists (copies carry the kept face's name)."""
+        r = self.run_tool("--module", FAKE, "fonts", "--all", "--format", "%{file}:%{index}\\t%{name}\\t%{status}\\n")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        return {line.split("\t")[0]: line.split("\t")[1:] for line in r.stdout.splitlines()}
+
+    def fc_match(self, pattern):
+        return subprocess.run(["fc-match", "-f", "%{file}:%{index}", pattern], capture_output=True, text=True,
+                              check=True).stdout
+
+    def test_names_people_type_resolve_as_fc_match_does(self):
+        bold = self.fc_match("DejaVu Sans:bold")
+        exact = {("DejaVuSans",): "DejaVuSans", ("dejavusans-bold",): "DejaVuSans-Bold",
+                 ("DejaVu Sans Bold",): "DejaVuSans-Bold", ("dejavu sans", "-s", "Bold Oblique"): "DejaVuSans-BoldOblique",
+                 ("DejaVuSans", "--style=bold"): "DejaVuSans-Bold", (bold.rsplit(":", 1)[0],): "DejaVuSans-Bold"}
+        for typed, face in exact.items():
+            self.assertEqual(self.resolve(*typed), (face, ""), typed)
+        # A choice among several faces, or a substitute: fc-match's face, said on stderr.
+        listing = self.listing()
+        for typed in ("DejaVu Sans", "DejaVu Sans:bold", "Liberation Mono", "Nimbus Roman", "Inter", "Helvetica", "serif"):
+            face, said = self.resolve(typed)
+            self.assertEqual(face, listing[self.fc_match(typed)][0], typed)
+            self.assertTrue(said.startswith("fontrix: ") and face in said and said.count("\n") == 1, said)
+        # Unknown names fail with close names, a family's regular face among them.
+        face, said = self.resolve("DejaVu Sanz")
+        self.assertIsNone(face)
+        self.assertTrue(said.startswith("fontrix: no installed font is named 'DejaVu Sanz'; close names: DejaVuSans"), said)
+        self.assertEqual(self.resolve("NoSuchFamilyAnywhere")[0], None)
+        self.assertEqual(self.resolve("DejaVuSans-Bol")[0], None)  # not a family and a size
+
+    def test_every_face_listed_once_and_copies_say_why(self):
+        r = self.run_tool("--module", FAKE, "--json", "fonts")
+        fonts = json.loads(r.stdout)["fonts"]
+        names = [f["name"] for f in fonts]
+        self.assertEqual(len(names), len(set(names)))
+        self.assertIn("Inter-Regular", names)  # a variable font's default instance, under its own name
+        listing = self.listing()
+        self.assertEqual(sorted(n for n, status in listing.values() if status == "used"), sorted(names))
+        # URW's faces come as OpenType, Type 1 and PFB files: the OpenType one is used.
+        for where, (name, status) in listing.items():
+            if name == "NimbusRoman-Regular":
+                self.assertEqual(status, "used" if where.endswith(".otf:0") else
+                                 "a copy of the face in /usr/share/fonts/opentype/urw-base35/NimbusRoman-Regular.otf")
+
+    def test_lists_filter_format_and_limits(self):
+        def names(*args):
+            r = self.run_tool("--module", FAKE, "fonts", *args, "--format", "%{name}\\n")
+            self.assertEqual(r.returncode, 0, r.stderr)
+            return r.stdout.split()
+        every = names()
+        bold = names(":weight=bold")
+        self.assertTrue(bold and set(bold) < set(every) and "DejaVuSans-Bold" in bold and "DejaVuSans" not in bold)
+        self.assertEqual(set(names("dejavu sans mono")), {n for n in every if n.startswith("DejaVuSansMono")})
+        r = self.run_tool("--module", FAKE, "fonts", "DejaVu Serif:bold", "--format", "%{family}|%{weight}|%{slant};")
+        self.assertEqual(set(r.stdout.rstrip(";").split(";")), {"DejaVu Serif|200|0", "DejaVu Serif|200|100"})
+        r = self.run_tool("--module", FAKE, "similar", "DejaVuSans", "--limit", "100")
+        self.assertEqual(r.stderr.splitlines()[0], "fontrix: similar gives at most 80 fonts; --limit 100 gives as many")
 
     def test_lifecycle_folders_and_switches_reach_the_module(self):
         report = os.path.join(self.tmp.name, "report.txt")

@@ -61,11 +61,18 @@ class ModuleCliTest(unittest.TestCase):
         self.assertEqual(fonts["DejaVuSans"]["family"], "DejaVu Sans")
 
         # All of the classes and none of the --not ones; label strings and short forms alike.
-        monospace = set(self.classes("monospace").stdout.split())
+        def names(r):
+            return {line.split("\t")[0] for line in r.stdout.splitlines()}
+        monospace = names(self.classes("monospace"))
         self.assertIn("DejaVuSansMono", monospace)
-        plain = set(self.classes("fs_monospace", "--not", "slab_serif").stdout.split())
+        plain = names(self.classes("fs_monospace", "--not", "slab_serif"))
         self.assertTrue(plain < monospace)
         self.assertEqual(plain, {n for n in monospace if "fs_slab_serif" not in fonts[n]["classes"]})
+
+        # One row per face the module uses, in both lists.
+        listed = [line.split("\t")[0] for line in self.classes().stdout.splitlines()]
+        self.assertEqual(len(listed), len(set(listed)))
+        self.assertEqual(sorted(listed), sorted(fonts))
 
         r = self.classes("gothic")
         self.assertEqual(r.returncode, 2)

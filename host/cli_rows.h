@@ -1,0 +1,45 @@
+#pragma once
+// The rows the command-line tool answers with, and the three ways they print: tab-separated
+// columns, a --format of fields as fc-list's -f takes them, and JSON objects.
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace fontrix::host {
+
+/// The style classes: label strings in bit order, and the short forms people type.
+inline constexpr const char* kClassLabels[] = {"fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace",
+                                               "fs_sans_serif",  "fs_script",     "fs_serif",    "fs_slab_serif"};
+inline constexpr const char* kClassShortNames[] = {"blackletter", "decorative", "handmade", "monospace",
+                                                   "sans-serif",  "script",     "serif",    "slab-serif"};
+
+/// One font of an answer. Score, classes and status are printed only when the command has them.
+struct OutputRow {
+  std::string name, family, style, file;
+  int index = 0, weight = 80, width = 100, slant = 0;  ///< fontconfig's weight, width and slant
+  std::optional<double> score;
+  std::optional<uint32_t> classes;   ///< bit i: kClassLabels[i]
+  std::optional<std::string> status;  ///< "used", or why the services leave the face out
+};
+
+/// A format error: an unknown field or an unclosed %{.
+struct FormatError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// The fields a format may name, in the order --help lists them.
+const std::vector<std::string>& FormatFields();
+/// Throws FormatError when `format` names a field FormatFields() lacks.
+void CheckFormat(const std::string& format);
+/// The row through `format`: %{field} is replaced by its value ("" when the row lacks it), \t,
+/// \n and \\ are escapes, %% is a percent sign. No line end is added.
+std::string FormatRow(const std::string& format, const OutputRow& row);
+/// The header line of a format: each field's name in capitals, the text between fields kept.
+std::string FormatHeader(const std::string& format);
+/// The row as a JSON object: name, family, style, file, index, weight, width, slant, then score,
+/// classes (label strings) and status where the row has them.
+std::string JsonRow(const OutputRow& row);
+
+}  // namespace fontrix::host
