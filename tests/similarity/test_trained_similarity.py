@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The similarity service on the shipped, trained data (data/) and the machine's fonts: the
-installed fonts nearest a font include other styles of its family, and its metric clones
-(fonts drawn to the same widths) rank near it.
+fonts of the shipped table are matched by name, and a font's same-outline clone scores above
+faces of other designs, whatever else is installed.
 
 Usage: test_trained_similarity.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/data
 """
@@ -21,20 +21,27 @@ class TrainedSimilarityTest(ShippedDataTest):
         assert r.returncode == 0, r.stderr
         cls.index = json.loads(r.stdout)
 
-    def nearest(self, font, count=5):
-        r = self.run_tool("--disable", "classification,recognition", "similar", font, "--json", "--limit", str(count + 1))
+    def scores(self, font):
+        r = self.run_tool("--disable", "classification,recognition", "similar", font, "--json", "--limit", "80")
         self.assertEqual(r.returncode, 0, r.stderr)
-        return [x["name"] for x in json.loads(r.stdout)["results"] if x["name"] != font][:count]
+        return {x["name"]: x["score"] for x in json.loads(r.stdout)["results"]}
 
     def test_installed_fonts_of_the_shipped_table_are_not_recomputed(self):
         similarity = next(s for s in self.index["services"] if s["service"] == "similarity")
         self.assertGreater(similarity["matched"], 100)  # DejaVu, Liberation, URW, TeX Gyre ... by name
 
-    def test_a_fonts_family_and_clones_are_near_it(self):
-        for font, kin in (("DejaVuSerif", "DejaVuSerif"), ("LiberationMono", "LiberationMono"),
-                          ("NimbusRoman-Regular", "NimbusRoman"), ("TeXGyreHeros-Regular", "TeXGyreHeros")):
-            names = self.nearest(font)
-            self.assertTrue(any(n.startswith(kin) for n in names), f"{font}: {names}")
+    def test_a_fonts_clone_is_nearer_than_other_designs(self):
+        # TeX Gyre redraws URW's outlines: the clone must score above faces of another design. Scores
+        # of pairs do not depend on what else is installed; the 80 answers always hold the clone.
+        for font, clone, others in (
+                ("NimbusRoman-Regular", "TeXGyreTermes-Regular", ("NimbusMonoPS-Regular", "URWGothic-Book", "Z003-MediumItalic")),
+                ("NimbusSans-Regular", "TeXGyreHeros-Regular", ("NimbusMonoPS-Regular", "C059-Roman", "Z003-MediumItalic")),
+                ("C059-Roman", "TeXGyreSchola-Regular", ("NimbusSans-Regular", "NimbusMonoPS-Regular", "URWGothic-Book")),
+                ("P052-Roman", "TeXGyrePagella-Regular", ("NimbusSans-Regular", "NimbusMonoPS-Regular", "URWGothic-Book"))):
+            scores = self.scores(font)
+            self.assertIn(clone, scores, font)
+            for other in others:
+                self.assertLess(scores.get(other, -2.0), scores[clone], f"{font}: {other} above {clone}")
 
 
 if __name__ == "__main__":
