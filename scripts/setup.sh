@@ -10,6 +10,7 @@ packages=(
   libboost-thread-dev libboost-system-dev libboost-filesystem-dev
   libtbb-dev libfreetype-dev libharfbuzz-dev libfontconfig-dev
   libpng-dev libjpeg-dev
+  fontconfig  # fc-match and fc-scan: the tests compare names with fc-match, the evaluation reads styles
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   python3 python3-numpy python3-fonttools
@@ -21,9 +22,8 @@ packages=(
   fonts-inter-variable fonts-terminus-otb
 )
 if [[ "${1:-}" == "--training" ]]; then
-  # PyTorch; brotli for fontTools to read WOFF2; fc-scan, which the evaluation reads the
-  # corpus's weights and slants with; the corpus fetch's apt-get download and npm.
-  packages+=(python3-torch python3-brotli fontconfig)
+  # PyTorch; brotli for fontTools to read WOFF2; the corpus fetch's apt-get download and npm.
+  packages+=(python3-torch python3-brotli)
   command -v npm >/dev/null || packages+=(npm)
 fi
 
