@@ -14,11 +14,11 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   python3 python3-numpy python3-fonttools
-  fonts-dejavu-core
-  # Fonts the host's tests read: TrueType, CFF and Type 1 outlines, a collection (.ttc), a
+  # Fonts the host's tests read: DejaVu's obliques and condensed faces (in -extra), TrueType,
+  # CFF and Type 1 outlines, a collection (.ttc), a
   # variable font with named instances (Debian 12's Cantarell is static; Inter is variable) and
   # bitmap-only faces.
-  fonts-liberation2 fonts-urw-base35 fonts-texgyre fonts-cantarell fonts-wqy-microhei
+  fonts-dejavu-core fonts-dejavu-extra fonts-liberation2 fonts-urw-base35 fonts-texgyre fonts-cantarell fonts-wqy-microhei
   fonts-inter-variable fonts-terminus-otb
 )
 if [[ "${1:-}" == "--training" ]]; then
