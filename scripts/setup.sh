@@ -15,11 +15,10 @@ packages=(
   clang libclang-rt-14-dev
   python3 python3-numpy python3-fonttools
   # Fonts the host's tests read: DejaVu's obliques and condensed faces (in -extra), TrueType,
-  # CFF and Type 1 outlines, a collection (.ttc), a
-  # variable font with named instances (Debian 12's Cantarell is static; Inter is variable) and
-  # bitmap-only faces.
-  fonts-dejavu-core fonts-dejavu-extra fonts-liberation2 fonts-urw-base35 fonts-texgyre fonts-cantarell fonts-wqy-microhei
-  fonts-inter-variable fonts-terminus-otb
+  # CFF and Type 1 outlines, a collection (.ttc), a variable font with named instances (Debian
+  # 12's Cantarell is static; Inter is variable) and bitmap-only faces.
+  fonts-dejavu-core fonts-dejavu-extra fonts-liberation2 fonts-urw-base35 fonts-texgyre
+  fonts-cantarell fonts-wqy-microhei fonts-inter-variable fonts-terminus-otb
 )
 if [[ "${1:-}" == "--training" ]]; then
   # PyTorch; brotli for fontTools to read WOFF2; the corpus fetch's apt-get download and npm.
