@@ -104,8 +104,37 @@ extern "C" QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
 
 const FontrixProgressSuite kProgressSuite = {GetServiceProgress, GetFontList};
 
+extern "C" QVErr GetTableFonts(FontrixTableFontList* out) {
+  auto cache = FontSimilarCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    for (const ShippedFace& face : cache->ShippedFaces()) {
+      const FontrixTableFont font{face.name.c_str(), face.family.c_str(), face.style.c_str(), face.installed ? 1 : 0};
+      out->append(out->context, &font);
+    }
+    return kQVNoErr;
+  });
+}
+
+extern "C" QVErr GetSimilarToTableFont(const char* uniqueName, FontrixFontList* out) {
+  auto cache = FontSimilarCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!uniqueName || !out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    const auto fonts = cache->GetSimilarToShippedFace(uniqueName);
+    if (!fonts) return kQVNotFoundErr;
+    if (out->clear) out->clear(out->context);
+    for (const auto& [name, score] : *fonts) Append(out, name, score);
+    return kQVNoErr;
+  });
+}
+
+const FontrixTableSuite kTableSuite = {GetTableFonts, GetSimilarToTableFont};
+
 }  // namespace
 
 const FontrixProgressSuite& ProgressSuite() { return kProgressSuite; }
+const FontrixTableSuite& TableSuite() { return kTableSuite; }
 
 }  // namespace fontrix

@@ -13,5 +13,7 @@ QVErr FontrixGetRecognizedFonts(QVRasterHandle image, FontrixFontList* out);
 
 /// "QV Fontrix Progress Suite": how far each service's background work has come.
 const FontrixProgressSuite& ProgressSuite();
+/// "QV Fontrix Table Suite": the shipped similarity table's faces, and installed fonts like one.
+const FontrixTableSuite& TableSuite();
 
 }  // namespace fontrix

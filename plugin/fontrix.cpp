@@ -91,6 +91,7 @@ QVErr Fontrix::StartupPlugin(QVMessageData* message) {
   qv::Check(registry->AddSuite(pluginRef, kFontrixRecognitionSuite, 1, 1, recognitionSuiteTable, &ref));
   qv::Check(
       registry->AddSuite(pluginRef, kFontrixProgressSuite, kFontrixProgressSuiteVersion, 1, &ProgressSuite(), &ref));
+  qv::Check(registry->AddSuite(pluginRef, kFontrixTableSuite, kFontrixTableSuiteVersion, 1, &TableSuite(), &ref));
 
   if (const QVTimerSuite* timer = qv::Suites().timer) {
     qv::Check(timer->AddTimer(pluginRef, kTimerName, 0, &notifierTimer));

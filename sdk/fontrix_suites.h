@@ -84,6 +84,34 @@ typedef struct FontrixProgressSuite {
   QVErr (*GetFontList)(FontrixFontHandleList* out, uint32_t* generation);
 } FontrixProgressSuite;
 
+/* One face of the module's shipped similarity table. The strings are valid only during the
+ * append call. */
+typedef struct FontrixTableFont {
+  const char* name;   /* unique name (the PostScript name) */
+  const char* family;
+  const char* style;
+  QVBool installed;   /* an installed font of the module's font list matched it by name */
+} FontrixTableFont;
+
+typedef struct FontrixTableFontList {
+  void* context;
+  void (*append)(void* context, const FontrixTableFont* font);
+} FontrixTableFontList;
+
+/* The faces of the shipped similarity table, whether installed or not, so that a host can offer
+ * fonts like a face a document names but the machine lacks. Answers "UIN?" until the similarity
+ * cache exists. */
+#define kFontrixTableSuite "QV Fontrix Table Suite"
+#define kFontrixTableSuiteVersion 1
+typedef struct FontrixTableSuite {
+  /* Appends every usable face of the shipped table, in table order. */
+  QVErr (*GetTableFonts)(FontrixTableFontList* out);
+  /* Clears `out` and fills it with the installed fonts most like the shipped face `uniqueName`
+   * (exact name), best first, at most 80; the face itself is left out when installed.
+   * kQVNotFoundErr when the table has no usable face of that name. */
+  QVErr (*GetSimilarToTableFont)(const char* uniqueName, FontrixFontList* out);
+} FontrixTableSuite;
+
 #ifdef __cplusplus
 }
 #endif

@@ -312,6 +312,42 @@ std::vector<std::string> FontSimilarCache::GetSimilarFontNames(const std::string
   return names;
 }
 
+namespace {
+
+// Shipped entries are those the shipped pair loaded: the cache pair's come after them, as
+// installed (or unusable) entries with the identifier "0".
+bool IsShipped(const SimilarityTable& table, size_t entry) {
+  return table.status[entry] <= kStatusIdentifierOther;
+}
+
+}  // namespace
+
+std::vector<ShippedFace> FontSimilarCache::ShippedFaces() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<ShippedFace> faces;
+  for (size_t j = 0; j < table_.Size(); ++j)
+    if (IsShipped(table_, j))
+      faces.push_back({table_.columns[3][j], table_.columns[4][j], table_.columns[5][j],
+                       j < entryToFont_.size() && entryToFont_[j] >= 0});
+  return faces;
+}
+
+std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::GetSimilarToShippedFace(
+    const std::string& name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto& names = table_.columns[3];
+  size_t entry = 0;
+  while (entry < table_.Size() && !(IsShipped(table_, entry) && names[entry] == name)) ++entry;
+  if (entry == table_.Size()) return std::nullopt;
+  std::vector<std::pair<std::string, double>> result;
+  for (const Scored& r : RankLocked(int64_t(entry), {})) {
+    if (result.size() >= kMaxSimilarFonts) break;
+    if (r.fontIndex >= 0 && installedNames_[size_t(r.fontIndex)] != name)
+      result.emplace_back(installedNames_[size_t(r.fontIndex)], double(r.score));
+  }
+  return result;
+}
+
 std::vector<RankedRecord> FontSimilarCache::GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,
                                                                 const std::vector<float>& weights) {
   std::lock_guard<std::mutex> lock(mutex_);

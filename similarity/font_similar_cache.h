@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -35,6 +36,12 @@ struct RankedRecord {
   std::string fontServerId;  ///< field 1, when fontIndex is -1
   std::string name;          ///< field 4, when fontIndex is -1
   uint32_t status = 0;
+};
+
+/// A face of the shipped pair, and whether the last matching pass found it installed.
+struct ShippedFace {
+  std::string name, family, style;
+  bool installed = false;
 };
 
 class FontSimilarCache {
@@ -71,6 +78,11 @@ class FontSimilarCache {
   /// without a usable entry gets the single answer (its name, 1.0).
   std::vector<std::pair<std::string, double>> GetSimilarFonts(const std::string& fontName);
   std::vector<std::string> GetSimilarFontNames(const std::string& fontName);
+  /// The usable faces of the shipped pair, in table order.
+  std::vector<ShippedFace> ShippedFaces();
+  /// The installed fonts most like the shipped face `name` (exact), best first, at most 80; the
+  /// face's own installed font is left out. Nothing when no usable shipped face has that name.
+  std::optional<std::vector<std::pair<std::string, double>>> GetSimilarToShippedFace(const std::string& name);
   /// Ranks by the weighted sum of the vectors of up to five installed fonts (by their index in
   /// the last matching pass) that have entries; cloud fonts included.
   std::vector<RankedRecord> GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,

@@ -61,6 +61,38 @@ TEST_F(HostTest, SimilarSuiteClearsTheListAndAnswersUnknownFontsWithThemselves) 
   EXPECT_EQ(out.fonts.back(), (std::pair<std::string, double>{"Nobody-Regular", 1.0}));
 }
 
+// The table suite stands beside the three font suites: "UIN?" while similarity is off, and
+// "not found" for a face the (here empty) shipped table lacks, with the list left alone.
+TEST_F(HostTest, TableSuiteAnswersFromTheSimilarityCache) {
+  for (const bool similarity : {false, true}) {
+    auto& h = Started({{"Text/FontSimilarity", similarity}});
+    const auto* table = static_cast<const FontrixTableSuite*>(h.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+    ASSERT_TRUE(table);
+    std::vector<std::string> faces;
+    FontrixTableFontList sink{&faces, [](void* c, const FontrixTableFont* f) {
+                                static_cast<std::vector<std::string>*>(c)->push_back(f->name);
+                              }};
+    Collected out;
+    auto list = out.list();
+    if (!similarity) {
+      EXPECT_EQ(table->GetTableFonts(&sink), kQVNotInitialisedErr);
+      EXPECT_EQ(table->GetSimilarToTableFont("Alpha-Regular", &list), kQVNotInitialisedErr);
+    } else {
+      EXPECT_EQ(table->GetTableFonts(&sink), kQVNoErr);
+      EXPECT_EQ(table->GetSimilarToTableFont("Alpha-Regular", &list), kQVNotFoundErr);
+      EXPECT_EQ(table->GetSimilarToTableFont(nullptr, &list), kQVBadParameterErr);
+      EXPECT_EQ(table->GetTableFonts(nullptr), kQVBadParameterErr);
+    }
+    EXPECT_TRUE(faces.empty());
+    EXPECT_EQ(out.clears, 0);
+    h.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
+    ASSERT_EQ(h.ApplicationShutdown(), kQVNoErr);
+    host_.reset();
+    TerminateCaches();
+    Fontrix::ResetForTesting();
+  }
+}
+
 TEST_F(HostTest, ProgressSuiteReportsServicesAndTheFontList) {
   auto& h = Started({{"TextDebug/FontRecognition", false}});
   const auto* progress =

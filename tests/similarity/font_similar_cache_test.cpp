@@ -150,6 +150,45 @@ TEST_F(QueryTest, FontSetUsesTheFirstFiveAndShowsCloudButNotUninstalledEntries) 
   EXPECT_TRUE(cloud);
 }
 
+// A face the shipped table knows but the machine may lack: the installed fonts nearest its own
+// vector, never the face itself, and nothing for a name the shipped table does not hold.
+TEST_F(QueryTest, ShippedFacesAnswerWithInstalledFontsNearestTheirVector) {
+  installed.push_back(Font("Cloud20"));  // installed, matched to its shipped entry by name
+  cache->Update(installed, 2);
+  const auto faces = cache->ShippedFaces();
+  ASSERT_EQ(faces.size(), 1864u);
+  EXPECT_EQ(faces[7].name, "Cloud7");
+  EXPECT_EQ(faces[7].family, "Family 7");
+  EXPECT_EQ(faces[7].style, "Regular");
+  EXPECT_FALSE(faces[7].installed);
+  EXPECT_TRUE(faces[20].installed);
+
+  auto similar = [&](const char* face) {
+    const auto result = cache->GetSimilarToShippedFace(face);
+    EXPECT_TRUE(result) << face;
+    if (!result) return std::vector<std::string>{};
+    EXPECT_TRUE(std::is_sorted(result->begin(), result->end(), [](auto& a, auto& b) { return a.second > b.second; }));
+    std::vector<std::string> names;
+    for (const auto& [name, score] : *result) names.push_back(name);
+    return names;
+  };
+  // Cloud 20 and Cloud 404 lie along axis 20 of each 384-wide half, as F20 does.
+  const auto like20 = similar("Cloud20"), like404 = similar("Cloud404");
+  ASSERT_EQ(like20.size(), 80u);
+  EXPECT_EQ(like20.front(), "F20");
+  EXPECT_EQ(std::count(like20.begin(), like20.end(), "Cloud20"), 0);
+  ASSERT_EQ(like404.size(), 80u);
+  EXPECT_EQ(like404.front(), "Cloud20");  // an installed shipped face is an answer like any other
+  EXPECT_EQ(like404[1], "F20");
+  for (const auto& name : like404) {
+    EXPECT_TRUE(name.rfind("Cloud", 0) != 0 || name == "Cloud20") << name << " is not installed";
+    EXPECT_NE(name, "Zero");
+  }
+  EXPECT_FALSE(cache->GetSimilarToShippedFace("F20"));  // installed, but not a shipped face
+  EXPECT_FALSE(cache->GetSimilarToShippedFace("cloud7"));
+  EXPECT_FALSE(cache->GetSimilarToShippedFace("Zero"));
+}
+
 // Queries from another thread while an update stores fonts (run under ThreadSanitizer too).
 TEST_F(QueryTest, QueriesRunWhileAnUpdateStoresFonts) {
   std::vector<QVFontHandle> more = installed;
