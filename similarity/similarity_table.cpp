@@ -53,10 +53,19 @@ int SimilarityTable::ReadMeta(const std::string& path,
 int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache) {
   const int failed = isCache ? kLoadCacheFailed : kLoadShippedFailed;
   if (metaPath.empty() || featurePath.empty()) return kLoadOk;
-  size_t index = Size();
+  const size_t before = Size();
+  // A pair that fails leaves none of its lines or records behind: the similarity cache goes on
+  // with the table after a failed load, and indexes every column by entry.
+  auto fail = [&] {
+    for (auto& column : columns) column.resize(before);
+    features.resize(before * featureDim);
+    status.resize(before);
+    return failed;
+  };
+  size_t index = before;
   const int groups = ReadMeta(metaPath, columns);
-  if (groups == -1) return failed;
-  if (!isCache && groups != kShippedFontCount) return failed;
+  if (groups == -1) return fail();
+  if (!isCache && groups != kShippedFontCount) return fail();
   std::ifstream in(featurePath, std::ios::binary);
   int records = 0;
   std::vector<float> record(featureDim);
@@ -64,7 +73,7 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
     in.read(reinterpret_cast<char*>(record.data()), std::streamsize(featureDim * sizeof(float)));
     const std::streamsize got = in.gcount();
     if (got == 0) break;
-    if (got != std::streamsize(featureDim * sizeof(float))) return failed;
+    if (got != std::streamsize(featureDim * sizeof(float))) return fail();
     // Little-endian floats on disk; this is a little-endian machine.
     features.insert(features.end(), record.begin(), record.end());
     uint32_t s = kStatusInstalled;
@@ -76,7 +85,7 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
     ++index;
     ++records;
   }
-  return records == groups ? kLoadOk : failed;
+  return records == groups ? kLoadOk : fail();
 }
 
 int SimilarityTable::Load(const std::string& computedMeta, const std::string& computedFeature,

@@ -52,7 +52,7 @@ struct SimilarityTable {
   /// Loads the shipped pair, then the cache pair, then the model; stops at the first failure.
   int Load(const std::string& computedMeta, const std::string& computedFeature, const std::string& cachedMeta,
            const std::string& cachedFeature, const std::string& model);
-  /// Loads one pair; entries appended before a failure stay.
+  /// Loads one pair; a pair that fails adds nothing, and the entries of earlier pairs stay.
   int ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache);
   /// Appends the file's lines to the columns; the number of whole groups, or -1 when the file
   /// ends inside a group. A missing or empty file gives 0.

@@ -33,6 +33,11 @@ class SimilarityFiles : public ::testing::Test {
   int Load(SimilarityTable& t) {
     return t.Load(path("fs.meta"), path("fs.fea"), path("sys.meta"), path("sys.fea"), path("model.dnm"));
   }
+  // Every column, the statuses and the vectors hold one value per entry.
+  static void ExpectWhole(const SimilarityTable& t) {
+    for (const auto& column : t.columns) EXPECT_EQ(column.size(), t.Size());
+    EXPECT_EQ(t.features.size(), t.Size() * kFeatureDim);
+  }
   fs::path dir;
 };
 
@@ -40,6 +45,17 @@ TEST_F(SimilarityFiles, ShippedPairMustHoldExactly1864Fonts) {
   SimilarityTable t;
   Shipped(1863);
   EXPECT_EQ(Load(t), kLoadShippedFailed);
+  EXPECT_EQ(t.Size(), 0u);
+  ExpectWhole(t);
+  // 1,864 groups but a record more: nothing of the pair stays.
+  Shipped(1864);
+  {
+    std::ofstream(path("fs.fea"), std::ios::app | std::ios::binary)
+        .write(reinterpret_cast<const char*>(AxisVector(1).data()), kFeatureRecordBytes);
+  }
+  EXPECT_EQ(Load(t), kLoadShippedFailed);
+  EXPECT_EQ(t.Size(), 0u);
+  ExpectWhole(t);
   Shipped(1864);
   EXPECT_EQ(Load(t), kLoadOk);  // no cache pair: an empty cache
   EXPECT_EQ(t.Size(), 1864u);
@@ -79,15 +95,20 @@ TEST_F(SimilarityFiles, TornOrMismatchedCacheFailsTheCachePairOnly) {
   }
   EXPECT_EQ(SimilarityTable::ReadMeta(path("sys.meta"), t.columns), -1);
   EXPECT_EQ(Load(t), kLoadCacheFailed);
-  EXPECT_EQ(t.Size(), 1864u);  // the shipped entries stay
+  EXPECT_EQ(t.Size(), 1864u);  // the shipped entries stay, and nothing of the torn group
+  ExpectWhole(t);
 
   WritePair(
       path("sys.meta"), path("sys.fea"), 2, [](size_t) { return std::string("0"); },
       [](size_t i) { return "Mine" + std::to_string(i); }, [](size_t i) { return AxisVector(i); }, "0");
   { std::ofstream(path("sys.fea"), std::ios::app | std::ios::binary) << std::string(100, 'x'); }
   EXPECT_EQ(Load(t), kLoadCacheFailed);  // 3072 x 2 + 100 bytes
+  EXPECT_EQ(t.Size(), 1864u);
+  ExpectWhole(t);
   fs::resize_file(path("sys.fea"), kFeatureRecordBytes);
   EXPECT_EQ(Load(t), kLoadCacheFailed);  // two groups, one record
+  EXPECT_EQ(t.Size(), 1864u);
+  ExpectWhole(t);
 }
 
 TEST_F(SimilarityFiles, SaveAppendsPendingEntriesAndKeepsThemWhenItCannotWrite) {
