@@ -22,6 +22,7 @@
 
 #include "host/font_file.h"
 #include "host/font_names.h"
+#include "host/fontconfig_source.h"
 #include "host/host.h"
 
 namespace fontrix::host {
@@ -43,7 +44,6 @@ int FormatRank(const std::string& file) {
   return 1;
 }
 
-// What reading one face gave; nullopt: FreeType cannot open it, or it is left out.
 using FaceResult = std::optional<HostFont>;
 
 std::string WithoutSpaces(std::string text) {
@@ -95,25 +95,27 @@ uint64_t OutlinePrint(FT_Face face) {
   return hash ? hash : 1;
 }
 
-FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
-  FontFile file(listed.file);  // outlives the face, which reads through it
-  FT_Face face = file.Open(library, listed.index);
+}  // namespace
+
+FaceResult ReadFace(FT_Library library, const std::string& path, int index, bool variable) {
+  FontFile file(path);  // outlives the face, which reads through it
+  FT_Face face = file.Open(library, index);
   if (!face) return std::nullopt;
   FaceResult result;
   // fontconfig lists every named instance of a variable font on its own; the whole font's
   // pattern would repeat one of them.
-  const bool instances_listed = listed.variable && (listed.index >> 16) == 0 && (face->style_flags >> 16) > 0;
+  const bool instances_listed = variable && (index >> 16) == 0 && (face->style_flags >> 16) > 0;
   if (!instances_listed) {
     HostFont font;
-    font.file = listed.file;
-    font.face_index = listed.index;
+    font.file = path;
+    font.face_index = index;
     // The default face of a variable font is its default named instance ("Inter-Regular"), not
     // the font's base name ("Inter"), which every file of the family shares.
     std::optional<FontFile> instance_file;  // a second stream: one serves one face at a time
     FT_Face named = face;
-    if ((listed.index >> 16) == 0 && (face->style_flags >> 16) > 0)
+    if ((index >> 16) == 0 && (face->style_flags >> 16) > 0)
       if (const FT_UInt instance = DefaultInstance(library, face))
-        if (FT_Face opened = instance_file.emplace(listed.file).Open(library, int(instance << 16) | (listed.index & 0xFFFF)))
+        if (FT_Face opened = instance_file.emplace(path).Open(library, int(instance << 16) | (index & 0xFFFF)))
           named = opened;
     font.family = named->family_name ? named->family_name : "";
     font.style = named->style_name ? named->style_name : "";
@@ -137,6 +139,8 @@ FaceResult ReadFace(FT_Library library, const ListedFace& listed) {
   FT_Done_Face(face);
   return result;
 }
+
+namespace {
 
 std::vector<ListedFace> ListFaces() {
   FcPattern* pattern = FcPatternCreate();
@@ -189,7 +193,10 @@ void ReadFaces(const std::vector<ListedFace>& faces, const std::vector<size_t>& 
     try {
       // One FreeType library per thread: faces of one library must not be used concurrently.
       if (FT_Init_FreeType(&library) != 0) throw std::runtime_error("FreeType could not start");
-      for (size_t k; (k = next.fetch_add(1)) < todo.size();) results[todo[k]] = ReadFace(library, faces[todo[k]]);
+      for (size_t k; (k = next.fetch_add(1)) < todo.size();) {
+        const ListedFace& face = faces[todo[k]];
+        results[todo[k]] = ReadFace(library, face.file, face.index, face.variable);
+      }
     } catch (...) {
       errors[worker] = std::current_exception();
     }
@@ -243,6 +250,57 @@ std::vector<std::string> Split(const std::string& line) {
 
 constexpr const char* kListingHeader = "fontrix font listing 2";
 
+}  // namespace
+
+FontListing ReadFontListing(std::istream& in) {
+  FontListing listing;
+  std::string line;
+  if (!std::getline(in, line) || line != kListingHeader) return listing;
+  while (std::getline(in, line)) {
+    const auto f = Split(line);
+    if (f.size() != 13) return listing;
+    try {
+      ListedFaceResult r;
+      r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
+      if (f[5] == "1") {
+        HostFont font;
+        font.file = Unescape(f[0]);
+        font.face_index = std::stoi(f[1]);
+        font.unique_name = Unescape(f[6]);
+        font.family = Unescape(f[7]);
+        font.style = Unescape(f[8]);
+        font.bitmap_only = f[9] == "1";
+        font.symbol = f[10] == "1";
+        font.usable = std::stoi(f[11]);
+        font.outline_print = std::stoull(f[12]);
+        r.result = font;
+      }
+      listing[Unescape(f[0]) + '\n' + f[1]] = r;
+    } catch (const std::exception&) {
+      return {};
+    }
+  }
+  return listing;
+}
+
+void WriteFontListing(std::ostream& out, const FontListing& listing) {
+  out << kListingHeader << '\n';
+  for (const auto& [key, r] : listing) {
+    const size_t cut = key.rfind('\n');
+    out << Escape(key.substr(0, cut)) << '\t' << key.substr(cut + 1) << '\t' << r.stamp.seconds << '\t'
+        << r.stamp.nanoseconds << '\t' << r.stamp.size << '\t' << (r.result ? 1 : 0);
+    if (r.result)
+      out << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
+          << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
+          << r.result->usable << '\t' << r.result->outline_print;
+    else
+      out << "\t\t\t\t0\t0\t-1\t0";
+    out << '\n';
+  }
+}
+
+namespace {
+
 class FontconfigSource : public FontSource {
  public:
   explicit FontconfigSource(std::string listing) : listing_(std::move(listing)) { ReadListing(); }
@@ -257,21 +315,21 @@ class FontconfigSource : public FontSource {
     }
     const std::vector<ListedFace> faces = ListFaces();
 
-    std::unordered_map<std::string, Remembered> remembered;
+    FontListing remembered;
     std::vector<FaceResult> results(faces.size());
     std::vector<size_t> todo;
     for (size_t i = 0; i < faces.size(); ++i) {
       const std::string key = Key(faces[i]);
       struct stat st {};
       const bool stated = ::stat(faces[i].file.c_str(), &st) == 0;
-      const Stamp stamp{int64_t(st.st_mtim.tv_sec), int64_t(st.st_mtim.tv_nsec), int64_t(st.st_size)};
+      const FileStamp stamp{int64_t(st.st_mtim.tv_sec), int64_t(st.st_mtim.tv_nsec), int64_t(st.st_size)};
       auto it = remembered_.find(key);
       if (stated && it != remembered_.end() && it->second.stamp == stamp) {
         results[i] = it->second.result;
       } else {
         todo.push_back(i);
       }
-      remembered[key].stamp = stated ? stamp : Stamp{};
+      remembered[key].stamp = stated ? stamp : FileStamp{};
     }
     ReadFaces(faces, todo, results);
 
@@ -293,17 +351,6 @@ class FontconfigSource : public FontSource {
   }
 
  private:
-  struct Stamp {
-    int64_t seconds = -1, nanoseconds = -1, size = -1;
-    bool operator==(const Stamp& o) const {
-      return seconds == o.seconds && nanoseconds == o.nanoseconds && size == o.size;
-    }
-  };
-  struct Remembered {
-    Stamp stamp;
-    FaceResult result;
-  };
-
   static std::string Key(const ListedFace& face) { return face.file + '\n' + std::to_string(face.index); }
 
   // What earlier runs read of each face, so a new process opens only new or changed files. A
@@ -311,33 +358,7 @@ class FontconfigSource : public FontSource {
   void ReadListing() {
     if (listing_.empty()) return;
     std::ifstream in(listing_);
-    std::string line;
-    if (!std::getline(in, line) || line != kListingHeader) return;
-    while (std::getline(in, line)) {
-      const auto f = Split(line);
-      if (f.size() != 13) return;
-      try {
-        Remembered r;
-        r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
-        if (f[5] == "1") {
-          HostFont font;
-          font.file = Unescape(f[0]);
-          font.face_index = std::stoi(f[1]);
-          font.unique_name = Unescape(f[6]);
-          font.family = Unescape(f[7]);
-          font.style = Unescape(f[8]);
-          font.bitmap_only = f[9] == "1";
-          font.symbol = f[10] == "1";
-          font.usable = std::stoi(f[11]);
-          font.outline_print = std::stoull(f[12]);
-          r.result = font;
-        }
-        remembered_[Unescape(f[0]) + '\n' + f[1]] = r;
-      } catch (const std::exception&) {
-        remembered_.clear();
-        return;
-      }
-    }
+    remembered_ = ReadFontListing(in);
   }
 
   // Written to a temporary file and renamed, so a reader never sees half a listing.
@@ -347,19 +368,7 @@ class FontconfigSource : public FontSource {
     {
       std::ofstream out(temporary, std::ios::trunc);
       if (!out) return;
-      out << kListingHeader << '\n';
-      for (const auto& [key, r] : remembered_) {
-        const size_t cut = key.rfind('\n');
-        out << Escape(key.substr(0, cut)) << '\t' << key.substr(cut + 1) << '\t' << r.stamp.seconds << '\t'
-            << r.stamp.nanoseconds << '\t' << r.stamp.size << '\t' << (r.result ? 1 : 0);
-        if (r.result)
-          out << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
-              << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
-              << r.result->usable << '\t' << r.result->outline_print;
-        else
-          out << "\t\t\t\t0\t0\t-1\t0";
-        out << '\n';
-      }
+      WriteFontListing(out, remembered_);
       if (!out.flush()) return;
     }
     std::rename(temporary.c_str(), listing_.c_str());
@@ -367,7 +376,7 @@ class FontconfigSource : public FontSource {
 
   std::string listing_;
   bool initialised_ = false;
-  std::unordered_map<std::string, Remembered> remembered_;  // by file and face index
+  FontListing remembered_;  // by file and face index
 };
 
 }  // namespace
