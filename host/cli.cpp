@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <limits>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -26,6 +28,7 @@
 #include "host/image.h"
 #include "host/json.h"
 #include "host/specimen.h"
+#include "host/table_names.h"
 #include "sdk/fontrix_suites.h"
 #include "sdk/qv_font_suites.h"
 
@@ -49,9 +52,13 @@ const char* const kHelp =
     "                      that have all of them and none of the --not ones (blackletter,\n"
     "                      decorative, handmade, monospace, sans-serif, script, serif,\n"
     "                      slab-serif, or label strings such as fs_slab_serif)\n"
-    "  similar NAME [--sheet FILE]\n"
+    "  similar NAME [--other-families] [--class CLASS ...] [--sheet FILE]\n"
     "                      the installed fonts most like font NAME (at most 80), best first, with\n"
-    "                      scores; --sheet writes a PNG contact sheet of their specimens\n"
+    "                      scores; --other-families leaves out NAME's own family, --class keeps\n"
+    "                      fonts of those classes (--limit counts the fonts kept); --sheet writes\n"
+    "                      a PNG contact sheet of their specimens. A NAME that is not installed\n"
+    "                      but is a face of the module's similarity table is answered from the\n"
+    "                      table, as said on standard error\n"
     "  recognize IMAGE [--sheet FILE]\n"
     "                      the installed fonts most likely shown in a picture of one line of text\n"
     "                      (PNG or JPEG; at most 40), best first, with scores; --sheet draws a\n"
@@ -98,7 +105,8 @@ struct Options {
   std::string sheet;   // similar: --sheet
   double size = 0;     // specimen: --size; 0 until given
   std::vector<std::string> not_classes;  // classes: --not
-  std::vector<std::string> classes;      // fonts: --class
+  std::vector<std::string> classes;      // fonts, similar: --class
+  bool other_families = false;           // similar: --other-families
   std::string style;                     // -s, --style: of the font NAME
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
@@ -198,6 +206,7 @@ Options Parse(int argc, char** argv) {
                  : name == "-h"        ? &options.help
                  : name == "--version" ? &options.version
                  : name == "--all"     ? &options.all
+                 : name == "--other-families" ? &options.other_families
                                        : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
     if (inline_value) throw UsageError(name + " takes no value");
@@ -227,7 +236,9 @@ Options Parse(int argc, char** argv) {
   if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize")
     throw UsageError("--sheet is for similar and recognize only");
   if (!options.not_classes.empty() && options.command != "classes") throw UsageError("--not is for classes only");
-  if (!options.classes.empty() && options.command != "fonts") throw UsageError("--class is for fonts only");
+  if (!options.classes.empty() && options.command != "fonts" && options.command != "similar")
+    throw UsageError("--class is for fonts and similar only");
+  if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
   if (!options.style.empty() && options.command != "similar" && options.command != "specimen")
     throw UsageError("--style is for similar and specimen only");
@@ -240,7 +251,7 @@ Options Parse(int argc, char** argv) {
   } catch (const FormatError& e) {
     throw UsageError(e.what());
   }
-  if (options.command == "classes" || options.command == "fonts")
+  if (options.command == "classes" || options.command == "fonts" || options.command == "similar")
     for (const auto* list : {&options.args, &options.not_classes, &options.classes})
       if (options.command == "classes" || list == &options.classes)
         for (const std::string& c : *list) ClassIndex(c);
@@ -606,29 +617,123 @@ void WriteResultSheet(Host& host, const std::string& path, std::vector<Specimen>
   }
 }
 
-// Asks the module's similar-font suite, exactly as another plug-in would.
+// The faces of the module's shipped similarity table, through its table suite; none when the
+// module publishes no such suite (an older module) or its similarity service is not running, and
+// the similar-font query then says why.
+std::vector<TableFace> TableFaces(Host& host) {
+  std::vector<TableFace> faces;
+  const auto* table = static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+  if (!table) return faces;
+  FontrixTableFontList list{&faces, [](void* c, const FontrixTableFont* f) {
+                              static_cast<std::vector<TableFace>*>(c)->push_back(
+                                  {f->name, f->family, f->style, f->installed != 0});
+                            }};
+  const QVErr err = table->GetTableFonts(&list);
+  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
+  if (err) faces.clear();
+  return faces;
+}
+
+std::string LowerCase(std::string text) {
+  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// The face `similar` asks about: installed, or a face of the shipped table the machine lacks.
+struct SimilarQuery {
+  std::string name, family, style;
+  bool installed = true;
+};
+
+// NAME as `similar` reads it. A face of the shipped table that is not installed answers when no
+// installed face does, when fontconfig would substitute another family, or when the table has
+// the style asked for and the installed family lacks it: its own vector says more than a
+// stand-in's. The choice is said on stderr.
+SimilarQuery ResolveSimilarQuery(Host& host, const Options& options) {
+  const std::string& typed = options.args[0];
+  std::vector<const HostFont*> usable;
+  for (const HostFont& f : host.Fonts())
+    if (UnusedReason(f).empty()) usable.push_back(&f);
+  std::optional<ResolvedFont> installed;
+  std::string unknown;
+  try {
+    installed = ResolveFont(usable, typed, options.style);
+  } catch (const UnknownFont& e) {
+    unknown = e.what();
+  }
+  if (!installed || !installed->note.empty()) {
+    std::vector<TableFace> missing = TableFaces(host);
+    missing.erase(std::remove_if(missing.begin(), missing.end(), [](const TableFace& f) { return f.installed; }),
+                  missing.end());
+    const TableMatch table = ResolveTableFace(missing, typed, options.style);
+    if (table.face && (!installed || table.exact ||
+                       LowerCase(installed->font->family) != LowerCase(table.face->family))) {
+      std::fprintf(stderr, "fontrix: '%s' is not installed; answering for %s (%s %s), a face of the module's similarity table\n",
+                   typed.c_str(), table.face->name.c_str(), table.face->family.c_str(), table.face->style.c_str());
+      return {table.face->name, table.face->family, table.face->style, false};
+    }
+  }
+  if (!installed) throw Failure(unknown);
+  if (!installed->note.empty()) std::fprintf(stderr, "fontrix: %s\n", installed->note.c_str());
+  return {installed->font->unique_name, installed->font->family, installed->font->style, true};
+}
+
+// Asks the module's similar-font suite, exactly as another plug-in would (its table suite for a
+// face that is not installed).
 void Similar(Host& host, const Options& options) {
-  const std::string name = ResolveUsedFont(host, options.args[0], options.style).unique_name;
-  HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
+  const SimilarQuery query = ResolveSimilarQuery(host, options);
   std::vector<std::pair<std::string, double>> found;
   FontrixFontList list = Collector(found);
-  const QVErr err = similar->GetSimilarFontNames(name.c_str(), &list);
+  QVErr err = kQVNoErr;
+  if (query.installed) {
+    HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
+    err = similar->GetSimilarFontNames(query.name.c_str(), &list);
+  } else {
+    HeldSuite<FontrixTableSuite> table(host, kFontrixTableSuite, kFontrixTableSuiteVersion);
+    err = table->GetSimilarToTableFont(query.name.c_str(), &list);
+  }
   if (err == kQVNotInitialisedErr)
     throw Failure("the similarity service is not running (switched off, or its data is missing)");
   Check(err, "the similar-font query");
   // A font the service could not image answers with itself alone: nothing is like it.
-  if (found.size() == 1 && found[0].first == name) found.clear();
-  const std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
-  if (rows.empty() && !options.json)
-    std::fprintf(stderr, "fontrix: no font is known to be like %s (the similarity service could not image it)\n",
-                 name.c_str());
-  PrintRows(options, "\"query\": " + JsonString(name), "results", rows, kResultColumns);
+  if (found.size() == 1 && found[0].first == query.name) found.clear();
+  // The filters run over the module's whole answer, so --limit counts the fonts they keep.
+  std::vector<OutputRow> rows = ResultRows(host, found, kAny);
+  uint32_t wanted = 0;
+  for (const std::string& c : options.classes) wanted |= 1u << ClassIndex(c);
+  const std::map<std::string, uint32_t> masks = wanted ? ClassMasks(host) : std::map<std::string, uint32_t>();
+  rows.erase(std::remove_if(rows.begin(), rows.end(),
+                            [&](OutputRow& r) {
+                              if (options.other_families && LowerCase(r.family) == LowerCase(query.family)) return true;
+                              if (!wanted) return false;
+                              const auto mask = masks.find(r.name);
+                              if (mask == masks.end() || (mask->second & wanted) != wanted) return true;
+                              r.classes = mask->second;
+                              return false;
+                            }),
+             rows.end());
+  if (rows.size() > options.limit) rows.resize(options.limit);
+  if (rows.empty() && !options.json) {
+    if (found.empty())
+      std::fprintf(stderr, "fontrix: no font is known to be like %s (the similarity service could not image it)\n",
+                   query.name.c_str());
+    else
+      std::fprintf(stderr, "fontrix: none of the %zu fonts most like %s is %s\n", found.size(), query.name.c_str(),
+                   wanted && options.other_families ? "of another family and of those classes"
+                   : wanted                         ? "of those classes"
+                                                    : "of another family");
+  }
+  PrintRows(options,
+            "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
+                ", \"query_style\": " + JsonString(query.style) +
+                ", \"query_installed\": " + (query.installed ? "true" : "false"),
+            "results", rows, std::string(kResultColumns) + (wanted ? "\\t%{classes}" : ""));
   if (!options.sheet.empty()) {
     HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
-    QVFontHandle query = nullptr;
-    Check(fonts->FindFontByName(name.c_str(), &query), "finding the font");
+    QVFontHandle face = nullptr;
+    if (query.installed) Check(fonts->FindFontByName(query.name.c_str(), &face), "finding the font");
     std::vector<Specimen> sheet;
-    WriteResultSheet(host, options.sheet, sheet, rows, {name + " (query)", query});
+    WriteResultSheet(host, options.sheet, sheet, rows, {query.name + " (query)", face});
   }
 }
 

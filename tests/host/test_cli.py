@@ -47,7 +47,10 @@ class CliTest(unittest.TestCase):
             "two patterns": ["fonts", "Sans", "Serif"],
             "unknown format field": ["fonts", "--format", "%{fullname}"],
             "format with json": ["fonts", "--format", "%{name}", "--json"],
-            "--class for similar": ["similar", "DejaVuSans", "--class", "serif"],
+            "--class for recognize": ["recognize", "a.png", "--class", "serif"],
+            "--class unknown to similar": ["similar", "DejaVuSans", "--class", "gothic"],
+            "--other-families for fonts": ["fonts", "--other-families"],
+            "--other-families with a value": ["similar", "DejaVuSans", "--other-families=yes"],
             "unknown class": ["fonts", "--class", "gothic"],
             "--all for classes": ["classes", "--all"],
             "--style for fonts": ["fonts", "-s", "bold"],
@@ -76,6 +79,7 @@ class CliTest(unittest.TestCase):
             self.assertTrue(r.stdout.startswith("usage: fontrix"), args)
             self.assertIn("  fonts ", r.stdout)
             self.assertIn("  specimen NAME TEXT -o FILE [--size N]", r.stdout)
+            self.assertIn("  similar NAME [--other-families] [--class CLASS ...] [--sheet FILE]", r.stdout)
             self.assertIn("--disable SERVICE", r.stdout)
 
     def assert_one_line_failure(self, r, start):

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """fontrix index and fontrix similar on this machine's fonts, with stand-in similarity data (a
 small network and a generated shipped table): the module images every installed font once,
-keeps them in its cache files, and answers similar-font queries as its suite does.
+keeps them in its cache files, and answers similar-font queries as its suite does, filtered by
+family and class, and for a face of its shipped table that is not installed.
 
 Usage: test_similar_cli.py PATH/TO/fontrix PATH/TO/libfontrix.so
 """
@@ -11,6 +12,8 @@ import subprocess
 import sys
 import tempfile
 import unittest
+
+import numpy as np
 
 FONTRIX = MODULE = None
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -79,6 +82,56 @@ class SimilarCliTest(unittest.TestCase):
         r = self.run_tool("--disable", "similarity", "similar", "DejaVuSans")
         self.assertEqual(r.returncode, 1)
         self.assertIn("similarity service is not running", r.stderr)
+
+    def similar(self, *args):
+        r = self.run_tool("similar", *args, "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        return json.loads(r.stdout), r.stderr
+
+    def test_5_filters_keep_the_modules_order_and_fill_the_limit(self):
+        everything = self.similar("DejaVuSans", "--limit", "80")[0]["results"]
+        names = [x["name"] for x in everything]
+        other = self.similar("DejaVuSans", "--other-families", "--limit", "6")[0]
+        self.assertEqual(other["query_family"], "DejaVu Sans")
+        expected = [x["name"] for x in everything if x["family"] != "DejaVu Sans"][:6]
+        self.assertEqual(len(expected), 6)
+        self.assertEqual([x["name"] for x in other["results"]], expected)
+        classes = json.loads(self.run_tool("classes", "--json").stdout)["fonts"]
+        serif = {f["name"] for f in classes if "fs_serif" in f["classes"]}
+        mono = {f["name"] for f in classes if "fs_monospace" in f["classes"]}
+        for wanted, kept in ((["--class", "serif"], serif), (["--class", "monospace", "--class", "serif"], serif & mono)):
+            answer = self.similar("DejaVuSans", *wanted)[0]["results"]
+            self.assertEqual([x["name"] for x in answer], [n for n in names if n in kept], wanted)
+            if wanted == ["--class", "serif"]:
+                self.assertTrue(answer, "DejaVu Serif, at least, is among the 80")
+            for x in answer:
+                self.assertTrue({"fs_" + c.replace("-", "_") for c in wanted[1::2]} <= set(x["classes"]), x)
+
+    def cached_vectors(self):
+        """The installed fonts' vectors, as the module saved them in its cache pair."""
+        with open(os.path.join(self.cache, "NQ_sim_meta_sys.cch")) as meta:
+            names = meta.read().splitlines()[3::6]
+        vectors = np.fromfile(os.path.join(self.cache, "NQ_sim_fea_sys.cch"), "<f4").reshape(-1, 768)
+        return dict(zip(names, vectors))
+
+    def test_6_a_table_face_that_is_not_installed_ranks_installed_fonts_by_its_vector(self):
+        shipped = np.fromfile(os.path.join(self.data, "NQ_sim_fea_fs.bin"), "<f4").reshape(1864, 768)
+        installed = {f["name"] for f in json.loads(self.run_tool("fonts", "--json").stdout)["fonts"]}
+        cached = {n: v for n, v in self.cached_vectors().items() if n in installed and v.any()}
+        expected = sorted(cached, key=lambda n: -float(np.dot(cached[n], shipped[7])))[:10]
+        for typed in ("Cloud7", "cloud7", "Cloud Family 7", "Cloud Family 7:bold", "Cloud Family 7 Regular"):
+            answer, said = self.similar(typed, "--limit", "10")
+            self.assertEqual((answer["query"], answer["query_installed"], answer["query_family"]),
+                             ("Cloud7", False, "Cloud Family 7"), typed)
+            self.assertIn("not installed; answering for Cloud7", said)
+            self.assertEqual([x["name"] for x in answer["results"]], expected, typed)
+            for x in answer["results"]:
+                self.assertAlmostEqual(x["score"], float(np.dot(cached[x["name"]], shipped[7])), places=4)
+        # An installed face is asked about as before; a name neither has still fails.
+        self.assertTrue(self.similar("DejaVuSans")[0]["query_installed"])
+        r = self.run_tool("similar", "Cloud Family 7 Sans")
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("no installed font is named", r.stderr)
 
 
 if __name__ == "__main__":

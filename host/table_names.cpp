@@ -1,0 +1,160 @@
+// Names of the shipped table's faces resolved as the names of installed faces are, without
+// fontconfig's matching (it knows only installed faces): styles are compared by what their
+// names say of weight, slant and width.
+#include "host/table_names.h"
+
+#include <fontconfig/fontconfig.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+namespace fontrix::host {
+namespace {
+
+// Lower case without spaces, hyphens and underscores: "Semi Bold" == "semibold" == "SemiBold".
+std::string Folded(const std::string& text) {
+  std::string out;
+  for (unsigned char c : text)
+    if (c != ' ' && c != '-' && c != '_') out += char(std::tolower(c));
+  return out;
+}
+
+std::string Lowered(std::string text) {
+  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+bool Has(const std::string& folded, const char* word) { return folded.find(word) != std::string::npos; }
+
+// Whether `text` is made of the words style names are made of ("Bold Italic", "SemiCondensed"),
+// so that "Averia Sans" is not Averia in a style "Sans".
+bool IsStyleName(const std::string& text) {
+  static const char* const kWords[] = {"italic", "oblique", "regular", "book",   "normal",    "roman",    "upright",
+                                       "condensed", "narrow", "compressed", "expanded", "extended", "semi", "demi",
+                                       "extra",  "ultra",  "hairline", "thin",  "light",     "medium",   "bold",
+                                       "black",  "heavy"};
+  std::string rest = Folded(text);
+  while (!rest.empty()) {
+    size_t taken = 0;
+    for (const char* word : kWords)
+      if (rest.compare(0, std::string(word).size(), word) == 0) taken = std::max(taken, std::string(word).size());
+    if (!taken) return false;
+    rest.erase(0, taken);
+  }
+  return true;
+}
+
+// What was asked of a face within its family: a style name, and the traits to come near.
+struct Wanted {
+  std::string style;  // exact style name asked for; empty when none
+  StyleTraits traits;
+};
+
+int Cost(const StyleTraits& want, const StyleTraits& have) {
+  return (want.italic != have.italic ? 10000 : 0) + (want.narrow_or_wide != have.narrow_or_wide ? 1000 : 0) +
+         std::abs(want.weight - have.weight);
+}
+
+TableMatch InFamily(const std::vector<const TableFace*>& family, const Wanted& wanted) {
+  if (!wanted.style.empty())
+    for (const TableFace* f : family)
+      if (Folded(f->style) == Folded(wanted.style)) return {f, true};
+  const TableFace* best = nullptr;
+  int best_cost = std::numeric_limits<int>::max();
+  for (const TableFace* f : family) {
+    const int cost = Cost(wanted.traits, TraitsOfStyle(f->style));
+    if (cost < best_cost) best = f, best_cost = cost;
+  }
+  return {best, false};
+}
+
+std::vector<const TableFace*> FamilyFaces(const std::vector<TableFace>& faces, const std::string& family) {
+  std::vector<const TableFace*> out;
+  for (const TableFace& f : faces)
+    if (Folded(f.family) == Folded(family)) out.push_back(&f);
+  return out;
+}
+
+// A fontconfig pattern's family and what it asks of the face: a style name, or a weight (in
+// fontconfig's scale) and a slant.
+TableMatch FromPattern(const std::vector<TableFace>& faces, const std::string& typed, const std::string& style) {
+  FcPattern* pattern = FcNameParse(reinterpret_cast<const FcChar8*>(typed.c_str()));
+  if (!pattern) return {};
+  FcChar8* value = nullptr;
+  std::string family;
+  Wanted wanted;
+  if (FcPatternGetString(pattern, FC_FAMILY, 0, &value) == FcResultMatch) family = reinterpret_cast<const char*>(value);
+  if (FcPatternGetString(pattern, FC_STYLE, 0, &value) == FcResultMatch) {
+    wanted.style = reinterpret_cast<const char*>(value);
+    wanted.traits = TraitsOfStyle(wanted.style);
+  }
+  // ":bold" parses to an integer, ":weight=187.5" to a double.
+  FcValue weight;
+  if (FcPatternGet(pattern, FC_WEIGHT, 0, &weight) == FcResultMatch &&
+      (weight.type == FcTypeInteger || weight.type == FcTypeDouble))
+    wanted.traits.weight =
+        int(FcWeightToOpenTypeDouble(weight.type == FcTypeInteger ? double(weight.u.i) : weight.u.d) + 0.5);
+  int slant = 0;
+  if (FcPatternGetInteger(pattern, FC_SLANT, 0, &slant) == FcResultMatch) wanted.traits.italic = slant > 0;
+  int width = 0;
+  if (FcPatternGetInteger(pattern, FC_WIDTH, 0, &width) == FcResultMatch) wanted.traits.narrow_or_wide = width != 100;
+  FcPatternDestroy(pattern);
+  // A style adds to the pattern as it does for installed faces: "Family:bold" in italic.
+  if (!style.empty()) {
+    const StyleTraits added = TraitsOfStyle(style);
+    if (added.weight != StyleTraits().weight) wanted.traits.weight = added.weight;
+    wanted.traits.italic = wanted.traits.italic || added.italic;
+    wanted.traits.narrow_or_wide = wanted.traits.narrow_or_wide || added.narrow_or_wide;
+    wanted.style.clear();
+  }
+  const auto family_faces = FamilyFaces(faces, family);
+  return family_faces.empty() ? TableMatch{} : InFamily(family_faces, wanted);
+}
+
+}  // namespace
+
+StyleTraits TraitsOfStyle(const std::string& style) {
+  // Longer names first: "semibold" holds "bold", "extralight" holds "light".
+  static const std::pair<const char*, int> kWeights[] = {
+      {"extrablack", 950}, {"ultrablack", 950}, {"extrabold", 800}, {"ultrabold", 800}, {"semibold", 600},
+      {"demibold", 600},   {"extralight", 200}, {"ultralight", 200}, {"semilight", 350}, {"demilight", 350},
+      {"hairline", 100},   {"thin", 100},       {"light", 300},      {"medium", 500},    {"black", 900},
+      {"heavy", 900},      {"bold", 700}};
+  const std::string folded = Folded(style);
+  StyleTraits traits;
+  for (const auto& [word, weight] : kWeights)
+    if (Has(folded, word)) {
+      traits.weight = weight;
+      break;
+    }
+  traits.italic = Has(folded, "italic") || Has(folded, "oblique");
+  for (const char* word : {"condensed", "narrow", "compressed", "expanded", "extended"})
+    traits.narrow_or_wide = traits.narrow_or_wide || Has(folded, word);
+  return traits;
+}
+
+TableMatch ResolveTableFace(const std::vector<TableFace>& faces, const std::string& typed, const std::string& style) {
+  for (const bool exact : {true, false})
+    for (const TableFace& f : faces)
+      if (exact ? f.name == typed : Lowered(f.name) == Lowered(typed))
+        return style.empty() ? TableMatch{&f, true} : InFamily(FamilyFaces(faces, f.family), {style, TraitsOfStyle(style)});
+  if (typed.find(':') != std::string::npos) return FromPattern(faces, typed, style);
+  // The longest run of leading words that names a family; the words after it are a style.
+  std::vector<std::string> words;
+  std::istringstream in(typed);
+  for (std::string w; in >> w;) words.push_back(w);
+  for (size_t n = words.size(); n > 0; --n) {
+    std::string family, rest;
+    for (size_t k = 0; k < words.size(); ++k) (k < n ? family : rest) += (k == 0 || k == n ? "" : " ") + words[k];
+    const auto family_faces = FamilyFaces(faces, family);
+    if (family_faces.empty() || !IsStyleName(rest)) continue;
+    const std::string asked = rest.empty() ? style : style.empty() ? rest : rest + " " + style;
+    return InFamily(family_faces, {asked, TraitsOfStyle(asked)});
+  }
+  return {};
+}
+
+}  // namespace fontrix::host
