@@ -1,18 +1,32 @@
 #!/usr/bin/env python3
-"""Writes small model files for the model-file fuzzer's seed folder (fuzz/seeds/dnm_reader).
+"""Writes the generated seed files of the fuzz targets (fuzz/seeds/TARGET).
 
-Each seed is a valid model the engine can run on an 11 x 7 input, so mutations start from files
-that reach construction and the forward pass. Deterministic: rerunning gives the same bytes.
+  make_seeds.py [TARGET...]     (no target: every target below)
+
+dnm_reader: valid models the engine can run on an 11 x 7 input, so mutations start from files
+that reach construction and the forward pass. similarity_pair, rec_font_table, font_listing:
+whole files and the ways they go wrong (torn tails, counts that disagree, line ends, escapes).
+font_file: subsets of the machine's Debian fonts (letters, digits and the glyph "one", which the
+classification features need), in each format the host reads: TrueType, CFF, Type 1, a variable
+font, a collection, a bitmap-only font. recognition_picture: the sample line and shapes around
+the recognition geometry's limits. Seeds that reproduce fixed faults ("regression_*") are kept by
+hand and never rewritten. Deterministic: rerunning gives the same bytes.
 """
+import io
 import os
+import struct
 import sys
+import zlib
 
 import numpy as np
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "training"))
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.join(HERE, "..")
+sys.path.insert(0, os.path.join(ROOT, "training"))
 import dnm  # noqa: E402
 
-OUT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "seeds", "dnm_reader")
+SEEDS = os.path.join(HERE, "seeds")
+OUT = os.path.join(SEEDS, "dnm_reader")
 
 
 def values(rng, n):
@@ -48,11 +62,212 @@ def two_branches(rng):
     ]
 
 
-def main():
+def dnm_reader():
     os.makedirs(OUT, exist_ok=True)
     rng = np.random.RandomState(20261122)
     for name, layers in (("every_layer.dnm", every_layer(rng)), ("two_branches.dnm", two_branches(rng))):
         dnm.write_model(os.path.join(OUT, name), layers)
+
+
+def write(target, name, data):
+    folder = os.path.join(SEEDS, target)
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, name), "wb") as f:
+        f.write(data)
+
+
+# ---- similarity_pair: flags (bit 0: the shipped pair), meta length, generated groups and
+# records (16 bits each, little-endian), meta bytes, feature bytes.
+
+def axis_record(axis):
+    values = np.zeros(768, dtype="<f4")
+    values[axis % 768] = 1.0
+    values[384 + axis % 384] = 1.0
+    return values.tobytes()
+
+
+def pair_input(shipped, meta, features, groups=0, records=0):
+    return bytes([1 if shipped else 0]) + struct.pack("<HHH", len(meta), groups, records) + meta + features
+
+
+def cache_group(name, family=b"userFamily", style=b"userSubFamily", end=b"\n"):
+    return end.join([b"0", b"0", b"0", name, family, style]) + end
+
+
+def similarity_pair():
+    two = cache_group(b"Mine-Regular") + cache_group(b"Other-Bold")
+    records = axis_record(1) + axis_record(2)
+    write("similarity_pair", "cache_whole.bin", pair_input(False, two, records))
+    write("similarity_pair", "cache_zero_vector.bin", pair_input(False, two, axis_record(3) + bytes(3072)))
+    write("similarity_pair", "cache_crlf.bin",
+          pair_input(False, cache_group(b"Crlf-Regular", end=b"\r\n") + cache_group(b"Lf"), records))
+    # A save cut short: part of a third group, half a record.
+    write("similarity_pair", "cache_torn_tail.bin",
+          pair_input(False, two + b"0\n0\n0\nThird\nuserFa", records + axis_record(4)[:1536]))
+    # The last line without its line break, and a record more than the groups.
+    write("similarity_pair", "cache_unterminated.bin", pair_input(False, two[:-1], records + axis_record(5)))
+    write("similarity_pair", "cache_empty.bin", pair_input(False, b"", b""))
+    # The shipped pair: 1,863 generated entries and one of the input's make 1,864.
+    shipped = b"abcdefg\n0\n1\nLast-Regular\nLast\nRegular\n"
+    write("similarity_pair", "shipped_whole.bin", pair_input(True, shipped, axis_record(6), 1863, 1863))
+    write("similarity_pair", "shipped_one_short.bin", pair_input(True, b"", axis_record(6), 1863, 1863))
+    write("similarity_pair", "shipped_torn_meta.bin", pair_input(True, shipped[:-4], axis_record(6), 1863, 1863))
+
+
+# ---- rec_font_table: the shipped table, and small tables naming the target's installed fonts.
+
+def table_group(font_id, name, family, style, field3=b"1", end=b"\n"):
+    return end.join([font_id, b"0", field3, name, family, style]) + end
+
+
+def rec_font_table():
+    with open(os.path.join(ROOT, "data", "NQ_rec_font.bin"), "rb") as f:
+        write("rec_font_table", "shipped.bin", f.read())
+    small = (table_group(b"8c924cf10ed8", b"Cabin-Bold", b"Cabin", b"Bold") +
+             table_group(b"abcdefg", b"DejaVuSans", b"DejaVu Sans", b"Book") +
+             table_group(b"0", b"NotInstalled", b"Nobody", b"Regular", field3=b"0") +
+             table_group(b"0123456789ab", b"F1", b"F", b"Regular") +
+             table_group(b"x", b"", b"", b"") +
+             table_group(b"7118a6580fcd", b"Cabin-Italic", b"Cabin", b"Italic", end=b"\r\n"))
+    write("rec_font_table", "installed_names.bin", small)
+    write("rec_font_table", "torn.bin", small[:-7])
+    write("rec_font_table", "repeated_name.bin", small + table_group(b"abcdefg", b"DejaVuSans", b"DejaVu Sans", b"Book"))
+    write("rec_font_table", "empty.bin", b"")
+
+
+# ---- font_listing: what the host writes, and listings it must ignore in part or whole.
+
+def font_listing():
+    header = b"fontrix font listing 2\n"
+    lines = [
+        b"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf\t0\t1678443600\t0\t759720\t1\tDejaVuSans\tDejaVu Sans\tBook\t0\t0\t1\t11400714819323198485",
+        b"/usr/share/fonts/truetype/inter-vf/Inter.var.ttf\t65536\t1666569600\t123456789\t805360\t1\tInter-Thin\tInter\tThin\t0\t0\t-1\t42",
+        b"/fonts/tab\\there\\nand\\\\back.otb\t3\t1\t2\t3\t1\tName\\twith tab\tFam\\\\ily\tSty\\nle\t1\t1\t0\t0",
+        b"/fonts/unreadable.pfb\t0\t5\t6\t7\t0\t\t\t\t0\t0\t-1\t0",
+    ]
+    write("font_listing", "listing.txt", header + b"\n".join(lines) + b"\n")
+    write("font_listing", "fields_missing.txt", header + lines[0] + b"\n" + lines[1].rsplit(b"\t", 1)[0] + b"\n" + lines[3] + b"\n")
+    write("font_listing", "not_a_number.txt", header + lines[0] + b"\n" + lines[1].replace(b"\t65536\t", b"\tx\t") + b"\n")
+    write("font_listing", "other_header.txt", b"fontrix font listing 1\n" + lines[0] + b"\n")
+    write("font_listing", "number_forms.txt", header +
+          b"/f\t 12\t-0\t+3\t99999999999999999999\t1\tN\tF\tS\t1\t0\t7\t-1\n")
+
+
+# ---- font_file: subsets of installed fonts (fontTools), so mutations start from small files
+# that reach every engine procedure.
+
+FONT_TEXT = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 "
+
+
+def subset(path, text=FONT_TEXT, hinting=False, font_number=0, drop=()):
+    from fontTools import subset as ft_subset
+    from fontTools.ttLib import TTFont
+    options = ft_subset.Options()
+    options.glyph_names = True
+    options.notdef_outline = True
+    options.hinting = hinting
+    options.name_IDs = ["*"]
+    options.name_languages = [0x409]
+    options.layout_features = []
+    options.recalc_timestamp = False
+    options.drop_tables += list(drop)
+    font = TTFont(path, fontNumber=font_number, recalcTimestamp=False)
+    subsetter = ft_subset.Subsetter(options)
+    subsetter.populate(text=text)
+    subsetter.subset(font)
+    return font
+
+
+def font_bytes(font):
+    out = io.BytesIO()
+    font.save(out)
+    return out.getvalue()
+
+
+def font_file():
+    from fontTools.ttLib.ttCollection import TTCollection
+    truetype = "/usr/share/fonts/truetype/"
+    opentype = "/usr/share/fonts/opentype/"
+    write("font_file", "dejavu_sans.ttf", font_bytes(subset(truetype + "dejavu/DejaVuSans.ttf")))
+    write("font_file", "liberation_serif_bold_hinted.ttf",
+          font_bytes(subset(truetype + "liberation2/LiberationSerif-Bold.ttf", hinting=True)))
+    write("font_file", "nimbus_sans.otf", font_bytes(subset(opentype + "urw-base35/NimbusSans-Regular.otf")))
+    write("font_file", "inter_variable.ttf",
+          font_bytes(subset(truetype + "inter-vf/Inter.var.ttf", text="Handgloves1lIxXL")))
+    # Bitmap strikes only (its empty glyf table is left out: FreeType reads the strikes alone).
+    write("font_file", "terminus_bitmap.otb",
+          font_bytes(subset(opentype + "terminus/terminus-normal.otb", text="Hx1", drop=("glyf", "loca"))))
+    collection = TTCollection()
+    collection.fonts = [subset(truetype + "dejavu/DejaVuSansMono.ttf", text="Handgloves1"),
+                        subset(truetype + "dejavu/DejaVuSerif.ttf", text="Handgloves1")]
+    out = io.BytesIO()
+    collection.save(out)
+    write("font_file", "collection.ttc", out.getvalue())
+    with open("/usr/share/fonts/type1/urw-base35/NimbusMonoPS-Regular.t1", "rb") as f:
+        write("font_file", "nimbus_mono.t1", f.read())
+
+
+# ---- recognition_picture: width, height (16 bits each, little-endian), grey pixels.
+
+def read_grey_png(path):
+    """The rows of an 8-bit grey, non-interlaced PNG (as the sample is)."""
+    with open(path, "rb") as f:
+        data = f.read()
+    width, height, depth, colour, _, _, interlace = struct.unpack(">IIBBBBB", data[16:29])
+    assert (depth, colour, interlace) == (8, 0, 0), path
+    pos, idat = 8, b""
+    while pos < len(data):
+        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
+        if kind == b"IDAT":
+            idat += data[pos + 8:pos + 8 + length]
+        pos += 12 + length
+    raw = zlib.decompress(idat)
+    rows, previous = [], bytearray(width)
+    for y in range(height):
+        line = raw[y * (width + 1):(y + 1) * (width + 1)]
+        kind, row = line[0], bytearray(line[1:])
+        for x in range(width):
+            a = row[x - 1] if x else 0
+            b = previous[x]
+            c = previous[x - 1] if x else 0
+            if kind == 1:
+                row[x] = (row[x] + a) & 255
+            elif kind == 2:
+                row[x] = (row[x] + b) & 255
+            elif kind == 3:
+                row[x] = (row[x] + (a + b) // 2) & 255
+            elif kind == 4:
+                p = a + b - c
+                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                row[x] = (row[x] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        rows.append(bytes(row))
+        previous = row
+    return width, rows
+
+
+def picture(width, height, pixels):
+    return struct.pack("<HH", width, height) + pixels
+
+
+def recognition_picture():
+    width, rows = read_grey_png(os.path.join(ROOT, "data", "samples", "line-liberation-serif-bold.png"))
+    write("recognition_picture", "sample_line.bin", picture(width, len(rows), b"".join(rows)))
+    write("recognition_picture", "sample_start.bin", picture(240, len(rows), b"".join(r[:240] for r in rows)))
+    # Bars of ink on white: tall and narrow, at the 20-pixel limits, and one row of ink.
+    bars = bytes(255 if (x // 3) % 2 else 0 for x in range(24))
+    write("recognition_picture", "tall_narrow.bin", picture(24, 512, bars))
+    write("recognition_picture", "smallest.bin", picture(20, 20, bars[:20]))
+    write("recognition_picture", "one_dark_row.bin", picture(400, 120, bytes(255 for _ in range(400 * 60)) + bytes(400)))
+    write("recognition_picture", "white.bin", picture(300, 109, b""))
+
+
+TARGETS = {f.__name__: f for f in (dnm_reader, similarity_pair, rec_font_table, font_listing, font_file,
+                                   recognition_picture)}
+
+
+def main():
+    for name in sys.argv[1:] or TARGETS:
+        TARGETS[name]()
 
 
 if __name__ == "__main__":
