@@ -140,11 +140,13 @@ QVErr Fontrix::AllocateSuiteTables() {
   const std::pair<const char*, void**> tables[] = {{kFontrixFeatureSuite, &featureSuiteTable},
                                                    {kFontrixSimilarSuite, &similarSuiteTable},
                                                    {kFontrixRecognitionSuite, &recognitionSuiteTable}};
+  QVErr result = kQVNoErr;
   for (const auto& [suite_name, table] : tables) {
-    const QVErr result = blocks->AllocateBlock(sizeof(void*), suite_name, table);
-    if (result != kQVNoErr) return result;
+    result = blocks->AllocateBlock(sizeof(void*), suite_name, table);
+    if (result != kQVNoErr) break;
   }
-  return kQVNoErr;
+  qv::ReleaseSuite(kQVBlocksSuite, kQVBlocksSuiteVersion);
+  return result;
 }
 
 QVErr Fontrix::FillSuiteTables() {
@@ -163,8 +165,15 @@ QVErr Fontrix::EmptySuiteTables() {
 }
 
 QVErr Fontrix::ReleaseSuiteTables() {
-  // The blocks stay with the host: other plug-ins may still hold the registered tables, which
-  // now answer nothing (emptied at shut-down).
+  // After shut-down the host forgets the suites the module registered, so no plug-in can
+  // acquire the tables again: their blocks go back to the host.
+  const auto* blocks = static_cast<const QVBlocksSuite*>(qv::TryAcquireSuite(kQVBlocksSuite, kQVBlocksSuiteVersion));
+  if (!blocks) return kQVNoErr;
+  for (void** table : {&featureSuiteTable, &similarSuiteTable, &recognitionSuiteTable}) {
+    blocks->FreeBlock(*table);
+    *table = nullptr;
+  }
+  qv::ReleaseSuite(kQVBlocksSuite, kQVBlocksSuiteVersion);
   return kQVNoErr;
 }
 

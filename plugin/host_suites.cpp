@@ -11,7 +11,7 @@ namespace {
 
 std::atomic<QVBasicSuite*> basic_suite{nullptr};
 HostSuites held;  // the holder's suites
-HostSuites live;  // what Suites() answers; written on the main thread only
+HostSuites live;  // what Suites() answers; written on the main thread only, a slot at a time once live
 
 struct suite_slot {
   const char* name;
@@ -90,9 +90,15 @@ SuiteHolder::~SuiteHolder() {
 }
 
 void SuiteHolder::RefreshOptional() {
-  for (const auto& s : kSlots)
-    if (!s.required && !s.get(held)) s.set(held, TryAcquireSuite(s.name, s.version));
-  if (live.access) live = held;
+  // Workers read the live suites while this runs on the main thread: only a slot that gains a
+  // suite is written, never the whole set again.
+  for (const auto& s : kSlots) {
+    if (s.required || s.get(held)) continue;
+    const void* suite = TryAcquireSuite(s.name, s.version);
+    if (!suite) continue;
+    s.set(held, suite);
+    if (live.access) s.set(live, suite);
+  }
 }
 
 void SuiteHolder::MarkLive() { live = held; }

@@ -1,7 +1,25 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine, builds, and runs every test (C++ and Python, through CTest).
+#   scripts/test.sh              the release build in build/
+#   scripts/test.sh --sanitize   also every test under AddressSanitizer with UndefinedBehaviorSanitizer
+#                                (build-asan/) and under ThreadSanitizer (build-tsan/), with clang
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh
 ctest --test-dir build --output-on-failure -j"$(nproc)"
+[[ "${1:-}" == "--sanitize" ]] || exit 0
+
+# Each sanitizer in a build folder of its own, without benchmarks (their timings mean nothing
+# there); a finding stops the test that made it.
+sanitized() {
+  local folder=$1 flags=$2
+  CC=clang CXX=clang++ cmake -S . -B "$folder" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFONTRIX_BUILD_BENCH=OFF \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
+    -DCMAKE_SHARED_LINKER_FLAGS="$flags" -DCMAKE_MODULE_LINKER_FLAGS="$flags" >/dev/null
+  cmake --build "$folder" -j"$(nproc)"
+  ctest --test-dir "$folder" --output-on-failure -j"$(nproc)" --timeout 1500
+}
+export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 TSAN_OPTIONS=second_deadlock_stack=1
+sanitized build-asan "-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
+sanitized build-tsan "-fsanitize=thread"
