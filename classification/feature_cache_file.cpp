@@ -1,7 +1,11 @@
 #include "classification/feature_cache_file.h"
 
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "classification/json/json_value.h"
@@ -10,15 +14,16 @@ namespace fontrix {
 
 using corvid::serialize::JsonValue;
 
-void LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records) {
+bool LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records) {
   std::ifstream in(path, std::ios::binary);
-  if (in) ReadFeatureCache(in, records);
+  return !in || ReadFeatureCache(in, records);
 }
 
-void ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records) {
+bool ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records) {
   JsonValue root;
   corvid::serialize::ParseError error;
-  if (!corvid::serialize::Parse(in, root, error, 500, 0)) return;
+  if (!corvid::serialize::Parse(in, root, error, 500, 0)) return false;
+  std::set<std::string> names;
   if (root.type() != JsonValue::kArray) throw FeatureCacheParameterError("the feature cache is not an array");
   for (JsonValue& element : root.AsArray()) {
     if (element.type() != JsonValue::kObject)
@@ -33,11 +38,15 @@ void ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records) {
       number = double(value.AsInteger());
     else
       throw FeatureCacheParameterError("a feature cache entry has no featureValue");
-    // A bitmask is a whole number of 32 bits; converting anything else would be undefined.
-    if (!(number > -1.0 && number < 4294967296.0))
-      throw FeatureCacheParameterError("a feature cache entry's featureValue is not a class bitmask");
+    // A bitmask of the style classes: a whole number below 2^8. Anything else was written by
+    // no version of the module and would give the font classes it does not have.
+    if (!(number >= 0.0 && number <= double(kAllClassBits) && number == std::floor(number)))
+      throw FeatureCacheParameterError("the featureValue of " + name.AsString() + " is not a class bitmask");
+    if (!names.insert(name.AsString()).second)
+      throw FeatureCacheParameterError(name.AsString() + " is in the feature cache twice");
     records.push_back({name.AsString(), uint32_t(number)});
   }
+  return true;
 }
 
 void SaveFeatureCache(const std::string& path, const std::vector<FeatureRecord>& records) {
@@ -51,14 +60,15 @@ void SaveFeatureCache(const std::string& path, const std::vector<FeatureRecord>&
   const std::string temporary = path + ".tmp";
   {
     std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + temporary);
+    if (!out) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
     corvid::serialize::Write(root, out);
     out.flush();
-    if (!out) throw std::runtime_error("cannot write " + temporary);
+    if (!out) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
   }
   if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int cause = errno;
     std::remove(temporary.c_str());
-    throw std::runtime_error("cannot replace " + path);
+    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
   }
 }
 

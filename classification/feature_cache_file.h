@@ -22,11 +22,16 @@ class FeatureCacheParameterError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Appends the file's records. A file that cannot be opened or parsed loads nothing and is no
-/// error; a wrong shape throws FeatureCacheParameterError.
-void LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records);
+/// The class bits a record may hold: one per style class.
+constexpr uint32_t kAllClassBits = 0xFF;
+
+/// Appends the file's records. A file that cannot be opened loads nothing and is no error; a
+/// file that is not JSON loads nothing and returns false; a wrong shape (not an array of
+/// objects, a name missing, a featureValue that is not a whole number of the class bits, a name
+/// given twice) throws FeatureCacheParameterError.
+bool LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records);
 /// The same from a stream already open.
-void ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records);
+bool ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records);
 /// Replaces the file with `records`, atomically: a temporary file in the same folder is written,
 /// flushed and renamed, so a crash mid-save leaves the old file whole. Throws std::runtime_error.
 void SaveFeatureCache(const std::string& path, const std::vector<FeatureRecord>& records);

@@ -6,6 +6,7 @@
 #include "classification/attribute_scoring.h"
 #include "classification/font_features.h"
 #include "classification/labels.h"
+#include "plugin/cache_folder_lock.h"
 #include "plugin/cache_log.h"
 #include "plugin/cancellation.h"
 #include "plugin/host_suites.h"
@@ -91,15 +92,22 @@ bool FontFeatureCache::Load() {
   log.Info("Loading Cache Data Starts: time : ", HostTime());
   bool ok = true;
   {
+    // Another process may be saving into the same folder: read only what it has finished.
+    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kShared);
     std::unique_lock<std::shared_mutex> lock(lock_);
     std::vector<FeatureRecord> read;
+    std::string damage;
     try {
-      LoadFeatureCache(CacheFilePath(), read);
-      records_ = std::move(read);
-    } catch (const FeatureCacheParameterError&) {
-      // A cache of the wrong shape is dropped: the next update measures every font again.
-      log.Info("Exception while Feature Cache Initialization");
-      records_.clear();
+      if (!LoadFeatureCache(CacheFilePath(), read)) damage = "it is not JSON";
+    } catch (const FeatureCacheParameterError& e) {
+      damage = e.what();
+    }
+    records_ = damage.empty() ? std::move(read) : std::vector<FeatureRecord>();
+    if (!damage.empty()) {
+      // A damaged cache is dropped: the next update measures every font again and saves over it.
+      log.Info("Exception while Feature Cache Initialization: ", damage);
+      progress_.Report(CacheProgress::kWarning,
+                       "the feature cache " + CacheFilePath() + " was damaged (" + damage + "); it is made again");
       ok = false;
     }
     log.Info("Loaded Cache of size : ", records_.size());
@@ -175,11 +183,15 @@ void FontFeatureCache::Save() {
   log.Info("Cache Saving Start : time :", HostTime());
   log.Info("Writing Feature Cache Info Starts");
   try {
+    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kExclusive);
+    if (!folder.Held()) throw std::runtime_error(folder.Error());
     std::shared_lock<std::shared_mutex> lock(lock_);
     SaveFeatureCache(CacheFilePath(), records_);
     log.Info("Writing Feature Cache Info Ends");
-  } catch (...) {
-    log.Info("Exception while Writing Feature Cache");
+  } catch (const std::exception& e) {
+    log.Info("Exception while Writing Feature Cache: ", e.what());
+    progress_.Report(CacheProgress::kWarning, std::string("the feature cache was not saved: ") + e.what() +
+                                                  "; fonts are measured again at every start");
   }
   log.Info("Cache Saving Ends : time :", HostTime());
 }

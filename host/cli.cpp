@@ -61,12 +61,14 @@ const char* const kHelp =
     "                      table, as said on standard error\n"
     "  recognize IMAGE [--sheet FILE]\n"
     "                      the installed fonts most likely shown in a picture of one line of text\n"
-    "                      (PNG or JPEG; at most 40), best first, with scores; --sheet draws a\n"
-    "                      sample in each\n"
+    "                      (PNG or JPEG of at most 64 megapixels; at most 40 fonts), best first,\n"
+    "                      with scores; --sheet draws a sample in each. A line is read up to 128\n"
+    "                      times as wide as high: the rest of a longer one is left out\n"
     "  index               brings the module's caches up to date and reports what it did\n"
     "  specimen NAME TEXT -o FILE [--size N]\n"
     "                      draws TEXT in the installed font NAME into the PNG FILE, N pixels to\n"
-    "                      the em (default 200), as the module draws text\n"
+    "                      the em (1 to 2000, default 200), as the module draws text; at most\n"
+    "                      1000 characters and a picture of 64 megapixels\n"
     "\n"
     "NAME is what you would give fc-match: a PostScript name (any case), a family (\"Open Sans\"),\n"
     "a family and style (\"Open Sans Bold\", \"Open Sans:bold\"), a fontconfig pattern or a font\n"
@@ -128,7 +130,10 @@ int32_t ClassIndex(const std::string& text) {
                    " (or their label strings, such as fs_slab_serif)");
 }
 
-constexpr double kDefaultSpecimenSize = 200;
+// What specimen draws is bounded, so no text makes it run long or take much memory: at most
+// this size and this many characters (and, in DrawSpecimen, 64 megapixels).
+constexpr double kDefaultSpecimenSize = 200, kLargestSpecimenSize = 2000;
+constexpr size_t kLongestSpecimenText = 1000;
 
 // Each command, the fewest and the most arguments it takes, and the most results it gives.
 struct Command {
@@ -139,11 +144,18 @@ constexpr size_t kAny = std::numeric_limits<size_t>::max();
 const Command kCommands[] = {{"fonts", 0, 1, kAny},     {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
                              {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny}};
 
+size_t CodePoints(const std::string& text) {
+  size_t count = 0;
+  for (unsigned char c : text) count += (c & 0xC0) != 0x80;
+  return count;
+}
+
 double ParseSize(const std::string& text) {
   char* end = nullptr;
   const double size = std::strtod(text.c_str(), &end);
-  if (text.empty() || *end != '\0' || !(size >= 1 && size <= 10000))
-    throw UsageError("--size needs a number of pixels from 1 to 10000, not '" + text + "'");
+  if (text.empty() || *end != '\0' || !(size >= 1 && size <= kLargestSpecimenSize))
+    throw UsageError("--size needs a number of pixels from 1 to " + std::to_string(int(kLargestSpecimenSize)) +
+                     ", not '" + text + "'");
   return size;
 }
 
@@ -233,6 +245,9 @@ Options Parse(int argc, char** argv) {
   if (!specimen && (!options.output.empty() || options.size))
     throw UsageError(std::string(options.output.empty() ? "--size" : "-o") + " is for specimen only");
   if (specimen && !options.size) options.size = kDefaultSpecimenSize;
+  if (specimen && CodePoints(options.args[1]) > kLongestSpecimenText)
+    throw UsageError("specimen draws at most " + std::to_string(kLongestSpecimenText) + " characters, not " +
+                     std::to_string(CodePoints(options.args[1])));
   if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize")
     throw UsageError("--sheet is for similar and recognize only");
   if (!options.not_classes.empty() && options.command != "classes") throw UsageError("--not is for classes only");
@@ -756,7 +771,8 @@ void Recognize(Host& host, const Options& options) {
   const std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
   if (rows.empty() && !options.json)
     std::fprintf(stderr,
-                 "fontrix: no installed font recognised (a picture needs at least 20 x 20 pixels of one line of text)\n");
+                 "fontrix: no installed font recognised: the picture shows no line of text the service can read (it "
+                 "needs at least 20 x 20 pixels and a line wider than high)\n");
   PrintRows(options, "\"image\": " + JsonString(path), "results", rows, kResultColumns);
   if (!options.sheet.empty()) {
     std::vector<Specimen> sheet(1);  // the picture itself on top
@@ -827,6 +843,33 @@ void Index(const FontrixProgressSuite& progress, const Options& options, double 
   std::fflush(stdout);
 }
 
+// Says on stderr what each enabled service reported (a warning, or why it cannot answer), each
+// once; returns the services that cannot answer, bit per kFontrixService value.
+uint32_t SayReports(const FontrixProgressSuite& progress) {
+  uint32_t failed = 0;
+  for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
+    FontrixServiceProgress p{};
+    int32_t severity = kFontrixReportNothing;
+    char text[1024] = "";
+    if (progress.GetServiceProgress(service, &p) || !p.enabled ||
+        progress.GetServiceReport(service, &severity, text, sizeof text) || severity == kFontrixReportNothing)
+      continue;
+    std::fprintf(stderr, "fontrix: %s%s\n", severity == kFontrixReportWarning ? "warning: " : "", text);
+    if (severity == kFontrixReportFailure) failed |= 1u << service;
+  }
+  return failed;
+}
+
+// The services a command cannot answer without, bit per kFontrixService value. Recognition is
+// steered by the similarity vectors, so it needs both.
+uint32_t ServicesNeeded(const Options& options) {
+  const std::string& c = options.command;
+  if (c == "classes" || (c == "fonts" && !options.classes.empty())) return 1u << kFontrixServiceClassification;
+  if (c == "similar") return 1u << kFontrixServiceSimilarity;
+  if (c == "recognize") return (1u << kFontrixServiceSimilarity) | (1u << kFontrixServiceRecognition);
+  return 0;
+}
+
 int RunCommand(const Options& options) {
   HostOptions host_options;
   host_options.data_dir = options.data_dir;
@@ -852,6 +895,8 @@ int RunCommand(const Options& options) {
       if (!WaitForServices(host, *progress)) {
         std::fprintf(stderr, "fontrix: interrupted\n");
         status = 130;
+      } else if (const uint32_t failed = SayReports(*progress); failed & ServicesNeeded(options)) {
+        status = 1;  // the reason is said: the command cannot do its job
       } else if (options.command == "fonts") {
         Fonts(host, options);
       } else if (options.command == "similar") {
@@ -862,6 +907,7 @@ int RunCommand(const Options& options) {
         Recognize(host, options);
       } else if (options.command == "index") {
         Index(*progress, options, Seconds() - started);
+        if (failed) status = 1;
       }
     }
   } catch (const Failure& e) {

@@ -59,6 +59,11 @@ Specimen DrawSpecimen(const QVFontGlueSuite& glue, QVFontHandle font, const std:
   Check(measure(font, text.c_str(), size, &specimen.box), "MeasureText");
   if (specimen.box.right <= specimen.box.left || specimen.box.bottom <= specimen.box.top)
     throw std::runtime_error("the text has no ink in this font");
+  const int64_t width = int64_t(specimen.box.right) - specimen.box.left,
+                height = int64_t(specimen.box.bottom) - specimen.box.top;
+  if (width * height > kLargestSpecimenPixels)
+    throw std::runtime_error("the text would be " + std::to_string(width) + " x " + std::to_string(height) +
+                             " pixels at this size; at most 64 megapixels are drawn");
   QVRasterPort port = nullptr;
   Check(new_port(&specimen.box, &port), "NewRasterPort");
   try {

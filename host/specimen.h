@@ -19,10 +19,13 @@ struct Specimen {
   QVGreyPixels Pixels() const { return {width, height, width, pixels.data()}; }
 };
 
+/// The most pixels a specimen may cover, as the host's raster ports allow.
+inline constexpr int64_t kLargestSpecimenPixels = int64_t{64} << 20;
+
 /// Draws `text` (UTF-8) in `font` at `size` pixels to the em through the engine procedures that
 /// `glue` gives by name, the way the module binds them: MeasureText, NewRasterPort over the ink
 /// box, DrawText, GetRasterPortPixels, DisposeRasterPort. Throws std::runtime_error naming the
-/// step that failed, or saying the text has no ink.
+/// step that failed, or saying the text has no ink or would cover more than kLargestSpecimenPixels.
 Specimen DrawSpecimen(const QVFontGlueSuite& glue, QVFontHandle font, const std::string& text, double size);
 
 /// Up to `limit` of `names` that look like `name`, for "did you mean": names that contain it or

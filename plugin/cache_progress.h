@@ -1,7 +1,11 @@
 #pragma once
-// How far a cache's update has come through the current font list.
+// How far a cache's update has come through the current font list, and what the service last
+// had to report.
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <string>
+#include <utility>
 
 namespace fontrix {
 
@@ -18,6 +22,18 @@ struct CacheProgress {
     total.store(fonts);
   }
   void Finish() { done.store(total.load()); }
+
+  enum Severity : int32_t { kNothing = 0, kWarning = 1, kFailure = 2 };
+  /// Keeps one sentence naming a cause and its file for hosts to show: a warning when the
+  /// service still works (a damaged cache rebuilt, a save that failed), a failure when it cannot
+  /// answer (its data cannot be used). A warning never replaces a failure.
+  void Report(Severity severity, std::string text);
+  std::pair<Severity, std::string> LastReport() const;
+
+ private:
+  mutable std::mutex report_mutex_;
+  Severity severity_ = kNothing;
+  std::string report_;
 };
 
 }  // namespace fontrix

@@ -64,11 +64,10 @@ extern "C" QVErr FontrixGetRecognizedFonts(QVRasterHandle image, FontrixFontList
 
 namespace {
 
-extern "C" QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* progress) {
-  if (!progress || service < 0 || service >= kFontrixServiceCount) return kQVBadParameterErr;
+// The progress of a service's cache, held alive by `keep` while it is read; null when the cache
+// does not exist (yet, or any more).
+CacheProgress* ServiceCounts(int32_t service, bool& enabled, std::shared_ptr<void>& keep) {
   CacheProgress* counts = nullptr;
-  bool enabled = false;
-  std::shared_ptr<void> keep;
   switch (service) {
     case kFontrixServiceClassification:
       enabled = ClassificationEnabled();
@@ -83,6 +82,14 @@ extern "C" QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* pro
       if (auto c = FontRecognitionCache::Instance()) counts = &c->Progress(), keep = c;
       break;
   }
+  return counts;
+}
+
+extern "C" QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* progress) {
+  if (!progress || service < 0 || service >= kFontrixServiceCount) return kQVBadParameterErr;
+  bool enabled = false;
+  std::shared_ptr<void> keep;
+  const CacheProgress* counts = ServiceCounts(service, enabled, keep);
   progress->fontsDone = counts ? counts->done.load() : 0;
   progress->fontsTotal = counts ? counts->total.load() : 0;
   progress->enabled = enabled ? 1 : 0;
@@ -90,6 +97,22 @@ extern "C" QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* pro
   progress->fontsMatched = counts ? counts->matched.load() : 0;
   progress->fontsComputed = counts ? counts->computed.load() : 0;
   progress->fontsUnusable = counts ? counts->unusable.load() : 0;
+  return kQVNoErr;
+}
+
+extern "C" QVErr GetServiceReport(int32_t service, int32_t* severity, char* text, size_t capacity) {
+  if (!severity || service < 0 || service >= kFontrixServiceCount || (!text && capacity)) return kQVBadParameterErr;
+  bool enabled = false;
+  std::shared_ptr<void> keep;
+  const CacheProgress* counts = ServiceCounts(service, enabled, keep);
+  const auto [level, report] =
+      counts ? counts->LastReport() : std::pair<CacheProgress::Severity, std::string>{CacheProgress::kNothing, ""};
+  *severity = level;
+  if (capacity) {
+    const size_t n = std::min(report.size(), capacity - 1);
+    std::memcpy(text, report.data(), n);
+    text[n] = '\0';
+  }
   return kQVNoErr;
 }
 
@@ -102,7 +125,7 @@ extern "C" QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
   return kQVNoErr;
 }
 
-const FontrixProgressSuite kProgressSuite = {GetServiceProgress, GetFontList};
+const FontrixProgressSuite kProgressSuite = {GetServiceProgress, GetFontList, GetServiceReport};
 
 extern "C" QVErr GetTableFonts(FontrixTableFontList* out) {
   auto cache = FontSimilarCache::Instance();

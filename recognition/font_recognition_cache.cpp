@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "deepnet/layers/fc.h"
 #include "deepnet/model_io.h"
 #include "deepnet/network.h"
 #include "plugin/cache_log.h"
@@ -71,20 +72,60 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
   localisation_.clear();
   for (auto& c : table_) c.clear();
   status_.clear();
-  bool ok = false;
-  if (std::filesystem::is_regular_file(paths.model) && std::filesystem::is_regular_file(paths.fontTable)) {
-    deepnet::deepnet_load_model(paths.model, recognition_);
-    if (SimilarityTable::ReadMeta(paths.fontTable, table_) > 0)
-      for (const auto& id : table_[0]) status_.push_back(ShippedStatus(id));
-    if (std::filesystem::is_regular_file(paths.localisationModel))
-      deepnet::deepnet_load_model(paths.localisationModel, localisation_);
-    ok = !status_.empty();
+  const std::string problem = LoadData(paths);
+  const bool ok = problem.empty();
+  if (!ok) {
+    // Shipped data that cannot be used leaves the service without answers, and says why.
+    recognition_.clear();
+    localisation_.clear();
+    for (auto& c : table_) c.clear();
+    status_.clear();
+    log.Info("Recognition Engine Unusable: ", problem);
+    progress_.Report(CacheProgress::kFailure, problem);
   }
   // The update task runs beside this one and may have matched the installed fonts first.
   MatchEntries();
   log.Info("Loading Recognition Engine Ends: time ", HostTime());
   loaded_.store(true);
   return ok;
+}
+
+namespace {
+
+// The number of classes the network's "prob" scores: the outputs of the fully connected layer
+// it normalises; 0 when the network has no such pair.
+uint32_t ProbClasses(const deepnet::layer_model_list& network) {
+  for (const auto& layer : network)
+    if (layer->name == "prob" && layer->type == deepnet::layer_type_softmax && layer->inputs.size() == 1 &&
+        layer->inputs[0]->type == deepnet::layer_type_fc)
+      return static_cast<const deepnet::layer_model_fc*>(layer->inputs[0])->num_output;
+  return 0;
+}
+
+}  // namespace
+
+std::string FontRecognitionCache::LoadData(const RecognitionPaths& paths) {
+  namespace fs = std::filesystem;
+  for (const std::string* file : {&paths.model, &paths.fontTable})
+    if (!fs::is_regular_file(*file))
+      return "the recognition " + std::string(file == &paths.model ? "model " : "font table ") + *file + " is missing";
+  for (const auto& [file, network] : {std::make_pair(&paths.model, &recognition_),
+                                      std::make_pair(&paths.localisationModel, &localisation_)}) {
+    if (file == &paths.localisationModel && !fs::is_regular_file(*file)) continue;  // the whole picture is the line
+    try {
+      deepnet::deepnet_load_model(*file, *network);
+    } catch (const std::exception& e) {
+      return "the recognition model " + *file + " cannot be used: " + e.what();
+    }
+  }
+  const int groups = SimilarityTable::ReadMeta(paths.fontTable, table_);
+  if (groups <= 0) return "the recognition font table " + paths.fontTable + " is not whole groups of six lines";
+  const uint32_t classes = ProbClasses(recognition_);
+  if (uint32_t(groups) != classes)
+    return "the recognition font table " + paths.fontTable + " lists " + std::to_string(groups) +
+           " fonts, but the model " + paths.model + " scores " + std::to_string(classes);
+  for (const auto& id : table_[0]) status_.push_back(ShippedStatus(id));
+  return "";
 }
 
 bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId) {
@@ -171,6 +212,23 @@ std::vector<FontRecognitionCache::Candidate> FontRecognitionCache::Widen(const s
   return widened;
 }
 
+namespace {
+
+// Rows [top, bottom) of a `width`-wide picture, cut to at most kMaxLineAspect times as wide as
+// high: the leftmost part of a longer line is read, so what is resampled and run stays bounded
+// whatever the picture's shape.
+GreyRaster LeftPart(const uint8_t* pixels, int32_t width, int32_t top, int32_t bottom) {
+  GreyRaster part;
+  part.height = bottom - top;
+  part.width = int32_t(std::min<int64_t>(width, int64_t(kMaxLineAspect) * part.height));
+  part.pixels.resize(size_t(part.width) * size_t(part.height));
+  for (int32_t y = 0; y < part.height; ++y)
+    std::copy_n(pixels + size_t(top + y) * size_t(width), part.width, part.pixels.begin() + size_t(y) * part.width);
+  return part;
+}
+
+}  // namespace
+
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(const uint8_t* pixels,
                                                                                       int32_t width, int32_t height) {
   std::vector<Result> results;
@@ -178,15 +236,14 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     std::shared_lock<std::shared_mutex> lock(lock_);
     if ((height >= 1 && height <= 19) || (width >= 1 && width <= 19)) return results;
     if (height < 1 || width < 1 || !pixels || recognition_.empty()) return results;
-    GreyRaster raster{width, height, std::vector<uint8_t>(pixels, pixels + size_t(width) * size_t(height))};
+    GreyRaster raster = LeftPart(pixels, width, 0, height);
     if (!localisation_.empty()) {
       const auto [left, right] = LocaliseBand(localisation_, raster);
-      raster.pixels.assign(raster.pixels.begin() + ptrdiff_t(left) * width,
-                           raster.pixels.begin() + ptrdiff_t(right) * width);
-      raster.height = int32_t(right - left);
+      raster = LeftPart(raster.pixels.data(), raster.width, int32_t(left), int32_t(right));
     }
     int32_t lineWidth = 0;
     const std::vector<float> line = ToLineHeight(raster, lineWidth);
+    if (lineWidth < kNarrowestLine) return results;  // far taller than wide: not a line of text
     const std::vector<Candidate> candidates = Widen(RankClasses(ScoreLine(recognition_, line, lineWidth), false));
     for (const Candidate& c : candidates) {
       if (c.fontIndex < 0 || size_t(c.fontIndex) >= installed_.size() || c.status == kStatusIdentifier7) continue;

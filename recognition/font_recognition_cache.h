@@ -50,7 +50,8 @@ class FontRecognitionCache {
   static void SetFontAccess(hostglue::FontAccess* access);
 
   /// Loads the networks and the font table; false when the recognition network or the table is
-  /// missing (the cache then answers nothing).
+  /// missing or cannot be used, or the table's font count is not the number of classes the
+  /// network scores (the cache then answers nothing and reports why).
   bool Load(const RecognitionPaths& paths);
   /// Matches the font table's entries to the installed fonts of `fonts` by unique name.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
@@ -79,6 +80,8 @@ class FontRecognitionCache {
   /// entryToFont_ from the table and installed_, whichever of loading and updating came last.
   /// Caller holds lock_ exclusively.
   void MatchEntries();
+  /// Reads the networks and the font table into the members; why they cannot be used, or "".
+  std::string LoadData(const RecognitionPaths& paths);
   std::vector<int32_t> entryToFont_;
   std::vector<std::string> installed_;
   std::atomic<bool> loaded_{false};

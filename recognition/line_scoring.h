@@ -9,6 +9,10 @@
 namespace fontrix {
 
 constexpr int kLineHeight = 109;
+/// What a picture may make the recognition resample: a line at most this many times as wide as
+/// high (the leftmost part of a longer one is read), and at 109 rows at least this many columns
+/// wide (a narrower band is taller than any line of text and gets no answer).
+constexpr int32_t kMaxLineAspect = 128, kNarrowestLine = 16;
 constexpr double kRecognitionScales[2] = {1.0, 1.5};
 
 /// An 8-bit grey raster: `height` rows of `width` bytes.

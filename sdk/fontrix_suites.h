@@ -75,13 +75,24 @@ typedef struct FontrixFontHandleList {
   void (*append)(void* context, QVFontHandle font);
 } FontrixFontHandleList;
 
+/* Severities of a service's report. */
+enum {
+  kFontrixReportNothing = 0,
+  kFontrixReportWarning = 1, /* the service works: a damaged cache was rebuilt, a cache not saved */
+  kFontrixReportFailure = 2  /* the service cannot answer: its data or model cannot be used */
+};
+
 #define kFontrixProgressSuite "QV Fontrix Progress Suite"
-#define kFontrixProgressSuiteVersion 1
+#define kFontrixProgressSuiteVersion 2
 typedef struct FontrixProgressSuite {
   /* Progress of service `service` (a kFontrixService value). */
   QVErr (*GetServiceProgress)(int32_t service, FontrixServiceProgress* progress);
   /* The qualifying fonts of the module's current font list, and the list's generation. */
   QVErr (*GetFontList)(FontrixFontHandleList* out, uint32_t* generation);
+  /* What service `service` last had to report, one sentence naming the cause and the file, into
+   * `text` (cut to `capacity` bytes, NUL included; "" when nothing), and its severity (a
+   * kFontrixReport value). */
+  QVErr (*GetServiceReport)(int32_t service, int32_t* severity, char* text, size_t capacity);
 } FontrixProgressSuite;
 
 /* One face of the module's shipped similarity table. The strings are valid only during the

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "plugin/cache_folder_lock.h"
 #include "plugin/cache_log.h"
 #include "plugin/cancellation.h"
 #include "plugin/host_suites.h"
@@ -84,12 +85,40 @@ int FontSimilarCache::Load(const SimilarityPaths& paths) {
 
 int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
   int result = kLoadModelMissing;
-  if (!loaded_.load() && std::filesystem::is_regular_file(paths.model)) {
+  CacheLog& log = SimilarityLog();
+  if (!loaded_.load()) {
+    // Another process may be saving into the same folder: read only what it has finished.
+    CacheFolderLock folder(CacheFolderLock::FolderOf(paths.cachedMeta), CacheFolderLock::kExclusive);
     // A save cut short by a crash leaves a torn tail; cut it back before the strict reader sees it.
     const std::string repaired = RepairCachePair(paths.cachedMeta, paths.cachedFeature);
-    if (!repaired.empty()) SimilarityLog().Info(repaired);
+    if (!repaired.empty()) log.Info(repaired);
     std::lock_guard<std::mutex> lock(mutex_);
-    result = table_.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature, paths.model);
+    try {
+      result =
+          table_.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature, paths.model);
+      if (result == kLoadCacheFailed) {
+        // A damaged cache would answer wrongly for good: it goes, and the update computes the
+        // installed fonts again.
+        const std::string why = table_.problem;
+        log.Info("Similar Cache Damaged: ", why, "; ", MoveCachePairAside(paths.cachedMeta, paths.cachedFeature));
+        result =
+            table_.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature, paths.model);
+        progress_.Report(CacheProgress::kWarning, "the similarity cache was damaged (" + why +
+                                                      "); it is moved aside to *.damaged and made again");
+      }
+    } catch (const std::exception& e) {
+      table_.Clear();
+      table_.network.clear();
+      table_.problem = "the similarity model " + paths.model + " cannot be used: " + e.what();
+      result = kLoadModelMissing;
+    }
+    if (result != kLoadOk) {
+      // Without the shipped pair or the network the service cannot answer: nothing is kept.
+      table_.Clear();
+      table_.network.clear();
+      progress_.Report(CacheProgress::kFailure, table_.problem);
+      log.Info("Similar Cache Unusable: ", table_.problem);
+    }
     entryToFont_.assign(table_.Size(), -1);
   }
   LogFontCounts();
@@ -222,7 +251,15 @@ void FontSimilarCache::SaveCache() {
   std::lock_guard<std::mutex> lock(mutex_);
   CacheLog& log = SimilarityLog();
   log.Info("Cache Saving Start : time :", HostTime());
-  table_.Save();
+  if (!table_.pending.empty()) {
+    CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive);
+    const std::string problem =
+        folder.Held() ? table_.Save() : "the similarity cache was not saved: " + folder.Error();
+    if (!problem.empty()) {
+      log.Info("Cache Saving: ", problem);
+      progress_.Report(CacheProgress::kWarning, problem);
+    }
+  }
   log.Info("Cache Saving Ends : time :", HostTime());
 }
 

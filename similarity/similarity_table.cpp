@@ -1,9 +1,12 @@
 #include "similarity/similarity_table.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "deepnet/model_io.h"
 
@@ -88,16 +91,65 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
   return records == groups ? kLoadOk : fail();
 }
 
+std::string SimilarityTable::CheckRecords(size_t first, size_t count, bool isCache) const {
+  constexpr size_t kHalf = kFeatureDim / 2;
+  size_t zeros = 0;
+  std::set<std::string> names;
+  for (size_t i = first; i < first + count; ++i) {
+    const float* v = Feature(i);
+    const std::string& name = columns[3][i];
+    if (status[i] == kStatusUnusable) {
+      ++zeros;
+    } else {
+      for (size_t half = 0; half < 2; ++half) {
+        double length = 0;
+        for (size_t k = 0; k < kHalf; ++k) length += double(v[half * kHalf + k]) * v[half * kHalf + k];
+        // A non-finite value makes the length non-finite, so this test catches it too.
+        if (!(std::fabs(std::sqrt(length) - 1.0) < 1e-3))
+          return "the vector of " + name + ", entry " + std::to_string(i - first + 1) +
+                 ", is not two halves of length 1";
+      }
+    }
+    if (isCache && !names.insert(name).second) return name + " is there twice";
+  }
+  if (isCache && count >= 2 && zeros == count) return "every vector is zero";
+  return "";
+}
+
 int SimilarityTable::Load(const std::string& computedMeta, const std::string& computedFeature,
                           const std::string& cachedMeta, const std::string& cachedFeature, const std::string& model) {
   featureDim = kFeatureDim;
   cacheMetaPath = cachedMeta;
   cacheFeaturePath = cachedFeature;
+  problem.clear();
   Clear();
-  if (int r = ReadPair(computedMeta, computedFeature, false); r != kLoadOk) return r;
-  if (int r = ReadPair(cachedMeta, cachedFeature, true); r != kLoadOk) return r;
+  if (int r = ReadPair(computedMeta, computedFeature, false); r != kLoadOk) {
+    problem = computedMeta + " and " + computedFeature + " do not hold " + std::to_string(kShippedFontCount) +
+              " whole entries";
+    return r;
+  }
+  if (std::string bad = CheckRecords(0, Size(), false); !bad.empty()) {
+    problem = computedFeature + ": " + bad;
+    Clear();
+    return kLoadShippedFailed;
+  }
+  const size_t shipped = Size();
+  if (int r = ReadPair(cachedMeta, cachedFeature, true); r != kLoadOk) {
+    problem = cachedMeta + " and " + cachedFeature + " do not hold the same number of whole entries";
+    return r;
+  }
+  if (std::string bad = CheckRecords(shipped, Size() - shipped, true); !bad.empty()) {
+    problem = cachedFeature + ": " + bad;
+    for (auto& column : columns) column.resize(shipped);  // as a pair that cannot be read: nothing of it stays
+    features.resize(shipped * featureDim);
+    status.resize(shipped);
+    return kLoadCacheFailed;
+  }
   std::ifstream file(model, std::ios::binary | std::ios::ate);
-  if (!file || !fs::is_regular_file(model)) return kLoadModelMissing;
+  if (!file || !fs::is_regular_file(model)) {
+    problem = "the similarity model " + model + " is missing";
+    return kLoadModelMissing;
+  }
   const std::streamoff size = file.tellg();
   std::vector<uint8_t> buffer(size > 0 ? size_t(size) : 0);
   file.seekg(0);
@@ -121,17 +173,48 @@ size_t SimilarityTable::AddInstalled(const std::vector<float>& feature, uint32_t
   return Size() - 1;
 }
 
-void SimilarityTable::Save() {
+std::string SimilarityTable::Save() {
+  if (pending.empty()) return "";
+  // What the files hold now: whole (a torn tail cut back), or moved aside when they disagree.
+  RepairCachePair(cacheMetaPath, cacheFeaturePath);
+  std::string said;
+  std::array<std::vector<std::string>, kMetaLinesPerFont> onDisk;
+  const int groups = ReadMeta(cacheMetaPath, onDisk);
+  std::error_code ec;
+  const uint64_t featureBytes = fs::exists(cacheFeaturePath, ec) ? fs::file_size(cacheFeaturePath, ec) : 0;
+  std::set<std::string> saved(onDisk[3].begin(), onDisk[3].end());
+  // Names twice: saves of two processes interleaved (before they shared a lock), so records and
+  // names may no longer belong together.
+  if (groups < 0 || featureBytes != uint64_t(groups) * kFeatureRecordBytes || saved.size() != onDisk[3].size()) {
+    said = MoveCachePairAside(cacheMetaPath, cacheFeaturePath) + " (its files did not agree)";
+    saved.clear();
+  }
+
   std::ofstream meta(cacheMetaPath, std::ios::app | std::ios::binary);
   std::ofstream feature(cacheFeaturePath, std::ios::app | std::ios::binary);
-  if (!meta || !feature) return;
+  if (!meta || !feature)
+    return "cannot write the similarity cache " + (meta ? cacheFeaturePath : cacheMetaPath) + ": " +
+           std::strerror(errno) + "; installed fonts are computed again at every start";
+  std::set<std::string> written;
   for (size_t i : pending) {
+    if (saved.count(columns[3][i]) || !written.insert(columns[3][i]).second) continue;
     meta << "0\n0\n0\n" << columns[3][i] << '\n' << columns[4][i] << '\n' << columns[5][i] << '\n';
     feature.write(reinterpret_cast<const char*>(Feature(i)), std::streamsize(featureDim * sizeof(float)));
   }
   meta.flush();
   feature.flush();
+  if (!meta || !feature)
+    return "cannot write the similarity cache " + (meta ? cacheFeaturePath : cacheMetaPath) + ": " +
+           std::strerror(errno) + "; what was written is cut back at the next start";
   pending.clear();
+  return said;
+}
+
+std::string MoveCachePairAside(const std::string& metaPath, const std::string& featurePath) {
+  std::error_code ec;
+  for (const std::string& path : {metaPath, featurePath})
+    if (fs::exists(path, ec)) fs::rename(path, path + ".damaged", ec);
+  return "the similarity cache " + metaPath + " and " + featurePath + " was moved aside to *.damaged";
 }
 
 std::string RepairCachePair(const std::string& metaPath, const std::string& featurePath) {

@@ -44,12 +44,17 @@ struct SimilarityTable {
   std::vector<size_t> pending;  ///< entries computed since the last save
   std::string cacheMetaPath, cacheFeaturePath;
   deepnet::layer_model_list network;
+  /// Why the last Load failed, as a sentence naming the file ("" after a success).
+  std::string problem;
 
   size_t Size() const { return status.size(); }
   const float* Feature(size_t i) const { return features.data() + i * featureDim; }
   std::vector<float> FeatureVector(size_t i) const { return {Feature(i), Feature(i) + featureDim}; }
   void Clear();
   /// Loads the shipped pair, then the cache pair, then the model; stops at the first failure.
+  /// Beyond the counts, a pair fails when a record holds a value that is not finite, a record
+  /// that is not zero has a half (384 values) whose length is not 1, or (the cache) two entries
+  /// share a name or every one of two or more records is zero.
   int Load(const std::string& computedMeta, const std::string& computedFeature, const std::string& cachedMeta,
            const std::string& cachedFeature, const std::string& model);
   /// Loads one pair; a pair that fails adds nothing, and the entries of earlier pairs stay.
@@ -57,9 +62,14 @@ struct SimilarityTable {
   /// Appends the file's lines to the columns; the number of whole groups, or -1 when the file
   /// ends inside a group. A missing or empty file gives 0.
   static int ReadMeta(const std::string& path, std::array<std::vector<std::string>, kMetaLinesPerFont>& columns);
-  /// Appends the pending entries to the cache pair and empties the list; when either file cannot
-  /// be opened nothing is written and the list is kept.
-  void Save();
+  /// Appends the pending entries to the cache pair and empties the list, leaving out names the
+  /// files already hold (another process may have saved them since this one loaded); call it
+  /// with the cache folder locked. A pair found inconsistent on disk (counts that disagree) is
+  /// moved aside first ("*.damaged"). When either file cannot be written the list is kept.
+  /// Returns what went wrong, as a sentence naming the file, or "".
+  std::string Save();
+  /// The problem with records [first, first + count), or "" (the checks Load describes).
+  std::string CheckRecords(size_t first, size_t count, bool isCache) const;
   /// Adds an entry computed on this machine and marks it pending.
   size_t AddInstalled(const std::vector<float>& feature, uint32_t entryStatus, const std::string& uniqueName);
 };
@@ -72,5 +82,9 @@ bool IsAllZero(const std::vector<float>& feature);
 /// both files (whole meta groups, whole feature records, the same count). Returns what it cut,
 /// as a sentence for the log, or "" when the pair was whole (or absent).
 std::string RepairCachePair(const std::string& metaPath, const std::string& featurePath);
+
+/// Renames a damaged cache pair to "*.damaged" (replacing older ones), so the next load and
+/// save start afresh; returns the sentence to log.
+std::string MoveCachePairAside(const std::string& metaPath, const std::string& featurePath);
 
 }  // namespace fontrix

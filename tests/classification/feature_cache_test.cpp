@@ -34,14 +34,19 @@ TEST(FeatureCacheFile, RoundTripEmptyAndMalformedFiles) {
   read.clear();
   LoadFeatureCache(path, read);
   EXPECT_EQ(read.at(0).value, 64u);
-  { std::ofstream(path) << "[{\"name\":"; }  // cannot be parsed: loads nothing, no error
+  { std::ofstream(path) << "[{\"name\":"; }  // cannot be parsed: loads nothing and says so
   read.clear();
-  EXPECT_NO_THROW(LoadFeatureCache(path, read));
+  EXPECT_FALSE(LoadFeatureCache(path, read));
   EXPECT_TRUE(read.empty());
-  // Not a 32-bit bitmask: converting it would be undefined, so the file has the wrong shape.
+  EXPECT_TRUE(LoadFeatureCache((dir / "absent.json").string(), read));  // no file: an empty cache
+  // Not a bitmask of the eight classes (a value no module writes would give classes the font does
+  // not have), or a font twice: the file has the wrong shape.
   for (const char* wrong : {R"({"name":"A"})", R"([{"featureValue":1}])", R"([{"name":"A","featureValue":"1"}])",
                             R"([{"name":"A","featureValue":1e300}])", R"([{"name":"A","featureValue":-5}])",
-                            R"([{"name":"A","featureValue":4294967296}])"}) {
+                            R"([{"name":"A","featureValue":4294967296}])", R"([{"name":"A","featureValue":4294967295}])",
+                            R"([{"name":"A","featureValue":-0.5}])", R"([{"name":"A","featureValue":2.5}])",
+                            R"([{"name":"A","featureValue":256}])",
+                            R"([{"name":"A","featureValue":1},{"name":"A","featureValue":2}])"}) {
     { std::ofstream(path) << wrong; }
     EXPECT_THROW(LoadFeatureCache(path, read), FeatureCacheParameterError) << wrong;
   }

@@ -3,6 +3,7 @@
 // and lists them through GetFontList.
 //   FAKE_MODULE_FAIL=startup   Startup answers 'UIN?'
 //   FAKE_MODULE_STALL=1        its work never progresses, so the tool waits until interrupted
+//   FAKE_MODULE_SAY=2:TEXT     the similarity service reports TEXT as a failure (1: a warning)
 //   FAKE_MODULE_REPORT=PATH    at Shutdown, writes the messages it got, its folders and switches to PATH;
 //                              PATH.started once the application has started
 #include <cstdio>
@@ -64,7 +65,17 @@ QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
   return kQVNoErr;
 }
 
-const FontrixProgressSuite kProgress = {GetServiceProgress, GetFontList};
+// FAKE_MODULE_SAY=SEVERITY:TEXT: the similarity service reports TEXT at that severity.
+QVErr GetServiceReport(int32_t service, int32_t* severity, char* text, size_t capacity) {
+  if (!state) return kQVNotInitialisedErr;
+  const char* say = std::getenv("FAKE_MODULE_SAY");
+  const bool says = say && service == kFontrixServiceSimilarity && std::strlen(say) > 2;
+  *severity = says ? say[0] - '0' : kFontrixReportNothing;
+  if (capacity) std::snprintf(text, capacity, "%s", says ? say + 2 : "");
+  return kQVNoErr;
+}
+
+const FontrixProgressSuite kProgress = {GetServiceProgress, GetFontList, GetServiceReport};
 
 QVErr Startup(QVMessageData* message) {
   const char* fail = std::getenv("FAKE_MODULE_FAIL");

@@ -205,6 +205,18 @@ class CliTest(unittest.TestCase):
         r = self.run_tool("--module", FAKE, "similar", "DejaVuSans", "--limit", "100")
         self.assertEqual(r.stderr.splitlines()[0], "fontrix: similar gives at most 80 fonts; --limit 100 gives as many")
 
+    def test_what_a_service_reports_is_said_and_fails_the_commands_that_need_it(self):
+        r = self.run_tool("--module", FAKE, "fonts", FAKE_MODULE_SAY="1:the cache file X was damaged; it is rebuilt")
+        self.assertEqual((r.returncode, r.stderr), (0, "fontrix: warning: the cache file X was damaged; it is rebuilt\n"))
+        failure = "2:the similarity model /d/NQ_sim_model.dnm cannot be used: it ends inside a layer"
+        for args, status in ((["fonts"], 0), (["similar", "DejaVuSans"], 1), (["index"], 1)):
+            r = self.run_tool("--module", FAKE, *args, FAKE_MODULE_SAY=failure)
+            self.assertEqual(r.returncode, status, args)
+            self.assertEqual(r.stderr.splitlines()[0], "fontrix: " + failure[2:], args)
+        # A service switched off reports nothing.
+        r = self.run_tool("--module", FAKE, "--disable", "similarity", "index", FAKE_MODULE_SAY=failure)
+        self.assertEqual((r.returncode, r.stderr.count("cannot be used")), (0, 0), r.stderr)
+
     def test_lifecycle_folders_and_switches_reach_the_module(self):
         report = os.path.join(self.tmp.name, "report.txt")
         cache = os.path.join(self.tmp.name, "my cache")

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 #include "tests/similarity/similarity_fixtures.h"
 
 namespace fontrix {
@@ -111,27 +114,84 @@ TEST_F(SimilarityFiles, TornOrMismatchedCacheFailsTheCachePairOnly) {
   ExpectWhole(t);
 }
 
-TEST_F(SimilarityFiles, SaveAppendsPendingEntriesAndKeepsThemWhenItCannotWrite) {
+TEST_F(SimilarityFiles, SaveAppendsEachNameOnceAndKeepsPendingEntriesWhenItCannotWrite) {
   Shipped(1864);
-  SimilarityTable t;
+  SimilarityTable t, other;
   ASSERT_EQ(Load(t), kLoadOk);
+  ASSERT_EQ(Load(other), kLoadOk);  // another process on the same folder
   const size_t e = t.AddInstalled(AxisVector(3), kStatusInstalled, "Mine-Regular");
-  t.pending.push_back(e);  // the same entry twice is written twice
-  t.Save();
+  t.pending.push_back(e);  // the same entry twice is written once
+  EXPECT_EQ(t.Save(), "");
   EXPECT_TRUE(t.pending.empty());
+  other.AddInstalled(AxisVector(3), kStatusInstalled, "Mine-Regular");  // saved by the first since
+  other.AddInstalled(AxisVector(5), kStatusInstalled, "Mine-Bold");
+  EXPECT_EQ(other.Save(), "");
   SimilarityTable again;
   ASSERT_EQ(Load(again), kLoadOk);
   ASSERT_EQ(again.Size(), 1866u);
   EXPECT_EQ(again.columns[3][1864], "Mine-Regular");
+  EXPECT_EQ(again.columns[3][1865], "Mine-Bold");
   EXPECT_EQ(again.columns[4][1864], "userFamily");
   EXPECT_EQ(again.columns[5][1865], "userSubFamily");
   EXPECT_EQ(again.columns[2][1864], "0");
-  EXPECT_EQ(again.FeatureVector(1865), AxisVector(3));
+  EXPECT_EQ(again.FeatureVector(1865), AxisVector(5));
 
   t.AddInstalled(AxisVector(4), kStatusInstalled, "Later");
   t.cacheMetaPath = (dir / "missing" / "sys.meta").string();
-  t.Save();
+  EXPECT_NE(t.Save().find("cannot write the similarity cache " + t.cacheMetaPath + ": No such file"), std::string::npos);
   EXPECT_EQ(t.pending.size(), 1u);
+}
+
+TEST_F(SimilarityFiles, SaveMovesAnInconsistentPairAsideFirst) {
+  Shipped(1864);
+  SimilarityTable t;
+  ASSERT_EQ(Load(t), kLoadOk);
+  // Written since by two processes whose saves interleaved: every name twice.
+  WritePair(
+      path("sys.meta"), path("sys.fea"), 4, [](size_t) { return std::string("0"); },
+      [](size_t i) { return "Mine" + std::to_string(i / 2); }, [](size_t i) { return AxisVector(i); }, "0");
+  t.AddInstalled(AxisVector(7), kStatusInstalled, "Mine7");
+  EXPECT_NE(t.Save().find("moved aside"), std::string::npos);
+  EXPECT_TRUE(fs::exists(path("sys.fea") + ".damaged"));
+  SimilarityTable again;
+  ASSERT_EQ(Load(again), kLoadOk);
+  ASSERT_EQ(again.Size(), 1865u);
+  EXPECT_EQ(again.columns[3][1864], "Mine7");
+}
+
+TEST_F(SimilarityFiles, RecordsThatCannotBeVectorsFailTheirPair) {
+  Shipped(1864);
+  auto cache = [&](size_t n, const std::function<std::string(size_t)>& name,
+                   const std::function<std::vector<float>(size_t)>& vec) {
+    WritePair(path("sys.meta"), path("sys.fea"), n, [](size_t) { return std::string("0"); }, name, vec, "0");
+    SimilarityTable t;
+    const int result = Load(t);
+    return std::make_pair(result, t.problem);
+  };
+  auto numbered = [](size_t i) { return "Mine" + std::to_string(i); };
+  auto with = [](size_t at, float value) {
+    return [=](size_t i) {
+      std::vector<float> v = AxisVector(i);
+      if (i == 1) v[at] = value;
+      return v;
+    };
+  };
+  const std::vector<float> zero(kFeatureDim, 0.0f);
+  EXPECT_EQ(cache(3, numbered, [](size_t i) { return AxisVector(i); }).first, kLoadOk);
+  EXPECT_EQ(cache(3, numbered, with(5, std::nanf(""))).first, kLoadCacheFailed);
+  EXPECT_EQ(cache(3, numbered, with(400, 1e30f)).first, kLoadCacheFailed);
+  EXPECT_EQ(cache(3, numbered, with(700, 0.5f)).first, kLoadCacheFailed);  // a half no longer of length 1
+  EXPECT_EQ(cache(3, [](size_t i) { return i ? "Twice" : "Once"; }, [](size_t i) { return AxisVector(i); }),
+            std::make_pair(int(kLoadCacheFailed), path("sys.fea") + ": Twice is there twice"));
+  EXPECT_EQ(cache(2, numbered, [&](size_t) { return zero; }).first, kLoadCacheFailed);  // every record zero
+  EXPECT_EQ(cache(2, numbered, [&](size_t i) { return i ? zero : AxisVector(i); }).first, kLoadOk);  // one unusable
+
+  WritePair(
+      path("fs.meta"), path("fs.fea"), 1864, [](size_t) { return std::string("abcdefg"); }, numbered,
+      with(9, std::numeric_limits<float>::infinity()));
+  SimilarityTable t;
+  EXPECT_EQ(Load(t), kLoadShippedFailed);
+  EXPECT_EQ(t.problem.rfind(path("fs.fea") + ": the vector of Mine1", 0), 0u) << t.problem;
 }
 
 TEST_F(SimilarityFiles, TornTailIsCutBackToTheLastWholeEntry) {
