@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -116,6 +117,18 @@ std::string SimilarityTable::CheckRecords(size_t first, size_t count, bool isCac
   return "";
 }
 
+std::string SimilarityTable::CheckSums(size_t first, const std::string& sumsPath) const {
+  std::ifstream in(sumsPath);
+  if (!in) return "";  // none written yet
+  size_t i = first;
+  for (std::string line; std::getline(in, line); ++i) {
+    if (i >= Size()) return "its check sums list more entries than it holds";
+    if (line != SumText(EntrySum(columns[3][i], Feature(i))))
+      return "the entry of " + columns[3][i] + " does not match its check sum";
+  }
+  return "";
+}
+
 int SimilarityTable::Load(const std::string& computedMeta, const std::string& computedFeature,
                           const std::string& cachedMeta, const std::string& cachedFeature, const std::string& model) {
   featureDim = kFeatureDim;
@@ -138,7 +151,9 @@ int SimilarityTable::Load(const std::string& computedMeta, const std::string& co
     problem = cachedMeta + " and " + cachedFeature + " do not hold the same number of whole entries";
     return r;
   }
-  if (std::string bad = CheckRecords(shipped, Size() - shipped, true); !bad.empty()) {
+  std::string bad = CheckRecords(shipped, Size() - shipped, true);
+  if (bad.empty() && !cachedMeta.empty()) bad = CheckSums(shipped, CacheSumsPath(cachedMeta));
+  if (!bad.empty()) {
     problem = cachedFeature + ": " + bad;
     for (auto& column : columns) column.resize(shipped);  // as a pair that cannot be read: nothing of it stays
     features.resize(shipped * featureDim);
@@ -206,13 +221,54 @@ std::string SimilarityTable::Save() {
   if (!meta || !feature)
     return "cannot write the similarity cache " + (meta ? cacheFeaturePath : cacheMetaPath) + ": " +
            std::strerror(errno) + "; what was written is cut back at the next start";
+  meta.close();
+  feature.close();
   pending.clear();
-  return said;
+  const std::string sums = WriteCacheSums(cacheMetaPath, cacheFeaturePath);
+  return said.empty() ? sums : said;
+}
+
+std::string CacheSumsPath(const std::string& metaPath) {
+  const size_t slash = metaPath.rfind('/');
+  return (slash == std::string::npos ? std::string() : metaPath.substr(0, slash + 1)) + "NQ_sim_sums_sys.cch";
+}
+
+uint64_t EntrySum(const std::string& name, const float* record) {
+  uint64_t hash = 14695981039346656037ull;
+  auto add = [&](const void* bytes, size_t n) {
+    for (size_t k = 0; k < n; ++k) hash = (hash ^ static_cast<const uint8_t*>(bytes)[k]) * 1099511628211ull;
+  };
+  add(name.c_str(), name.size() + 1);
+  add(record, kFeatureRecordBytes);
+  return hash;
+}
+
+std::string SumText(uint64_t sum) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum));
+  return text;
+}
+
+std::string WriteCacheSums(const std::string& metaPath, const std::string& featurePath) {
+  std::array<std::vector<std::string>, kMetaLinesPerFont> columns;
+  const int groups = SimilarityTable::ReadMeta(metaPath, columns);
+  std::ifstream in(featurePath, std::ios::binary);
+  const std::string path = CacheSumsPath(metaPath), temporary = path + ".tmp";
+  std::ofstream out(temporary, std::ios::trunc);
+  std::vector<float> record(kFeatureDim);
+  for (int i = 0; i < groups && in.read(reinterpret_cast<char*>(record.data()), kFeatureRecordBytes); ++i)
+    out << SumText(EntrySum(columns[3][size_t(i)], record.data())) << '\n';
+  out.flush();
+  if (!out || std::rename(temporary.c_str(), path.c_str()) != 0) {
+    std::remove(temporary.c_str());
+    return "cannot write the similarity cache's check sums " + path + ": " + std::strerror(errno);
+  }
+  return "";
 }
 
 std::string MoveCachePairAside(const std::string& metaPath, const std::string& featurePath) {
   std::error_code ec;
-  for (const std::string& path : {metaPath, featurePath})
+  for (const std::string& path : {metaPath, featurePath, CacheSumsPath(metaPath)})
     if (fs::exists(path, ec)) fs::rename(path, path + ".damaged", ec);
   return "the similarity cache " + metaPath + " and " + featurePath + " was moved aside to *.damaged";
 }

@@ -54,7 +54,8 @@ struct SimilarityTable {
   /// Loads the shipped pair, then the cache pair, then the model; stops at the first failure.
   /// Beyond the counts, a pair fails when a record holds a value that is not finite, a record
   /// that is not zero has a half (384 values) whose length is not 1, or (the cache) two entries
-  /// share a name or every one of two or more records is zero.
+  /// share a name, every one of two or more records is zero, or an entry does not match its
+  /// check sum (CacheSumsPath).
   int Load(const std::string& computedMeta, const std::string& computedFeature, const std::string& cachedMeta,
            const std::string& cachedFeature, const std::string& model);
   /// Loads one pair; a pair that fails adds nothing, and the entries of earlier pairs stay.
@@ -70,6 +71,8 @@ struct SimilarityTable {
   std::string Save();
   /// The problem with records [first, first + count), or "" (the checks Load describes).
   std::string CheckRecords(size_t first, size_t count, bool isCache) const;
+  /// The problem with the entries from `first` on against the check sums file, or "".
+  std::string CheckSums(size_t first, const std::string& sumsPath) const;
   /// Adds an entry computed on this machine and marks it pending.
   size_t AddInstalled(const std::vector<float>& feature, uint32_t entryStatus, const std::string& uniqueName);
 };
@@ -83,8 +86,19 @@ bool IsAllZero(const std::vector<float>& feature);
 /// as a sentence for the log, or "" when the pair was whole (or absent).
 std::string RepairCachePair(const std::string& metaPath, const std::string& featurePath);
 
-/// Renames a damaged cache pair to "*.damaged" (replacing older ones), so the next load and
-/// save start afresh; returns the sentence to log.
+/// Renames a damaged cache pair (and its check sums) to "*.damaged" (replacing older ones), so
+/// the next load and save start afresh; returns the sentence to log.
 std::string MoveCachePairAside(const std::string& metaPath, const std::string& featurePath);
+
+/// The check sums of a cache pair: "NQ_sim_sums_sys.cch" beside its meta file, one line per
+/// entry, the 16 hex digits of the FNV-1a hash of the entry's name, a zero byte and its record.
+/// Every save rewrites it whole; a load checks each entry it has a line for, so an entry edited,
+/// removed or moved between saves is found, while entries a save added before it was cut short
+/// (and so without a line yet) stay.
+std::string CacheSumsPath(const std::string& metaPath);
+uint64_t EntrySum(const std::string& name, const float* record);
+std::string SumText(uint64_t sum);  ///< 16 lower-case hex digits
+/// Rewrites the check sums of the pair as the files hold it now; "" or what went wrong.
+std::string WriteCacheSums(const std::string& metaPath, const std::string& featurePath);
 
 }  // namespace fontrix

@@ -159,6 +159,49 @@ TEST_F(SimilarityFiles, SaveMovesAnInconsistentPairAsideFirst) {
   EXPECT_EQ(again.columns[3][1864], "Mine7");
 }
 
+TEST_F(SimilarityFiles, EntriesMovedOrRemovedSinceTheirSaveFailTheirCheckSums) {
+  Shipped(1864);
+  auto saved = [&] {
+    for (const std::string& file : {path("sys.meta"), path("sys.fea"), CacheSumsPath(path("sys.meta"))}) fs::remove(file);
+    SimilarityTable t;
+    EXPECT_EQ(Load(t), kLoadOk);
+    for (size_t i = 0; i < 3; ++i) t.AddInstalled(AxisVector(i), kStatusInstalled, "Mine" + std::to_string(i));
+    EXPECT_EQ(t.Save(), "");
+    std::ifstream in(path("sys.meta"));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  };
+  auto rewrite = [&](const std::vector<std::string>& lines) {
+    std::ofstream out(path("sys.meta"), std::ios::trunc);
+    for (const std::string& line : lines) out << line << '\n';
+  };
+  SimilarityTable t;
+  std::vector<std::string> lines = saved();
+  ASSERT_EQ(Load(t), kLoadOk);
+  EXPECT_EQ(t.Size(), 1867u);
+  std::swap(lines[3], lines[9]);  // two names swapped
+  rewrite(lines);
+  EXPECT_EQ(Load(t), kLoadCacheFailed);
+  EXPECT_EQ(t.problem, path("sys.fea") + ": the entry of Mine1 does not match its check sum");
+  EXPECT_EQ(t.Size(), 1864u);
+
+  lines = saved();
+  lines.erase(lines.begin() + 6, lines.begin() + 12);  // the middle group removed
+  rewrite(lines);
+  RepairCachePair(path("sys.meta"), path("sys.fea"));  // as the next start does: one record too many
+  EXPECT_EQ(Load(t), kLoadCacheFailed);
+
+  saved();
+  std::ofstream(path("sys.meta"), std::ios::app) << "0\n0\n0\nAdded\nuserFamily\nuserSubFamily\n";
+  {
+    std::ofstream(path("sys.fea"), std::ios::app | std::ios::binary)
+        .write(reinterpret_cast<const char*>(AxisVector(8).data()), kFeatureRecordBytes);
+  }
+  EXPECT_EQ(Load(t), kLoadOk);  // appended by a save cut short before its sums: whole, so kept
+  EXPECT_EQ(t.Size(), 1868u);
+}
+
 TEST_F(SimilarityFiles, RecordsThatCannotBeVectorsFailTheirPair) {
   Shipped(1864);
   auto cache = [&](size_t n, const std::function<std::string(size_t)>& name,

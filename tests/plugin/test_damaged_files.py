@@ -1,0 +1,123 @@
+#!/usr/bin/python3
+"""The real module on damaged files and shared folders, through the tool: a damaged cache is
+said once and made again, shipped data that cannot be used fails the commands that need it
+with the file named, and processes indexing into one folder at once leave caches that agree.
+
+Usage: test_damaged_files.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/data
+"""
+import json
+import math
+import os
+import shutil
+import struct
+import subprocess
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+import shipped_data_tool  # noqa: E402
+from shipped_data_tool import ShippedDataTest, main  # noqa: E402
+
+RECORD = 768 * 4
+
+
+def read_cache(folder):
+    """(names, records) of a similarity cache pair; fails the test if the files disagree."""
+    with open(os.path.join(folder, "NQ_sim_meta_sys.cch")) as f:
+        lines = f.read().splitlines()
+    with open(os.path.join(folder, "NQ_sim_fea_sys.cch"), "rb") as f:
+        data = f.read()
+    assert len(lines) % 6 == 0 and len(data) == RECORD * (len(lines) // 6), (len(lines), len(data))
+    with open(os.path.join(folder, "NQ_sim_sums_sys.cch")) as f:
+        assert len(f.read().splitlines()) == len(lines) // 6
+    return lines[3::6], data
+
+
+class DamagedFilesTest(ShippedDataTest):
+    def setUp(self):
+        self.data = os.path.join(self.tmp.name, "data")
+        shutil.rmtree(self.data, ignore_errors=True)
+        shutil.copytree(shipped_data_tool.DATA, self.data)
+        self.folder = os.path.join(self.tmp.name, self.id().rsplit(".", 1)[1])
+
+    def tool(self, *args):
+        return subprocess.run([shipped_data_tool.FONTRIX, "--module", shipped_data_tool.MODULE, "--data-dir", self.data,
+                               "--cache-dir", self.folder, *args], capture_output=True, text=True, timeout=900,
+                              env=self.env)
+
+    def test_a_damaged_similarity_cache_is_said_once_and_made_again(self):
+        self.assertEqual(self.tool("--disable", "recognition,classification", "index").returncode, 0)
+        names, data = read_cache(self.folder)
+        if len(names) < 2:
+            self.skipTest("fewer than two installed fonts outside the shipped table")
+        meta = os.path.join(self.folder, "NQ_sim_meta_sys.cch")
+        for damage in ("nan", "swap"):
+            if damage == "nan":
+                with open(os.path.join(self.folder, "NQ_sim_fea_sys.cch"), "r+b") as f:
+                    f.seek(RECORD + 8)
+                    f.write(struct.pack("<f", math.nan))
+            else:
+                with open(meta) as f:
+                    lines = f.read().splitlines()
+                lines[3], lines[9] = lines[9], lines[3]
+                with open(meta, "w") as f:
+                    f.write("\n".join(lines) + "\n")
+            r = self.tool("--disable", "recognition,classification", "similar", names[0], "--json")
+            self.assertEqual(r.returncode, 0, r.stderr)
+            self.assertTrue(r.stderr.startswith("fontrix: warning: the similarity cache was damaged ("), r.stderr)
+            self.assertTrue(all(math.isfinite(x["score"]) for x in json.loads(r.stdout)["results"]))
+            self.assertTrue(os.path.exists(meta + ".damaged"))
+            self.assertEqual(sorted(read_cache(self.folder)[0]), sorted(names))  # made again, each font once
+            r = self.tool("--disable", "recognition,classification", "similar", names[0])
+            self.assertEqual((r.returncode, r.stderr), (0, ""))
+
+    def test_a_damaged_feature_cache_gives_no_class_it_read(self):
+        self.assertEqual(self.tool("--disable", "recognition,similarity", "index").returncode, 0)
+        path = os.path.join(self.folder, "FontFeatureCache.json")
+        with open(path) as f:
+            records = json.load(f)
+        records[0]["featureValue"] = 4294967295  # every class
+        with open(path, "w") as f:
+            json.dump(records, f)
+        r = self.tool("--disable", "recognition,similarity", "classes", "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn("fontrix: warning: the feature cache " + path + " was damaged", r.stderr)
+        font = next(f for f in json.loads(r.stdout)["fonts"] if f["name"] == records[0]["name"])
+        self.assertLess(len(font["classes"]), 8)
+
+    def test_shipped_data_that_cannot_be_used_fails_naming_the_file(self):
+        table = os.path.join(self.data, "NQ_rec_font.bin")
+        with open(table) as f:
+            lines = f.read().splitlines(keepends=True)
+        with open(table, "w") as f:
+            f.writelines(lines[:-60])  # ten fonts fewer than the network's classes
+        picture = os.path.join(self.data, "samples", "line-liberation-serif-bold.png")
+        r = self.tool("recognize", picture)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("fontrix: the recognition font table " + table + " lists", r.stderr)
+        model = os.path.join(self.data, "NQ_sim_model.dnm")
+        os.truncate(model, 1000)
+        for args in (["similar", "DejaVuSans"], ["index"]):
+            r = self.tool("--disable", "recognition", *args)
+            self.assertEqual(r.returncode, 1, args)
+            self.assertIn("fontrix: the similarity model " + model + " cannot be used: ", r.stderr)
+
+    def test_processes_indexing_one_folder_at_once_leave_each_font_once(self):
+        command = [shipped_data_tool.FONTRIX, "--module", shipped_data_tool.MODULE, "--data-dir", self.data,
+                   "--cache-dir", self.folder, "--disable", "recognition", "index", "--json"]
+        runs = [subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=self.env)
+                for _ in range(3)]
+        for run in runs:
+            out, err = run.communicate(timeout=900)
+            self.assertEqual((run.returncode, err), (0, ""))
+        names, _ = read_cache(self.folder)
+        self.assertEqual(len(names), len(set(names)))
+        with open(os.path.join(self.folder, "FontFeatureCache.json")) as f:
+            classified = [r["name"] for r in json.load(f)]
+        fonts = json.loads(self.tool("fonts", "--json").stdout)["fonts"]
+        self.assertEqual(sorted(classified), sorted(f["name"] for f in fonts))
+        again = json.loads(self.tool("--disable", "recognition", "index", "--json").stdout)["services"]
+        self.assertEqual([s["computed"] for s in again[:2]], [0, 0])
+
+
+if __name__ == "__main__":
+    main()
