@@ -133,7 +133,8 @@ extern "C" QVErr GetTableFonts(FontrixTableFontList* out) {
   if (!out || !out->append) return kQVBadParameterErr;
   return Answer([&] {
     for (const ShippedFace& face : cache->ShippedFaces()) {
-      const FontrixTableFont font{face.name.c_str(), face.family.c_str(), face.style.c_str(), QVBool(face.installed ? 1 : 0)};
+      const FontrixTableFont font{face.name.c_str(), face.family.c_str(), face.style.c_str(),
+                                  QVBool(face.installed ? 1 : 0)};
       out->append(out->context, &font);
     }
     return kQVNoErr;
