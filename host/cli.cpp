@@ -103,9 +103,9 @@ struct Options {
   std::vector<std::string> disabled;  // switch keys
   bool debug_log = false, json = false, help = false, version = false;
   size_t limit = std::numeric_limits<size_t>::max();
-  std::string output;  // specimen: -o
-  std::string sheet;   // similar: --sheet
-  double size = 0;     // specimen: --size; 0 until given
+  std::string output;                    // specimen: -o
+  std::string sheet;                     // similar: --sheet
+  double size = 0;                       // specimen: --size; 0 until given
   std::vector<std::string> not_classes;  // classes: --not
   std::vector<std::string> classes;      // fonts, similar: --class
   bool other_families = false;           // similar: --other-families
@@ -141,7 +141,7 @@ struct Command {
   size_t fewest, most, results;
 };
 constexpr size_t kAny = std::numeric_limits<size_t>::max();
-const Command kCommands[] = {{"fonts", 0, 1, kAny},     {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
+const Command kCommands[] = {{"fonts", 0, 1, kAny},   {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
                              {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny}};
 
 size_t CodePoints(const std::string& text) {
@@ -212,14 +212,14 @@ Options Parse(int argc, char** argv) {
       if (name == "--not") options.not_classes.push_back(value);
       continue;
     }
-    bool* flag = name == "--debug-log" ? &options.debug_log
-                 : name == "--json"    ? &options.json
-                 : name == "--help"    ? &options.help
-                 : name == "-h"        ? &options.help
-                 : name == "--version" ? &options.version
-                 : name == "--all"     ? &options.all
+    bool* flag = name == "--debug-log"        ? &options.debug_log
+                 : name == "--json"           ? &options.json
+                 : name == "--help"           ? &options.help
+                 : name == "-h"               ? &options.help
+                 : name == "--version"        ? &options.version
+                 : name == "--all"            ? &options.all
                  : name == "--other-families" ? &options.other_families
-                                       : nullptr;
+                                              : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
     if (inline_value) throw UsageError(name + " takes no value");
     *flag = true;
@@ -235,7 +235,8 @@ Options Parse(int argc, char** argv) {
     throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
   if (options.args.size() < command->fewest || options.args.size() > command->most)
     throw UsageError(options.command + " takes " +
-                     (command->fewest == command->most ? std::to_string(command->fewest) : "at most " + std::to_string(command->most)) +
+                     (command->fewest == command->most ? std::to_string(command->fewest)
+                                                       : "at most " + std::to_string(command->most)) +
                      " arguments, not " + std::to_string(options.args.size()));
   if (options.limit_given && options.limit > command->results)
     std::fprintf(stderr, "fontrix: %s gives at most %zu fonts; --limit %zu gives as many\n", command->name,
@@ -260,7 +261,8 @@ Options Parse(int argc, char** argv) {
   const bool rows = options.command == "fonts" || options.command == "classes" || options.command == "similar" ||
                     options.command == "recognize";
   if (!options.format.empty() && (!rows || options.json))
-    throw UsageError(options.json ? "--format and --json exclude each other" : "--format is for fonts, classes, similar and recognize");
+    throw UsageError(options.json ? "--format and --json exclude each other"
+                                  : "--format is for fonts, classes, similar and recognize");
   try {
     CheckFormat(options.format);
   } catch (const FormatError& e) {
@@ -396,7 +398,8 @@ std::vector<const HostFont*> ModuleFonts(Host& host) {
   for (QVFontHandle handle : handles) {
     const char* file = nullptr;
     int32_t index = 0;
-    if (fonts->GetFontFile(handle, &file, &index)) throw Failure("the module listed a font handle the host does not know");
+    if (fonts->GetFontFile(handle, &file, &index))
+      throw Failure("the module listed a font handle the host does not know");
     const auto found = by_face.find({file, index});
     if (found != by_face.end()) used.push_back(found->second);
   }
@@ -502,7 +505,8 @@ void Fonts(Host& host, const Options& options) {
   }
   if (!options.args.empty()) {
     const FontFilter filter(options.args[0]);
-    fonts.erase(std::remove_if(fonts.begin(), fonts.end(), [&](const HostFont* f) { return !filter(*f); }), fonts.end());
+    fonts.erase(std::remove_if(fonts.begin(), fonts.end(), [&](const HostFont* f) { return !filter(*f); }),
+                fonts.end());
   }
   std::map<std::string, uint32_t> masks;
   uint32_t wanted = 0;
@@ -637,12 +641,13 @@ void WriteResultSheet(Host& host, const std::string& path, std::vector<Specimen>
 // the similar-font query then says why.
 std::vector<TableFace> TableFaces(Host& host) {
   std::vector<TableFace> faces;
-  const auto* table = static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+  const auto* table =
+      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
   if (!table) return faces;
-  FontrixTableFontList list{&faces, [](void* c, const FontrixTableFont* f) {
-                              static_cast<std::vector<TableFace>*>(c)->push_back(
-                                  {f->name, f->family, f->style, f->installed != 0});
-                            }};
+  FontrixTableFontList list{
+      &faces, [](void* c, const FontrixTableFont* f) {
+        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
+      }};
   const QVErr err = table->GetTableFonts(&list);
   host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
   if (err) faces.clear();
@@ -681,10 +686,11 @@ SimilarQuery ResolveSimilarQuery(Host& host, const Options& options) {
     missing.erase(std::remove_if(missing.begin(), missing.end(), [](const TableFace& f) { return f.installed; }),
                   missing.end());
     const TableMatch table = ResolveTableFace(missing, typed, options.style);
-    if (table.face && (!installed || table.exact ||
-                       LowerCase(installed->font->family) != LowerCase(table.face->family))) {
-      std::fprintf(stderr, "fontrix: '%s' is not installed; answering for %s (%s %s), a face of the module's similarity table\n",
-                   typed.c_str(), table.face->name.c_str(), table.face->family.c_str(), table.face->style.c_str());
+    if (table.face &&
+        (!installed || table.exact || LowerCase(installed->font->family) != LowerCase(table.face->family))) {
+      std::fprintf(
+          stderr, "fontrix: '%s' is not installed; answering for %s (%s %s), a face of the module's similarity table\n",
+          typed.c_str(), table.face->name.c_str(), table.face->family.c_str(), table.face->style.c_str());
       return {table.face->name, table.face->family, table.face->style, false};
     }
   }
@@ -809,7 +815,9 @@ void Classes(Host& host, const Options& options) {
 // seconds taken go to standard error in text mode, so the columns stay columns.
 void Index(const FontrixProgressSuite& progress, const Options& options, double seconds) {
   static const char* const kNames[] = {"classification", "similarity", "recognition"};
-  std::string out = options.json ? "{\"services\": [" : isatty(STDOUT_FILENO) == 1 ? "SERVICE\tFONTS\tCACHED\tCOMPUTED\tUNUSABLE\tNOTE\n" : "";
+  std::string out = options.json                 ? "{\"services\": ["
+                    : isatty(STDOUT_FILENO) == 1 ? "SERVICE\tFONTS\tCACHED\tCOMPUTED\tUNUSABLE\tNOTE\n"
+                                                 : "";
   for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
     FontrixServiceProgress p{};
     Check(progress.GetServiceProgress(service, &p), "reading the module's progress");

@@ -51,7 +51,8 @@ void Walk(const std::string& format, Text text, FieldName field) {
       ++i;
     } else if (c == '%' && i + 1 < format.size() && format[i + 1] == '{') {
       const size_t close = format.find('}', i + 2);
-      if (close == std::string::npos) throw FormatError("--format has an unclosed %{ at character " + std::to_string(i + 1));
+      if (close == std::string::npos)
+        throw FormatError("--format has an unclosed %{ at character " + std::to_string(i + 1));
       field(format.substr(i + 2, close - i - 2));
       i = close;
     } else {
@@ -69,22 +70,25 @@ const std::vector<std::string>& FormatFields() {
 }
 
 void CheckFormat(const std::string& format) {
-  Walk(format, [](const std::string&) {}, [](const std::string& field) { Field(field, OutputRow{}); });
+  Walk(
+      format, [](const std::string&) {}, [](const std::string& field) { Field(field, OutputRow{}); });
 }
 
 std::string FormatRow(const std::string& format, const OutputRow& row) {
   std::string out;
-  Walk(format, [&](const std::string& t) { out += t; }, [&](const std::string& f) { out += Field(f, row); });
+  Walk(
+      format, [&](const std::string& t) { out += t; }, [&](const std::string& f) { out += Field(f, row); });
   return out;
 }
 
 std::string FormatHeader(const std::string& format) {
   std::string out;
-  Walk(format, [&](const std::string& t) { out += t; },
-       [&](std::string f) {
-         for (char& c : f) c = char(std::toupper(static_cast<unsigned char>(c)));
-         out += f;
-       });
+  Walk(
+      format, [&](const std::string& t) { out += t; },
+      [&](std::string f) {
+        for (char& c : f) c = char(std::toupper(static_cast<unsigned char>(c)));
+        out += f;
+      });
   return out;
 }
 

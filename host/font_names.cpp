@@ -56,7 +56,8 @@ void NameFaces(std::vector<HostFont>& fonts) {
   for (size_t i = 0; i < fonts.size(); ++i) {
     HostFont& font = fonts[i];
     std::vector<size_t>& earlier = claimants[font.unique_name];
-    const auto copied = std::find_if(earlier.begin(), earlier.end(), [&](size_t k) { return SameFace(fonts[k], font); });
+    const auto copied =
+        std::find_if(earlier.begin(), earlier.end(), [&](size_t k) { return SameFace(fonts[k], font); });
     if (copied != earlier.end()) {
       font.unique_name = fonts[*copied].unique_name;
       font.duplicate_of = fonts[*copied].file;
@@ -199,14 +200,14 @@ class Resolver {
     std::vector<const HostFont*> faces;
     for (const HostFont* f : fonts_)
       if (fs::canonical(f->file, ec) == wanted) faces.push_back(f);
-    if (faces.empty())
-      throw UnknownFont(typed_ + " holds no face the services use (fontrix fonts --all says why)");
+    if (faces.empty()) throw UnknownFont(typed_ + " holds no face the services use (fontrix fonts --all says why)");
     std::sort(faces.begin(), faces.end(), [](auto* a, auto* b) { return a->face_index < b->face_index; });
     if (!style_.empty())
       for (const HostFont* f : faces)
         if (Folded(f->style) == Folded(style_)) return ResolvedFont{f, ""};
-    return ResolvedFont{faces[0], faces.size() == 1 ? "" : typed_ + " holds " + std::to_string(faces.size()) +
-                                                               " faces; using the first, " + faces[0]->unique_name};
+    return ResolvedFont{faces[0], faces.size() == 1 ? ""
+                                                    : typed_ + " holds " + std::to_string(faces.size()) +
+                                                          " faces; using the first, " + faces[0]->unique_name};
   }
 
   ResolvedFont FromFamily(const std::string& family, const std::string& style) {
@@ -227,8 +228,9 @@ class Resolver {
   // A fontconfig pattern when the text has a ':'; otherwise the whole text is a family name
   // (fontconfig would read "Name-Bold" as a family and a size).
   ResolvedFont FromPattern() {
-    Pattern pattern(typed_.find(':') != std::string::npos ? FcNameParse(reinterpret_cast<const FcChar8*>(typed_.c_str()))
-                                                          : FcPatternCreate());
+    Pattern pattern(typed_.find(':') != std::string::npos
+                        ? FcNameParse(reinterpret_cast<const FcChar8*>(typed_.c_str()))
+                        : FcPatternCreate());
     if (pattern.p && typed_.find(':') == std::string::npos)
       FcPatternAddString(pattern.p, FC_FAMILY, reinterpret_cast<const FcChar8*>(typed_.c_str()));
     FcChar8* family = nullptr;

@@ -9,11 +9,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <filesystem>
-#include <functional>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -144,7 +144,8 @@ namespace {
 
 std::vector<ListedFace> ListFaces() {
   FcPattern* pattern = FcPatternCreate();
-  FcObjectSet* objects = FcObjectSetBuild(FC_FILE, FC_INDEX, FC_VARIABLE, FC_SCALABLE, FC_WEIGHT, FC_WIDTH, FC_SLANT, nullptr);
+  FcObjectSet* objects =
+      FcObjectSetBuild(FC_FILE, FC_INDEX, FC_VARIABLE, FC_SCALABLE, FC_WEIGHT, FC_WIDTH, FC_SLANT, nullptr);
   FcFontSet* set = pattern && objects ? FcFontList(nullptr, pattern, objects) : nullptr;
   if (objects) FcObjectSetDestroy(objects);
   if (pattern) FcPatternDestroy(pattern);

@@ -26,9 +26,9 @@ CacheFolderLock::CacheFolderLock(const std::string& folder, Mode mode, double ti
   // Polled rather than blocking, so a process that never lets go cannot stall this one forever.
   while (::flock(fd, operation) != 0) {
     if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
-      error_ = errno == EWOULDBLOCK ? "another process has held " + path + " for " +
-                                          std::to_string(int(timeout_seconds)) + " s"
-                                    : "cannot lock " + path + ": " + std::strerror(errno);
+      error_ = errno == EWOULDBLOCK
+                   ? "another process has held " + path + " for " + std::to_string(int(timeout_seconds)) + " s"
+                   : "cannot lock " + path + ": " + std::strerror(errno);
       ::close(fd);
       return;
     }

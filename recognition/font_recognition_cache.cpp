@@ -109,8 +109,8 @@ std::string FontRecognitionCache::LoadData(const RecognitionPaths& paths) {
   for (const std::string* file : {&paths.model, &paths.fontTable})
     if (!fs::is_regular_file(*file))
       return "the recognition " + std::string(file == &paths.model ? "model " : "font table ") + *file + " is missing";
-  for (const auto& [file, network] : {std::make_pair(&paths.model, &recognition_),
-                                      std::make_pair(&paths.localisationModel, &localisation_)}) {
+  for (const auto& [file, network] :
+       {std::make_pair(&paths.model, &recognition_), std::make_pair(&paths.localisationModel, &localisation_)}) {
     if (file == &paths.localisationModel && !fs::is_regular_file(*file)) continue;  // the whole picture is the line
     try {
       deepnet::deepnet_load_model(*file, *network);

@@ -253,8 +253,7 @@ void FontSimilarCache::SaveCache() {
   log.Info("Cache Saving Start : time :", HostTime());
   if (!table_.pending.empty()) {
     CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive);
-    const std::string problem =
-        folder.Held() ? table_.Save() : "the similarity cache was not saved: " + folder.Error();
+    const std::string problem = folder.Held() ? table_.Save() : "the similarity cache was not saved: " + folder.Error();
     if (!problem.empty()) {
       log.Info("Cache Saving: ", problem);
       progress_.Report(CacheProgress::kWarning, problem);
@@ -353,9 +352,7 @@ namespace {
 
 // Shipped entries are those the shipped pair loaded: the cache pair's come after them, as
 // installed (or unusable) entries with the identifier "0".
-bool IsShipped(const SimilarityTable& table, size_t entry) {
-  return table.status[entry] <= kStatusIdentifierOther;
-}
+bool IsShipped(const SimilarityTable& table, size_t entry) { return table.status[entry] <= kStatusIdentifierOther; }
 
 }  // namespace
 

@@ -27,17 +27,17 @@ std::vector<std::string> Names(const std::vector<HostFont>& fonts) {
 TEST(NameFaces, CopiesKeepTheNameOtherFacesGetDerivedOnes) {
   std::vector<HostFont> fonts = {
       Face("C059-Bold", "C059", "Bold", "/otf/C059-Bold.otf", 7),
-      Face("C059-Bold", "C059", "Bold", "/t1/C059-Bold.t1", 7),           // the same face, Type 1
-      Face("Lobster-Regular", "Lobster", "Bold", "/a/lobster.otf", 1),    // another design, same name:
-      Face("Lobster-Regular", "Lobster", "Regular", "/b/lobster.otf", 2),  // its family and style
+      Face("C059-Bold", "C059", "Bold", "/t1/C059-Bold.t1", 7),              // the same face, Type 1
+      Face("Lobster-Regular", "Lobster", "Bold", "/a/lobster.otf", 1),       // another design, same name:
+      Face("Lobster-Regular", "Lobster", "Regular", "/b/lobster.otf", 2),    // its family and style
       Face("Lobster-Regular", "Lobster", "Regular", "/c/Lobster 1.otf", 3),  // then its file
       Face("Lobster-Regular", "Lobster", "Regular", "/d/Lobster 1.otf", 4),  // then a number
       Face("Lobster-Regular", "Lobster", "Regular", "/e/x.otf", 3),          // a copy of a renamed face
   };
   NameFaces(fonts);
-  EXPECT_EQ(Names(fonts), (std::vector<std::string>{"C059-Bold", "C059-Bold", "Lobster-Regular", "Lobster-Regular-lobster",
-                                                    "Lobster-Regular-Lobster1", "Lobster-Regular-2",
-                                                    "Lobster-Regular-Lobster1"}));
+  EXPECT_EQ(Names(fonts),
+            (std::vector<std::string>{"C059-Bold", "C059-Bold", "Lobster-Regular", "Lobster-Regular-lobster",
+                                      "Lobster-Regular-Lobster1", "Lobster-Regular-2", "Lobster-Regular-Lobster1"}));
   EXPECT_EQ(fonts[1].duplicate_of, "/otf/C059-Bold.otf");
   EXPECT_EQ(fonts[6].duplicate_of, "/c/Lobster 1.otf");
   for (size_t i : {0, 2, 3, 4, 5}) EXPECT_EQ(fonts[i].duplicate_of, "") << i;
@@ -47,7 +47,8 @@ TEST(NameFaces, CopiesKeepTheNameOtherFacesGetDerivedOnes) {
 
 TEST(NameFaces, DerivedNamesNeverTakeANameAFaceCarries) {
   // "Sans-Bold" is the second face's family-style name, but the third face carries it.
-  std::vector<HostFont> fonts = {Face("Sans", "Sans", "Regular", "/a.ttf", 1), Face("Sans", "Sans", "Bold", "/b.ttf", 2),
+  std::vector<HostFont> fonts = {Face("Sans", "Sans", "Regular", "/a.ttf", 1),
+                                 Face("Sans", "Sans", "Bold", "/b.ttf", 2),
                                  Face("Sans-Bold", "Other", "Bold", "/c.ttf", 3)};
   NameFaces(fonts);
   EXPECT_EQ(Names(fonts), (std::vector<std::string>{"Sans", "Sans-b", "Sans-Bold"}));
@@ -55,7 +56,8 @@ TEST(NameFaces, DerivedNamesNeverTakeANameAFaceCarries) {
 
 TEST(NameFaces, UnknownPrintsAreNeverTheSameFaceButSymbolFontsGoByName) {
   std::vector<HostFont> fonts = {Face("X", "X", "Regular", "/a.ttf", 0), Face("X", "X", "Regular", "/b.ttf", 0),
-                                 Face("Dingbats", "D", "Regular", "/d.otf", 5), Face("Dingbats", "D", "Regular", "/d.t1", 6)};
+                                 Face("Dingbats", "D", "Regular", "/d.otf", 5),
+                                 Face("Dingbats", "D", "Regular", "/d.t1", 6)};
   fonts[3].symbol = true;  // a copy in a symbol encoding
   NameFaces(fonts);
   EXPECT_EQ(Names(fonts), (std::vector<std::string>{"X", "X-Regular", "Dingbats", "Dingbats"}));
@@ -68,8 +70,7 @@ class ResolveFontTest : public testing::Test {
     stored_ = {Face("OpenSans-Regular", "Open Sans", "Regular", "/os-r.ttf", 1),
                Face("OpenSans-Bold", "Open Sans", "Bold", "/os-b.ttf", 2),
                Face("OpenSans-SemiboldItalic", "Open Sans", "Semi Bold Italic", "/os-sbi.ttf", 3),
-               Face("Inter", "Inter Display", "Regular", "/id.ttf", 4),
-               Face("inter", "Inter", "Regular", "/i.ttf", 5)};
+               Face("Inter", "Inter Display", "Regular", "/id.ttf", 4), Face("inter", "Inter", "Regular", "/i.ttf", 5)};
     for (const HostFont& f : stored_) fonts_.push_back(&f);
   }
   std::string Resolve(const std::string& typed, const std::string& style = "") {
@@ -101,7 +102,8 @@ TEST_F(ResolveFontTest, UnknownNamesSuggestTheFamilysRegularFace) {
     Resolve("Opn Sans");
     FAIL() << "resolved";
   } catch (const UnknownFont& e) {
-    EXPECT_EQ(std::string(e.what()).rfind("no installed font is named 'Opn Sans'; close names: OpenSans-Regular", 0), 0u)
+    EXPECT_EQ(std::string(e.what()).rfind("no installed font is named 'Opn Sans'; close names: OpenSans-Regular", 0),
+              0u)
         << e.what();
   }
 }

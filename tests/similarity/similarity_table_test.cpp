@@ -138,7 +138,8 @@ TEST_F(SimilarityFiles, SaveAppendsEachNameOnceAndKeepsPendingEntriesWhenItCanno
 
   t.AddInstalled(AxisVector(4), kStatusInstalled, "Later");
   t.cacheMetaPath = (dir / "missing" / "sys.meta").string();
-  EXPECT_NE(t.Save().find("cannot write the similarity cache " + t.cacheMetaPath + ": No such file"), std::string::npos);
+  EXPECT_NE(t.Save().find("cannot write the similarity cache " + t.cacheMetaPath + ": No such file"),
+            std::string::npos);
   EXPECT_EQ(t.pending.size(), 1u);
 }
 
@@ -162,7 +163,8 @@ TEST_F(SimilarityFiles, SaveMovesAnInconsistentPairAsideFirst) {
 TEST_F(SimilarityFiles, EntriesMovedOrRemovedSinceTheirSaveFailTheirCheckSums) {
   Shipped(1864);
   auto saved = [&] {
-    for (const std::string& file : {path("sys.meta"), path("sys.fea"), CacheSumsPath(path("sys.meta"))}) fs::remove(file);
+    for (const std::string& file : {path("sys.meta"), path("sys.fea"), CacheSumsPath(path("sys.meta"))})
+      fs::remove(file);
     SimilarityTable t;
     EXPECT_EQ(Load(t), kLoadOk);
     for (size_t i = 0; i < 3; ++i) t.AddInstalled(AxisVector(i), kStatusInstalled, "Mine" + std::to_string(i));
@@ -206,7 +208,8 @@ TEST_F(SimilarityFiles, RecordsThatCannotBeVectorsFailTheirPair) {
   Shipped(1864);
   auto cache = [&](size_t n, const std::function<std::string(size_t)>& name,
                    const std::function<std::vector<float>(size_t)>& vec) {
-    WritePair(path("sys.meta"), path("sys.fea"), n, [](size_t) { return std::string("0"); }, name, vec, "0");
+    WritePair(
+        path("sys.meta"), path("sys.fea"), n, [](size_t) { return std::string("0"); }, name, vec, "0");
     SimilarityTable t;
     const int result = Load(t);
     return std::make_pair(result, t.problem);
@@ -224,7 +227,8 @@ TEST_F(SimilarityFiles, RecordsThatCannotBeVectorsFailTheirPair) {
   EXPECT_EQ(cache(3, numbered, with(5, std::nanf(""))).first, kLoadCacheFailed);
   EXPECT_EQ(cache(3, numbered, with(400, 1e30f)).first, kLoadCacheFailed);
   EXPECT_EQ(cache(3, numbered, with(700, 0.5f)).first, kLoadCacheFailed);  // a half no longer of length 1
-  EXPECT_EQ(cache(3, [](size_t i) { return i ? "Twice" : "Once"; }, [](size_t i) { return AxisVector(i); }),
+  EXPECT_EQ(cache(
+                3, [](size_t i) { return i ? "Twice" : "Once"; }, [](size_t i) { return AxisVector(i); }),
             std::make_pair(int(kLoadCacheFailed), path("sys.fea") + ": Twice is there twice"));
   EXPECT_EQ(cache(2, numbered, [&](size_t) { return zero; }).first, kLoadCacheFailed);  // every record zero
   EXPECT_EQ(cache(2, numbered, [&](size_t i) { return i ? zero : AxisVector(i); }).first, kLoadOk);  // one unusable
