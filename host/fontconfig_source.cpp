@@ -10,11 +10,13 @@
 #include <atomic>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <tuple>
@@ -249,17 +251,37 @@ std::vector<std::string> Split(const std::string& line) {
   return fields;
 }
 
-constexpr const char* kListingHeader = "fontrix font listing 2";
+constexpr const char* kListingHeader = "fontrix font listing 3";
+
+}  // namespace
+
+namespace {
+
+// FNV-1a of the listing's lines, so a listing edited or cut since it was written is found.
+uint64_t ListingSum(const std::string& text) {
+  uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : text) hash = (hash ^ c) * 1099511628211ull;
+  return hash;
+}
+
+constexpr const char* kListingEnd = "end ";
 
 }  // namespace
 
 FontListing ReadFontListing(std::istream& in) {
   FontListing listing;
-  std::string line;
+  std::string line, body;
   if (!std::getline(in, line) || line != kListingHeader) return listing;
+  body = line + '\n';
   while (std::getline(in, line)) {
+    if (line.rfind(kListingEnd, 0) == 0) {
+      char sum[17];
+      std::snprintf(sum, sizeof sum, "%016llx", static_cast<unsigned long long>(ListingSum(body)));
+      return line.substr(std::strlen(kListingEnd)) == sum ? listing : FontListing();
+    }
+    body += line + '\n';
     const auto f = Split(line);
-    if (f.size() != 13) return listing;
+    if (f.size() != 13) return {};
     try {
       ListedFaceResult r;
       r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
@@ -281,23 +303,27 @@ FontListing ReadFontListing(std::istream& in) {
       return {};
     }
   }
-  return listing;
+  return {};  // no end line: cut short
 }
 
 void WriteFontListing(std::ostream& out, const FontListing& listing) {
-  out << kListingHeader << '\n';
+  std::ostringstream body;
+  body << kListingHeader << '\n';
   for (const auto& [key, r] : listing) {
     const size_t cut = key.rfind('\n');
-    out << Escape(key.substr(0, cut)) << '\t' << key.substr(cut + 1) << '\t' << r.stamp.seconds << '\t'
-        << r.stamp.nanoseconds << '\t' << r.stamp.size << '\t' << (r.result ? 1 : 0);
+    body << Escape(key.substr(0, cut)) << '\t' << key.substr(cut + 1) << '\t' << r.stamp.seconds << '\t'
+         << r.stamp.nanoseconds << '\t' << r.stamp.size << '\t' << (r.result ? 1 : 0);
     if (r.result)
-      out << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
-          << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
-          << r.result->usable << '\t' << r.result->outline_print;
+      body << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
+           << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
+           << r.result->usable << '\t' << r.result->outline_print;
     else
-      out << "\t\t\t\t0\t0\t-1\t0";
-    out << '\n';
+      body << "\t\t\t\t0\t0\t-1\t0";
+    body << '\n';
   }
+  char sum[17];
+  std::snprintf(sum, sizeof sum, "%016llx", static_cast<unsigned long long>(ListingSum(body.str())));
+  out << body.str() << kListingEnd << sum << '\n';
 }
 
 namespace {

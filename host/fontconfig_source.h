@@ -39,10 +39,11 @@ struct ListedFaceResult {
 /// Listed faces by file and face index, keyed file + '\n' + index.
 using FontListing = std::unordered_map<std::string, ListedFaceResult>;
 
-/// The listing file as WriteFontListing writes it: a header line, then one line of 13
-/// tab-separated fields per face, with backslash, tab and line feed escaped in names and files.
-/// Another header gives an empty listing, a line of another field count ends it, and a number
-/// that does not parse empties it: every face not in it is read again.
+/// The listing file as WriteFontListing writes it: a header line, one line of 13 tab-separated
+/// fields per face, with backslash, tab and line feed escaped in names and files, and an end
+/// line with the FNV-1a sum of the lines before it. Another header, a line of another field
+/// count, a number that does not parse, a missing end line or a sum that differs (the listing
+/// was cut short or edited) give an empty listing: every face is read again.
 FontListing ReadFontListing(std::istream& in);
 void WriteFontListing(std::ostream& out, const FontListing& listing);
 

@@ -12,6 +12,7 @@
 #include <set>
 #include <thread>
 
+#include "host/fontconfig_source.h"
 #include "host/host.h"
 #include "host/json.h"
 #include "host_test_support.h"
@@ -272,28 +273,41 @@ TEST(JsonString, EscapesAndRepairsText) {
 namespace fontrix::host {
 namespace {
 
-// A listing written by one process is what the next reads for unchanged files (the changed
-// family below proves the face was not opened again); a listing that is not ours is ignored.
-TEST(FontconfigSource, ListingOnDiskServesTheNextProcess) {
+// A listing written by one process is what the next reads for unchanged files (a family changed
+// through the listing's own writer proves the face was not opened again); a listing edited
+// behind its writer's back, cut short, or not ours is ignored.
+TEST(FontconfigSource, ListingOnDiskServesTheNextProcessUnlessEdited) {
   const auto listing = std::filesystem::temp_directory_path() / "fontrix-listing-test.txt";
   std::filesystem::remove(listing);
   const std::vector<HostFont> first = MakeFontconfigSource(listing.string())->List();
   ASSERT_TRUE(std::filesystem::exists(listing));
+  auto family_of_dejavu_sans = [&] {
+    for (const HostFont& f : MakeFontconfigSource(listing.string())->List())
+      if (f.unique_name == "DejaVuSans") return f.family;
+    return std::string("absent");
+  };
   std::string text;
   {
     std::ifstream in(listing);
     text.assign(std::istreambuf_iterator<char>(in), {});
+    in.seekg(0);
+    FontListing read = ReadFontListing(in);
+    ASSERT_FALSE(read.empty());
+    for (auto& [key, face] : read)
+      if (face.result && face.result->unique_name == "DejaVuSans") face.result->family = "DejaVu Edit";
+    std::ofstream out(listing, std::ios::trunc);
+    WriteFontListing(out, read);
   }
+  EXPECT_EQ(family_of_dejavu_sans(), "DejaVu Edit");
+
   const size_t at = text.find("\tDejaVu Sans\tBook\t");
   ASSERT_NE(at, std::string::npos);
+  const std::string whole = text;
   text.replace(at, 13, "\tDejaVu Edit\t");
-  { std::ofstream(listing) << text; }
-  bool edited = false;
-  for (const HostFont& f : MakeFontconfigSource(listing.string())->List())
-    edited = edited || (f.unique_name == "DejaVuSans" && f.family == "DejaVu Edit");
-  EXPECT_TRUE(edited);
-
-  { std::ofstream(listing) << "something else\n"; }
+  for (const std::string& bad : {text, whole.substr(0, whole.rfind("end ")), std::string("something else\n")}) {
+    { std::ofstream(listing) << bad; }
+    EXPECT_EQ(family_of_dejavu_sans(), "DejaVu Sans") << bad.substr(0, 40);
+  }
   const std::vector<HostFont> fresh = MakeFontconfigSource(listing.string())->List();
   ASSERT_EQ(fresh.size(), first.size());
   for (size_t i = 0; i < fresh.size(); ++i) EXPECT_EQ(fresh[i].family, first[i].family);
