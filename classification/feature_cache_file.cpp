@@ -63,7 +63,12 @@ void SaveFeatureCache(const std::string& path, const std::vector<FeatureRecord>&
     if (!out) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
     corvid::serialize::Write(root, out);
     out.flush();
-    if (!out) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+    if (!out) {
+      const int cause = errno;
+      out.close();
+      std::remove(temporary.c_str());  // a full folder keeps no half file
+      throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(cause));
+    }
   }
   if (std::rename(temporary.c_str(), path.c_str()) != 0) {
     const int cause = errno;

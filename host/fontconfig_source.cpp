@@ -392,13 +392,15 @@ class FontconfigSource : public FontSource {
   void WriteListing() const {
     if (listing_.empty()) return;
     const std::string temporary = listing_ + ".tmp";
+    bool written = false;
     {
       std::ofstream out(temporary, std::ios::trunc);
       if (!out) return;
       WriteFontListing(out, remembered_);
-      if (!out.flush()) return;
+      written = bool(out.flush());
     }
-    std::rename(temporary.c_str(), listing_.c_str());
+    // A folder that is full keeps no half listing: the next process reads the faces again.
+    if (!written || std::rename(temporary.c_str(), listing_.c_str()) != 0) std::remove(temporary.c_str());
   }
 
   std::string listing_;

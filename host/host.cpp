@@ -153,7 +153,8 @@ Host::~Host() {
 namespace {
 
 // What the module keeps in the cache folder, worked out by one module build from one set of data.
-const char* const kModuleCacheFiles[] = {"FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch"};
+const char* const kModuleCacheFiles[] = {"FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch",
+                                         "NQ_sim_sums_sys.cch"};
 
 // Size and modification time of the module and of every file in its data folder.
 std::string ModuleStamp(const std::string& module, const std::string& data_dir) {
@@ -196,6 +197,7 @@ void Host::ForgetCachesOfOtherModules(const std::string& module) {
   if (std::FILE* f = std::fopen(temporary.c_str(), "wb")) {
     const bool written = std::fwrite(stamp.data(), 1, stamp.size(), f) == stamp.size();
     if (std::fclose(f) == 0 && written) fs::rename(temporary, stamp_file, ec);
+    if (!written || ec) fs::remove(temporary, ec);
   }
 }
 

@@ -69,11 +69,18 @@ void FontFeatureCacheUpdateTask::Work() {
   }
 }
 
+// What an update computed is saved at once rather than only at shut-down: a process that is
+// killed keeps it, other processes on the folder see it, and a save that fails is said while
+// the host still listens.
 void FontSimilarCacheUpdateTask::Work() {
   try {
     auto cache = FontSimilarCache::GetOrCreate();
-    if (cache && cache->Update(fontList, generation))
+    if (cache && cache->Update(fontList, generation)) {
+      cache->SaveCache();
       if (Fontrix* plugin = Fontrix::Global()) plugin->PostNotification("Fonts Similar List Updated Notifier");
+    }
+  } catch (const std::exception& e) {
+    SimilarityLog().Info("Similar Cache Update throws exception: ", e.what());
   } catch (...) {
     SimilarityLog().Info("Similar Cache Update throws exception");
   }

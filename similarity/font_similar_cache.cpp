@@ -253,7 +253,9 @@ void FontSimilarCache::SaveCache() {
   log.Info("Cache Saving Start : time :", HostTime());
   if (!table_.pending.empty()) {
     CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive);
-    const std::string problem = folder.Held() ? table_.Save() : "the similarity cache was not saved: " + folder.Error();
+    const std::string problem = folder.Held() ? table_.Save()
+                                              : "the similarity cache was not saved: " + folder.Error() +
+                                                    "; installed fonts are computed again at every start";
     if (!problem.empty()) {
       log.Info("Cache Saving: ", problem);
       progress_.Report(CacheProgress::kWarning, problem);
