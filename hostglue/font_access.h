@@ -19,7 +19,9 @@ struct FontNames {
 
 /// An outline path as the engine gives it: moves, lines, cubics and closes, in order.
 struct GlyphPath {
-  enum Kind { kMove, kLine, kCurve, kClose };
+  // A fixed underlying type: an engine may hand over a kind this list lacks, which the feature
+  // code reports and skips; without one, holding such a value would be undefined.
+  enum Kind : int32_t { kMove, kLine, kCurve, kClose };
   struct Segment {
     Kind kind;
     double x[3], y[3];  ///< end point in [0] for moves and lines; control points then end for curves
