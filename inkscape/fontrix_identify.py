@@ -1,0 +1,55 @@
+#!/usr/bin/env python3
+"""Identify font in image…: the installed fonts most likely shown in the selected bitmap, each
+a line of sample text set in that font, placed under the image."""
+import tempfile
+
+import inkex
+
+import fontrix_ink as fx
+import fontrix_pictures
+
+
+class IdentifyFont(inkex.EffectExtension):
+    def add_arguments(self, pars):
+        pars.add_argument("--tab")
+        pars.add_argument("--count", type=int, default=5)
+        pars.add_argument("--sample", default="Handgloves")
+
+    def effect(self):
+        images = [e for e in self.svg.selection.values() if isinstance(e, inkex.Image)]
+        if not self.svg.selection:
+            raise inkex.AbortExtension("Select an image of a line of text first.")
+        if not images:
+            raise inkex.AbortExtension("Identify font works on a bitmap image, and the selection holds none.")
+        image = images[0]
+        with tempfile.TemporaryDirectory(prefix="fontrix-") as folder:
+            path, _ = fontrix_pictures.shown_picture(self, image, folder)
+            answer, _ = fx.run_fontrix("recognize", path, "--limit", str(self.options.count))
+        if not answer["results"]:
+            raise inkex.AbortExtension("Fontrix recognised no installed font in the image: it needs one line of "
+                                       "text at least 20 pixels high.")
+        sample = " ".join(self.options.sample.split()) or "Handgloves"
+        entries = [(label(i, r, answer), sample, fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
+
+        box = fx.query_boxes(self).get(image.get("id"))
+        if not box:
+            b = image.bounding_box(image.getparent().composed_transform())
+            box = (b.left, b.top, b.width, b.height)
+        size = min(max(box[3] * 0.6, box[2] / 40.0), box[2] / 6.0)
+        group = fx.new_group(self.svg, "Fontrix: fonts in " + (image.get("id") or "the image"), "fontrix-identify-")
+        fx.add_board(group, self.svg, "Fonts in the image", entries, box[0], box[1] + box[3] + size * 0.3, size)
+
+
+def label(index, font, answer):
+    """The candidate's family, style and score, with what the answer says of its certainty."""
+    text = "%d. %s %s  %s" % (index + 1, font["family"], font["style"], fx.score_text(font["score"]))
+    confidence = font.get("confidence", answer.get("confidence") if index == 0 else None)
+    if isinstance(confidence, (int, float)):
+        text += "  confidence %.0f %%" % (100 * confidence if confidence <= 1 else confidence)
+    if font.get("sure", answer.get("sure") if index == 0 else None) is False:
+        text += "  (not sure)"
+    return text
+
+
+if __name__ == "__main__":
+    IdentifyFont().run()

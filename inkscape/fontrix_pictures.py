@@ -1,0 +1,185 @@
+"""The part of an SVG <image> that the page shows, as a picture file fontrix can read.
+
+An image element fits its picture into the frame x, y, width, height as preserveAspectRatio
+says (the whole picture scaled to fit by default, or cut by the frame with "slice"); clip paths
+on it or on its groups cut it further. What is left is cut out of the picture's pixels."""
+import base64
+import io
+import os
+import re
+import struct
+import urllib.parse
+
+import inkex
+from inkex import BoundingBox, Transform
+
+PICTURE_TYPES = {b"\x89PNG\r\n\x1a\n": ".png", b"\xff\xd8": ".jpg"}
+
+
+def picture_bytes(extension, image):
+    """The bytes of the picture an <image> shows: an embedded data URI or a linked file."""
+    href = image.get("xlink:href") or image.get("href") or ""
+    if href.startswith("data:"):
+        header, _, data = href.partition(",")
+        try:
+            return base64.b64decode(data) if ";base64" in header else urllib.parse.unquote_to_bytes(data)
+        except ValueError:
+            raise inkex.AbortExtension("The selected image's embedded data cannot be read.")
+    if not href:
+        raise inkex.AbortExtension("The selected image has no picture (no href).")
+    path = urllib.parse.unquote(urllib.parse.urlparse(href).path) if href.startswith("file:") else href
+    candidates = [path, image.get("sodipodi:absref")]
+    for candidate in candidates:
+        if not candidate:
+            continue
+        try:
+            full = extension.absolute_href(candidate, default=None)
+        except inkex.AbortExtension:
+            full = candidate if os.path.isabs(candidate) else None
+        if full and os.path.isfile(full):
+            with open(full, "rb") as stream:
+                return stream.read()
+    raise inkex.AbortExtension("The picture the selected image links to (%s) cannot be found." % href)
+
+
+def picture_kind(data):
+    for magic, suffix in PICTURE_TYPES.items():
+        if data.startswith(magic):
+            return suffix
+    return None
+
+
+def picture_size(data):
+    """Width and height in pixels of a PNG or JPEG, from its header; None when unknown."""
+    if data.startswith(b"\x89PNG\r\n\x1a\n") and len(data) >= 24:
+        return struct.unpack(">II", data[16:24])
+    if data.startswith(b"\xff\xd8"):
+        at = 2
+        while at + 9 < len(data):
+            if data[at] != 0xFF:
+                return None
+            marker = data[at + 1]
+            length = struct.unpack(">H", data[at + 2:at + 4])[0]
+            if marker in (0xC0, 0xC1, 0xC2, 0xC3, 0xC5, 0xC6, 0xC7, 0xC9, 0xCA, 0xCB, 0xCD, 0xCE, 0xCF):
+                height, width = struct.unpack(">HH", data[at + 5:at + 9])
+                return width, height
+            at += 2 + length
+    return None
+
+
+def number(value, default):
+    try:
+        return float(inkex.BaseElement.to_dimensionless(value)) if value not in (None, "") else default
+    except (TypeError, ValueError):
+        return default
+
+
+def placement(image, width_px, height_px):
+    """Where the picture's pixels land in the image's user space: (scale x, scale y, left, top),
+    and the frame (x, y, width, height), from the image's own attributes."""
+    x, y = number(image.get("x"), 0.0), number(image.get("y"), 0.0)
+    w, h = number(image.get("width"), float(width_px)), number(image.get("height"), float(height_px))
+    ratio = (image.get("preserveAspectRatio") or "xMidYMid meet").split()
+    align = ratio[0] if ratio else "xMidYMid"
+    if align == "defer" and len(ratio) > 1:
+        ratio = ratio[1:]
+        align = ratio[0]
+    if align == "none":
+        return (w / width_px, h / height_px, x, y), (x, y, w, h)
+    scale = (max if len(ratio) > 1 and ratio[1] == "slice" else min)(w / width_px, h / height_px)
+    free_x, free_y = w - width_px * scale, h - height_px * scale
+    left = x + {"xMin": 0.0, "xMid": 0.5, "xMax": 1.0}.get(align[:4], 0.5) * free_x
+    top = y + {"YMin": 0.0, "YMid": 0.5, "YMax": 1.0}.get(align[4:], 0.5) * free_y
+    return (scale, scale, left, top), (x, y, w, h)
+
+
+def clip_box(svg, element, frame):
+    """The bounding box, in the element's own user space, of the clip path the element has;
+    None when it has none (or one that cannot be read). `frame` is the element's own box, for
+    clips in objectBoundingBox units."""
+    match = re.match(r"\s*url\(\s*#([^)\s]+)\s*\)", element.get("clip-path") or element.style.get("clip-path") or "")
+    if not match:
+        return None
+    clip = svg.getElementById(match.group(1))
+    if clip is None:
+        return None
+    box = BoundingBox()
+    for child in clip:
+        if isinstance(child, inkex.ShapeElement):
+            try:
+                box += child.bounding_box(clip.transform)
+            except (AttributeError, TypeError, ValueError):
+                continue
+    if not box:
+        return None
+    if clip.get("clipPathUnits") == "objectBoundingBox":
+        if frame is None:  # a group's own box is not worked out here
+            return None
+        x, y, w, h = frame
+        box = BoundingBox((x + box.left * w, x + box.right * w), (y + box.top * h, y + box.bottom * h))
+    return box
+
+
+def transformed_box(box, transform):
+    corners = [transform.apply_to_point(p) for p in
+               ((box.left, box.top), (box.right, box.top), (box.left, box.bottom), (box.right, box.bottom))]
+    return BoundingBox((min(p[0] for p in corners), max(p[0] for p in corners)),
+                       (min(p[1] for p in corners), max(p[1] for p in corners)))
+
+
+def intersect(a, b):
+    """Two boxes (left, top, right, bottom) cut to their common part, which may be empty
+    (right <= left or bottom <= top)."""
+    return max(a[0], b[0]), max(a[1], b[1]), min(a[2], b[2]), min(a[3], b[3])
+
+
+def visible_pixels(svg, image, width_px, height_px):
+    """The pixel box (left, top, right, bottom) of the picture that the page shows; None when
+    nothing of it shows."""
+    (sx, sy, left, top), frame = placement(image, width_px, height_px)
+    x, y, w, h = frame
+    shown = intersect((x, y, x + w, y + h), (left, top, left + width_px * sx, top + height_px * sy))
+    # Clips on the image and its groups, each in its element's user space, brought into the image's.
+    to_element = Transform()  # from the image's user space to the current element's
+    element = image
+    while isinstance(element, inkex.ShapeElement):
+        clip = clip_box(svg, element, frame if element is image else None)
+        if clip is not None:
+            inside = transformed_box(clip, -to_element)
+            shown = intersect(shown, (inside.left, inside.top, inside.right, inside.bottom))
+        to_element = Transform(element.transform) @ to_element
+        element = element.getparent()
+    if shown[2] <= shown[0] or shown[3] <= shown[1]:
+        return None
+    box = (int(round((shown[0] - left) / sx)), int(round((shown[1] - top) / sy)),
+           int(round((shown[2] - left) / sx)), int(round((shown[3] - top) / sy)))
+    box = (max(box[0], 0), max(box[1], 0), min(box[2], width_px), min(box[3], height_px))
+    return box if box[2] > box[0] and box[3] > box[1] else None
+
+
+def shown_picture(extension, image, folder):
+    """Writes the part of the image the page shows into `folder`; returns the file's path and
+    the pixel box taken."""
+    data = picture_bytes(extension, image)
+    suffix = picture_kind(data)
+    if not suffix:
+        raise inkex.AbortExtension("The selected image is neither PNG nor JPEG, which is what Fontrix reads.")
+    size = picture_size(data)
+    if not size:
+        raise inkex.AbortExtension("The selected image's picture cannot be read.")
+    box = visible_pixels(extension.svg, image, *size)
+    if box is None:
+        raise inkex.AbortExtension("No part of the selected image shows on the page.")
+    path = os.path.join(folder, "shown" + suffix)
+    if box == (0, 0) + tuple(size):
+        with open(path, "wb") as stream:
+            stream.write(data)
+        return path, box
+    try:
+        from PIL import Image
+    except ImportError:
+        raise inkex.AbortExtension("Cutting out the part of the picture the page shows needs Python's "
+                                   "imaging library (Debian: python3-pil).")
+    with Image.open(io.BytesIO(data)) as picture:
+        picture.crop(box).save(os.path.join(folder, "shown.png"))
+    return os.path.join(folder, "shown.png"), box
