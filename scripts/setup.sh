@@ -19,6 +19,10 @@ packages=(
   # 12's Cantarell is static; Inter is variable) and bitmap-only faces.
   fonts-dejavu-core fonts-dejavu-extra fonts-liberation2 fonts-urw-base35 fonts-texgyre
   fonts-cantarell fonts-wqy-microhei fonts-inter-variable fonts-terminus-otb
+  # The Inkscape extension and its tests: Inkscape with the Python modules its inkex needs
+  # (Debian only recommends them), PIL to cut pictures, and a virtual display for the tests that
+  # run Inkscape with its window up (xdotool closes the message boxes an effect raises).
+  inkscape python3-lxml python3-cssselect python3-pil xvfb xauth xdotool
 )
 if [[ "${1:-}" == "--training" ]]; then
   # PyTorch; brotli for fontTools to read WOFF2; the corpus fetch's apt-get download and npm.

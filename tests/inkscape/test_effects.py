@@ -1,0 +1,333 @@
+#!/usr/bin/python3
+"""The Fontrix effects run in Inkscape itself, with its window up on a virtual display, from an
+installed tree: `cmake --install` into a temporary prefix, the extension found by Inkscape
+through a link in a temporary home's ~/.config/inkscape/extensions (as a user of another prefix
+makes it found) or installed straight into that folder. Each effect runs on a document made
+for it; the output document must hold what fontrix itself answers, asked by the test.
+
+Usage: test_effects.py BUILD_DIR CMAKE [--pictures DIR]   (run from the source tree)
+--pictures writes a PNG of each effect's result into DIR (the README's pictures).
+
+Exits 77 (a skip to CTest), saying why, where Inkscape, xvfb-run or xdotool is missing.
+"""
+import base64
+import io
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = os.getcwd()
+HERE = os.path.dirname(os.path.abspath(__file__))
+EXTENSIONS = "/usr/share/inkscape/extensions"  # Debian's; it holds inkex
+BUILD = CMAKE = PICTURES = None
+SKIP = 77
+
+SVG_HEAD = ('<svg xmlns="http://www.w3.org/2000/svg" xmlns:xlink="http://www.w3.org/1999/xlink" '
+            'xmlns:inkscape="http://www.inkscape.org/namespaces/inkscape" '
+            'xmlns:sodipodi="http://sodipodi.sourceforge.net/DTD/sodipodi-0.dtd" '
+            'width="297mm" height="210mm" viewBox="0 0 297 210">'
+            '<g id="layer1" inkscape:groupmode="layer" inkscape:label="Layer 1">')
+SVG_TAIL = "</g></svg>"
+
+
+def missing_programs():
+    return [p for p in ("inkscape", "xvfb-run", "xdotool") if not shutil.which(p)]
+
+
+def run(args, **kwargs):
+    return subprocess.run(args, capture_output=True, text=True, timeout=300, **kwargs)
+
+
+class EffectsTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.TemporaryDirectory(prefix="fontrix-inkscape-")
+        cls.prefix = os.path.join(cls.tmp.name, "prefix")
+        cls.home = os.path.join(cls.tmp.name, "home")
+        cls.log = os.path.join(cls.tmp.name, "extensions.log")
+        cls.env = {k: v for k, v in os.environ.items()
+                   if not k.startswith(("FONTRIX_", "XDG_", "INKSCAPE")) and k != "DISPLAY"}
+        cls.env.update(HOME=cls.home, FONTRIX_TEST_EXTENSION_LOG=cls.log)
+        check(run([CMAKE, "--install", BUILD, "--prefix", cls.prefix], env=cls.env))
+        cls.fontrix = os.path.join(cls.prefix, "bin", "fontrix")
+        installed = os.path.join(cls.prefix, "share", "inkscape", "extensions", "fontrix")
+        user = os.path.join(cls.home, ".config", "inkscape", "extensions")
+        os.makedirs(user)
+        os.symlink(installed, os.path.join(user, "fontrix"))
+        # The tool's first run in this home brings the module's caches up to date.
+        check(run([cls.fontrix, "index"], env=cls.env))
+        sys.path.insert(0, EXTENSIONS)
+        sys.path.insert(0, installed)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.tmp.cleanup()
+
+    def tool(self, *args):
+        """fontrix's own answer, as the test asks it."""
+        return json.loads(check(run([self.fontrix, *args, "--json"], env=self.env)).stdout)
+
+    def effect(self, name, document, select=None, home=None, **options):
+        """Runs effect org.fontrix.NAME with OPTIONS in Inkscape on DOCUMENT (SVG text) with
+        SELECT selected; the output document and the extension's runs (arguments, status,
+        standard error: what its message box said)."""
+        home = home or self.home
+        folder = tempfile.mkdtemp(dir=self.tmp.name)
+        source, output = os.path.join(folder, "in.svg"), os.path.join(folder, "out.svg")
+        with open(source, "w") as stream:
+            stream.write(document)
+        prefs = " ".join('org.fontrix.%s.%s="%s"' % (name, key, str(value).lower() if isinstance(value, bool)
+                                                       else value) for key, value in options.items())
+        os.makedirs(os.path.join(home, ".config", "inkscape"), exist_ok=True)
+        with open(os.path.join(home, ".config", "inkscape", "preferences.xml"), "w") as stream:
+            stream.write('<?xml version="1.0" encoding="UTF-8" standalone="no"?>\n<inkscape version="1">'
+                         '<group id="extensions" python-interpreter="%s" %s /></inkscape>\n'
+                         % (os.path.join(HERE, "logged_python.py"), prefs))
+        before = self.runs()
+        actions = ("select-by-id:%s;" % select if select else "") + \
+            "org.fontrix.%s.noprefs;export-filename:%s;export-do" % (name, output)
+        done = run(["xvfb-run", "-a", "/usr/bin/python3", os.path.join(HERE, "inkscape_driver.py"), self.log, "120",
+                    "inkscape", "--with-gui", "--batch-process", "--actions=" + actions, source],
+                   env=dict(self.env, HOME=home))
+        self.assertEqual(done.returncode, 0, done.stderr)
+        runs = self.runs()[len(before):]
+        self.assertEqual(len(runs), 1, "the effect org.fontrix.%s did not run: %s" % (name, done.stderr))
+        import inkex
+        return inkex.load_svg(output).getroot(), runs[0]
+
+    def runs(self):
+        if not os.path.exists(self.log):
+            return []
+        with open(self.log) as stream:
+            return [json.loads(line) for line in stream if line.strip()]
+
+    def picture(self, document, name):
+        if PICTURES:
+            path = os.path.join(self.tmp.name, name + ".svg")
+            with open(path, "wb") as stream:
+                stream.write(document.tostring())
+            check(run(["inkscape", path, "--export-type=png", "--export-area-drawing", "--export-margin=4",
+                       "--export-background=white", "--export-width=900",
+                       "--export-filename=" + os.path.join(PICTURES, name + ".png")], env=self.env))
+
+    def samples(self, document, board_prefix):
+        """The sample text objects of the board whose group's id starts with BOARD_PREFIX."""
+        boards = [g for g in document.iter() if (g.get("id") or "").startswith(board_prefix)]
+        self.assertEqual(len(boards), 1, "one board")
+        return [t for t in boards[0].iter() if (t.get("id") or "").startswith("fontrix-sample-")
+                and t.tag.endswith("}text")]
+
+    def assert_set_in(self, text, font):
+        """The text object is set in fontrix's face: its family, and CSS weight and slant."""
+        import fontrix_ink
+        style = text.style
+        self.assertEqual(fontrix_ink.split_families(style.get("font-family")), [font["family"]])
+        self.assertEqual(fontrix_ink.parse_weight(style.get("font-weight"), 400),
+                         round(fontrix_ink.css_weight(font["weight"]) / 100) * 100, font)
+        self.assertEqual(style.get("font-style"), {100: "italic", 110: "oblique"}.get(font["slant"], "normal"))
+
+    def assert_untouched_document(self, document):
+        self.assertFalse([e for e in document.iter() if (e.get("id") or "").startswith("fontrix-")])
+
+    def test_similar_fonts_board_and_replacing_the_selection(self):
+        document = SVG_HEAD + (
+            '<text id="t1" x="12" y="30" style="font-family:\'DejaVu Sans\';font-weight:bold;font-size:12px;'
+            '-inkscape-font-specification:\'DejaVu Sans Bold\'"><tspan id="t1s" x="12" y="30">Quick brown fox'
+            '</tspan></text>') + SVG_TAIL
+        out, record = self.effect("similar", document, "t1", count=4, other_families=True, same_class=False,
+                                  replace=False)
+        self.assertEqual((record["status"], record["stderr"]), (0, ""))
+        answer = self.tool("similar", "DejaVu Sans:weight=200:slant=0", "--other-families", "--limit", "4")
+        self.assertEqual(answer["query"], "DejaVuSans-Bold")
+        samples = self.samples(out, "fontrix-similar-")
+        self.assertEqual(len(samples), len(answer["results"]))
+        self.assertEqual(len(samples), 4)
+        for text, font in zip(samples, answer["results"]):
+            self.assertEqual(text.get_text(), "Quick brown fox")
+            self.assert_set_in(text, font)
+        labels = [t.get_text() for t in out.iter() if (t.get("id") or "").startswith("fontrix-label-")
+                  and t.tag.endswith("}text")]
+        self.assertEqual(labels, ["%d. %s %s  %.3f" % (i + 1, f["family"], f["style"], f["score"])
+                                  for i, f in enumerate(answer["results"])])
+        self.assertEqual(out.getElementById("t1").style.get("font-family"), "'DejaVu Sans'")
+        self.picture(out, "similar")
+
+        # Same classes only, and the selection set in the first answer.
+        out, record = self.effect("similar", document, "t1", count=3, other_families=True, same_class=True,
+                                  replace=True)
+        self.assertEqual(record["status"], 0, record["stderr"])
+        classes = next(f["classes"] for f in self.tool("classes")["fonts"] if f["name"] == "DejaVuSans-Bold")
+        args = [a for c in classes for a in ("--class", c)]
+        answer = self.tool("similar", "DejaVu Sans:weight=200:slant=0", "--other-families", "--limit", "3", *args)
+        samples = self.samples(out, "fontrix-similar-")
+        self.assertEqual([t.style.get("font-family") for t in samples],
+                         ["'%s'" % f["family"] for f in answer["results"]])
+        self.assert_set_in(out.getElementById("t1"), answer["results"][0])
+        self.assertIsNone(out.getElementById("t1s").style.get("font-family"))
+
+    def test_identify_reads_only_the_part_of_the_picture_the_page_shows(self):
+        from PIL import Image
+        # Two lines, DejaVu Serif Bold above DejaVu Sans Mono; a clip shows the top one only.
+        lines = []
+        for font in ("DejaVu Serif:bold", "DejaVu Sans Mono"):
+            path = os.path.join(self.tmp.name, "line.png")
+            check(run([self.fontrix, "specimen", font, "Handgloves quick brown", "-o", path, "--size", "48"],
+                      env=self.env))
+            with Image.open(path) as line:
+                lines.append(line.convert("L"))
+        width = max(line.width for line in lines) + 40
+        picture = Image.new("L", (width, 200), 255)
+        picture.paste(lines[0], (20, 20))
+        picture.paste(lines[1], (20, 120))
+        data = io.BytesIO()
+        picture.save(data, "PNG")
+        # A quarter of a unit per pixel: the clip's edges fall on whole pixels.
+        document = SVG_HEAD + (
+            '<clipPath id="topline"><rect x="10" y="12" width="%g" height="20"/></clipPath>'
+            '<image id="img" x="10" y="10" width="%g" height="50" preserveAspectRatio="none" '
+            'clip-path="url(#topline)" xlink:href="data:image/png;base64,%s"/>'
+            % (width / 4.0, width / 4.0, base64.b64encode(data.getvalue()).decode())) + SVG_TAIL
+        out, record = self.effect("identify", document, "img", count=4, sample="Hamburgefonstiv")
+        self.assertEqual((record["status"], record["stderr"]), (0, ""))
+        shown = os.path.join(self.tmp.name, "shown.png")
+        picture.crop((0, 8, width, 88)).save(shown)
+        answer = self.tool("recognize", shown, "--limit", "4")
+        samples = self.samples(out, "fontrix-identify-")
+        self.assertTrue(answer["results"])
+        self.assertEqual(len(samples), len(answer["results"]))
+        for text, font in zip(samples, answer["results"]):
+            self.assertEqual(text.get_text(), "Hamburgefonstiv")
+            self.assert_set_in(text, font)
+        self.picture(out, "identify")
+
+    def test_replace_missing_fonts(self):
+        installed = {f["family"].lower() for f in self.tool("fonts", "--all")["fonts"]}
+        # A library face of the shipped similarity table that this machine lacks.
+        with open(os.path.join(SOURCE, "data", "NQ_sim_meta_fs.bin")) as meta:
+            fields = meta.read().splitlines()
+        table = [fields[i:i + 6] for i in range(0, len(fields), 6)]
+        face = next(f for f in table if len(f[0]) == 7 and f[5] == "Bold" and f[4].lower() not in installed
+                    and re.fullmatch(r"[A-Za-z ]+", f[4]))
+        family = face[4]
+        document = SVG_HEAD + (
+            '<text id="lib" x="10" y="20" style="font-family:\'%s\';font-weight:bold;font-size:10px">'
+            '<tspan id="libs" x="10" y="20">The table knows this face</tspan></text>'
+            '<text id="alias" x="10" y="40" style="font-family:Helvetica;font-size:10px">'
+            '<tspan x="10" y="40">Fontconfig substitutes this one</tspan></text>'
+            '<text id="unknown" x="10" y="60" style="font-family:\'Zzyzx Grotesk\', sans-serif;font-style:italic;'
+            'font-size:10px"><tspan x="10" y="60">Nobody knows this one</tspan></text>'
+            '<text id="here" x="10" y="80" style="font-family:\'DejaVu Sans\';font-size:10px">'
+            '<tspan x="10" y="80">This one is installed</tspan></text>' % family) + SVG_TAIL
+
+        out, record = self.effect("replace", document, list_only=True)
+        self.assertEqual(record["status"], 0, record["stderr"])
+        report = record["stderr"]
+        self.assertTrue(report.startswith("Missing fonts, and the installed fonts that would replace them:"),
+                        report)
+        self.assertIn(family + " Bold → ", report)
+        self.assertIn("Zzyzx Grotesk Italic → ", report)
+        self.assertNotIn("DejaVu Sans", report)
+        self.assertNotIn("Traceback", report)
+        self.assertEqual(out.getElementById("lib").style.get("font-family"), "'%s'" % family)
+
+        out, record = self.effect("replace", document, list_only=False)
+        self.assertEqual(record["status"], 0, record["stderr"])
+        self.assertTrue(record["stderr"].startswith("Missing fonts replaced:"), record["stderr"])
+        # The table face: the installed font most like it, of the ten most like it the first upright one.
+        like = self.tool("similar", "%s:weight=200:slant=0" % family, "--limit", "10")
+        self.assertFalse(like["query_installed"])
+        chosen = next((f for f in like["results"] if f["slant"] == 0), like["results"][0])
+        self.assert_set_in(out.getElementById("lib"), chosen)
+        self.assertIn("%s Bold → %s %s (most like" % (family, chosen["family"], chosen["style"]), record["stderr"])
+        # A name fontconfig substitutes: its substitute, where this machine has one.
+        fonts = {f["name"]: f for f in self.tool("fonts", "--all")["fonts"]}
+        alias = run([self.fontrix, "similar", "Helvetica:weight=80:slant=0", "--json"], env=self.env)
+        if alias.returncode == 0:
+            self.assert_set_in(out.getElementById("alias"), fonts[json.loads(alias.stdout)["query"]])
+        # A name nobody knows: the installed face fontconfig gives for its generic family.
+        generic = self.tool("similar", "sans-serif:weight=80:slant=100", "--limit", "1")
+        self.assert_set_in(out.getElementById("unknown"), fonts[generic["query"]])
+        self.assertEqual(out.getElementById("here").style.get("font-family"), "'DejaVu Sans'")
+        for element in ("lib", "alias", "unknown"):
+            self.assertIn(out.getElementById(element).style.get("font-family").strip("'").lower(), installed)
+        self.picture(out, "replace")
+
+    def test_fonts_by_style(self):
+        out, record = self.effect("by-style", SVG_HEAD + SVG_TAIL, serif=True, sans_serif=False, others=False,
+                                  count=5, sample="Hamburgefonstiv")
+        self.assertEqual((record["status"], record["stderr"]), (0, ""))
+        others = [a for c in ("blackletter", "decorative", "handmade", "monospace", "sans-serif", "script",
+                              "slab-serif") for a in ("--not", c)]
+        answer = self.tool("classes", "serif", *others, "--limit", "5")
+        samples = self.samples(out, "fontrix-by-style-")
+        self.assertEqual(len(samples), len(answer["fonts"]))
+        self.assertTrue(samples)
+        for text, font in zip(samples, answer["fonts"]):
+            self.assertEqual(text.get_text(), "Hamburgefonstiv")
+            self.assert_set_in(text, font)
+        self.picture(out, "by-style")
+
+    def test_errors_are_one_sentence_in_a_message_box(self):
+        document = SVG_HEAD + '<text id="t1" x="10" y="20" style="font-size:10px">Words</text>' + SVG_TAIL
+        for name, select, said in (
+                ("similar", None, "Select a text object first."),
+                ("identify", "t1", "Identify font works on a bitmap image, and the selection holds none."),
+                ("by-style", None, "Tick at least one style class.")):
+            options = {c: False for c in ("serif", "sans_serif")} if name == "by-style" else {}
+            out, record = self.effect(name, document, select, **options)
+            self.assertNotEqual(record["status"], 0, name)
+            self.assertEqual(record["stderr"].strip(), said, name)
+            self.assert_untouched_document(out)
+
+    def test_installed_into_the_user_folder_and_without_fontrix(self):
+        home = os.path.join(self.tmp.name, "home2")
+        user = os.path.join(home, ".config", "inkscape", "extensions")
+        check(run([CMAKE, "--install", BUILD, "--prefix", self.prefix],
+                  env=dict(self.env, FONTRIX_INKSCAPE_EXTENSIONS_DIR=user)))
+        location = os.path.join(user, "fontrix", "fontrix_location.py")
+        with open(location) as stream:
+            self.assertIn('FONTRIX = "%s"' % self.fontrix, stream.read())
+        shutil.copytree(os.path.join(self.home, ".cache"), os.path.join(home, ".cache"))
+        out, record = self.effect("by-style", SVG_HEAD + SVG_TAIL, home=home, monospace=True, serif=False,
+                                  others=True, count=2)
+        self.assertEqual(record["status"], 0, record["stderr"])
+        self.assertEqual(len(self.samples(out, "fontrix-by-style-")), 2)
+
+        # The tool it was installed with is gone, and none is beside it or on PATH.
+        if shutil.which("fontrix", path="/usr/bin:/bin"):
+            self.skipTest("a fontrix is installed in /usr/bin")
+        with open(location, "w") as stream:
+            stream.write('FONTRIX = "%s"\n' % os.path.join(self.tmp.name, "gone", "fontrix"))
+        saved, self.env = self.env, dict(self.env, PATH="/usr/bin:/bin")
+        try:
+            out, record = self.effect("by-style", SVG_HEAD + SVG_TAIL, home=home, serif=True)
+        finally:
+            self.env = saved
+        self.assertNotEqual(record["status"], 0)
+        self.assertEqual(record["stderr"].strip(), "The fontrix tool was not found: install Fontrix (cmake --install) "
+                                                   "or put its fontrix program on PATH.")
+        self.assert_untouched_document(out)
+
+
+def check(done):
+    if done.returncode != 0:
+        raise AssertionError("%s failed:\n%s%s" % (" ".join(done.args), done.stdout, done.stderr))
+    return done
+
+
+if __name__ == "__main__":
+    BUILD, CMAKE = sys.argv[1], sys.argv[2]
+    rest = sys.argv[3:]
+    if rest[:1] == ["--pictures"]:
+        PICTURES = os.path.abspath(rest[1])
+        rest = rest[2:]
+    absent = missing_programs()
+    if absent:
+        print("skipped: the Inkscape tests need %s (scripts/setup.sh installs them)" % ", ".join(absent))
+        sys.exit(SKIP)
+    unittest.main(argv=sys.argv[:1] + rest)
