@@ -6,7 +6,9 @@ import inkex
 import fontrix_ink as fx
 
 
-class FontsByStyle(inkex.EffectExtension):
+class FontsByStyle(fx.FontrixEffect):
+    what = "Fonts by style"
+
     def add_arguments(self, pars):
         pars.add_argument("--tab")
         for name in fx.CLASSES:
@@ -16,7 +18,7 @@ class FontsByStyle(inkex.EffectExtension):
         pars.add_argument("--count", type=int, default=24)
         pars.add_argument("--size", type=float, default=18.0)
 
-    def effect(self):
+    def apply(self):
         chosen = [c for c in fx.CLASSES if getattr(self.options, c.replace("-", "_"))]
         if not chosen:
             raise inkex.AbortExtension("Tick at least one style class.")

@@ -9,13 +9,15 @@ import fontrix_ink as fx
 import fontrix_pictures
 
 
-class IdentifyFont(inkex.EffectExtension):
+class IdentifyFont(fx.FontrixEffect):
+    what = "Identify font"
+
     def add_arguments(self, pars):
         pars.add_argument("--tab")
         pars.add_argument("--count", type=int, default=5)
         pars.add_argument("--sample", default="Handgloves")
 
-    def effect(self):
+    def apply(self):
         images = [e for e in self.svg.selection.values() if isinstance(e, inkex.Image)]
         if not self.svg.selection:
             raise inkex.AbortExtension("Select an image of a line of text first.")

@@ -46,6 +46,25 @@ PANGO_OTHER = {"small-caps", "not-rotated", "south", "upside-down", "north", "ro
 CLASSES = ["blackletter", "decorative", "handmade", "monospace", "sans-serif", "script", "serif", "slab-serif"]
 
 
+class FontrixEffect(inkex.EffectExtension):
+    """An effect whose every failure is a message box of one sentence: what the user can act on
+    is an AbortExtension already; anything else is said as what went wrong, never as a Python
+    traceback."""
+
+    what = "The effect"
+
+    def effect(self):
+        try:
+            return self.apply()
+        except inkex.AbortExtension:
+            raise
+        except Exception as err:  # anything the effect did not foresee
+            raise inkex.AbortExtension("%s failed: %s." % (self.what, str(err).rstrip(".") or type(err).__name__))
+
+    def apply(self):
+        raise NotImplementedError
+
+
 class FontrixMissing(inkex.AbortExtension):
     """The fontrix tool cannot be found or run."""
 

@@ -157,13 +157,29 @@ def visible_pixels(svg, image, width_px, height_px):
     return box if box[2] > box[0] and box[3] > box[1] else None
 
 
+def as_png(data):
+    """A picture of another kind (GIF, WebP, BMP...) as PNG, which fontrix reads, through PIL."""
+    try:
+        from PIL import Image
+    except ImportError:
+        raise inkex.AbortExtension("The selected image is neither PNG nor JPEG, and reading other kinds needs "
+                                   "Python's imaging library (Debian: python3-pil).")
+    try:
+        with Image.open(io.BytesIO(data)) as picture:
+            out = io.BytesIO()
+            picture.convert("RGBA" if "A" in picture.getbands() else "RGB").save(out, "PNG")
+            return out.getvalue()
+    except (OSError, ValueError):
+        raise inkex.AbortExtension("The selected image's picture cannot be read.")
+
+
 def shown_picture(extension, image, folder):
     """Writes the part of the image the page shows into `folder`; returns the file's path and
     the pixel box taken."""
     data = picture_bytes(extension, image)
+    if not picture_kind(data):
+        data = as_png(data)
     suffix = picture_kind(data)
-    if not suffix:
-        raise inkex.AbortExtension("The selected image is neither PNG nor JPEG, which is what Fontrix reads.")
     size = picture_size(data)
     if not size:
         raise inkex.AbortExtension("The selected image's picture cannot be read.")

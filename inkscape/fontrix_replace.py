@@ -20,12 +20,14 @@ NAME_WORDS = [
 ]
 
 
-class ReplaceMissingFonts(inkex.EffectExtension):
+class ReplaceMissingFonts(fx.FontrixEffect):
+    what = "Replace missing fonts"
+
     def add_arguments(self, pars):
         pars.add_argument("--tab")
         pars.add_argument("--list_only", type=inkex.Boolean, default=False)
 
-    def effect(self):
+    def apply(self):
         fonts, _ = fx.run_fontrix("fonts", "--all")
         self.fonts = {f["name"]: f for f in fonts["fonts"]}
         self.families = {f["family"].lower() for f in fonts["fonts"]}

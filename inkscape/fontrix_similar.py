@@ -6,7 +6,9 @@ import inkex
 import fontrix_ink as fx
 
 
-class SimilarFonts(inkex.EffectExtension):
+class SimilarFonts(fx.FontrixEffect):
+    what = "Similar fonts"
+
     def add_arguments(self, pars):
         pars.add_argument("--tab")
         pars.add_argument("--count", type=int, default=6)
@@ -14,7 +16,7 @@ class SimilarFonts(inkex.EffectExtension):
         pars.add_argument("--same_class", type=inkex.Boolean, default=False)
         pars.add_argument("--replace", type=inkex.Boolean, default=False)
 
-    def effect(self):
+    def apply(self):
         texts = [e for e in self.svg.selection.values() if isinstance(e, (inkex.TextElement, inkex.FlowRoot))]
         if not self.svg.selection:
             raise inkex.AbortExtension("Select a text object first.")
@@ -48,7 +50,13 @@ class SimilarFonts(inkex.EffectExtension):
         args = ["similar", face.pattern(), "--limit", str(self.options.count)]
         if self.options.other_families:
             args.append("--other-families")
-        answer, _ = fx.run_fontrix(*args)
+        try:
+            answer, _ = fx.run_fontrix(*args)
+        except fx.FontrixFailed as failure:
+            if "no installed font is named" not in failure.said:
+                raise
+            raise inkex.AbortExtension("Fontrix knows no font %s: it is not installed, nor a face of its "
+                                       "similarity table." % face.description())
         if self.options.same_class and answer["query_installed"]:
             # The classes of the face fontrix resolved, as its classification gives them.
             fonts, _ = fx.run_fontrix("classes")

@@ -111,9 +111,12 @@ class EffectsTest(unittest.TestCase):
             path = os.path.join(self.tmp.name, name + ".svg")
             with open(path, "wb") as stream:
                 stream.write(document.tostring())
+            png = os.path.join(PICTURES, name + ".png")
             check(run(["inkscape", path, "--export-type=png", "--export-area-drawing", "--export-margin=4",
-                       "--export-background=white", "--export-width=900",
-                       "--export-filename=" + os.path.join(PICTURES, name + ".png")], env=self.env))
+                       "--export-background=white", "--export-width=640", "--export-filename=" + png], env=self.env))
+            from PIL import Image
+            with Image.open(png) as picture:  # sixteen greys keep the README's pictures small
+                picture.convert("L").quantize(16).save(png, optimize=True)
 
     def samples(self, document, board_prefix):
         """The sample text objects of the board whose group's id starts with BOARD_PREFIX."""
@@ -216,13 +219,13 @@ class EffectsTest(unittest.TestCase):
         family = face[4]
         document = SVG_HEAD + (
             '<text id="lib" x="10" y="20" style="font-family:\'%s\';font-weight:bold;font-size:10px">'
-            '<tspan id="libs" x="10" y="20">The table knows this face</tspan></text>'
+            '<tspan id="libs" x="10" y="20">was %s Bold</tspan></text>'
             '<text id="alias" x="10" y="40" style="font-family:Helvetica;font-size:10px">'
-            '<tspan x="10" y="40">Fontconfig substitutes this one</tspan></text>'
+            '<tspan x="10" y="40">was Helvetica</tspan></text>'
             '<text id="unknown" x="10" y="60" style="font-family:\'Zzyzx Grotesk\', sans-serif;font-style:italic;'
-            'font-size:10px"><tspan x="10" y="60">Nobody knows this one</tspan></text>'
+            'font-size:10px"><tspan x="10" y="60">was Zzyzx Grotesk Italic</tspan></text>'
             '<text id="here" x="10" y="80" style="font-family:\'DejaVu Sans\';font-size:10px">'
-            '<tspan x="10" y="80">This one is installed</tspan></text>' % family) + SVG_TAIL
+            '<tspan x="10" y="80">DejaVu Sans, installed</tspan></text>' % (family, family)) + SVG_TAIL
 
         out, record = self.effect("replace", document, list_only=True)
         self.assertEqual(record["status"], 0, record["stderr"])
