@@ -507,7 +507,14 @@ def add_board(group, svg, title, entries, x, y, size, bottom=None):
 
 
 def first_line(element, default="Handgloves"):
-    text = " ".join((element.get_text(sep="\n") or "").split("\n")[0].split())
+    """The first line of a text object (a <text>'s first line, a flowed text's first paragraph),
+    its spaces squeezed, at most 80 characters; `default` when it has none."""
+    if isinstance(element, TextElement):
+        lines = (element.get_text(sep="\n") or "").split("\n")
+    else:
+        lines = ["".join(p.itertext()) for p in element.iter() if isinstance(p, (inkex.FlowPara, inkex.FlowDiv))]
+        lines = lines or ["".join(element.itertext())]
+    text = next((" ".join(line.split()) for line in lines if line.strip()), "")
     return text[:80] if text else default
 
 

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """The Inkscape extension's helpers on their own: the CSS font properties Inkscape writes turned
 into the face fontrix resolves (and fontrix's faces back into CSS), checked against the real
-fontrix's resolution of DejaVu's faces; and the part of an <image> the page shows.
+fontrix's resolution of DejaVu's faces; the lines and labels boards show; the rules that pick a
+replacement; and the part of an <image> the page shows.
 
 Usage: test_faces.py PATH/TO/fontrix   (run from the source tree)
 Exits 77 (a skip to CTest), saying why, where Inkscape's inkex is not installed.
@@ -125,6 +126,38 @@ class CssToFaceTest(unittest.TestCase):
                 self.assertEqual(resolved(face), listed_face(weight, slant), what)
 
 
+class LabelsTest(unittest.TestCase):
+    def test_first_lines_of_texts_and_flowed_texts(self):
+        svg = document('<text id="t"><tspan>  Two   words </tspan><tspan>second</tspan></text><text id="e"/>'
+                       '<flowRoot xmlns="http://www.w3.org/2000/svg" id="f"><flowRegion><rect width="9" height="9"/>'
+                       '</flowRegion><flowPara/><flowPara>Flowed <flowSpan>text</flowSpan></flowPara></flowRoot>')
+        self.assertEqual([fx.first_line(svg.getElementById(i)) for i in "tef"], ["Two words", "Handgloves", "Flowed text"])
+
+    def test_candidates_say_how_sure_recognition_is_where_fontrix_says(self):
+        font = {"family": "DejaVu Serif", "style": "Bold", "score": 0.8591}
+        self.assertEqual(fx_identify.label(0, font, {}), "1. DejaVu Serif Bold  0.859")
+        self.assertEqual(fx_identify.label(1, dict(font, confidence=0.42, sure=False), {}),
+                         "2. DejaVu Serif Bold  0.859  confidence 42 %  (not sure)")
+        # Said of the whole answer: it is the first candidate's.
+        answer = {"confidence": 0.9, "sure": True}
+        self.assertEqual(fx_identify.label(0, font, answer), "1. DejaVu Serif Bold  0.859  confidence 90 %")
+        self.assertEqual(fx_identify.label(1, font, answer), "2. DejaVu Serif Bold  0.859")
+
+
+class ReplacementRulesTest(unittest.TestCase):
+    def test_what_a_family_name_says(self):
+        for family, generic in (("Source Code Pro", "monospace"), ("Courier Prime", "monospace"),
+                                ("PT Sans Serif", "sans-serif"), ("Roboto Slab", "serif"), ("Brush Script", "cursive"),
+                                ("Alegreya SC", "sans-serif"), ("Big Shoulders Display", "fantasy")):
+            self.assertEqual(fx_replace.generic_of_name(family), generic, family)
+
+    def test_upright_text_stays_upright(self):
+        ranked = [{"name": "a", "slant": 100}, {"name": "b", "slant": 0}, {"name": "c", "slant": 110}]
+        self.assertEqual(fx_replace.upright_like(ranked, fx.Face("X", 700))["name"], "b")
+        self.assertEqual(fx_replace.upright_like(ranked, fx.Face("X", 400, "oblique"))["name"], "a")
+        self.assertEqual(fx_replace.upright_like(ranked[:1], fx.Face("X"))["name"], "a")
+
+
 class ShownPictureTest(unittest.TestCase):
     """The pixel box of a 400 x 100 picture that an <image> shows."""
 
@@ -173,6 +206,8 @@ if __name__ == "__main__":
     sys.path[:0] = [EXTENSIONS, os.path.join(os.getcwd(), "inkscape")]
     import fontrix_ink as fx  # noqa: E402
     import fontrix_pictures as fx_pictures  # noqa: E402
+    import fontrix_identify as fx_identify  # noqa: E402
+    import fontrix_replace as fx_replace  # noqa: E402
     if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
         FONTRIX = os.path.abspath(sys.argv.pop(1))
     unittest.main()
