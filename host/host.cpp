@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -147,6 +148,12 @@ Host::~Host() {
   if (impl_->plugin && impl_->plugin->started) Shutdown();
   // A module that still holds an access handle asked to stay loaded (its threads may still run).
   if (impl_->plugin && impl_->plugin->library && AccessCount() == 0) dlclose(impl_->plugin->library);
+  // Memory a module never gave back (a failed start-up keeps its suite tables) goes with the
+  // host, as a process's heap goes with it.
+  if (AccessCount() == 0) {
+    for (void* block : impl_->blocks) std::free(block);
+    for (void* memory : impl_->md_memory) std::free(memory);
+  }
   g_host = nullptr;
 }
 
