@@ -17,7 +17,7 @@ class SimilarFonts(fx.FontrixEffect):
         pars.add_argument("--replace", type=inkex.Boolean, default=False)
 
     def apply(self):
-        texts = [e for e in self.svg.selection.values() if isinstance(e, (inkex.TextElement, inkex.FlowRoot))]
+        texts = [t for t in map(text_object, self.svg.selection.values()) if t is not None]
         if not self.svg.selection:
             raise inkex.AbortExtension("Select a text object first.")
         if not texts:
@@ -66,6 +66,17 @@ class SimilarFonts(fx.FontrixEffect):
                     args += ["--class", label]
                 answer, _ = fx.run_fontrix(*args)
         return answer
+
+
+def text_object(element):
+    """The text object an element is, is part of (a tspan, a flowed paragraph) or, for a group,
+    the first it holds; None if none."""
+    if isinstance(element, inkex.Group):
+        return next((d for d in element.descendants() if isinstance(d, (inkex.TextElement, inkex.FlowRoot))), None)
+    while element is not None and not isinstance(element, (inkex.TextElement, inkex.FlowRoot)):
+        element = element.getparent() if isinstance(element, (inkex.Tspan, inkex.FlowPara, inkex.FlowSpan,
+                                                                inkex.FlowDiv, inkex.TextPath)) else None
+    return element
 
 
 def first_text_node(text):
