@@ -18,7 +18,10 @@ class IdentifyFont(fx.FontrixEffect):
         pars.add_argument("--sample", default="Handgloves")
 
     def apply(self):
-        images = [e for e in self.svg.selection.values() if isinstance(e, inkex.Image)]
+        # An image, or the first a selected group holds (a clipped image is often grouped).
+        images = [e if isinstance(e, inkex.Image) else next((d for d in e.descendants() if isinstance(d, inkex.Image)),
+                                                             None) for e in self.svg.selection.values()]
+        images = [e for e in images if e is not None]
         if not self.svg.selection:
             raise inkex.AbortExtension("Select an image of a line of text first.")
         if not images:
