@@ -195,7 +195,7 @@ def split_families(value):
     return names
 
 
-def parse_specification(value):
+def parse_description(value):
     """-inkscape-font-specification, a Pango font description ("DejaVu Sans, Bold Italic",
     "Open Sans Semi-Bold", "Sans"): the family and the weight, slant and stretch it names
     (None for what it does not name)."""
@@ -332,13 +332,13 @@ def element_face(element):
         weight = parse_weight(style.get("font-weight"), weight)
         slant = parse_slant(style.get("font-style"), slant)
         stretch = parse_stretch(style.get("font-stretch"), stretch)
-    spec = parse_specification(font_declarations(element).get("-inkscape-font-specification"))
-    if spec and spec["family"]:
-        if spec["family"].lower() != families[0].lower():
-            families = [spec["family"]] + families
-        weight = spec["weight"] if spec["weight"] is not None else 400.0
-        slant = spec["slant"] or "normal"
-        stretch = spec["stretch"] or 100.0
+    described = parse_description(font_declarations(element).get("-inkscape-font-specification"))
+    if described and described["family"]:
+        if described["family"].lower() != families[0].lower():
+            families = [described["family"]] + families
+        weight = described["weight"] if described["weight"] is not None else 400.0
+        slant = described["slant"] or "normal"
+        stretch = described["stretch"] or 100.0
     return Face(families[0], weight, slant, stretch, families)
 
 
@@ -351,13 +351,13 @@ def css_of_result(font):
     stretch = font.get("width", 100)
     keyword = min(STRETCHES, key=lambda k: abs(STRETCHES[k] - stretch))
     words = style_words(weight, slant, STRETCHES[keyword])
-    spec = font["family"] + (", " + " ".join(words) if words else "")
+    described = font["family"] + (", " + " ".join(words) if words else "")
     return {
         "font-family": quote_family(font["family"]),
         "font-weight": "normal" if weight == 400 else "bold" if weight == 700 else str(weight),
         "font-style": slant,
         "font-stretch": keyword,
-        "-inkscape-font-specification": quote_family(spec),
+        "-inkscape-font-specification": quote_family(described),
     }
 
 

@@ -55,7 +55,7 @@ class ReplaceMissingFonts(fx.FontrixEffect):
         inkex.errormsg("\n".join([head] + lines))
 
     def sets_text_font(self, element):
-        """Whether the element declares a font (its own font-family or font specification) for
+        """Whether the element declares a font (its own font-family or Pango font description) for
         text in or under it."""
         if not isinstance(element, inkex.BaseElement):
             return False

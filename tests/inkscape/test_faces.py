@@ -58,8 +58,8 @@ class CssToFaceTest(unittest.TestCase):
         self.assertEqual((face.family, face.families, face.generic), ("Foo Bar", ["Foo Bar", "Baz", "serif"], "serif"))
         self.assertEqual(self.face("").family, "sans-serif")  # CSS's initial family is Inkscape's default
 
-    def test_inkscape_font_specification(self):
-        # Inkscape draws with the specification where the element declares one.
+    def test_pango_font_description(self):
+        # Inkscape draws with the Pango description where the element declares one.
         self.assertFace(self.face("font-family:'DejaVu Sans';-inkscape-font-specification:'DejaVu Sans, Bold Italic'"),
                         "DejaVu Sans", 700, "italic")
         self.assertFace(self.face("font-family:'Open Sans';font-weight:bold;"
@@ -70,7 +70,7 @@ class CssToFaceTest(unittest.TestCase):
                         "Noto Sans", 400)
         # A family whose last word reads as a style keeps it before Pango's comma.
         self.assertFace(self.face("-inkscape-font-specification:'Foo Light, Light'"), "Foo Light", 300)
-        # A specification the parent declares is not the child's: the child's own weight counts.
+        # A description the parent declares is not the child's: the child's own weight counts.
         self.assertFace(self.face("font-family:A;-inkscape-font-specification:'A Bold'", "font-weight:300"), "A", 300)
 
     def test_patterns_and_descriptions(self):
