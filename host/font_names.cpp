@@ -24,19 +24,6 @@ std::string WithoutSpaces(std::string text) {
   return text;
 }
 
-// Lower case without spaces, hyphens and underscores: "Semi Bold" == "semibold" == "SemiBold".
-std::string Folded(const std::string& text) {
-  std::string out;
-  for (unsigned char c : text)
-    if (c != ' ' && c != '-' && c != '_') out += char(std::tolower(c));
-  return out;
-}
-
-std::string Lowered(std::string text) {
-  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 // The print of a symbol font measures glyphs it may not have, or maps elsewhere in another
 // format: where either copy is one, family and style alone decide.
 bool SameFace(const HostFont& a, const HostFont& b) {
@@ -47,6 +34,18 @@ bool SameFace(const HostFont& a, const HostFont& b) {
 std::string FileStem(const std::string& file) { return WithoutSpaces(std::filesystem::path(file).stem().string()); }
 
 }  // namespace
+
+std::string FoldedName(const std::string& text) {
+  std::string out;
+  for (unsigned char c : text)
+    if (c != ' ' && c != '-' && c != '_') out += char(std::tolower(c));
+  return out;
+}
+
+std::string LowerCase(std::string text) {
+  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
 
 void NameFaces(std::vector<HostFont>& fonts) {
   std::set<std::string> own;  // names faces carry of their own: never derived for another face
@@ -132,12 +131,12 @@ void AddStyle(FcPattern* pattern, const std::string& style) {
     return FcNameGetConstant(reinterpret_cast<const FcChar8*>(word.c_str()));
   };
   std::vector<const FcConstant*> constants;
-  if (const FcConstant* whole = constant(Folded(style))) {
+  if (const FcConstant* whole = constant(FoldedName(style))) {
     constants.push_back(whole);
   } else {
     std::istringstream words(style);
     for (std::string word; words >> word;) {
-      const FcConstant* c = constant(Lowered(word));
+      const FcConstant* c = constant(LowerCase(word));
       if (!c) {
         FcPatternDel(pattern, FC_STYLE);
         FcPatternAddString(pattern, FC_STYLE, reinterpret_cast<const FcChar8*>(style.c_str()));
@@ -155,21 +154,21 @@ void AddStyle(FcPattern* pattern, const std::string& style) {
 bool IsGenericFamily(const std::string& family) {
   static const std::set<std::string> kGeneric = {"serif",   "sans-serif", "sans",      "monospace", "mono",
                                                  "cursive", "fantasy",    "system-ui", "emoji",     "math"};
-  return kGeneric.count(Lowered(family)) > 0;
+  return kGeneric.count(LowerCase(family)) > 0;
 }
 
 class Resolver {
  public:
   Resolver(const std::vector<const HostFont*>& fonts, std::string typed, std::string style)
       : fonts_(fonts), typed_(std::move(typed)), style_(std::move(style)) {
-    for (const HostFont* f : fonts_) families_[Folded(f->family)].push_back(f);
+    for (const HostFont* f : fonts_) families_[FoldedName(f->family)].push_back(f);
   }
 
   ResolvedFont Resolve() {
     // A unique name, exact before any case; with a style, another face of its family.
     for (const bool exact : {true, false})
       for (const HostFont* f : fonts_)
-        if (exact ? f->unique_name == typed_ : Lowered(f->unique_name) == Lowered(typed_))
+        if (exact ? f->unique_name == typed_ : LowerCase(f->unique_name) == LowerCase(typed_))
           return style_.empty() ? ResolvedFont{f, ""} : FromFamily(f->family, style_);
     if (auto file = FromFile()) return *file;
     if (typed_.find(':') == std::string::npos) {
@@ -180,7 +179,7 @@ class Resolver {
       for (size_t n = words.size(); n > 0; --n) {
         std::string family, style;
         for (size_t k = 0; k < words.size(); ++k) (k < n ? family : style) += (k ? " " : "") + words[k];
-        if (families_.count(Folded(family))) return FromFamily(family, Trimmed(style + " " + style_));
+        if (families_.count(FoldedName(family))) return FromFamily(family, Trimmed(style + " " + style_));
       }
     }
     return FromPattern();
@@ -204,22 +203,22 @@ class Resolver {
     std::sort(faces.begin(), faces.end(), [](auto* a, auto* b) { return a->face_index < b->face_index; });
     if (!style_.empty())
       for (const HostFont* f : faces)
-        if (Folded(f->style) == Folded(style_)) return ResolvedFont{f, ""};
+        if (FoldedName(f->style) == FoldedName(style_)) return ResolvedFont{f, ""};
     return ResolvedFont{faces[0], faces.size() == 1 ? ""
                                                     : typed_ + " holds " + std::to_string(faces.size()) +
                                                           " faces; using the first, " + faces[0]->unique_name};
   }
 
   ResolvedFont FromFamily(const std::string& family, const std::string& style) {
-    const std::vector<const HostFont*>& faces = families_[Folded(family)];
+    const std::vector<const HostFont*>& faces = families_[FoldedName(family)];
     if (faces.size() == 1 && style.empty()) return {faces[0], ""};
     for (const HostFont* f : faces)
-      if (!style.empty() && Folded(f->style) == Folded(style)) return {f, ""};
+      if (!style.empty() && FoldedName(f->style) == FoldedName(style)) return {f, ""};
     Pattern pattern(FcPatternCreate());
     FcPatternAddString(pattern.p, FC_FAMILY, reinterpret_cast<const FcChar8*>(faces[0]->family.c_str()));
     if (!style.empty()) AddStyle(pattern.p, style);
     const HostFont* chosen = Face(Match(pattern.p));
-    if (!chosen || Folded(chosen->family) != Folded(family)) chosen = Regular(faces);
+    if (!chosen || FoldedName(chosen->family) != FoldedName(family)) chosen = Regular(faces);
     const std::string asked = style.empty() ? family : family + " " + style;
     return {chosen, "'" + asked + "' is one of " + std::to_string(faces.size()) + " faces of " + faces[0]->family +
                         "; using " + Describe(*chosen) + ", as fc-match does"};
@@ -237,9 +236,9 @@ class Resolver {
     if (!pattern.p || FcPatternGetString(pattern.p, FC_FAMILY, 0, &family) != FcResultMatch) Unknown();
     const std::string asked = reinterpret_cast<const char*>(family);
     if (!style_.empty()) AddStyle(pattern.p, style_);
-    if (families_.count(Folded(asked))) {
+    if (families_.count(FoldedName(asked))) {
       const HostFont* chosen = Face(Match(pattern.p));
-      if (chosen && Folded(chosen->family) == Folded(asked))
+      if (chosen && FoldedName(chosen->family) == FoldedName(asked))
         return {chosen, "'" + typed_ + "' is " + Describe(*chosen) + ", as fc-match gives it"};
     }
     // A name fontconfig does not know falls back to its default font; a name it substitutes
@@ -266,7 +265,7 @@ class Resolver {
   static const HostFont* Regular(const std::vector<const HostFont*>& faces) {
     for (const char* style : {"regular", "roman", "book", "normal", "medium"})
       for (const HostFont* f : faces)
-        if (Folded(f->style) == style) return f;
+        if (FoldedName(f->style) == style) return f;
     return faces[0];
   }
 
@@ -279,7 +278,7 @@ class Resolver {
       names.push_back(f->unique_name);
       if (!regular.count(f->family)) {
         families.push_back(f->family);
-        regular[f->family] = Regular(families_.at(Folded(f->family)));
+        regular[f->family] = Regular(families_.at(FoldedName(f->family)));
       }
     }
     std::vector<std::string> close;
@@ -305,7 +304,7 @@ ResolvedFont ResolveFont(const std::vector<const HostFont*>& fonts, const std::s
 }
 
 FontFilter::FontFilter(const std::string& pattern) {
-  if (pattern.find(':') == std::string::npos) text_ = Lowered(pattern);
+  if (pattern.find(':') == std::string::npos) text_ = LowerCase(pattern);
   Pattern parsed(FcNameParse(reinterpret_cast<const FcChar8*>(pattern.c_str())));
   if (!parsed.p) return;
   FcObjectSet* objects = FcObjectSetBuild(FC_FILE, FC_INDEX, nullptr);
@@ -324,8 +323,8 @@ FontFilter::FontFilter(const std::string& pattern) {
 
 bool FontFilter::operator()(const HostFont& font) const {
   if (listed_.count({font.file, font.face_index})) return true;
-  return !text_.empty() && (Lowered(font.unique_name).find(text_) != std::string::npos ||
-                            Lowered(font.family).find(text_) != std::string::npos);
+  return !text_.empty() && (LowerCase(font.unique_name).find(text_) != std::string::npos ||
+                            LowerCase(font.family).find(text_) != std::string::npos);
 }
 
 }  // namespace fontrix::host

@@ -21,6 +21,12 @@ namespace fontrix::host {
 ///   the list carries of its own.
 void NameFaces(std::vector<HostFont>& fonts);
 
+/// A name as names are compared: lower case without spaces, hyphens and underscores ("Semi
+/// Bold" == "semibold" == "SemiBold").
+std::string FoldedName(const std::string& text);
+/// ASCII lower case.
+std::string LowerCase(std::string text);
+
 /// Why the services leave a listed face out, as people read it; empty when they use it.
 std::string UnusedReason(const HostFont& font);
 

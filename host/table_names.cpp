@@ -11,21 +11,10 @@
 #include <limits>
 #include <sstream>
 
+#include "host/font_names.h"
+
 namespace fontrix::host {
 namespace {
-
-// Lower case without spaces, hyphens and underscores: "Semi Bold" == "semibold" == "SemiBold".
-std::string Folded(const std::string& text) {
-  std::string out;
-  for (unsigned char c : text)
-    if (c != ' ' && c != '-' && c != '_') out += char(std::tolower(c));
-  return out;
-}
-
-std::string Lowered(std::string text) {
-  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
 
 bool Has(const std::string& folded, const char* word) { return folded.find(word) != std::string::npos; }
 
@@ -36,7 +25,7 @@ bool IsStyleName(const std::string& text) {
                                        "condensed", "narrow", "compressed", "expanded", "extended", "semi", "demi",
                                        "extra",  "ultra",  "hairline", "thin",  "light",     "medium",   "bold",
                                        "black",  "heavy"};
-  std::string rest = Folded(text);
+  std::string rest = FoldedName(text);
   while (!rest.empty()) {
     size_t taken = 0;
     for (const char* word : kWords)
@@ -61,7 +50,7 @@ int Cost(const StyleTraits& want, const StyleTraits& have) {
 TableMatch InFamily(const std::vector<const TableFace*>& family, const Wanted& wanted) {
   if (!wanted.style.empty())
     for (const TableFace* f : family)
-      if (Folded(f->style) == Folded(wanted.style)) return {f, true};
+      if (FoldedName(f->style) == FoldedName(wanted.style)) return {f, true};
   const TableFace* best = nullptr;
   int best_cost = std::numeric_limits<int>::max();
   for (const TableFace* f : family) {
@@ -74,7 +63,7 @@ TableMatch InFamily(const std::vector<const TableFace*>& family, const Wanted& w
 std::vector<const TableFace*> FamilyFaces(const std::vector<TableFace>& faces, const std::string& family) {
   std::vector<const TableFace*> out;
   for (const TableFace& f : faces)
-    if (Folded(f.family) == Folded(family)) out.push_back(&f);
+    if (FoldedName(f.family) == FoldedName(family)) out.push_back(&f);
   return out;
 }
 
@@ -123,7 +112,7 @@ StyleTraits TraitsOfStyle(const std::string& style) {
       {"demibold", 600},   {"extralight", 200}, {"ultralight", 200}, {"semilight", 350}, {"demilight", 350},
       {"hairline", 100},   {"thin", 100},       {"light", 300},      {"medium", 500},    {"black", 900},
       {"heavy", 900},      {"bold", 700}};
-  const std::string folded = Folded(style);
+  const std::string folded = FoldedName(style);
   StyleTraits traits;
   for (const auto& [word, weight] : kWeights)
     if (Has(folded, word)) {
@@ -139,7 +128,7 @@ StyleTraits TraitsOfStyle(const std::string& style) {
 TableMatch ResolveTableFace(const std::vector<TableFace>& faces, const std::string& typed, const std::string& style) {
   for (const bool exact : {true, false})
     for (const TableFace& f : faces)
-      if (exact ? f.name == typed : Lowered(f.name) == Lowered(typed))
+      if (exact ? f.name == typed : LowerCase(f.name) == LowerCase(typed))
         return style.empty() ? TableMatch{&f, true} : InFamily(FamilyFaces(faces, f.family), {style, TraitsOfStyle(style)});
   if (typed.find(':') != std::string::npos) return FromPattern(faces, typed, style);
   // The longest run of leading words that names a family; the words after it are a style.
