@@ -21,10 +21,10 @@ bool Has(const std::string& folded, const char* word) { return folded.find(word)
 // Whether `text` is made of the words style names are made of ("Bold Italic", "SemiCondensed"),
 // so that "Averia Sans" is not Averia in a style "Sans".
 bool IsStyleName(const std::string& text) {
-  static const char* const kWords[] = {"italic", "oblique", "regular", "book",   "normal",    "roman",    "upright",
-                                       "condensed", "narrow", "compressed", "expanded", "extended", "semi", "demi",
-                                       "extra",  "ultra",  "hairline", "thin",  "light",     "medium",   "bold",
-                                       "black",  "heavy"};
+  static const char* const kWords[] = {"italic",  "oblique",   "regular", "book",       "normal",   "roman",
+                                       "upright", "condensed", "narrow",  "compressed", "expanded", "extended",
+                                       "semi",    "demi",      "extra",   "ultra",      "hairline", "thin",
+                                       "light",   "medium",    "bold",    "black",      "heavy"};
   std::string rest = FoldedName(text);
   while (!rest.empty()) {
     size_t taken = 0;
@@ -108,7 +108,7 @@ TableMatch FromPattern(const std::vector<TableFace>& faces, const std::string& t
 StyleTraits TraitsOfStyle(const std::string& style) {
   // Longer names first: "semibold" holds "bold", "extralight" holds "light".
   static const std::pair<const char*, int> kWeights[] = {
-      {"extrablack", 950}, {"ultrablack", 950}, {"extrabold", 800}, {"ultrabold", 800}, {"semibold", 600},
+      {"extrablack", 950}, {"ultrablack", 950}, {"extrabold", 800},  {"ultrabold", 800}, {"semibold", 600},
       {"demibold", 600},   {"extralight", 200}, {"ultralight", 200}, {"semilight", 350}, {"demilight", 350},
       {"hairline", 100},   {"thin", 100},       {"light", 300},      {"medium", 500},    {"black", 900},
       {"heavy", 900},      {"bold", 700}};
@@ -129,7 +129,8 @@ TableMatch ResolveTableFace(const std::vector<TableFace>& faces, const std::stri
   for (const bool exact : {true, false})
     for (const TableFace& f : faces)
       if (exact ? f.name == typed : LowerCase(f.name) == LowerCase(typed))
-        return style.empty() ? TableMatch{&f, true} : InFamily(FamilyFaces(faces, f.family), {style, TraitsOfStyle(style)});
+        return style.empty() ? TableMatch{&f, true}
+                             : InFamily(FamilyFaces(faces, f.family), {style, TraitsOfStyle(style)});
   if (typed.find(':') != std::string::npos) return FromPattern(faces, typed, style);
   // The longest run of leading words that names a family; the words after it are a style.
   std::vector<std::string> words;
