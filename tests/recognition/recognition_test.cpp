@@ -69,7 +69,9 @@ TEST(LineScoring, RowsResampleAtBothScalesAndNarrowLinesTile) {
 class RecognitionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() / "fontrix-recognition-test";
+    // A folder a test: CTest runs the tests of this fixture side by side.
+    dir = fs::temp_directory_path() /
+          ("fontrix-recognition-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     fs::remove_all(dir);
     fs::create_directories(dir);
     // Similarity: the shipped cloud fonts and 100 installed fonts F0..F99 in the cache.
