@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "deepnet/parallel.h"
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "similarity/font_similar_cache.h"
 #include "tests/recognition/recognition_fixtures.h"

@@ -10,7 +10,7 @@
 
 #include "deepnet/layers/data.h"
 #include "deepnet/model_io.h"
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "similarity/font_similar_cache.h"
 
 namespace {

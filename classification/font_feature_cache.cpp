@@ -6,11 +6,11 @@
 #include "classification/attribute_scoring.h"
 #include "classification/font_features.h"
 #include "classification/labels.h"
-#include "plugin/cache_folder_lock.h"
-#include "plugin/cache_log.h"
-#include "plugin/cancellation.h"
-#include "plugin/host_suites.h"
-#include "plugin/process_wide.h"
+#include "shell/cache_folder_lock.h"
+#include "shell/cache_log.h"
+#include "shell/cancellation.h"
+#include "shell/host_suites.h"
+#include "shell/process_wide.h"
 
 namespace fontrix {
 

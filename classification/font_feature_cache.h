@@ -11,7 +11,7 @@
 
 #include "classification/feature_cache_file.h"
 #include "hostglue/font_access.h"
-#include "plugin/cache_progress.h"
+#include "shell/cache_progress.h"
 #include "sdk/qv_types.h"
 
 namespace fontrix {

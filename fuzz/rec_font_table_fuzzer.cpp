@@ -14,7 +14,7 @@
 #include "deepnet/layers/softmax.h"
 #include "deepnet/model_io.h"
 #include "fuzz/fuzz_support.h"
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "recognition/line_scoring.h"
 #include "similarity/font_similar_cache.h"

@@ -4,7 +4,7 @@
 #include <map>
 #include <mutex>
 
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 #include "sdk/qv_font_engine.h"
 
 namespace fontrix::hostglue {

@@ -3,7 +3,7 @@
 
 #include "hostglue/font_access.h"
 #include "hostglue/font_engine.h"
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 
 namespace fontrix::hostglue {
 

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "plugin/fontrix.h"
-#include "plugin/qv_error.h"
+#include "shell/qv_error.h"
 
 namespace {
 

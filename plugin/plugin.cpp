@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/qv_error.h"
+#include "shell/qv_error.h"
 #include "plugin/string_lists.h"
 
 namespace qv {

@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 #include "sdk/qv_plugin.h"
 
 namespace qv {

@@ -3,7 +3,7 @@
 #include <boost/thread/thread.hpp>
 #include <new>
 
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 
 namespace fontrix {
 

@@ -3,9 +3,9 @@
 #include <atomic>
 
 #include "classification/font_feature_cache.h"
-#include "plugin/cache_log.h"
+#include "shell/cache_log.h"
 #include "plugin/fontrix.h"
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 #include "recognition/font_recognition_cache.h"
 #include "similarity/font_similar_cache.h"
 

@@ -8,9 +8,9 @@
 #include "deepnet/layers/fc.h"
 #include "deepnet/model_io.h"
 #include "deepnet/network.h"
-#include "plugin/cache_log.h"
-#include "plugin/host_suites.h"
-#include "plugin/process_wide.h"
+#include "shell/cache_log.h"
+#include "shell/host_suites.h"
+#include "shell/process_wide.h"
 #include "similarity/font_similar_cache.h"
 #include "similarity/similarity_table.h"
 

@@ -11,7 +11,7 @@
 
 #include "deepnet/layer_model.h"
 #include "hostglue/font_access.h"
-#include "plugin/cache_progress.h"
+#include "shell/cache_progress.h"
 #include "recognition/line_scoring.h"
 #include "sdk/qv_types.h"
 

@@ -4,11 +4,11 @@
 #include <cstring>
 #include <filesystem>
 
-#include "plugin/cache_folder_lock.h"
-#include "plugin/cache_log.h"
-#include "plugin/cancellation.h"
-#include "plugin/host_suites.h"
-#include "plugin/process_wide.h"
+#include "shell/cache_folder_lock.h"
+#include "shell/cache_log.h"
+#include "shell/cancellation.h"
+#include "shell/host_suites.h"
+#include "shell/process_wide.h"
 #include "similarity/specimen.h"
 
 namespace fontrix {

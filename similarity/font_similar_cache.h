@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "hostglue/font_access.h"
-#include "plugin/cache_progress.h"
+#include "shell/cache_progress.h"
 #include "sdk/qv_types.h"
 #include "similarity/similarity_table.h"
 

@@ -57,7 +57,7 @@ TEST(FeatureCacheFile, RoundTripEmptyAndMalformedFiles) {
 }  // namespace fontrix
 
 #include "classification/font_feature_cache.h"
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 
 namespace fontrix {
 namespace {

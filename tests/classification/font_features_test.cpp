@@ -9,7 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "tests/plugin/test_host.h"
 
 namespace fontrix {

@@ -2,7 +2,7 @@
 // unhandled messages, error alerts and their repeat rule.
 #include "plugin/plugin.h"
 
-#include "plugin/qv_error.h"
+#include "shell/qv_error.h"
 #include "tests/plugin/test_host.h"
 
 namespace fontrix {

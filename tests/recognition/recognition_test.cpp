@@ -1,7 +1,7 @@
 // Recognition: the band, the line geometry, ranking and widening, the filters and the cap.
 #include <gtest/gtest.h>
 
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "recognition/line_scoring.h"
 #include "similarity/font_similar_cache.h"

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "tests/similarity/similarity_fixtures.h"
 
 namespace fontrix {

@@ -6,7 +6,7 @@
 
 #include <cmath>
 
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 #include "tests/similarity/similarity_fixtures.h"
 
 namespace fontrix {

@@ -1,12 +1,12 @@
 // The cache folder's lock between processes (two open descriptions of the lock file conflict as
 // two processes would), and the one report a service keeps.
-#include "plugin/cache_folder_lock.h"
+#include "shell/cache_folder_lock.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "plugin/cache_progress.h"
+#include "shell/cache_progress.h"
 
 namespace fontrix {
 namespace {

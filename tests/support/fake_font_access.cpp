@@ -1,4 +1,4 @@
-#include "hostglue/fake_font_access.h"
+#include "tests/support/fake_font_access.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,9 +1,9 @@
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 
 #include <atomic>
 #include <cstdlib>
 
-#include "plugin/qv_error.h"
+#include "shell/qv_error.h"
 
 namespace qv {
 

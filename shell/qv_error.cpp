@@ -1,4 +1,4 @@
-#include "plugin/qv_error.h"
+#include "shell/qv_error.h"
 
 #include <cctype>
 

@@ -1,4 +1,4 @@
-#include "plugin/cache_log.h"
+#include "shell/cache_log.h"
 
 #include <gtest/gtest.h>
 

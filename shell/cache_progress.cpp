@@ -1,4 +1,4 @@
-#include "plugin/cache_progress.h"
+#include "shell/cache_progress.h"
 
 namespace fontrix {
 

@@ -1,9 +1,9 @@
-#include "plugin/cache_log.h"
+#include "shell/cache_log.h"
 
 #include <chrono>
 
-#include "plugin/feature_switches.h"
-#include "plugin/host_suites.h"
+#include "shell/feature_switches.h"
+#include "shell/host_suites.h"
 
 namespace fontrix {
 

@@ -1,4 +1,4 @@
-#include "plugin/cache_folder_lock.h"
+#include "shell/cache_folder_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,8 +1,8 @@
-#include "plugin/feature_switches.h"
+#include "shell/feature_switches.h"
 
 #include <mutex>
 
-#include "plugin/host_suites.h"
+#include "shell/host_suites.h"
 
 namespace qv {
 
