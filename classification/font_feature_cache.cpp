@@ -83,7 +83,7 @@ void FontFeatureCache::Init() {
     const bool ok = GetOrCreate()->Load();
     log.Info(ok ? "Feature Cache Initialization successful" : "Feature Cache Initialization failed");
   } catch (...) {
-    log.Info("Exception while Feature Cache Initialization");
+    log.Exception(CacheLog::kInfo, "Exception while Feature Cache Initialization");
   }
 }
 
@@ -160,7 +160,7 @@ bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
       (measured < 0 ? progress_.unusable : progress_.computed)++;
       log.Info("Font Attribute Value - ", mask);
     } catch (...) {
-      log.Detail("Processing Font throws");
+      log.Exception(CacheLog::kDetail, "Processing Font throws");
     }
     progress_.done++;
   }

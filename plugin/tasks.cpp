@@ -65,7 +65,7 @@ void FontFeatureCacheUpdateTask::Work() {
     if (cache && cache->Update(fontList, generation))
       if (Fontrix* plugin = Fontrix::Global()) plugin->PostNotification("Font Feature List Updated Notifier");
   } catch (...) {
-    ClassificationLog().Info("Exception while Feature Cache Update");
+    ClassificationLog().Exception(CacheLog::kInfo, "Exception while Feature Cache Update");
   }
 }
 
@@ -79,10 +79,8 @@ void FontSimilarCacheUpdateTask::Work() {
       cache->SaveCache();
       if (Fontrix* plugin = Fontrix::Global()) plugin->PostNotification("Fonts Similar List Updated Notifier");
     }
-  } catch (const std::exception& e) {
-    SimilarityLog().Info("Similar Cache Update throws exception: ", e.what());
   } catch (...) {
-    SimilarityLog().Info("Similar Cache Update throws exception");
+    SimilarityLog().Exception(CacheLog::kInfo, "Similar Cache Update throws exception");
   }
 }
 
@@ -90,7 +88,7 @@ void FontRecognitionCacheUpdateTask::Work() {
   try {
     if (auto cache = FontRecognitionCache::GetOrCreate()) cache->Update(fontList, generation);
   } catch (...) {
-    RecognitionLog().Info("Recognition Cache Update throws exception");
+    RecognitionLog().Exception(CacheLog::kInfo, "Recognition Cache Update throws exception");
   }
 }
 

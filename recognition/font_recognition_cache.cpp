@@ -60,7 +60,7 @@ void FontRecognitionCache::Init() {
   try {
     GetOrCreate()->Load(ResolveRecognitionPaths());
   } catch (...) {
-    RecognitionLog().Info("Recognition Cache Loading throws exception");
+    RecognitionLog().Exception(CacheLog::kInfo, "Recognition Cache Loading throws exception");
   }
 }
 

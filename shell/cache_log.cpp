@@ -1,5 +1,7 @@
 #include "shell/cache_log.h"
 
+#include <exception>
+
 #include <chrono>
 
 #include "shell/feature_switches.h"
@@ -58,6 +60,16 @@ QVPerfLogHandle PerformanceLog() {
     return named == none ? QVPerfLogHandle(nullptr) : named;
   }();
   return log;
+}
+
+void CacheLog::Exception(Level level, const char* line) {
+  LogLine(level, line);
+  try {
+    if (const std::exception_ptr caught = std::current_exception()) std::rethrow_exception(caught);
+  } catch (const std::exception& e) {
+    LogLine(level, "  because: ", e.what());
+  } catch (...) {
+  }
 }
 
 }  // namespace fontrix

@@ -47,6 +47,9 @@ class CacheLog {
   void Detail(const Pieces&... pieces) {
     LogLine(kDetail, pieces...);
   }
+  /// In a catch block: `line` at `level` (the block's fixed line, as it has always read), then,
+  /// on a line of its own, the message of the exception being handled when it has one.
+  void Exception(Level level, const char* line);
 
  private:
   void Append(const std::string& text);

@@ -74,7 +74,7 @@ void FontSimilarCache::Init() {
     const int result = cache->Load(ResolveSimilarityPaths());
     log.Info(result == kLoadOk ? "Similar Cache Loaded successful" : "Similar Cache Loaded unsuccessful");
   } catch (...) {
-    log.Info("Similar Cache Loading throws exception");
+    log.Exception(CacheLog::kInfo, "Similar Cache Loading throws exception");
   }
 }
 
@@ -220,7 +220,7 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
                  " lower Case Dimension : Height : ", specimens.upper.height, " Width : ", specimens.upper.width);
       }
     } catch (...) {
-      log.Detail("Processing Font throws");
+      log.Exception(CacheLog::kDetail, "Processing Font throws");
     }
     progress_.done++;
   }

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 namespace fontrix {
 namespace {
@@ -35,6 +36,21 @@ TEST(CacheLog, LevelsFileLifetimeAndMissingFolder) {
   std::filesystem::remove(file);  // deleted while running: the next line creates it again
   log.Detail("Processing Font throws");
   EXPECT_EQ(ReadAll(file), "Processing Font throws\n");
+
+  // A catch block's fixed line, then what was thrown, when it says anything.
+  std::filesystem::remove(file);
+  try {
+    throw std::runtime_error("model data ends too early");
+  } catch (...) {
+    log.Exception(CacheLog::kInfo, "Similar Cache Loading throws exception");
+  }
+  try {
+    throw 7;
+  } catch (...) {
+    log.Exception(CacheLog::kDetail, "Processing Font throws");
+  }
+  EXPECT_EQ(ReadAll(file),
+            "Similar Cache Loading throws exception\n  because: model data ends too early\nProcessing Font throws\n");
 
   log.SetFolder((dir / "missing" / "folder").string());
   log.Info("lost");  // no folder: the line vanishes without an error
