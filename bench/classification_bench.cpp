@@ -47,6 +47,25 @@ void BM_FeaturesOfOneFont(benchmark::State& state) {
 }
 BENCHMARK(BM_FeaturesOfOneFont)->Unit(benchmark::kMillisecond);
 
+// The glyph calls the features make, through the module's binding of the engine: a glyph
+// looked up by code and its advance, box and outline, from one or two threads.
+void BM_GlyphCallsThroughTheGlue(benchmark::State& state) {
+  const QVFontHandle font = Find("DejaVuSans");
+  fontrix::hostglue::FontAccess& access = fontrix::hostglue::HostFontAccess();
+  const double matrix[4] = {1000, 0, 0, 1000};
+  for (auto _ : state) {
+    uint32_t glyph = 0;
+    double advance = 0;
+    QVGlyphBox box{};
+    fontrix::hostglue::GlyphPath path;
+    if (!access.GlyphByCode(font, 'g', glyph) || !access.AdvanceWidth(font, glyph, advance) ||
+        !access.GlyphBox(font, glyph, box) || !access.Outline(font, glyph, matrix, path))
+      state.SkipWithError("DejaVu Sans could not be read");
+    benchmark::DoNotOptimize(path.segments.data());
+  }
+}
+BENCHMARK(BM_GlyphCallsThroughTheGlue)->Unit(benchmark::kMicrosecond)->Threads(1)->Threads(2);
+
 void BM_ClassifyAllInstalled(benchmark::State& state) {
   std::vector<QVFontHandle> fonts;
   for (const auto& f : StartedHost().Fonts())
@@ -63,7 +82,8 @@ void BM_ClassifyAllInstalled(benchmark::State& state) {
   state.counters["fonts"] = double(fonts.size());
   state.counters["measured"] = double(measured);
   // fonts per second of CPU time; its inverse is the time per font
-  state.counters["fonts_per_s"] = benchmark::Counter(double(fonts.size()), benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["fonts_per_s"] =
+      benchmark::Counter(double(fonts.size()), benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(BM_ClassifyAllInstalled)->Unit(benchmark::kMillisecond)->Iterations(3);
 

@@ -1,62 +1,82 @@
 #include "hostglue/font_engine.h"
 
 #include <atomic>
-#include <map>
-#include <mutex>
+#include <utility>
 
-#include "shell/host_suites.h"
 #include "sdk/qv_font_engine.h"
+#include "shell/host_suites.h"
 
 namespace fontrix::hostglue {
 
 namespace {
 
-std::mutex mutex;
-std::map<std::string, void*> procedures;
-std::atomic<bool> bound{false};
+FontEngineProcedures table;                                 // what the last binding found
+std::atomic<const FontEngineProcedures*> current{nullptr};  // &table while bound
+
+// Each procedure's name and its slot in the table, in binding order.
+template <typename Proc>
+std::pair<const char*, void**> Slot(const char* name, Proc& slot) {
+  return {name, reinterpret_cast<void**>(&slot)};
+}
+
+std::vector<std::pair<const char*, void**>> Slots(FontEngineProcedures& t) {
+  return {Slot(kQVProcIsFontUsable, t.isFontUsable),
+          Slot(kQVProcGetFontMetrics, t.getFontMetrics),
+          Slot(kQVProcGetUnderline, t.getUnderline),
+          Slot(kQVProcGetFontStyle, t.getFontStyle),
+          Slot(kQVProcGetGlyphByCode, t.getGlyphByCode),
+          Slot(kQVProcGetGlyphByName, t.getGlyphByName),
+          Slot(kQVProcGetGlyphBox, t.getGlyphBox),
+          Slot(kQVProcGetAdvanceWidth, t.getAdvanceWidth),
+          Slot(kQVProcGetGlyphOutline, t.getGlyphOutline),
+          Slot(kQVProcRenderGlyphBitmap, t.renderGlyphBitmap),
+          Slot(kQVProcReleaseGlyphBitmap, t.releaseGlyphBitmap),
+          Slot(kQVProcMeasureText, t.measureText),
+          Slot(kQVProcNewRasterPort, t.newRasterPort),
+          Slot(kQVProcDrawText, t.drawText),
+          Slot(kQVProcGetRasterPortPixels, t.getRasterPortPixels),
+          Slot(kQVProcDisposeRasterPort, t.disposeRasterPort),
+          Slot(kQVProcGetRasterPixels, t.getRasterPixels)};
+}
 
 }  // namespace
 
 const std::vector<std::string>& FontEngineProcedureNames() {
-  static const std::vector<std::string> names = {
-      kQVProcIsFontUsable,    kQVProcGetFontMetrics,    kQVProcGetUnderline,        kQVProcGetFontStyle,
-      kQVProcGetGlyphByCode,  kQVProcGetGlyphByName,    kQVProcGetGlyphBox,         kQVProcGetAdvanceWidth,
-      kQVProcGetGlyphOutline, kQVProcRenderGlyphBitmap, kQVProcReleaseGlyphBitmap,  kQVProcMeasureText,
-      kQVProcNewRasterPort,   kQVProcDrawText,          kQVProcGetRasterPortPixels, kQVProcDisposeRasterPort,
-      kQVProcGetRasterPixels,
-  };
+  static const std::vector<std::string> names = [] {
+    FontEngineProcedures scratch{};
+    std::vector<std::string> list;
+    for (const auto& [name, slot] : Slots(scratch)) list.push_back(name);
+    return list;
+  }();
   return names;
 }
 
+const FontEngineProcedures* BoundFontEngine() { return current.load(std::memory_order_acquire); }
+
 void* FontEngineProcedure(const std::string& name) {
-  std::lock_guard<std::mutex> lock(mutex);
-  auto it = procedures.find(name);
-  return it == procedures.end() ? nullptr : it->second;
+  const FontEngineProcedures* bound = BoundFontEngine();
+  if (!bound) return nullptr;
+  FontEngineProcedures copy = *bound;
+  for (const auto& [slot_name, slot] : Slots(copy))
+    if (name == slot_name) return *slot;
+  return nullptr;
 }
 
 BindResult BindFontEngine() {
   const QVFontGlueSuite* glue = qv::Suites().fontGlue;
   void* engine = nullptr;
   if (!glue || glue->GetEngineInterface(&engine) != kQVNoErr || !engine) return BindResult::kNoInterface;
-  std::map<std::string, void*> found;
-  for (const auto& name : FontEngineProcedureNames()) {
-    void* procedure = nullptr;
-    if (glue->GetEngineProcedure(engine, name.c_str(), &procedure) != kQVNoErr || !procedure)
-      return BindResult::kMissingProcedure;
-    found[name] = procedure;
-  }
-  std::lock_guard<std::mutex> lock(mutex);
-  procedures = std::move(found);
-  bound.store(true);
+  FontEngineProcedures found{};
+  for (const auto& [name, slot] : Slots(found))
+    if (glue->GetEngineProcedure(engine, name, slot) != kQVNoErr || !*slot) return BindResult::kMissingProcedure;
+  current.store(nullptr, std::memory_order_release);
+  table = found;
+  current.store(&table, std::memory_order_release);
   return BindResult::kBound;
 }
 
-void ReleaseFontEngine() {
-  std::lock_guard<std::mutex> lock(mutex);
-  procedures.clear();
-  bound.store(false);
-}
+void ReleaseFontEngine() { current.store(nullptr, std::memory_order_release); }
 
-bool FontEngineBound() { return bound.load(); }
+bool FontEngineBound() { return BoundFontEngine() != nullptr; }
 
 }  // namespace fontrix::hostglue

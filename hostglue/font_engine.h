@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "sdk/qv_font_engine.h"
+
 namespace fontrix::hostglue {
 
 /// Result of binding: the interface was found and every procedure registered, or not.
@@ -18,6 +20,31 @@ bool FontEngineBound();
 
 /// The names of the procedures the module binds, in binding order.
 const std::vector<std::string>& FontEngineProcedureNames();
+
+/// The engine's procedures, typed, as one binding found them.
+struct FontEngineProcedures {
+  QVIsFontUsableProc isFontUsable;
+  QVGetFontMetricsProc getFontMetrics;
+  QVGetUnderlineProc getUnderline;
+  QVGetFontStyleProc getFontStyle;
+  QVGetGlyphByCodeProc getGlyphByCode;
+  QVGetGlyphByNameProc getGlyphByName;
+  QVGetGlyphBoxProc getGlyphBox;
+  QVGetAdvanceWidthProc getAdvanceWidth;
+  QVGetGlyphOutlineProc getGlyphOutline;
+  QVRenderGlyphBitmapProc renderGlyphBitmap;
+  QVReleaseGlyphBitmapProc releaseGlyphBitmap;
+  QVMeasureTextProc measureText;
+  QVNewRasterPortProc newRasterPort;
+  QVDrawTextProc drawText;
+  QVGetRasterPortPixelsProc getRasterPortPixels;
+  QVDisposeRasterPortProc disposeRasterPort;
+  QVGetRasterPixelsProc getRasterPixels;
+};
+
+/// The bound procedures, or null while unbound. Workers read them without a lock: binding
+/// happens at start-up and release at shut-down, when no worker runs.
+const FontEngineProcedures* BoundFontEngine();
 
 /// The address bound for procedure `name`, or null while unbound.
 void* FontEngineProcedure(const std::string& name);

@@ -9,9 +9,11 @@ namespace fontrix::hostglue {
 
 namespace {
 
-template <typename Proc>
-Proc Bound(const char* name) {
-  return reinterpret_cast<Proc>(FontEngineProcedure(name));
+// The engine's procedures as bound at start-up; a null table (unbound) answers every call false.
+const FontEngineProcedures kUnbound{};
+const FontEngineProcedures& Engine() {
+  const FontEngineProcedures* bound = BoundFontEngine();
+  return bound ? *bound : kUnbound;
 }
 
 // Collects a path from the engine's sink callbacks.
@@ -47,40 +49,40 @@ class HostAccess : public FontAccess {
     return true;
   }
   bool IsUsable(QVFontHandle font) override {
-    auto proc = Bound<QVIsFontUsableProc>(kQVProcIsFontUsable);
+    auto proc = Engine().isFontUsable;
     QVBool usable = 0;
     return proc && proc(font, &usable) == kQVNoErr && usable;
   }
   bool Metrics(QVFontHandle font, QVFontMetrics& metrics) override {
-    auto proc = Bound<QVGetFontMetricsProc>(kQVProcGetFontMetrics);
+    auto proc = Engine().getFontMetrics;
     return proc && proc(font, &metrics) == kQVNoErr;
   }
   bool Underline(QVFontHandle font, double& position, double& thickness) override {
-    auto proc = Bound<QVGetUnderlineProc>(kQVProcGetUnderline);
+    auto proc = Engine().getUnderline;
     return proc && proc(font, &position, &thickness) == kQVNoErr;
   }
   bool Style(QVFontHandle font, QVFontStyle& style) override {
-    auto proc = Bound<QVGetFontStyleProc>(kQVProcGetFontStyle);
+    auto proc = Engine().getFontStyle;
     return proc && proc(font, &style) == kQVNoErr;
   }
   bool GlyphByCode(QVFontHandle font, uint32_t unicode, uint32_t& glyph) override {
-    auto proc = Bound<QVGetGlyphByCodeProc>(kQVProcGetGlyphByCode);
+    auto proc = Engine().getGlyphByCode;
     return proc && proc(font, unicode, &glyph) == kQVNoErr;
   }
   bool GlyphByName(QVFontHandle font, const std::string& name, uint32_t& glyph) override {
-    auto proc = Bound<QVGetGlyphByNameProc>(kQVProcGetGlyphByName);
+    auto proc = Engine().getGlyphByName;
     return proc && proc(font, name.c_str(), &glyph) == kQVNoErr;
   }
   bool GlyphBox(QVFontHandle font, uint32_t glyph, QVGlyphBox& box) override {
-    auto proc = Bound<QVGetGlyphBoxProc>(kQVProcGetGlyphBox);
+    auto proc = Engine().getGlyphBox;
     return proc && proc(font, glyph, &box) == kQVNoErr;
   }
   bool AdvanceWidth(QVFontHandle font, uint32_t glyph, double& advance) override {
-    auto proc = Bound<QVGetAdvanceWidthProc>(kQVProcGetAdvanceWidth);
+    auto proc = Engine().getAdvanceWidth;
     return proc && proc(font, glyph, &advance) == kQVNoErr;
   }
   bool Outline(QVFontHandle font, uint32_t glyph, const double matrix[4], GlyphPath& path) override {
-    auto proc = Bound<QVGetGlyphOutlineProc>(kQVProcGetGlyphOutline);
+    auto proc = Engine().getGlyphOutline;
     if (!proc) return false;
     path.segments.clear();
     PathCollector collector{path};
@@ -88,8 +90,8 @@ class HostAccess : public FontAccess {
     return proc(font, glyph, matrix, &sink) == kQVNoErr;
   }
   bool Bitmap(QVFontHandle font, uint32_t glyph, const double matrix[4], GlyphBitmap& bitmap) override {
-    auto render = Bound<QVRenderGlyphBitmapProc>(kQVProcRenderGlyphBitmap);
-    auto release = Bound<QVReleaseGlyphBitmapProc>(kQVProcReleaseGlyphBitmap);
+    auto render = Engine().renderGlyphBitmap;
+    auto release = Engine().releaseGlyphBitmap;
     if (!render || !release) return false;
     QVGlyphBitmap raw{};
     if (render(font, glyph, matrix, &raw) != kQVNoErr) return false;
@@ -104,15 +106,15 @@ class HostAccess : public FontAccess {
     return ok;
   }
   bool MeasureText(QVFontHandle font, const std::string& utf8, double size, QVIntRect& box) override {
-    auto proc = Bound<QVMeasureTextProc>(kQVProcMeasureText);
+    auto proc = Engine().measureText;
     return proc && proc(font, utf8.c_str(), size, &box) == kQVNoErr;
   }
   bool DrawText(QVFontHandle font, const std::string& utf8, double size, const QVIntRect& bounds,
                 GreyImage& image) override {
-    auto make = Bound<QVNewRasterPortProc>(kQVProcNewRasterPort);
-    auto draw = Bound<QVDrawTextProc>(kQVProcDrawText);
-    auto read = Bound<QVGetRasterPortPixelsProc>(kQVProcGetRasterPortPixels);
-    auto dispose = Bound<QVDisposeRasterPortProc>(kQVProcDisposeRasterPort);
+    auto make = Engine().newRasterPort;
+    auto draw = Engine().drawText;
+    auto read = Engine().getRasterPortPixels;
+    auto dispose = Engine().disposeRasterPort;
     if (!make || !draw || !read || !dispose) return false;
     QVRasterPort port = nullptr;
     if (make(&bounds, &port) != kQVNoErr || !port) return false;
@@ -124,7 +126,7 @@ class HostAccess : public FontAccess {
     return ok;
   }
   bool ImagePixels(QVRasterHandle raster, GreyImage& image) override {
-    auto proc = Bound<QVGetRasterPixelsProc>(kQVProcGetRasterPixels);
+    auto proc = Engine().getRasterPixels;
     QVGreyPixels pixels{};
     return proc && proc(raster, &pixels) == kQVNoErr && CopyPixels(pixels, image);
   }
