@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -88,7 +89,8 @@ const char* const kHelp =
     "  --json              JSON output\n"
     "  --format FORMAT     one line per font, with fields as fc-list -f takes them: %{name},\n"
     "                      %{family}, %{style}, %{file}, %{index}, %{weight}, %{width},\n"
-    "                      %{slant} (fontconfig's values), %{score}, %{classes}, %{status};\n"
+    "                      %{slant} (fontconfig's values), %{score}, %{classes}, %{status},\n"
+    "                      %{same_outlines} (similar: answers with the same outlines);\n"
     "                      \\t and \\n. Without it, text output is tab-separated columns, with a\n"
     "                      header line on a terminal\n"
     "  --limit N           at most N results\n"
@@ -438,6 +440,7 @@ OutputRow RowOf(const HostFont& f) {
   row.weight = f.weight;
   row.width = f.width;
   row.slant = f.slant;
+  row.outline_print = f.outline_print;
   return row;
 }
 
@@ -627,7 +630,9 @@ void WriteResultSheet(Host& host, const std::string& path, std::vector<Specimen>
     QVFontHandle font = nullptr;
     char score[32];
     std::snprintf(score, sizeof score, "%.4f", r.score.value_or(0));
-    if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, r.name + "  " + score, font);
+    // Family and style, as a designer names a face.
+    const std::string name = r.family.empty() ? r.name : r.family + " " + r.style;
+    if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, name + "  " + score, font);
   }
   try {
     WriteSheet(path, sheet);
@@ -720,6 +725,7 @@ void Similar(Host& host, const Options& options) {
   if (found.size() == 1 && found[0].first == query.name) found.clear();
   // The filters run over the module's whole answer, so --limit counts the fonts they keep.
   std::vector<OutputRow> rows = ResultRows(host, found, kAny);
+  FoldSameOutlines(rows);
   uint32_t wanted = 0;
   for (const std::string& c : options.classes) wanted |= 1u << ClassIndex(c);
   const std::map<std::string, uint32_t> masks = wanted ? ClassMasks(host) : std::map<std::string, uint32_t>();
@@ -748,13 +754,17 @@ void Similar(Host& host, const Options& options) {
             "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
                 ", \"query_style\": " + JsonString(query.style) +
                 ", \"query_installed\": " + (query.installed ? "true" : "false"),
-            "results", rows, std::string(kResultColumns) + (wanted ? "\\t%{classes}" : ""));
+            "results", rows,
+            std::string(kResultColumns) + (wanted ? "\\t%{classes}" : "") +
+                (std::any_of(rows.begin(), rows.end(), [](const OutputRow& r) { return !r.same_outlines.empty(); })
+                     ? "\\t%{same_outlines}"
+                     : ""));
   if (!options.sheet.empty()) {
     HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
     QVFontHandle face = nullptr;
     if (query.installed) Check(fonts->FindFontByName(query.name.c_str(), &face), "finding the font");
     std::vector<Specimen> sheet;
-    WriteResultSheet(host, options.sheet, sheet, rows, {query.name + " (query)", face});
+    WriteResultSheet(host, options.sheet, sheet, rows, {query.family + " " + query.style + " (query)", face});
   }
 }
 

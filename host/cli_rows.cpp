@@ -1,5 +1,6 @@
 #include "host/cli_rows.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -35,6 +36,11 @@ std::string Field(const std::string& field, const OutputRow& r) {
   if (field == "score") return r.score ? Score(*r.score) : "";
   if (field == "classes") return r.classes ? Classes(*r.classes, kClassShortNames, ",") : "";
   if (field == "status") return r.status ? *r.status : "";
+  if (field == "same_outlines") {
+    std::string names;
+    for (const std::string& n : r.same_outlines) names += (names.empty() ? "" : ",") + n;
+    return names;
+  }
   throw FormatError("--format has no field %{" + field + "}");
 }
 
@@ -63,9 +69,24 @@ void Walk(const std::string& format, Text text, FieldName field) {
 
 }  // namespace
 
+void FoldSameOutlines(std::vector<OutputRow>& rows) {
+  std::vector<OutputRow> kept;
+  for (OutputRow& row : rows) {
+    const auto twin = std::find_if(kept.begin(), kept.end(), [&](const OutputRow& k) {
+      return row.outline_print && k.outline_print == row.outline_print && row.score && k.score &&
+             std::fabs(*k.score - *row.score) < 1e-5;
+    });
+    if (twin == kept.end())
+      kept.push_back(std::move(row));
+    else
+      twin->same_outlines.push_back(row.name);
+  }
+  rows = std::move(kept);
+}
+
 const std::vector<std::string>& FormatFields() {
-  static const std::vector<std::string> kFields = {"name",  "family", "style", "file",    "index", "weight",
-                                                   "width", "slant",  "score", "classes", "status"};
+  static const std::vector<std::string> kFields = {"name",  "family", "style", "file",    "index",  "weight",
+                                                   "width", "slant",  "score", "classes", "status", "same_outlines"};
   return kFields;
 }
 
@@ -106,6 +127,11 @@ std::string JsonRow(const OutputRow& r) {
     out += "]";
   }
   if (r.status) out += ", \"status\": " + JsonString(*r.status);
+  if (!r.same_outlines.empty()) {
+    out += ", \"same_outlines\": [";
+    for (size_t i = 0; i < r.same_outlines.size(); ++i) out += (i ? ", " : "") + JsonString(r.same_outlines[i]);
+    out += "]";
+  }
   return out + "}";
 }
 

@@ -20,14 +20,20 @@ struct OutputRow {
   std::string name, family, style, file;
   int index = 0, weight = 80, width = 100, slant = 0;  ///< fontconfig's weight, width and slant
   std::optional<double> score;
-  std::optional<uint32_t> classes;   ///< bit i: kClassLabels[i]
-  std::optional<std::string> status;  ///< "used", or why the services leave the face out
+  std::optional<uint32_t> classes;         ///< bit i: kClassLabels[i]
+  std::optional<std::string> status;       ///< "used", or why the services leave the face out
+  std::vector<std::string> same_outlines;  ///< answers folded into this one: the same outlines under other names
+  uint64_t outline_print = 0;              ///< not printed: what tells faces with the same outlines
 };
 
 /// A format error: an unknown field or an unclosed %{.
 struct FormatError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+/// Folds answers with the same outlines as a better one under other names (STIX and STIXGeneral:
+/// the same outline print and the same score) into that answer's row, which names them.
+void FoldSameOutlines(std::vector<OutputRow>& rows);
 
 /// The fields a format may name, in the order --help lists them.
 const std::vector<std::string>& FormatFields();
@@ -39,7 +45,7 @@ std::string FormatRow(const std::string& format, const OutputRow& row);
 /// The header line of a format: each field's name in capitals, the text between fields kept.
 std::string FormatHeader(const std::string& format);
 /// The row as a JSON object: name, family, style, file, index, weight, width, slant, then score,
-/// classes (label strings) and status where the row has them.
+/// classes (label strings), status and same_outlines (names) where the row has them.
 std::string JsonRow(const OutputRow& row);
 
 }  // namespace fontrix::host

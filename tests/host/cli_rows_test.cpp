@@ -47,5 +47,30 @@ TEST(JsonRow, OnlyTheFieldsARowHasAndNeverANonNumber) {
       << json;
 }
 
+TEST(FoldSameOutlines, AnswersWithTheSameOutlinesAndScoreGoIntoTheBetterOnesRow) {
+  auto row = [](const char* name, uint64_t print, double score) {
+    OutputRow r = Row();
+    r.name = name;
+    r.outline_print = print;
+    r.score = score;
+    return r;
+  };
+  std::vector<OutputRow> rows = {row("STIXMath-Regular", 7, 1.9),
+                                 row("Termes", 8, 1.9),
+                                 row("STIX-Regular", 7, 1.9),
+                                 row("Other", 7, 1.5),  // the same print but another score: not the same answer
+                                 row("STIXGeneral-Regular", 7, 1.9),
+                                 row("Unknown", 0, 1.9),
+                                 row("Unknown2", 0, 1.9)};
+  FoldSameOutlines(rows);
+  ASSERT_EQ(rows.size(), 5u);
+  EXPECT_EQ(rows[0].same_outlines, (std::vector<std::string>{"STIX-Regular", "STIXGeneral-Regular"}));
+  EXPECT_EQ(rows[2].name, "Other");
+  EXPECT_TRUE(rows[4].same_outlines.empty());  // no print: never folded
+  EXPECT_EQ(FormatRow("%{same_outlines}", rows[0]), "STIX-Regular,STIXGeneral-Regular");
+  EXPECT_NE(JsonRow(rows[0]).find("\"same_outlines\": [\"STIX-Regular\", \"STIXGeneral-Regular\"]}"),
+            std::string::npos);
+}
+
 }  // namespace
 }  // namespace fontrix::host
