@@ -48,11 +48,12 @@ const char* const kHelp =
     "                      fc-list takes it (\"Open Sans\", :weight=bold, \"DejaVu Sans:italic\"),\n"
     "                      or text in the name or family; --class keeps fonts of those classes;\n"
     "                      --all lists every face fontconfig lists, with why one is left out\n"
-    "  classes [CLASS ...] [--not CLASS ...]\n"
+    "  classes [CLASS ...] [--not CLASS ...] [--sheet FILE]\n"
     "                      every installed font with its style classes; with classes, the fonts\n"
     "                      that have all of them and none of the --not ones (blackletter,\n"
     "                      decorative, handmade, monospace, sans-serif, script, serif,\n"
-    "                      slab-serif, or label strings such as fs_slab_serif)\n"
+    "                      slab-serif, or label strings such as fs_slab_serif); --sheet writes a\n"
+    "                      PNG contact sheet of them, labelled with family and style\n"
     "  similar NAME [--other-families] [--class CLASS ...] [--sheet FILE]\n"
     "                      the installed fonts most like font NAME (at most 80), best first, with\n"
     "                      scores; --other-families leaves out NAME's own family, --class keeps\n"
@@ -251,8 +252,9 @@ Options Parse(int argc, char** argv) {
   if (specimen && CodePoints(options.args[1]) > kLongestSpecimenText)
     throw UsageError("specimen draws at most " + std::to_string(kLongestSpecimenText) + " characters, not " +
                      std::to_string(CodePoints(options.args[1])));
-  if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize")
-    throw UsageError("--sheet is for similar and recognize only");
+  if (!options.sheet.empty() && options.command != "similar" && options.command != "recognize" &&
+      options.command != "classes")
+    throw UsageError("--sheet is for similar, recognize and classes only");
   if (!options.not_classes.empty() && options.command != "classes") throw UsageError("--not is for classes only");
   if (!options.classes.empty() && options.command != "fonts" && options.command != "similar")
     throw UsageError("--class is for fonts and similar only");
@@ -628,11 +630,11 @@ void WriteResultSheet(Host& host, const std::string& path, std::vector<Specimen>
   if (first.second) AddSheetRow(sheet, *glue, label, first.first, first.second);
   for (const OutputRow& r : rows) {
     QVFontHandle font = nullptr;
-    char score[32];
-    std::snprintf(score, sizeof score, "%.4f", r.score.value_or(0));
+    char score[32] = "";
+    if (r.score) std::snprintf(score, sizeof score, "  %.4f", *r.score);
     // Family and style, as a designer names a face.
     const std::string name = r.family.empty() ? r.name : r.family + " " + r.style;
-    if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, name + "  " + score, font);
+    if (!fonts->FindFontByName(r.name.c_str(), &font)) AddSheetRow(sheet, *glue, label, name + score, font);
   }
   try {
     WriteSheet(path, sheet);
@@ -819,6 +821,10 @@ void Classes(Host& host, const Options& options) {
     rows.back().classes = mask;
   }
   PrintRows(options, "", "fonts", rows, "%{name}\\t%{family}\\t%{style}\\t%{classes}");
+  if (!options.sheet.empty()) {
+    std::vector<Specimen> sheet;
+    WriteResultSheet(host, options.sheet, sheet, rows, {"", nullptr});
+  }
 }
 
 // What the module's background work did, per service, as its progress suite tells it; the

@@ -7,6 +7,7 @@ Usage: test_module_cli.py PATH/TO/fontrix PATH/TO/libfontrix.so
 """
 import json
 import os
+import struct
 import subprocess
 import sys
 import tempfile
@@ -73,6 +74,16 @@ class ModuleCliTest(unittest.TestCase):
         listed = [line.split("\t")[0] for line in self.classes().stdout.splitlines()]
         self.assertEqual(len(listed), len(set(listed)))
         self.assertEqual(sorted(listed), sorted(fonts))
+
+        # A contact sheet of a class: a PNG with a row of label and sample for each font listed.
+        sheet = os.path.join(self.cache, "monospace.png")
+        r = self.classes("monospace", "--limit", "3", "--sheet", sheet)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(sheet, "rb") as f:
+            png = f.read()
+        self.assertEqual(png[:8], b"\x89PNG\r\n\x1a\n")
+        height = struct.unpack(">I", png[20:24])[0]
+        self.assertGreater(height, 3 * 48)  # three rows of 48-pixel samples, and their labels
 
         r = self.classes("gothic")
         self.assertEqual(r.returncode, 2)
