@@ -1,8 +1,14 @@
 // Fuzz target for the host's font listing ("host_font_listing.txt" in the cache folder: what
 // earlier runs read of each face). Any bytes must end in a listing, never a crash, and what the
 // host writes of a listing it read must read back as the same listing.
+//
+// Input: a flags byte, then the listing. With bit 0 set the target ends the listing with the end
+// line of its sum, as the host writes it, so that mutated lines are still trusted and parsed to
+// the end rather than dropped for a sum that no longer matches.
+#include <cinttypes>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <sstream>
 #include <string>
 
@@ -19,10 +25,26 @@ bool SameFont(const HostFont& a, const HostFont& b) {
          a.usable == b.usable && a.outline_print == b.outline_print;
 }
 
+// The end line the host writes after `body`: the FNV-1a sum of the lines before it.
+std::string EndLine(const std::string& body) {
+  uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : body) hash = (hash ^ c) * 1099511628211ull;
+  char line[32];
+  std::snprintf(line, sizeof line, "end %016" PRIx64 "\n", hash);
+  return line;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
+  fontrix::fuzz::InputReader input(data, size);
+  const bool sealed = input.Byte() & 1;
+  std::string text(input.Rest());
+  if (sealed) {
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    text += EndLine(text);
+  }
+  std::istringstream in(text);
   const FontListing listing = ReadFontListing(in);
 
   for (const auto& [key, entry] : listing) {
@@ -37,7 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   std::ostringstream out;
   WriteFontListing(out, listing);
-  std::istringstream again(out.str());
+  // The target's end line is the host's: sealing what the host wrote gives it back unchanged.
+  const std::string written = out.str();
+  const size_t end = written.rfind("end ");
+  FUZZ_CHECK(end != std::string::npos && written.substr(0, end) + EndLine(written.substr(0, end)) == written);
+  std::istringstream again(written);
   const FontListing reread = ReadFontListing(again);
   FUZZ_CHECK(reread.size() == listing.size());
   for (const auto& [key, entry] : listing) {

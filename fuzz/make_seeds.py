@@ -9,8 +9,8 @@ whole files and the ways they go wrong (torn tails, counts that disagree, line e
 font_file: subsets of the machine's Debian fonts (letters, digits and the glyph "one", which the
 classification features need), in each format the host reads: TrueType, CFF, Type 1, a variable
 font, a collection, a bitmap-only font. recognition_picture: the sample line and shapes around
-the recognition geometry's limits. Seeds that reproduce fixed faults ("regression_*") are kept by
-hand and never rewritten. Deterministic: rerunning gives the same bytes.
+the recognition geometry's limits. Seeds named "regression_*" reproduce faults the targets found
+(now fixed). Deterministic: rerunning gives the same bytes.
 """
 import io
 import os
@@ -76,28 +76,48 @@ def write(target, name, data):
         f.write(data)
 
 
-# ---- similarity_pair: flags (bit 0: the shipped pair), meta length, generated groups and
-# records (16 bits each, little-endian), meta bytes, feature bytes.
+# ---- similarity_pair: flags (bit 0: the shipped pair; bit 1: a check sums file), lengths of
+# the meta and check sums files, generated groups and records (16 bits each, little-endian), meta
+# bytes, check sums bytes, feature bytes.
 
 def axis_record(axis):
     values = np.zeros(768, dtype="<f4")
-    values[axis % 768] = 1.0
+    values[axis % 384] = 1.0
     values[384 + axis % 384] = 1.0
     return values.tobytes()
 
 
-def pair_input(shipped, meta, features, groups=0, records=0):
-    return bytes([1 if shipped else 0]) + struct.pack("<HHH", len(meta), groups, records) + meta + features
+def pair_input(shipped, meta, features, groups=0, records=0, sums=None):
+    flags = (1 if shipped else 0) | (0 if sums is None else 2)
+    sums = sums or b""
+    return bytes([flags]) + struct.pack("<HHHH", len(meta), len(sums), groups, records) + meta + sums + features
 
 
 def cache_group(name, family=b"userFamily", style=b"userSubFamily", end=b"\n"):
     return end.join([b"0", b"0", b"0", name, family, style]) + end
 
 
+def fnv1a(data):
+    h = 14695981039346656037
+    for c in data:
+        h = ((h ^ c) * 1099511628211) & 0xFFFFFFFFFFFFFFFF
+    return h
+
+
+def sum_line(name, record):
+    return b"%016x\n" % fnv1a(name + b"\0" + record)
+
+
 def similarity_pair():
     two = cache_group(b"Mine-Regular") + cache_group(b"Other-Bold")
     records = axis_record(1) + axis_record(2)
+    sums = sum_line(b"Mine-Regular", axis_record(1)) + sum_line(b"Other-Bold", axis_record(2))
     write("similarity_pair", "cache_whole.bin", pair_input(False, two, records))
+    write("similarity_pair", "cache_with_sums.bin", pair_input(False, two, records, sums=sums))
+    # A save cut short before its sums: the entry without a line stays.
+    write("similarity_pair", "cache_sums_behind.bin", pair_input(False, two, records, sums=sums[:17]))
+    write("similarity_pair", "cache_sums_wrong.bin", pair_input(False, two, records, sums=sums[:17] + sums[:17]))
+    write("similarity_pair", "cache_sums_extra.bin", pair_input(False, two, records, sums=sums + sums[:17]))
     write("similarity_pair", "cache_zero_vector.bin", pair_input(False, two, axis_record(3) + bytes(3072)))
     write("similarity_pair", "cache_crlf.bin",
           pair_input(False, cache_group(b"Crlf-Regular", end=b"\r\n") + cache_group(b"Lf"), records))
@@ -112,6 +132,9 @@ def similarity_pair():
     write("similarity_pair", "shipped_whole.bin", pair_input(True, shipped, axis_record(6), 1863, 1863))
     write("similarity_pair", "shipped_one_short.bin", pair_input(True, b"", axis_record(6), 1863, 1863))
     write("similarity_pair", "shipped_torn_meta.bin", pair_input(True, shipped[:-4], axis_record(6), 1863, 1863))
+    # 1,864 groups and a record more: the reader kept the records without their names.
+    write("similarity_pair", "regression_shipped_extra_record.bin",
+          pair_input(True, shipped, axis_record(6), 1863, 1864))
 
 
 # ---- rec_font_table: the shipped table, and small tables naming the target's installed fonts.
@@ -138,18 +161,25 @@ def rec_font_table():
 # ---- font_listing: what the host writes, and listings it must ignore in part or whole.
 
 def font_listing():
-    header = b"fontrix font listing 2\n"
+    # A flags byte first: 1 has the target end the listing with its sum, 0 takes it as it is.
+    header = b"fontrix font listing 3\n"
     lines = [
         b"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf\t0\t1678443600\t0\t759720\t1\tDejaVuSans\tDejaVu Sans\tBook\t0\t0\t1\t11400714819323198485",
         b"/usr/share/fonts/truetype/inter-vf/Inter.var.ttf\t65536\t1666569600\t123456789\t805360\t1\tInter-Thin\tInter\tThin\t0\t0\t-1\t42",
         b"/fonts/tab\\there\\nand\\\\back.otb\t3\t1\t2\t3\t1\tName\\twith tab\tFam\\\\ily\tSty\\nle\t1\t1\t0\t0",
         b"/fonts/unreadable.pfb\t0\t5\t6\t7\t0\t\t\t\t0\t0\t-1\t0",
     ]
-    write("font_listing", "listing.txt", header + b"\n".join(lines) + b"\n")
-    write("font_listing", "fields_missing.txt", header + lines[0] + b"\n" + lines[1].rsplit(b"\t", 1)[0] + b"\n" + lines[3] + b"\n")
-    write("font_listing", "not_a_number.txt", header + lines[0] + b"\n" + lines[1].replace(b"\t65536\t", b"\tx\t") + b"\n")
-    write("font_listing", "other_header.txt", b"fontrix font listing 1\n" + lines[0] + b"\n")
-    write("font_listing", "number_forms.txt", header +
+    listing = header + b"\n".join(lines) + b"\n"
+    sealed, raw = b"\x01", b"\x00"
+    write("font_listing", "listing.txt", sealed + listing)
+    write("font_listing", "listing_with_end.txt", raw + listing + b"end %016x\n" % fnv1a(listing))
+    write("font_listing", "listing_cut.txt", raw + listing)
+    write("font_listing", "fields_missing.txt",
+          sealed + header + lines[0] + b"\n" + lines[1].rsplit(b"\t", 1)[0] + b"\n" + lines[3] + b"\n")
+    write("font_listing", "not_a_number.txt",
+          sealed + header + lines[0] + b"\n" + lines[1].replace(b"\t65536\t", b"\tx\t") + b"\n")
+    write("font_listing", "other_header.txt", sealed + b"fontrix font listing 2\n" + lines[0] + b"\n")
+    write("font_listing", "number_forms.txt", sealed + header +
           b"/f\t 12\t-0\t+3\t99999999999999999999\t1\tN\tF\tS\t1\t0\t7\t-1\n")
 
 
