@@ -208,7 +208,8 @@ def subset(path, text=FONT_TEXT, hinting=False, font_number=0, drop=()):
     return font
 
 
-def font_bytes(font):
+def font_bytes(font, flavor=None):
+    font.flavor = flavor
     out = io.BytesIO()
     font.save(out)
     return out.getvalue()
@@ -222,6 +223,15 @@ def font_file():
     write("font_file", "liberation_serif_bold_hinted.ttf",
           font_bytes(subset(truetype + "liberation2/LiberationSerif-Bold.ttf", hinting=True)))
     write("font_file", "nimbus_sans.otf", font_bytes(subset(opentype + "urw-base35/NimbusSans-Regular.otf")))
+    # The web formats FreeType unpacks itself: WOFF (zlib) and WOFF2 (Brotli, when Python has it).
+    write("font_file", "nimbus_sans.woff",
+          font_bytes(subset(opentype + "urw-base35/NimbusSans-Regular.otf", text="Handgloves1"), "woff"))
+    try:
+        import brotli  # noqa: F401
+        write("font_file", "dejavu_sans.woff2",
+              font_bytes(subset(truetype + "dejavu/DejaVuSans.ttf", text="Handgloves1"), "woff2"))
+    except ImportError:
+        print("no Brotli in Python: dejavu_sans.woff2 not written (scripts/setup.sh --training installs it)")
     write("font_file", "inter_variable.ttf",
           font_bytes(subset(truetype + "inter-vf/Inter.var.ttf", text="Handgloves1lIxXL")))
     # Bitmap strikes only (its empty glyf table is left out: FreeType reads the strikes alone).
