@@ -73,7 +73,7 @@ SHEET_QUERIES = ("LiberationSans", "Arimo", "NimbusSans-Regular", "TeXGyreHeros-
 SHEET_NEIGHBOURS = 8
 SAMPLE_TEXT = "Hamburgefonts RQW 2459"
 SAMPLE_SIZE = 22
-SAMPLE_WIDTH = 250
+SAMPLE_WIDTH = 330
 # Two faces are twins (the same letters under two names) when every advance agrees within
 # TWIN_ADVANCE ems and their specimens, as the similarity update draws them, are drawn alike
 # (evaluate.py's drawn_alike: both cases as wide within 3 %, under 4 grey levels apart on
@@ -81,6 +81,8 @@ SAMPLE_WIDTH = 250
 TWIN_ADVANCE = 0.002
 TWIN_WIDTH = 0.03
 TWIN_GREY = 4
+# Distance bands for the figures (the teacher's units: see REPORT.md).
+DISTANCE_BANDS = ((0, 1), (1, 5), (5, 10), (10, 15), (15, 20), (20, 30), (30, np.inf))
 SPECIMEN_TOOL = os.path.join(REPO, "build", "bin", "training-images")
 # Version of the drawing and of the files' layout; part of every digest.
 FORMAT = "letters-1"
@@ -596,6 +598,25 @@ def validate(result, letters_path, manifest_path=corpus_labels.MANIFEST):
     sibling = sum(family[indices[i][0]] == family[i] for i in range(len(names)))
     lines.append(f"- The nearest face is of the same family for {sibling} of {len(names)} faces "
                  f"({100 * sibling / len(names):.1f} %).")
+
+    # How far the teacher can be trusted: the first face of another family shares the primary
+    # style class (labels.tsv), by how far away it is.
+    primary = {}
+    with open(corpus_labels.LABELS, encoding="utf-8") as f:
+        next(f)
+        for line in f:
+            fields = line.rstrip("\n").split("\t")
+            primary[fields[0]] = fields[1].split(",")[0]
+    found = [(float(distances[i][list(indices[i]).index(k)]), primary.get(names[i]) == primary.get(names[k]))
+             for i, k in first_other.items() if k is not None]
+    cells = []
+    for lo, hi in DISTANCE_BANDS:
+        band = [same for d, same in found if lo <= d < hi]
+        if band:
+            cells.append(f"{lo:g}-{hi:g}: {len(band)} faces, {100 * np.mean(band):.1f} %")
+    lines.append(f"- The first face of another family has the query's primary style class for "
+                 f"{100 * np.mean([same for _, same in found]):.1f} % of {len(found)} faces; by its distance, "
+                 + "; ".join(cells) + ".")
     return lines
 
 
