@@ -3,16 +3,17 @@
 teacher that similarity training is to follow instead of family membership.
 
     /usr/bin/python3 training/letter_likeness.py [--work DIR] [--keep K] [--jobs N]
-    /usr/bin/python3 training/letter_likeness.py --work DIR --sheet FILE.png [NAME ...]
+    /usr/bin/python3 training/letter_likeness.py [--work DIR] [--sheet FILE.png [NAME ...]] [--validate]
 
 Every face of the corpus manifest is drawn by the reference host's font engine, through the
 same glue procedures the module binds (DrawText into a raster port), with the corpus as the
 machine's only fonts: a-z, A-Z and 0-9, each glyph on its own, at one size to the em, its
-baseline on a fixed row and its ink's centroid in the middle across, cut to a square of GLYPH_EM
-ems and brought down to CELL x CELL pixels of ink coverage. Slightly blurred, the 62 cells side by side are
-the face's letter vector, with the glyphs' advances appended; two faces are as far apart as
-their letter vectors (Euclidean), so weight, slant, width, contrast, serifs, x-height and
-proportions all count, and the spacing between letters does not.
+baseline on a fixed row and its ink's centroid in the middle across, cut to a square of
+GLYPH_EM ems and brought down to CELL x CELL pixels of ink coverage. Slightly blurred, the 62
+cells side by side are the face's letter vector, with the glyphs' advances appended; two faces
+are as far apart as their letter vectors (Euclidean), so weight, slant, width, contrast,
+serifs, x-height and proportions all count, and the placement of letters in a line does not
+(the advances only a little).
 
 Writes DIR/teacher/neighbours-DIGEST.npz: the faces' names, and per face its KEEP nearest other
 faces (indices into the names, nearest first) and their distances. DIGEST covers the manifest,
@@ -21,7 +22,10 @@ changed reads the file instead. The drawn letters are kept beside it (letters-DI
 change of the distance settings alone does not draw again.
 
 `--sheet` draws a contact sheet: per query face (well-known ones by default), the face and its
-8 nearest by the teacher, each as a line of letters with its name.
+8 nearest by the teacher, each as a line of letters with its name. `--validate` prints the
+figures of REPORT.md: how often a twin (the same letters under another name) comes first, how
+often a bold is nearer other families' bolds than its own regular, and how far the teacher's
+order agrees with the style classes.
 """
 import argparse
 import ctypes
@@ -60,9 +64,9 @@ DRAW_LEFT, DRAW_RIGHT = 1.0, 2.5
 # another foundry's cut of one design or one face placed half a pixel apart, come out nearly
 # equal, while a stem a pixel heavier (a weight step) still shows.
 BLUR = 0.8
-# The advances (ems) enter the vector times ADVANCE_WEIGHT: a face whose letters are all 0.05 em
-# (a typical step between spacings) wider apart moves by ADVANCE_WEIGHT * 0.05 * sqrt(62), a
-# fraction of what one weight step moves the cells (see REPORT.md).
+# The advances (ems) enter the vector times ADVANCE_WEIGHT: a face respaced by 0.05 em a letter
+# moves by ADVANCE_WEIGHT * 0.05 * sqrt(62) = 1.6, less than another foundry's cut of its design
+# (2-3) and a fifth of a neighbouring weight (about 8; REPORT.md has the scale).
 ADVANCE_WEIGHT = 4.0
 KEEP = 50
 # The contact sheet: queries (a sans and its metric clones, a bold, a script, a slab serif, a
@@ -112,7 +116,8 @@ class _GlueSuite(ctypes.Structure):  # QVFontGlueSuite, sdk/qv_font_suites.h
 
 
 class _IntRect(ctypes.Structure):
-    _fields_ = [("left", ctypes.c_int32), ("top", ctypes.c_int32), ("right", ctypes.c_int32), ("bottom", ctypes.c_int32)]
+    _fields_ = [("left", ctypes.c_int32), ("top", ctypes.c_int32), ("right", ctypes.c_int32),
+                ("bottom", ctypes.c_int32)]
 
 
 class _GreyPixels(ctypes.Structure):
@@ -145,7 +150,9 @@ class EngineFonts:
         self._lib.fontrix_host_acquire_suite.argtypes = [VoidP, ctypes.c_char_p, ctypes.c_int32]
         self._lib.fontrix_host_last_error.restype = ctypes.c_char_p
         self._lib.fontrix_host_close.argtypes = [VoidP]
-        self._host = self._lib.fontrix_host_open(ctypes.byref(_Options(None, None, b"classification,similarity,recognition")))
+        # Only the host's fonts and engine are used: no service needs to start.
+        options = _Options(None, None, b"classification,similarity,recognition")
+        self._host = self._lib.fontrix_host_open(ctypes.byref(options))
         if not self._host:
             raise RuntimeError("the reference host did not open: " + self._lib.fontrix_host_last_error().decode())
         self._fonts = _FontSuite.from_address(self._suite(b"QV Font Suite"))
@@ -565,7 +572,8 @@ def validate(result, letters_path, manifest_path=corpus_labels.MANIFEST):
                        for i, j in twins])
     lines.append(f"- Twins: {len(twin_of)} faces have a twin of another family ({len(twins)} pairs: every "
                  f"advance within {TWIN_ADVANCE} em and the module's specimens drawn alike). The teacher's "
-                 f"first face of another family is a twin for {hits} of them ({100 * hits / max(1, len(twin_of)):.1f} %); "
+                 f"first face of another family is a twin for {hits} of them "
+                 f"({100 * hits / max(1, len(twin_of)):.1f} %); "
                  f"twins are {np.median(twin_d):.2f} apart (median; 90 % under {np.quantile(twin_d, 0.9):.2f}).")
     misses = [(names[i], names[first_other[i]], sorted(names[j] for j in twin_of[i])) for i in twin_of
               if first_other[i] not in twin_of[i]]
@@ -590,8 +598,8 @@ def validate(result, letters_path, manifest_path=corpus_labels.MANIFEST):
         nearer += other_bold < own_rank
         own_first += own_rank == 0
     lines.append(f"- Bolds: of {len(bolds)} upright bold (700) faces whose family has an upright regular (400), "
-                 f"{nearer} ({100 * nearer / max(1, len(bolds)):.1f} %) have another family's face of weight 600 or more "
-                 f"nearer than their own regular; the regular is the nearest face for {own_first} "
+                 f"{nearer} ({100 * nearer / max(1, len(bolds)):.1f} %) have another family's face of weight 600 "
+                 f"or more nearer than their own regular; the regular is the nearest face for {own_first} "
                  f"({100 * own_first / max(1, len(bolds)):.1f} %).")
 
     # Families, for scale: how often the nearest face is a sibling.
