@@ -38,7 +38,12 @@ class FontFile {
     args.flags = FT_OPEN_STREAM;
     args.stream = &stream_;
     FT_Face face = nullptr;
-    return FT_Open_Face(library, &args, index, &face) == 0 ? face : nullptr;
+    if (FT_Open_Face(library, &args, index, &face) != 0) return nullptr;
+    // A WOFF file is unpacked into a stream FreeType allocates in place of ours, yet FreeType
+    // 2.12 still marks the face's stream as the caller's, so FT_Done_Face would leave it behind:
+    // a stream that is not ours is FreeType's to free.
+    if (face->stream != &stream_) face->face_flags &= ~FT_FACE_FLAG_EXTERNAL_STREAM;
+    return face;
   }
 
  private:
