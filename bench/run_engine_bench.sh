@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Engine speed and memory on this machine, the figures quoted in README:
+# Engine speed and memory on this machine, the figures quoted in bench/README.md:
 #  1. Google Benchmark of the reference network (batch 5 and 10, 1 and 2 threads, per-layer
 #     breakdown, products alone), with the machine's OpenBLAS settings as they are;
 #  2. the same with OPENBLAS_CORETYPE and OPENBLAS_L2_SIZE unset together, in that one command,
