@@ -10,16 +10,13 @@
 #include "shell/cache_log.h"
 #include "shell/cancellation.h"
 #include "shell/host_suites.h"
-#include "shell/process_wide.h"
 
 namespace fontrix {
 
 namespace {
 
-std::mutex update_mutex;  // one update at a time; taken before the cache lock
 std::mutex paths_mutex;
 std::string lookup_path, cache_path, debug_path;
-hostglue::FontAccessSlot font_access;
 std::mutex classifier_mutex;
 FontFeatureCache::Classifier classifier;
 
@@ -39,8 +36,6 @@ int64_t Classify(hostglue::FontAccess& fonts, QVFontHandle font) {
 
 }  // namespace
 
-void FontFeatureCache::SetFontAccess(hostglue::FontAccess* access) { font_access.Set(access); }
-
 void FontFeatureCache::SetClassifier(Classifier c) {
   std::lock_guard<std::mutex> lock(classifier_mutex);
   classifier = std::move(c);
@@ -51,9 +46,9 @@ void FontFeatureCache::SetUpPaths() { SetCacheFolder(qv::FolderPath(kQVFolderUse
 void FontFeatureCache::SetCacheFolder(const std::string& folder) {
   std::lock_guard<std::mutex> lock(paths_mutex);
   if (folder.empty()) return;
-  lookup_path = folder + "/" + kFamilyLabelsFileName;
-  cache_path = folder + "/" + kFeatureCacheFileName;
-  debug_path = folder + "/" + kFeatureLogFileName;
+  lookup_path = FileInFolder(folder, kFamilyLabelsFileName);
+  cache_path = FileInFolder(folder, kFeatureCacheFileName);
+  debug_path = FileInFolder(folder, kFeatureLogFileName);
   ClassificationLog().SetFolder(folder);
   CacheLog& log = ClassificationLog();
   log.Info("Look-Up File Path : ", lookup_path);
@@ -66,14 +61,9 @@ std::string FontFeatureCache::CacheFilePath() {
   return cache_path;
 }
 
-std::shared_ptr<FontFeatureCache> FontFeatureCache::Instance() { return ProcessWide<FontFeatureCache>::Get(); }
-std::shared_ptr<FontFeatureCache> FontFeatureCache::GetOrCreate() {
-  return ProcessWide<FontFeatureCache>::GetOrCreate();
-}
-
 void FontFeatureCache::Terminate() {
   ClassificationLog().Info("Feature Cache Terminating");
-  ProcessWide<FontFeatureCache>::Reset();
+  ServiceCache::Terminate();
 }
 
 void FontFeatureCache::Init() {
@@ -121,11 +111,11 @@ bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
   CacheLog& log = ClassificationLog();
   log.Info("Update : Cache Font Server ID - ", fontServerId_.load());
   log.Info(" Current Font Server ID - ", currentId);
-  if (!font_access.Available() || currentId < fontServerId_.load() || fonts.empty()) return false;
-  std::lock_guard<std::mutex> update(update_mutex);
+  if (!Fonts().Available() || currentId < fontServerId_.load() || fonts.empty()) return false;
+  std::lock_guard<std::mutex> update(UpdateMutex());
   log.Info("Update Starts");
   if (!loaded_.load()) Load();  // the init task may not have run yet
-  hostglue::FontAccess& access = font_access.Get();
+  hostglue::FontAccess& access = Fonts().Get();
   progress_.Start(uint32_t(fonts.size()));
 
   std::vector<QVFontHandle> unmatched;

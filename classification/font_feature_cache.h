@@ -1,35 +1,30 @@
 #pragma once
 // The classification cache: the class bitmask of every installed font, kept in
 // "FontFeatureCache.json" so that only fonts new since the last run are measured.
-#include <atomic>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "classification/feature_cache_file.h"
 #include "hostglue/font_access.h"
-#include "shell/cache_progress.h"
 #include "sdk/qv_types.h"
+#include "shell/service_cache.h"
 
 namespace fontrix {
 
-class FontFeatureCache {
+class FontFeatureCache : public ServiceCache<FontFeatureCache, hostglue::FontAccessSlot> {
  public:
   /// The class bitmask of a font, or -1 when it cannot be measured (stored as no class).
   using Classifier = std::function<int64_t(hostglue::FontAccess&, QVFontHandle)>;
 
-  static std::shared_ptr<FontFeatureCache> Instance();
-  static std::shared_ptr<FontFeatureCache> GetOrCreate();
   /// Logs "Feature Cache Terminating" and releases the instance.
   static void Terminate();
   /// Creates the instance and loads the cache file (init task).
   static void Init();
   /// Builds the three paths from the host's writable folder (main thread) and logs them.
   static void SetUpPaths();
-  static void SetFontAccess(hostglue::FontAccess* access);
   /// Replaces the measuring and scoring of fonts (tests).
   static void SetClassifier(Classifier classifier);
   static std::string CacheFilePath();
@@ -48,17 +43,10 @@ class FontFeatureCache {
   /// The mask of font `name`, or -1 when it is not cached.
   int64_t Mask(const std::string& name);
 
-  bool Loaded() const { return loaded_.load(); }
-  uint32_t FontServerId() const { return fontServerId_.load(); }
-  CacheProgress& Progress() { return progress_; }
-
  private:
   std::shared_mutex lock_;              // the records
   std::vector<FeatureRecord> records_;  // sorted by name after every merge
   size_t storedThisRun_ = 0;            // records this instance added
-  std::atomic<bool> loaded_{false};
-  std::atomic<uint32_t> fontServerId_{0};
-  CacheProgress progress_;
 };
 
 }  // namespace fontrix

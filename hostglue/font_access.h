@@ -79,6 +79,7 @@ FontAccess& HostFontAccess();
 /// A cache's way to the fonts: the host's, unless a test has put another FontAccess in.
 class FontAccessSlot {
  public:
+  using Access = FontAccess;
   void Set(FontAccess* access) { access_.store(access); }
   FontAccess& Get() const {
     FontAccess* access = access_.load();

@@ -10,7 +10,6 @@
 #include "deepnet/network.h"
 #include "shell/cache_log.h"
 #include "shell/host_suites.h"
-#include "shell/process_wide.h"
 #include "similarity/font_similar_cache.h"
 #include "similarity/similarity_table.h"
 
@@ -21,7 +20,6 @@ namespace {
 std::mutex paths_mutex;
 RecognitionPaths resolved_paths;
 bool paths_resolved = false;
-hostglue::FontAccessSlot font_access;
 
 }  // namespace
 
@@ -29,8 +27,8 @@ const RecognitionPaths& ResolveRecognitionPaths() {
   std::lock_guard<std::mutex> lock(paths_mutex);
   if (!paths_resolved) {
     const std::string data = qv::FolderPath(kQVFolderPluginData, false);
-    auto in = [&](const char* file) { return data.empty() ? std::string() : data + "/" + file; };
-    resolved_paths = {in("NQ_rec_model.dnm"), in("NQ_rec_font.bin"), in("NQ_loc_model.dnm")};
+    resolved_paths = {FileInFolder(data, "NQ_rec_model.dnm"), FileInFolder(data, "NQ_rec_font.bin"),
+                      FileInFolder(data, "NQ_loc_model.dnm")};
     paths_resolved = true;
     CacheLog& log = RecognitionLog();
     log.Info("Recognition Model File-Path : ", resolved_paths.model);
@@ -45,16 +43,6 @@ void SetRecognitionPaths(const RecognitionPaths& paths) {
   resolved_paths = paths;
   paths_resolved = true;
 }
-
-void FontRecognitionCache::SetFontAccess(hostglue::FontAccess* access) { font_access.Set(access); }
-
-std::shared_ptr<FontRecognitionCache> FontRecognitionCache::Instance() {
-  return ProcessWide<FontRecognitionCache>::Get();
-}
-std::shared_ptr<FontRecognitionCache> FontRecognitionCache::GetOrCreate() {
-  return ProcessWide<FontRecognitionCache>::GetOrCreate();
-}
-void FontRecognitionCache::Terminate() { ProcessWide<FontRecognitionCache>::Reset(); }
 
 void FontRecognitionCache::Init() {
   try {
@@ -134,9 +122,9 @@ bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32
   progress_.Start(uint32_t(fonts.size()));
   // The same fonts in the same order as the similarity cache matches them, so the font indices
   // of the two caches agree when recognition widens through similarity.
-  hostglue::FontAccess& access = font_access.Get();
+  hostglue::FontAccess& access = Fonts().Get();
   std::vector<std::string> names;
-  const bool available = font_access.Available();
+  const bool available = Fonts().Available();
   for (QVFontHandle f : fonts) {
     hostglue::FontNames n;
     if (available && access.IsUsable(f) && access.Names(f, n)) names.push_back(n.uniqueName);
@@ -263,7 +251,7 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
 
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle image) {
   hostglue::GreyImage pixels;
-  if (!font_access.Get().ImagePixels(image, pixels)) return {};
+  if (!Fonts().Get().ImagePixels(image, pixels)) return {};
   return GetRecognizedFontList(pixels.pixels.data(), pixels.width, pixels.height);
 }
 

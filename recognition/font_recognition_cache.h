@@ -2,18 +2,16 @@
 // The recognition cache: the recognition network, the optional localisation network, the font
 // table that names the network's classes, and the query from a raster of one line of text.
 #include <array>
-#include <atomic>
 #include <cstdint>
-#include <memory>
 #include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "deepnet/layer_model.h"
 #include "hostglue/font_access.h"
-#include "shell/cache_progress.h"
 #include "recognition/line_scoring.h"
 #include "sdk/qv_types.h"
+#include "shell/service_cache.h"
 
 namespace fontrix {
 
@@ -24,7 +22,7 @@ struct RecognitionPaths {
 const RecognitionPaths& ResolveRecognitionPaths();
 void SetRecognitionPaths(const RecognitionPaths& paths);
 
-class FontRecognitionCache {
+class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue::FontAccessSlot> {
  public:
   static constexpr size_t kMaxResults = 40;
   static constexpr size_t kSteeringCandidates = 10;
@@ -42,12 +40,8 @@ class FontRecognitionCache {
     uint32_t status = 0;
   };
 
-  static std::shared_ptr<FontRecognitionCache> Instance();
-  static std::shared_ptr<FontRecognitionCache> GetOrCreate();
-  static void Terminate();
   /// Creates the instance and loads the files of ResolveRecognitionPaths() (init task).
   static void Init();
-  static void SetFontAccess(hostglue::FontAccess* access);
 
   /// Loads the networks and the font table; false when the recognition network or the table is
   /// missing or cannot be used, or the table's font count is not the number of classes the
@@ -67,9 +61,6 @@ class FontRecognitionCache {
   /// Widens ranked candidates through the similarity cache's font-set query.
   static std::vector<Candidate> Widen(const std::vector<Candidate>& ranked);
 
-  bool Loaded() const { return loaded_.load(); }
-  uint32_t FontServerId() const { return fontServerId_.load(); }
-  CacheProgress& Progress() { return progress_; }
   size_t TableSize();
 
  private:
@@ -84,9 +75,6 @@ class FontRecognitionCache {
   std::string LoadData(const RecognitionPaths& paths);
   std::vector<int32_t> entryToFont_;
   std::vector<std::string> installed_;
-  std::atomic<bool> loaded_{false};
-  std::atomic<uint32_t> fontServerId_{0};
-  CacheProgress progress_;
 };
 
 }  // namespace fontrix

@@ -8,17 +8,14 @@
 #include "shell/cache_log.h"
 #include "shell/cancellation.h"
 #include "shell/host_suites.h"
-#include "shell/process_wide.h"
 #include "similarity/specimen.h"
 
 namespace fontrix {
 
 namespace {
 
-std::mutex update_mutex;  // one update at a time; taken before the cache's own mutex
 std::mutex paths_mutex;
 SimilarityPaths resolved_paths;
-hostglue::FontAccessSlot font_access;
 
 }  // namespace
 
@@ -27,12 +24,9 @@ const SimilarityPaths& ResolveSimilarityPaths() {
   if (resolved_paths.model.empty()) {
     const std::string data = qv::FolderPath(kQVFolderPluginData, false),
                       cache = qv::FolderPath(kQVFolderUserCache, true);
-    auto in = [](const std::string& folder, const char* file) {
-      return folder.empty() ? std::string() : folder + "/" + file;
-    };
-    resolved_paths = {in(data, "NQ_sim_model.dnm"),     in(data, "NQ_sim_fea_fs.bin"),
-                      in(data, "NQ_sim_meta_fs.bin"),   in(cache, "NQ_sim_fea_sys.cch"),
-                      in(cache, "NQ_sim_meta_sys.cch"), in(cache, "NQ_sim_debug_info.txt")};
+    resolved_paths = {FileInFolder(data, "NQ_sim_model.dnm"),     FileInFolder(data, "NQ_sim_fea_fs.bin"),
+                      FileInFolder(data, "NQ_sim_meta_fs.bin"),   FileInFolder(cache, "NQ_sim_fea_sys.cch"),
+                      FileInFolder(cache, "NQ_sim_meta_sys.cch"), FileInFolder(cache, "NQ_sim_debug_info.txt")};
     if (!cache.empty()) SimilarityLog().SetFolder(cache);
     CacheLog& log = SimilarityLog();
     log.Info("Model File-Path : ", resolved_paths.model);
@@ -50,19 +44,12 @@ void SetSimilarityPaths(const SimilarityPaths& paths) {
   resolved_paths = paths;
 }
 
-void FontSimilarCache::SetFontAccess(hostglue::FontAccess* access) { font_access.Set(access); }
-
-std::shared_ptr<FontSimilarCache> FontSimilarCache::Instance() { return ProcessWide<FontSimilarCache>::Get(); }
-std::shared_ptr<FontSimilarCache> FontSimilarCache::GetOrCreate() {
-  return ProcessWide<FontSimilarCache>::GetOrCreate();
-}
-
 void FontSimilarCache::Terminate() {
   if (auto cache = Instance()) {
-    std::lock_guard<std::mutex> update(update_mutex);
+    std::lock_guard<std::mutex> update(UpdateMutex());
     cache->SaveCache();
   }
-  ProcessWide<FontSimilarCache>::Reset();
+  ServiceCache::Terminate();
 }
 
 void FontSimilarCache::Init() {
@@ -79,7 +66,7 @@ void FontSimilarCache::Init() {
 }
 
 int FontSimilarCache::Load(const SimilarityPaths& paths) {
-  std::lock_guard<std::mutex> update(update_mutex);
+  std::lock_guard<std::mutex> update(UpdateMutex());
   return LoadLocked(paths);
 }
 
@@ -146,8 +133,8 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
   CacheLog& log = SimilarityLog();
   log.Info("Update : Cache Font Server ID - ", fontServerId_.load());
   log.Info(" Current Font Server ID - ", currentId);
-  if (!font_access.Available() || currentId < fontServerId_.load() || fonts.empty()) return false;
-  std::lock_guard<std::mutex> update(update_mutex);
+  if (!Fonts().Available() || currentId < fontServerId_.load() || fonts.empty()) return false;
+  std::lock_guard<std::mutex> update(UpdateMutex());
   log.Info("Update Starts with #Fonts = ", fonts.size());
   if (CancelRequested()) return false;
   // The init and update tasks run at once; an update that wins the race loads the table first
@@ -155,7 +142,7 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
   if (!loaded_.load()) LoadLocked(ResolveSimilarityPaths());
   // Without a network (no model file) no font can be computed: leave them for a later run.
   if (table_.network.empty()) return false;
-  hostglue::FontAccess& access = font_access.Get();
+  hostglue::FontAccess& access = Fonts().Get();
 
   std::vector<QVFontHandle> usable;
   for (QVFontHandle f : fonts)

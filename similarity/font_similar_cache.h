@@ -2,9 +2,7 @@
 // The similarity cache: the process-wide owner of the similarity table, loaded by the init
 // task, brought up to date with the installed fonts by the update task, appended to its cache
 // files when torn down, and read by the similar-font queries.
-#include <atomic>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -13,8 +11,8 @@
 #include <vector>
 
 #include "hostglue/font_access.h"
-#include "shell/cache_progress.h"
 #include "sdk/qv_types.h"
+#include "shell/service_cache.h"
 #include "similarity/similarity_table.h"
 
 namespace fontrix {
@@ -44,21 +42,15 @@ struct ShippedFace {
   bool installed = false;
 };
 
-class FontSimilarCache {
+class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAccessSlot> {
  public:
   static constexpr size_t kMaxSimilarFonts = 80;
   static constexpr size_t kMaxFontSetSize = 5;
 
-  /// The process-wide instance, or null when none has been created.
-  static std::shared_ptr<FontSimilarCache> Instance();
-  /// The instance, created when absent.
-  static std::shared_ptr<FontSimilarCache> GetOrCreate();
   /// Saves the pending entries and releases the instance.
   static void Terminate();
   /// Creates the instance and loads the files of ResolveSimilarityPaths() (init task).
   static void Init();
-  /// The fonts, glyphs and text the update draws with; the host's by default.
-  static void SetFontAccess(hostglue::FontAccess* access);
 
   /// Loads the shipped pair, the cache pair (cut back first when a save was torn) and the
   /// model, when nothing is loaded yet and the model exists; the table's load result.
@@ -88,9 +80,6 @@ class FontSimilarCache {
   std::vector<RankedRecord> GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,
                                                 const std::vector<float>& weights);
 
-  bool Loaded() const { return loaded_.load(); }
-  uint32_t FontServerId() const { return fontServerId_.load(); }
-  CacheProgress& Progress() { return progress_; }
   /// Installed-font names of the last matching pass, in font-list order.
   std::vector<std::string> InstalledFonts();
   /// Entries in the table.
@@ -116,9 +105,6 @@ class FontSimilarCache {
   std::vector<std::string> installedNames_;
   size_t storedThisRun_ = 0;               // entries this instance added
   std::set<std::string> unusableThisRun_;  // fonts that could not be imaged, by name
-  std::atomic<uint32_t> fontServerId_{0};
-  std::atomic<bool> loaded_{false};
-  CacheProgress progress_;
 };
 
 }  // namespace fontrix
