@@ -18,9 +18,15 @@ double ScoreLabel(int32_t n, const FeatureVector& features, bool debug) {
 }
 
 uint32_t ClassMask(const FeatureVector& features) {
+  std::array<double, kStyleClassCount> scores;
+  for (int c = 0; c < kStyleClassCount; ++c) scores[size_t(c)] = ScoreLabel(kClassBits[c].attribute, features, false);
+  return ClassMaskOfScores(scores);
+}
+
+uint32_t ClassMaskOfScores(const std::array<double, kStyleClassCount>& scores) {
   uint32_t mask = 0;
-  for (const ClassBit& c : kClassBits)
-    if (ScoreLabel(c.attribute, features, false) > 0.5) mask |= c.bit;
+  for (int c = 0; c < kStyleClassCount; ++c)
+    if (scores[size_t(c)] > 0.5) mask |= kClassBits[c].bit;
   return mask;
 }
 

@@ -20,5 +20,7 @@ double ScoreLabel(int32_t n, const FeatureVector& features, bool debug);
 
 /// The bits of the style classes scoring strictly above 0.5.
 uint32_t ClassMask(const FeatureVector& features);
+/// The same from the eight style classes' scores, in class order: a NaN score sets no bit.
+uint32_t ClassMaskOfScores(const std::array<double, kStyleClassCount>& scores);
 
 }  // namespace fontrix
