@@ -1,5 +1,5 @@
-"""The similarity trunk's top retrained over cached lower-trunk features: the split of the trunk,
-the cache key, and the mining of hard negatives."""
+"""The similarity trunk's top retrained towards the letter-likeness teacher over cached
+lower-trunk features: the split of the trunk, the cache key, the loss and the mining."""
 import collections
 import contextlib
 import io
@@ -16,6 +16,7 @@ sys.path.insert(0, TRAINING)
 sys.path.insert(0, os.path.join(TRAINING, "corpus"))
 try:
     import torch  # noqa: E402
+    import torch.nn.functional as F  # noqa: E402
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
     raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
@@ -67,46 +68,44 @@ class TrunkSplit(unittest.TestCase):
         self.assertNotEqual(split.digest(), digest)
 
 
-class Mining(unittest.TestCase):
-    def setUp(self):
-        self.split = top.TrunkSplit(small_net())
-        rng = np.random.default_rng(4)
-        # Six specimens: (family, case) = (0,0) (0,0) (1,0) (2,0) (2,1) (3,0); specimen 5 is a copy
-        # of specimen 0 (another family drawing the same letters).
-        # Each specimen lights its own block of channels, so that only the copy comes near.
-        self.features = np.zeros((6, images.CROPS) + self.split.shape, np.float16)
-        for i in range(6):
-            self.features[i, :, 18 * i:18 * i + 18] = rng.random((images.CROPS, 18, 6, 6)) * 4
-        self.features[5] = self.features[0]
-        self.families = np.array([0, 0, 1, 2, 2, 3])
-        self.cases = np.array([0, 0, 0, 0, 1, 0])
-        self.rows = np.arange(6)
+class TeacherObjective(unittest.TestCase):
+    """The batch loss follows the teacher's order, and mining finds what the teacher disowns."""
 
-    def mined(self, clone):
-        return top.mine(self.split, self.features, self.rows, self.families, self.cases, clone, count=3)
+    def test_vectors_ordered_like_the_teacher_lose_less(self):
+        # Four faces on a line, 2 teacher units apart: each face's nearest is its neighbour.
+        distances = np.abs(np.subtract.outer(np.arange(4), np.arange(4))) * 2.0
+        angles = torch.tensor([0.0, 0.3, 0.6, 0.9])
+        alike = torch.stack([angles.cos(), angles.sin()], 1)
+        shuffled = alike[[0, 2, 3, 1]]
+        self.assertLess(top.distillation_loss(alike, distances, 4.0), top.distillation_loss(shuffled, distances, 4.0))
 
-    def test_negatives_are_of_another_family_and_the_same_case(self):
-        hard = self.mined(lambda a, b: False)
-        for k, negatives in hard.items():
-            for j in negatives:
-                self.assertNotEqual(self.families[j], self.families[k])
-                self.assertEqual(self.cases[j], self.cases[k])
-        self.assertEqual(hard[4], [])  # the only upper-case specimen has no other
-        self.assertEqual(hard[0][0], 5)  # the copy is nearest of all
+    def test_faces_with_nothing_near_teach_nothing(self):
+        far = np.array([[0, 40, 50], [40, 0, 60], [50, 60, 0]], np.float32)
+        v = F.normalize(torch.randn(3, 8), dim=1)
+        self.assertIsNone(top.distillation_loss(v, far, 4.0))
+        near = far.copy()
+        near[0, 1] = near[1, 0] = 3  # two faces alike: only their rows count, the third's not
+        loss = top.distillation_loss(v, near, 4.0)
+        rows = top.distillation_loss(v[:2], near[:2, :2], 4.0)
+        # The third face, far for the teacher, still takes a share of the vectors' distribution.
+        self.assertGreater(float(loss), float(rows))
 
-    def test_a_face_drawn_the_same_is_never_a_negative(self):
-        asked = []
-
-        def clone(a, b):
-            asked.append((a, b))
-            return {a, b} == {0, 5}
-
-        hard = self.mined(clone)
-        self.assertNotIn(5, hard[0])
-        self.assertNotIn(0, hard[5])
-        self.assertIn(2, hard[0])
-        # Only vectors all but equal are compared pixel by pixel.
-        self.assertTrue(all({a, b} == {0, 5} for a, b in asked), asked)
+    def test_hard_negatives_are_training_faces_the_teacher_puts_far(self):
+        class Toy:
+            # Faces 0-5; the teacher's nearest of each (face 5 is not a training face).
+            names = [str(i) for i in range(6)]
+            near = [[1, 5], [0], [3], [2], [0], [0]]
+        vectors = F.normalize(torch.tensor([[1.0, 0.0], [0.9, 0.1], [0.8, 0.2], [0.0, 1.0], [0.1, 0.9], [1.0, 0.0]]), dim=1)
+        train = np.arange(5)
+        hard = top.mine(vectors, Toy, train, count=2, looked=3)
+        for face, negatives in hard.items():
+            self.assertNotIn(face, negatives)
+            self.assertTrue(set(negatives).isdisjoint(Toy.near[face]))
+            self.assertTrue(set(negatives) <= set(train))
+        self.assertEqual(hard[0], [2, 4])  # 1 is the teacher's too; 5 is not a training face
+        batch = top.batch_faces(np.random.default_rng(0), np.array([0, 2]), Toy, {0: [1], 2: [3]}, hard, near=3)
+        self.assertEqual(len(batch), len(set(batch)))
+        self.assertTrue({0, 1, 2, 3} <= set(batch))
 
 
 class ScriptOnAToyWorkFolder(unittest.TestCase):
@@ -138,15 +137,20 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
             for file, listed in (("names.txt", names), ("sim_classes.txt", training)):
                 with open(os.path.join(work, file), "w", encoding="utf-8") as f:
                     f.write("\n".join(listed) + "\n")
+            letters = os.path.join(work, "letters.npz")
+            # Faint letters and all but equal advances: faces a few teacher units apart, near enough to teach.
+            np.savez(letters, names=np.array(names), cells=rng.integers(0, 8, (len(names), 62, 32, 32), dtype=np.uint8),
+                     advances=0.5 + 0.01 * rng.random((len(names), 62), dtype=np.float32))
             net = small_net()
             init = os.path.join(work, "init.pt")
             torch.save({"net": net.state_dict(), "step": 9, "rec_classes": 4}, init)
             out = os.path.join(work, "out")
             arguments = ["--work", work, "--init", init, "--save-to", out, "--fixed", "4", "--steps", "3",
-                         "--pairs", "2", "--mine-every", "2", "--judge-every", "2", "--threads", "1"]
+                         "--seeds", "2", "--mine-every", "2", "--judge-every", "2", "--threads", "1", "--teacher", letters]
             with contextlib.redirect_stdout(io.StringIO()) as printed:
                 top.main(arguments)
-            self.assertIn(f"{2 * len(training)} training specimens, {len(judged)} validation faces", printed.getvalue())
+            self.assertIn(f"{len(training)} training faces of {len(names)} with a teacher", printed.getvalue())
+            self.assertIn("step 2: validation agreement", printed.getvalue())
             state = torch.load(os.path.join(out, "fontnet.pt"))
             self.assertEqual(state["step"], 9)
             for name, value in net.state_dict().items():
@@ -162,8 +166,8 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
             # Training on the validation families too needs their random crops: other features.
             with contextlib.redirect_stdout(io.StringIO()) as printed:
                 top.main(arguments + ["--with-validation"])
-            self.assertIn(f"{2 * len(names)} training specimens, the validation families'", printed.getvalue())
-            self.assertNotIn("validation family among", printed.getvalue())
+            self.assertIn(f"{len(names)} training faces of {len(names)}", printed.getvalue())
+            self.assertNotIn("validation agreement", printed.getvalue())
             (added,) = set(os.listdir(os.path.join(work, "simtop"))) - set(cached)
             before = np.load(os.path.join(work, "simtop", cached[0]))
             after = np.load(os.path.join(work, "simtop", added))
