@@ -14,6 +14,23 @@ files' own family names carry the weight: "Barlow Light"); splits.py splits by t
 3. the font itself: a face whose letters and figures all have one advance width, or whose
    post table says fixed pitch, is monospaced whatever its category says.
 A face none of these describe is written with no classes and source "unlabelled".
+
+What the finer classes mean, as the lists below apply them (checked against contact sheets of
+every family of the class: label_sheets.py):
+- fs_script: joined or formal writing, and broad-pen calligraphy (Great Vibes, Dancing Script,
+  the Playwrite school cursives, Lobster, Fondamento); a handwriting family is script when its
+  letters join or it is written with a formal or calligraphic pen.
+- fs_handmade: print-like hands, markers and comic lettering whose letters stand apart
+  (Indie Flower, Caveat, Comic Neue, Playwrite DE Grund, pre-cursive school hands).
+- fs_slab_serif: proportional designs with slab serifs, text and display (Roboto Slab, Arvo,
+  Alfa Slab One, Belgrano); always with fs_serif. A monospaced typewriter face (Courier and its
+  clones) is fs_monospace alone: its serifs come with the pitch, and a designer asking for
+  slab serifs does not mean typewriters.
+- fs_decorative: designs whose ornament or novelty is the point (inline, outline, stencil,
+  shadow, distressed, pixel, techno, themed lettering). Google files many plain designs as
+  display: fat faces and Didones, heavy, condensed and rounded sans, display romans and slabs;
+  these take the class of their structure (DISPLAY_SANS, DISPLAY_SERIF, SLAB_SERIF), and a
+  comic or marker hand filed as display is handmade (DISPLAY_HANDMADE).
 """
 import argparse
 import json
@@ -39,23 +56,44 @@ BLACKLETTER = {
     "Jacquard 12", "Jacquard 24", "Jacquarda Bastarda 9", "Texturina", "Germania One",
     "Manufacturing Consent", "Metal Mania",
 }
+# Slab serifs of any category (serif and display); proportional designs only.
 SLAB_SERIF = {
     "Roboto Slab", "Zilla Slab", "Arvo", "Bitter", "Josefin Slab", "Aleo", "Crete Round", "Rokkitt",
     "Slabo 13px", "Slabo 27px", "Noticia Text", "Kameron", "Podkova", "Enriqueta", "Copse", "Patua One",
     "Ultra", "Alfa Slab One", "Bevan", "Coustard", "Trocchi", "Glegoo", "Kreon", "Solway", "Sanchez",
     "Arbutus Slab", "Stint Ultra Condensed", "Stint Ultra Expanded", "Bree Serif", "Hepta Slab", "Andada",
-    "Peralta", "Graduate", "Courier Prime", "Cutive Mono", "Cutive", "Special Elite", "Kelly Slab",
-    "Nixie One", "Smokum", "Scope One", "Antic Slab", "Suez One", "Zilla Slab Highlight",
+    "Peralta", "Graduate", "Cutive", "Special Elite", "Kelly Slab", "Nixie One", "Smokum", "Scope One",
+    "Antic Slab", "Suez One", "Montagu Slab", "Belgrano", "BioRhyme", "BhuTuka Expanded One", "Inika",
+    "Kadwa", "Pridi", "Wellfleet", "Angkor", "Moul", "Battambang",
 }
+# Display-category families of plain design, by their structure.
+DISPLAY_SANS = {
+    "ADLaM Display", "Anybody", "Arima", "Averia Sans Libre", "Averia Gruesa Libre", "Bahianita", "Bakbak One",
+    "Baloo 2", "Baloo Bhai 2", "Baloo Bhaijaan 2", "Baloo Bhaina 2", "Baloo Chettan 2", "Baloo Da 2",
+    "Baloo Paaji 2", "Baloo Tamma 2", "Baloo Thambi 2", "Bellota", "Bellota Text", "Big Shoulders", "Boldonse",
+    "Bowlby One", "Changa One", "Chango", "Climate Crisis", "Coda", "Coiny", "Comfortaa", "Concert One",
+    "Contrail One", "Dangrek", "Expletus Sans", "Freeman", "Funnel Display", "Gabarito", "Karantina",
+    "Konkhmer Sleokchher", "Lilita One", "MuseoModerno", "Odibee Sans", "Overlock", "Passion One",
+    "Prosto One", "Protest Strike", "Red Rose", "Rowdies", "Sniglet", "Tilt Neon", "Tilt Warp", "Titan One",
+}
+DISPLAY_SERIF = {
+    "Abril Fatface", "Averia Serif Libre", "Bigshot One", "Calistoga", "Caprasimo", "Chonburi", "Elsie", "Forum",
+    "Gideon Roman", "Gravitas One", "Libertinus Serif Display", "Luxurious Roman", "Monomakh", "Orelega One",
+    "Pochaevsk", "Ponomar", "Poller One", "Rakkas", "Shafarik", "Simonetta", "Triodion", "Viaoda Libre",
+    "Yeseva One",
+}
+# Comic and marker hands that Google files as display.
+DISPLAY_HANDMADE = {"Balsamiq Sans", "Comic Relief", "Shantell Sans"}
 # Display-category families that are connected or formal scripts rather than decoration.
 DISPLAY_SCRIPT = {
     "Lobster", "Lobster Two", "Playball", "Lily Script One", "Oleo Script", "Oleo Script Swash Caps",
-    "Seaweed Script", "Sansita Swashed", "Dynalight", "Nova Script", "Arizonia", "Sevillana", "Vibes",
-    "Yesteryear", "Chicle",
+    "Seaweed Script", "Dynalight", "Sevillana",
 }
 # Handwriting-category families written as joined or formal script; the rest of the
-# category (print-like handwriting, markers, school hands) is handmade.
-SCRIPT_NAME = re.compile(r"Script|Swash|Formal|Cursive|Calligraph|Brush|^Playwrite|Vibes|Hand Pre$")
+# category (print-like handwriting, markers, school print) is handmade.
+SCRIPT_NAME = re.compile(r"Script|Swash|Formal|Cursive|Calligraph|Brush|^Playwrite|Vibes")
+# Handwriting families the name rule would call script that are print hands.
+HANDWRITING_PRINT = {"Caveat Brush", "Delius Swash Caps", "Edu NSW ACT Hand Pre", "Playwrite DE Grund"}
 HANDWRITING_SCRIPT = {
     "Allura", "Allison", "Ballet", "Beau Rivage", "Birthstone", "Birthstone Bounce", "Bonheur Royale",
     "Carattere", "Cherish", "Charm", "Clicker Script", "Comforter", "Condiment", "Cookie", "Corinthia",
@@ -72,6 +110,8 @@ HANDWRITING_SCRIPT = {
     "Stalemate", "Tangerine", "Tapestry", "The Nautigal", "Twinkle Star", "Updock", "Vibur", "Waterfall",
     "Whisper", "WindSong", "Yellowtail", "Yesteryear", "Bilbo", "Marck Script", "Mea Culpa", "Euphoria Script",
     "Lugrasimo", "Babylonica", "Caramel", "Festive", "Quintessential", "Solitreo", "Kapakana",
+    "Arizonia", "Beth Ellen", "Bonbon", "Charmonman", "Dawning of a New Day", "Homemade Apple", "Kings", "Molle",
+    "Neonderthaw", "Oooh Baby", "Ruge Boogie", "Sassy Frass",
 }
 
 
@@ -80,8 +120,6 @@ def category_classes(family, category):
     if family in BLACKLETTER:
         return ["fs_blackletter"], "blackletter list"
     if family in SLAB_SERIF:
-        if category == "monospace":
-            return ["fs_monospace", "fs_slab_serif"], "category monospace, slab serif list"
         return ["fs_slab_serif", "fs_serif"], "slab serif list"
     if category == "serif":
         return ["fs_serif"], "category serif"
@@ -90,12 +128,18 @@ def category_classes(family, category):
     if category == "monospace":
         return ["fs_monospace"], "category monospace"
     if category == "handwriting":
+        if family in HANDWRITING_PRINT:
+            return ["fs_handmade"], "category handwriting, print hand"
         if family in HANDWRITING_SCRIPT or SCRIPT_NAME.search(family):
             return ["fs_script"], "category handwriting, script rule"
         return ["fs_handmade"], "category handwriting"
     if category == "display":
-        if family in DISPLAY_SCRIPT:
-            return ["fs_script"], "category display, script list"
+        for names, classes, rule in ((DISPLAY_SCRIPT, ["fs_script"], "script list"),
+                                     (DISPLAY_SANS, ["fs_sans_serif"], "plain sans"),
+                                     (DISPLAY_SERIF, ["fs_serif"], "plain serif"),
+                                     (DISPLAY_HANDMADE, ["fs_handmade"], "comic hand")):
+            if family in names:
+                return classes, "category display, " + rule
         return ["fs_decorative"], "category display"
     return None, None
 

@@ -150,7 +150,10 @@ class LabelRules(unittest.TestCase):
     CATALOGUE = {"Roboto Slab": "serif", "Lora": "serif", "Great Vibes": "handwriting",
                  "Indie Flower": "handwriting", "Pirata One": "display", "Bungee": "display",
                  "Lobster": "display", "Courier Prime": "monospace", "DejaVu Serif": "sans-serif",
-                 "Playwrite US Trad": "handwriting", "Caveat Brush": "handwriting"}
+                 "Playwrite US Trad": "handwriting", "Playwrite DE Grund": "handwriting",
+                 "Caveat Brush": "handwriting", "Kaushan Script": "handwriting", "Homemade Apple": "handwriting",
+                 "Gabarito": "display", "Abril Fatface": "display", "Angkor": "display", "Comic Relief": "display",
+                 "Belgrano": "serif"}
 
     def label(self, family, fixed=False):
         return labels.label_face(family, fixed, self.HAND, self.CATALOGUE)[0]
@@ -158,14 +161,31 @@ class LabelRules(unittest.TestCase):
     def test_categories_and_their_refinements(self):
         self.assertEqual(self.label("Lora"), ["fs_serif"])
         self.assertEqual(self.label("Roboto Slab"), ["fs_slab_serif", "fs_serif"])
-        self.assertEqual(self.label("Great Vibes"), ["fs_script"])
-        self.assertEqual(self.label("Playwrite US Trad"), ["fs_script"])
-        self.assertEqual(self.label("Caveat Brush"), ["fs_script"])
-        self.assertEqual(self.label("Indie Flower"), ["fs_handmade"])
+        self.assertEqual(self.label("Belgrano"), ["fs_slab_serif", "fs_serif"])
         self.assertEqual(self.label("Pirata One"), ["fs_blackletter"])
+        self.assertEqual(self.label("Courier Prime", fixed=True), ["fs_monospace"])  # a typewriter is no slab
+
+    def test_handwriting_splits_into_script_and_handmade(self):
+        for family in ("Great Vibes", "Playwrite US Trad", "Kaushan Script", "Homemade Apple"):
+            self.assertEqual(self.label(family), ["fs_script"], family)
+        # Print hands, the last two named like scripts.
+        for family in ("Indie Flower", "Playwrite DE Grund", "Caveat Brush"):
+            self.assertEqual(self.label(family), ["fs_handmade"], family)
+
+    def test_display_is_decorative_unless_listed_by_structure(self):
         self.assertEqual(self.label("Bungee"), ["fs_decorative"])
         self.assertEqual(self.label("Lobster"), ["fs_script"])
-        self.assertEqual(self.label("Courier Prime", fixed=True), ["fs_monospace", "fs_slab_serif"])
+        self.assertEqual(self.label("Gabarito"), ["fs_sans_serif"])
+        self.assertEqual(self.label("Abril Fatface"), ["fs_serif"])
+        self.assertEqual(self.label("Angkor"), ["fs_slab_serif", "fs_serif"])
+        self.assertEqual(self.label("Comic Relief"), ["fs_handmade"])
+
+    def test_lists_do_not_overlap(self):
+        lists = [labels.BLACKLETTER, labels.SLAB_SERIF, labels.DISPLAY_SANS, labels.DISPLAY_SERIF,
+                 labels.DISPLAY_HANDMADE, labels.DISPLAY_SCRIPT, labels.HANDWRITING_SCRIPT, labels.HANDWRITING_PRINT]
+        for i, a in enumerate(lists):
+            for b in lists[i + 1:]:
+                self.assertFalse(a & b, sorted(a & b))
 
     def test_hand_list_overrides_the_catalogue(self):
         self.assertEqual(self.label("DejaVu Serif"), ["fs_serif"])
@@ -267,6 +287,12 @@ class CheckedInCorpus(unittest.TestCase):
             self.assertGreaterEqual(len(families), 5, c)
             primary = [n for n, cs in self.classes.items() if cs[0] == c]
             self.assertEqual({self.split[n] for n in primary}, {"train", "validation", "test"}, c)
+
+    def test_slab_serifs_are_proportional_serifs(self):
+        for name, classes in self.classes.items():
+            if "fs_slab_serif" in classes:
+                self.assertNotIn("fs_monospace", classes, name)
+                self.assertIn("fs_serif", classes, name)
 
     def test_no_family_is_in_two_splits(self):
         seen = {}
