@@ -42,10 +42,13 @@ def load_file(path):
     return fontnet.from_state(torch.load(path)).eval()
 
 
-def sample_crops(work, count=10):
-    """Real inputs: five specimen crops of one face and five recognition crops."""
+def sample_crops(work, count=10, lines=True):
+    """Real inputs: five specimen crops of one face and five recognition crops (without `lines`,
+    both cases' specimen crops)."""
     specimens = images.read_specimens(os.path.join(work, "specimens.bin"), limit=1)
-    lower, _ = next(iter(specimens.values()))
+    lower, upper = next(iter(specimens.values()))
+    if not lines:
+        return np.concatenate([images.specimen_crops(lower), images.specimen_crops(upper)])[:count, None]
     _, lines = images.read_lines(os.path.join(work, "lines_clean.bin"))
     rec = lines[0, :count // 2].astype(np.float32) - 128.0
     return np.concatenate([images.specimen_crops(lower), rec])[:, None]
@@ -78,21 +81,29 @@ def main(argv=None):
     parser.add_argument("--rec-temperature", type=float, default=1.0,
                         help="divide the recognition logits by this, folded into fc_rec: the module averages "
                              "\"prob\" over a picture's crops, and a softer softmax lets no single crop outvote the rest")
+    parser.add_argument("--only", choices=("similarity", "recognition"),
+                        help="export one model alone (the other file is left as it is)")
     args = parser.parse_args(argv)
     if not args.rec_temperature > 0:
         parser.error("--rec-temperature must be positive")
-    shared = None if args.similarity_from and args.recognition_from else load_net(args.work)
+    wanted = {"similarity", "recognition"} if args.only is None else {args.only}
+    own = [n for n in wanted if not getattr(args, f"{n}_from")]
+    shared = load_net(args.work) if own else None
     sim_net = load_file(args.similarity_from) if args.similarity_from else shared
     rec_net = load_file(args.recognition_from) if args.recognition_from else shared
+    if rec_net is None:
+        rec_net = sim_net  # not exported: only its shapes are used below
     with torch.no_grad():
         rec_net.rec.weight /= args.rec_temperature
         rec_net.rec.bias /= args.rec_temperature
-    crops = sample_crops(args.work)
+    crops = sample_crops(args.work, lines="recognition" in wanted)
     with torch.no_grad():
         x = torch.from_numpy(crops)
         expected = {"pool4": sim_net.pool4(x).numpy(), "prob": torch.softmax(rec_net.rec_scores(rec_net.pool4(x)), 1).numpy()}
     for file_name, net, with_prob, layer in (("NQ_sim_model.dnm", sim_net, False, "pool4"),
                                              ("NQ_rec_model.dnm", rec_net, True, "prob")):
+        if ("similarity" if layer == "pool4" else "recognition") not in wanted:
+            continue
         target = os.path.join(args.out, file_name)
         dnm.write_model(target + ".tmp", fontnet.export(net, with_prob))
         error = relative_error(engine_output(target + ".tmp", layer, crops), expected[layer])

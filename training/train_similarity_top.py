@@ -5,7 +5,8 @@ specimen crop computed once.
 
     /usr/bin/python3 training/train_similarity_top.py --work DIR --init FILE --save-to DIR2
         [--fixed 5] [--steps 3000] [--seeds 16] [--near 3] [--lr 3e-4] [--teacher-scale 4]
-        [--mine-every 500] [--judge-every 500] [--teacher LETTERS.npz] [--with-validation]
+        [--near-enough 15] [--mine-every 500] [--judge-every 500] [--teacher LETTERS.npz]
+        [--with-validation]
 
 A designer asks which fonts look like this one, not which share its family, so the target is the
 teacher's (letter_likeness.py): the Euclidean distance between two faces' drawn letters. A batch
@@ -15,8 +16,8 @@ nearest that the teacher does not put among its 50 nearest (mined every --mine-e
 Within the batch, each face's teacher distribution over the other faces, softmax(-d / scale),
 is the target of the vectors' distribution, softmax(score / 0.1) with score the dot product of
 the module's 768-value vectors (two cases, each unit length); the loss is their KL divergence.
-Faces with no other face within NEAR_ENOUGH teacher units in the batch are no rows of the loss:
-beyond that the teacher's order is little more than ink coverage.
+Faces with no other face within --near-enough teacher units in the batch are no rows of the
+loss: far out the teacher's order is little more than ink coverage.
 
 The lower trunk (by default conv1 to conv5 and its pooling, three quarters of the cost) stays
 fixed, so its output of every crop (112 x 6 x 6) is computed once (DIR/simtop/, float16, keyed
@@ -332,14 +333,14 @@ def batch_faces(rng, seeds, faces, near_train, hard, near):
     return np.array(list(dict.fromkeys(batch)))
 
 
-def distillation_loss(vectors, distances, scale, temperature=train_networks.SIM_TEMPERATURE):
+def distillation_loss(vectors, distances, scale, temperature=train_networks.SIM_TEMPERATURE, near_enough=NEAR_ENOUGH):
     """Cross-entropy of the vectors' neighbour distribution, softmax(score / temperature), against
     the teacher's, softmax(-distance / scale), over the other faces of the batch; rows whose
-    nearest other face is NEAR_ENOUGH or further count for nothing. None when no row counts."""
+    nearest other face is `near_enough` or further count for nothing. None when no row counts."""
     n = len(vectors)
     eye = torch.eye(n, dtype=torch.bool)
     d = torch.as_tensor(distances, dtype=torch.float32).masked_fill(eye, math.inf)
-    rows = d.min(1).values < NEAR_ENOUGH
+    rows = d.min(1).values < near_enough
     if not rows.any():
         return None
     target = F.softmax(-d[rows] / scale, 1)
@@ -358,6 +359,8 @@ def main(argv=None):
     parser.add_argument("--seeds", type=int, default=16, help="seed faces a step")
     parser.add_argument("--near", type=int, default=3, help="teacher neighbours of a seed in its batch")
     parser.add_argument("--teacher-scale", type=float, default=4.0, help="teacher units per e-fold of its target")
+    parser.add_argument("--near-enough", type=float, default=NEAR_ENOUGH,
+                        help="teacher distance beyond which a face's row teaches nothing")
     parser.add_argument("--lr", type=float, default=3e-4)
     parser.add_argument("--mine-every", type=int, default=500)
     parser.add_argument("--judge-every", type=int, default=500)
@@ -427,7 +430,8 @@ def main(argv=None):
         crops = np.stack([rng.choice(images.CROPS + RANDOM_CROPS, images.CROPS, replace=False)
                           for _ in range(2 * len(batch))])
         vectors = face_vectors(split, features, faces, batch, crops)
-        loss = distillation_loss(vectors, teacher.pair_distances(faces.teacher_rows[batch]), args.teacher_scale)
+        loss = distillation_loss(vectors, teacher.pair_distances(faces.teacher_rows[batch]), args.teacher_scale,
+                                 near_enough=args.near_enough)
         if loss is not None:  # None: no face of the batch had another near it
             optimiser.zero_grad()
             loss.backward()
