@@ -1,0 +1,171 @@
+#!/usr/bin/python3
+"""How `fontrix classes` classes the installed faces, against a hand-labelled list of families:
+per class recall and precision, the share of faces given their primary class, and the share
+given a class that contradicts it (serif on a sans, script on a monospace, ...).
+
+Usage: bench/class_answers.py [BUILD_DIR] [--expected TSV] [--weights TSV] [--answers JSON] [--list]
+  BUILD_DIR: default build. The module runs with a fresh cache folder (`fontrix index --disable
+  similarity,recognition`, then `fontrix classes --json`): its answers are those of the weights
+  the module was built with.
+  --weights: the answers of another weights table (data/classification_weights.tsv after a refit,
+  before the module is rebuilt): the faces `fontrix classes` lists, scored in the module's order
+  over the features `font-features --all` measures, each class set when its score is above 0.5.
+  --answers: judge a saved `fontrix classes --json` output instead of running fontrix.
+  --expected: the list (default class_answers.tsv beside this script): family, its classes
+  (primary first; each face should get them all), classes also acceptable (a monospace's
+  serif or sans, not required and not wrong), a note. Faces of other families are not judged.
+  --list: name every face a class was missed on or wrongly given.
+"""
+import argparse
+import json
+import os
+import subprocess
+import sys
+import tempfile
+
+REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "class_answers.tsv")
+CLASSES = ("fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace", "fs_sans_serif", "fs_script",
+           "fs_serif", "fs_slab_serif")
+# Classes a face of the first class should never also be given (as training/fit_classification.py
+# judges the corpus).
+CONTRADICTIONS = {
+    "fs_sans_serif": ("fs_serif", "fs_slab_serif", "fs_blackletter", "fs_script"),
+    "fs_serif": ("fs_sans_serif", "fs_blackletter"),
+    "fs_slab_serif": ("fs_sans_serif", "fs_blackletter", "fs_script"),
+    "fs_monospace": ("fs_script", "fs_blackletter"),
+    "fs_script": ("fs_monospace", "fs_sans_serif", "fs_slab_serif"),
+    "fs_blackletter": ("fs_sans_serif", "fs_monospace", "fs_slab_serif"),
+}
+
+
+def read_expected(path):
+    """family -> (required classes, primary first; acceptable classes)."""
+    expected = {}
+    with open(path, encoding="utf-8") as f:
+        for number, line in enumerate(f, 1):
+            line = line.rstrip("\n")
+            if not line or line.startswith("#"):
+                continue
+            fields = line.split("\t") + ["", ""]
+            required = [c for c in fields[1].split(",") if c]
+            acceptable = [c for c in fields[2].split(",") if c]
+            if not required or any(c not in CLASSES for c in required + acceptable) or fields[0] in expected:
+                raise ValueError(f"{path}:{number}: expected family<TAB>classes<TAB>acceptable<TAB>note, "
+                                 f"one line a family, classes from {CLASSES}")
+            expected[fields[0]] = (required, acceptable)
+    return expected
+
+
+def judge(fonts, expected):
+    """Figures over the faces of the listed families: {class: (faces with it, given, right,
+    wrongly given)}, primary-class share, contradiction share, faces judged, and the misses."""
+    counts = {c: [0, 0, 0, 0] for c in CLASSES}
+    primary_set = contradicted = judged = 0
+    misses = []
+    for font in fonts:
+        if font["family"] not in expected:
+            continue
+        required, acceptable = expected[font["family"]]
+        given = set(font["classes"])
+        judged += 1
+        for c in CLASSES:
+            counts[c][0] += c in required
+            counts[c][1] += c in given
+            counts[c][2] += c in required and c in given
+            wrong = c in given and c not in required and c not in acceptable
+            counts[c][3] += wrong
+            if c in required and c not in given:
+                misses.append(f"{font['name']}: {c} missed")
+            elif wrong:
+                misses.append(f"{font['name']}: {c} given")
+        primary_set += required[0] in given
+        contradicted += bool(given & (set(CONTRADICTIONS.get(required[0], ())) - set(required) - set(acceptable)))
+    return counts, primary_set / max(1, judged), contradicted / max(1, judged), judged, misses
+
+
+def run_fontrix(build):
+    fontrix = os.path.join(build, "bin", "fontrix")
+    with tempfile.TemporaryDirectory(prefix="fontrix-classes-") as cache:
+        common = [fontrix, "--cache-dir", cache, "--disable", "similarity,recognition"]
+        for words in (["index"], ["--json", "classes"]):
+            r = subprocess.run(common + words, capture_output=True, text=True)
+            if r.returncode != 0:
+                sys.exit(f"fontrix {' '.join(words)} failed: {r.stderr.strip()}")
+        return json.loads(r.stdout)["fonts"]
+
+
+def read_weights(path):
+    """class -> (intercept, 96 weights) from a weights table."""
+    rows = {}
+    with open(path, encoding="utf-8") as f:
+        for line in f:
+            fields = line.rstrip("\n").split("\t")
+            if fields[0] in CLASSES:
+                rows[fields[0]] = (float(fields[1]), [float(v) for v in fields[2:]])
+    return rows
+
+
+def rescore(fonts, build, weights):
+    """The fonts with the classes `weights` gives them over the features font-features measures:
+    intercept plus weight times feature for features 0 to 95 in turn, as the module adds them,
+    so the scores are the module's to the last bit. Unmeasurable faces get no class."""
+    r = subprocess.run([os.path.join(build, "bin", "font-features"), "--all"], capture_output=True, text=True)
+    if r.returncode != 0:
+        sys.exit(f"font-features failed: {r.stderr.strip()[-500:]}")
+    features = {}
+    for line in r.stdout.splitlines()[1:]:
+        fields = line.split("\t")
+        if "null" not in fields[1:]:
+            features.setdefault(fields[0], [float(v) for v in fields[1:]])
+    rows = read_weights(weights)
+    for font in fonts:
+        given = []
+        for c in CLASSES if font["name"] in features else ():
+            score, w = rows[c]
+            for j, value in enumerate(features[font["name"]]):
+                score += w[j] * value
+            if score > 0.5:
+                given.append(c)
+        font["classes"] = given
+    return fonts
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("build", nargs="?", default=os.path.join(REPO, "build"))
+    parser.add_argument("--expected", default=EXPECTED)
+    parser.add_argument("--weights")
+    parser.add_argument("--answers")
+    parser.add_argument("--list", action="store_true")
+    args = parser.parse_args(argv)
+    expected = read_expected(args.expected)
+    if args.answers:
+        with open(args.answers, encoding="utf-8") as f:
+            fonts = json.load(f)["fonts"]
+    else:
+        fonts = run_fontrix(args.build)
+    if args.weights:
+        fonts = rescore(fonts, args.build, args.weights)
+    counts, primary, contradicted, judged, misses = judge(fonts, expected)
+    families = {f["family"] for f in fonts if f["family"] in expected}
+    print(f"{judged} installed faces of {len(families)} listed families judged "
+          f"({len(fonts) - judged} faces of other families not)")
+    print("| class | faces with it | given | recall | precision |")
+    print("|---|---|---|---|---|")
+    for c in CLASSES:
+        having, given, right, wrong = counts[c]
+        recall = f"{right / having:.2f}" if having else "-"
+        precision = f"{(given - wrong) / given:.2f}" if given else "-"
+        print(f"| {c} | {having} | {given} | {recall} | {precision} |")
+    print(f"primary class set: {100 * primary:.1f} %; a contradicting class set: {100 * contradicted:.1f} %")
+    if args.list and misses:
+        print("\n".join(misses))
+    missing = sorted(set(expected) - families)
+    if missing:
+        print("listed families not installed: " + ", ".join(missing))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
