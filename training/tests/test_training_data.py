@@ -425,30 +425,58 @@ class ShippedTable(unittest.TestCase):
 
 
 class ClassificationFit(unittest.TestCase):
-    def test_lasso_finds_the_sparse_rule_and_the_penalty_prunes(self):
-        rng = np.random.default_rng(3)
-        x = rng.standard_normal((400, 6))
-        y = 0.2 + 0.5 * x[:, 1] - 0.3 * x[:, 4]
-        b, w = fit_classification.lasso(x, y, 0.0)
-        self.assertAlmostEqual(b, 0.2, places=4)
-        np.testing.assert_allclose(w, [0, 0.5, 0, 0, -0.3, 0], atol=1e-4)
-        _, w = fit_classification.lasso(x, y, 0.35)
-        self.assertEqual(np.flatnonzero(w).tolist(), [1])
-
-    def test_weighting_the_class_raises_its_scores(self):
+    def test_both_losses_find_the_rule_and_the_weighting_lifts_a_rare_class(self):
         rng = np.random.default_rng(4)
-        x = rng.standard_normal((600, 3))
-        y = (x[:, 0] + 0.8 * rng.standard_normal(600) > 1.4).astype(float)  # a rare class
-        plain = fit_classification.lasso(x, y, 0.0)
-        weighted = fit_classification.lasso(x, y, 0.0, np.where(y > 0.5, 4.0, 1.0))
+        x = rng.standard_normal((1500, 5))
+        y = (x[:, 1] - 0.5 * x[:, 3] + 0.3 * rng.standard_normal(1500) > 1.6).astype(float)  # about 7 %
+        truth = np.array([0, 1, 0, -0.5, 0]) / np.hypot(1, 0.5)
+        for loss in fit_classification.LOSSES:
+            b, w = fit_classification.fit_row(loss, x, y, 1e-4, np.ones(len(y)))
+            self.assertGreater(w @ truth / np.linalg.norm(w), 0.97, loss)
+            _, threshold = fit_classification.best_threshold(b + x @ w, y > 0.5, 1.0)
+            self.assertGreater(np.mean(((b + x @ w) > threshold) == (y > 0.5)), 0.95, loss)
+        plain = fit_classification.least_squares(x, y, 1e-4, np.ones(len(y)))
+        weighted = fit_classification.least_squares(x, y, 1e-4, np.where(y > 0.5, 10.0, 1.0))
         recall = lambda bw: np.mean((bw[0] + x[y > 0.5] @ bw[1]) > 0.5)  # noqa: E731
         self.assertGreater(recall(weighted), recall(plain))
 
-    def test_f2_prefers_recall(self):
-        actual = np.array([True] * 10 + [False] * 10)
-        misses = np.array([True] * 5 + [False] * 15)
-        extras = np.array([True] * 15 + [False] * 5)
-        self.assertGreater(fit_classification.f_score(extras, actual), fit_classification.f_score(misses, actual))
+    def test_logistic_fit_stays_finite_on_a_separable_class(self):
+        x = np.linspace(-1, 1, 40)[:, None]
+        y = (x[:, 0] > 0).astype(float)
+        b, w = fit_classification.logistic(x, y, 1e-4, np.ones(40))
+        self.assertTrue(np.isfinite(w).all() and w[0] > 0)
+        self.assertTrue((((b + x @ w) > 0) == (y > 0.5)).all())
+
+    def test_best_threshold_cuts_where_f_beta_is_highest(self):
+        scores = np.array([0.9, 0.8, 0.7, 0.6, 0.5, 0.4, 0.3, 0.2])
+        actual = np.array([True, True, False, True, False, False, True, False])
+        f, threshold = fit_classification.best_threshold(scores, actual, 1.0)
+        self.assertAlmostEqual(threshold, 0.55)  # 3 of the 4 found, 3 of 4 given: F1 0.75
+        self.assertAlmostEqual(f, 0.75)
+        _, threshold = fit_classification.best_threshold(scores, actual, 2.0)
+        self.assertAlmostEqual(threshold, 0.25)  # beta 2 takes the last one in too
+        tied = np.array([0.9, 0.5, 0.5, 0.1])
+        _, threshold = fit_classification.best_threshold(tied, np.array([True, True, False, False]), 1.0)
+        self.assertAlmostEqual(threshold, 0.3)  # below both tied scores, never between them
+
+    def test_raw_row_decides_as_the_standardised_row_and_its_threshold(self):
+        rng = np.random.default_rng(5)
+        features = rng.standard_normal((200, 4)) * [3, 0.1, 50, 1] + [10, 0, -7, 2]
+        mean, scale = features.mean(0), features.std(0)
+        b, w, threshold = 0.3, np.array([0.5, -1.0, 0.2, 0.0]), 0.12
+        standardised = b + ((features - mean) / scale) @ w
+        for factor in (1.0, fit_classification.LOGISTIC_SCALE):
+            intercept, raw = fit_classification.raw_row(b, w, mean, scale, threshold, factor)
+            np.testing.assert_allclose(intercept + features @ raw, 0.5 + factor * (standardised - threshold))
+
+    def test_folds_keep_a_family_together_and_family_weights_sum_to_one(self):
+        families = [f"family {i // 3}" for i in range(300)]
+        folds = fit_classification.family_folds(families)
+        for i in range(0, 300, 3):
+            self.assertEqual(len(set(folds[i:i + 3])), 1)
+        self.assertEqual(set(folds), set(range(fit_classification.FOLDS)))
+        weights = fit_classification.family_weights(["a", "a", "a", "b"])
+        np.testing.assert_allclose(weights, [1 / 3, 1 / 3, 1 / 3, 1])
 
 
 if __name__ == "__main__":
