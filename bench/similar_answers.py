@@ -48,7 +48,6 @@ def main():
         sys.exit(f"fontrix index failed: {indexed.stderr}")
     print(f"indexed in {time.time() - started:.1f} s")
     fonts = json.loads(tool("--json", "fonts").stdout)["fonts"]
-    by_name = {f["name"]: f for f in fonts}
 
     drawn, cells, advances, _ = letter_likeness.draw_faces([f["name"] for f in fonts],
                                                           os.path.join(args.build, "lib", "libfontrix_host.so"))
@@ -92,7 +91,6 @@ def main():
         print("  missed: " + "; ".join(misses[:20]))
     print(f"fontrix similar, whole process: median {1000 * statistics.median(times):.0f} ms, "
           f"95th percentile {1000 * times[int(0.95 * (len(times) - 1))]:.0f} ms, max {1000 * times[-1]:.0f} ms")
-    del by_name
 
 
 if __name__ == "__main__":
