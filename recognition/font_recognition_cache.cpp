@@ -232,12 +232,7 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     int32_t lineWidth = 0;
     const std::vector<float> line = ToLineHeight(raster, lineWidth);
     if (lineWidth < kNarrowestLine) return results;  // far taller than wide: not a line of text
-    const std::vector<Candidate> candidates = Widen(RankClasses(ScoreLine(recognition_, line, lineWidth), false));
-    for (const Candidate& c : candidates) {
-      if (c.fontIndex < 0 || size_t(c.fontIndex) >= installed_.size() || c.status == kStatusIdentifier7) continue;
-      results.push_back({installed_[size_t(c.fontIndex)], double(c.score), c.fontIndex});
-      if (results.size() >= kMaxResults) break;
-    }
+    results = AnswerLocked(Widen(RankClasses(ScoreLine(recognition_, line, lineWidth), false)));
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
     if (QVPerfLogHandle perf = PerformanceLog()) {
@@ -246,6 +241,23 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
                     "Font Recognition: GetRecognizedFontList() called", "Font Recognition");
       dev->WritePerformanceLog(perf, line);
     }
+  return results;
+}
+
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::Answer(const std::vector<Candidate>& widened) {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  return AnswerLocked(widened);
+}
+
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::AnswerLocked(const std::vector<Candidate>& widened) const {
+  // Only the font index decides: the status says where a table entry came from (a library face
+  // has an identifier of seven characters), not whether the user has the face.
+  std::vector<Result> results;
+  for (const Candidate& c : widened) {
+    if (c.fontIndex < 0 || size_t(c.fontIndex) >= installed_.size()) continue;
+    results.push_back({installed_[size_t(c.fontIndex)], double(c.score), c.fontIndex});
+    if (results.size() >= kMaxResults) break;
+  }
   return results;
 }
 

@@ -56,6 +56,11 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// The same for an image raster of the host.
   std::vector<Result> GetRecognizedFontList(QVRasterHandle image);
 
+  /// The answer from widened candidates: the installed fonts among them, in order, at most 40.
+  /// A face the user has installed is answered whatever its table entry's identifier or status;
+  /// a face that is not installed never is.
+  std::vector<Result> Answer(const std::vector<Candidate>& widened);
+
   /// The table's entries ranked by the network's mean probability (before widening).
   std::vector<Candidate> RankClasses(const std::vector<float>& meanProbabilities, bool tableIndexMode);
   /// Widens ranked candidates through the similarity cache's font-set query.
@@ -73,6 +78,8 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   void MatchEntries();
   /// Reads the networks and the font table into the members; why they cannot be used, or "".
   std::string LoadData(const RecognitionPaths& paths);
+  /// Answer() for a caller that holds lock_.
+  std::vector<Result> AnswerLocked(const std::vector<Candidate>& widened) const;
   std::vector<int32_t> entryToFont_;
   std::vector<std::string> installed_;
 };

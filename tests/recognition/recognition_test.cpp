@@ -1,6 +1,8 @@
 // Recognition: the band, the line geometry, ranking and widening, the filters and the cap.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "recognition/line_scoring.h"
@@ -166,6 +168,25 @@ TEST_F(RecognitionTest, AnswersAreInstalledFontsAtMostForty) {
       EXPECT_GE(results[i - 1].score, results[i].score);
     }
   }
+}
+
+TEST_F(RecognitionTest, AnInstalledLibraryFaceIsAnsweredAndUninstalledOnesNever) {
+  // "Cloud7" is a library face of the shipped table (identifier of seven characters); the user
+  // has installed it. It shares its axis with F7, which the network ranks first.
+  installed.push_back(fonts.Add(hostglue::FakeFontAccess::LatinFont("Cloud7")));
+  cache->Update(installed, 2);
+  StartSimilarity();
+  std::vector<float> prob(15, 0.001f);
+  prob[7] = 0.9f;
+  const auto widened = FontRecognitionCache::Widen(cache->RankClasses(prob, false));
+  const auto answer = cache->Answer(widened);
+  ASSERT_GE(answer.size(), 2u);
+  EXPECT_EQ(answer[0].name, "F7");
+  EXPECT_EQ(answer[1].name, "Cloud7");
+  EXPECT_EQ(answer[1].fontIndex, 100);
+  // The widened list held not-installed library faces (Cloud8 among them): none is answered.
+  EXPECT_TRUE(std::any_of(widened.begin(), widened.end(), [](const auto& c) { return c.name == "Cloud8"; }));
+  for (const auto& r : answer) EXPECT_TRUE(r.name == "Cloud7" || r.name.rfind("F", 0) == 0) << r.name;
 }
 
 }  // namespace
