@@ -93,6 +93,7 @@ bool FontFeatureCache::Load() {
       damage = e.what();
     }
     records_ = damage.empty() ? std::move(read) : std::vector<FeatureRecord>();
+    ++changes_;
     if (!damage.empty()) {
       // A damaged cache is dropped: the next update measures every font again and saves over it.
       log.Info("Exception while Feature Cache Initialization: ", damage);
@@ -161,6 +162,7 @@ bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
     records_.insert(records_.end(), added.begin(), added.end());
     std::sort(records_.begin(), records_.end());
     storedThisRun_ += added.size();
+    if (!added.empty()) ++changes_;
   }
   fontServerId_.store(currentId);
   if (!added.empty()) Save();
@@ -200,6 +202,11 @@ int64_t FontFeatureCache::Mask(const std::string& name) {
   std::shared_lock<std::shared_mutex> lock(lock_);
   const auto it = std::lower_bound(records_.begin(), records_.end(), FeatureRecord{name, 0});
   return it != records_.end() && it->name == name ? int64_t(it->value) : -1;
+}
+
+std::vector<FeatureRecord> FontFeatureCache::Records() {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  return records_;
 }
 
 }  // namespace fontrix

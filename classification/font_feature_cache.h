@@ -42,6 +42,8 @@ class FontFeatureCache : public ServiceCache<FontFeatureCache, hostglue::FontAcc
   std::vector<std::string> GetFontsWithLabel(int32_t labelIndex);
   /// The mask of font `name`, or -1 when it is not cached.
   int64_t Mask(const std::string& name);
+  /// A copy of every record, in the order GetFontsWithLabel answers in.
+  std::vector<FeatureRecord> Records();
 
  private:
   std::shared_mutex lock_;              // the records

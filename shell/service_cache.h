@@ -41,6 +41,9 @@ class ServiceCache {
 
   bool Loaded() const { return loaded_.load(); }
   uint32_t FontServerId() const { return fontServerId_.load(); }
+  /// How often what the cache answers has changed (a load, fonts added): what is worked out
+  /// from its answers can be kept while this stays the same.
+  uint64_t Changes() const { return changes_.load(); }
   CacheProgress& Progress() { return progress_; }
 
  protected:
@@ -60,6 +63,7 @@ class ServiceCache {
 
   std::atomic<bool> loaded_{false};        // set by the first load, whatever its result
   std::atomic<uint32_t> fontServerId_{0};  // of the last update; a lower one does nothing
+  std::atomic<uint64_t> changes_{0};       // raised by the cache wherever its answers change
   CacheProgress progress_;
 };
 

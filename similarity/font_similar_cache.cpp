@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <unordered_map>
 
 #include "shell/cache_folder_lock.h"
 #include "shell/cache_log.h"
@@ -107,6 +108,7 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
       log.Info("Similar Cache Unusable: ", table_.problem);
     }
     entryToFont_.assign(table_.Size(), -1);
+    ++changes_;
   }
   LogFontCounts();
   loaded_.store(true);
@@ -231,6 +233,7 @@ void FontSimilarCache::StoreFont(size_t fontIndex, int drawResult, const Specime
   fontToEntry_[fontIndex] = int32_t(entry);
   entryToFont_.push_back(int32_t(fontIndex));
   ++storedThisRun_;
+  ++changes_;
   (status == kStatusUnusable ? progress_.unusable : progress_.computed)++;
 }
 
@@ -394,6 +397,22 @@ std::vector<std::string> FontSimilarCache::InstalledFonts() {
 size_t FontSimilarCache::Size() {
   std::lock_guard<std::mutex> lock(mutex_);
   return table_.Size();
+}
+
+std::vector<float> FontSimilarCache::VectorsByName(const std::vector<std::string>& names, std::vector<bool>& found) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::unordered_map<std::string, size_t> entryOf;
+  for (size_t j = table_.Size(); j-- > 0;)
+    if (table_.status[j] != kStatusUnusable) entryOf[table_.columns[3][j]] = j;  // the first one wins
+  std::vector<float> vectors(names.size() * kFeatureDim, 0.0f);
+  found.assign(names.size(), false);
+  for (size_t i = 0; i < names.size(); ++i) {
+    const auto it = entryOf.find(names[i]);
+    if (it == entryOf.end() || table_.featureDim != kFeatureDim) continue;
+    std::memcpy(&vectors[i * kFeatureDim], table_.Feature(it->second), kFeatureDim * sizeof(float));
+    found[i] = true;
+  }
+  return vectors;
 }
 
 std::pair<std::vector<float>, uint32_t> FontSimilarCache::Entry(size_t index) {

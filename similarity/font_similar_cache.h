@@ -84,6 +84,10 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   std::vector<std::string> InstalledFonts();
   /// Entries in the table.
   size_t Size();
+  /// The vectors of the fonts or faces named `names`, one row of kFeatureDim floats each, in that
+  /// order: each name's first usable entry (a shipped face's before a cached one). `found[i]`
+  /// tells whether name i has one; its row is zeros when not.
+  std::vector<float> VectorsByName(const std::vector<std::string>& names, std::vector<bool>& found);
   /// A copy of one entry's vector and status (tests, diagnostics).
   std::pair<std::vector<float>, uint32_t> Entry(size_t index);
 
