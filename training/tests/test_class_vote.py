@@ -1,0 +1,73 @@
+"""The class vote's fit: the support of the nearest voters, the rule chosen per class and its
+limits, and the data file the module reads."""
+import math
+import os
+import sys
+import tempfile
+import unittest
+
+import numpy as np
+
+TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+sys.path.insert(0, TRAINING)
+import fit_class_vote as vote  # noqa: E402
+
+SLAB = vote.CLASSES.index("fs_slab_serif")
+
+
+class SupportTest(unittest.TestCase):
+    def test_the_k_best_voters_weighted_by_their_scores_and_no_excluded_one(self):
+        masks = np.zeros((4, 8), dtype=bool)
+        masks[0, SLAB] = masks[1, SLAB] = True
+        scores = np.array([[1.0, 0.9, 0.8, 0.1],
+                           [-math.inf, 0.9, 0.8, 0.1]])  # the second query's own family is voter 0
+        support = vote.support(scores, masks, 2, 0.1)
+        self.assertAlmostEqual(support[0, SLAB], 1.0)
+        self.assertAlmostEqual(support[1, SLAB], 1 / (1 + math.exp(-1)))
+        self.assertTrue(np.all(support[:, 0] == 0))
+
+
+class RuleTest(unittest.TestCase):
+    def setUp(self):
+        # Twenty faces: the row gives slab serif to the first ten, of which the look-alikes back
+        # five (the slabs); the last ten are sans serifs with no slab support.
+        self.actual = np.arange(20) < 5
+        self.linear = np.arange(20) < 10
+        self.votes = np.where(self.actual, 0.9, 0.0)
+        self.none = np.zeros(20, dtype=bool)
+
+    def test_a_rule_that_does_better_is_chosen_and_one_that_does_not_leaves_the_row(self):
+        f, low, high = vote.fit_rule(self.votes, self.linear, self.actual, 1.0, self.none, self.none)
+        self.assertEqual(f, 1.0)
+        self.assertTrue(np.array_equal(vote.combine(self.linear[:, None], self.votes[:, None], [(low, high)])[:, 0],
+                                       self.actual))
+        flat = np.full(20, 0.3)  # the vote tells nothing
+        rule = vote.fit_rule(flat, self.linear, self.actual, 1.0, self.none, self.none)[1:]
+        self.assertEqual(rule, (0.0, vote.NEVER))
+
+    def test_no_rule_gives_more_contradictions_or_fewer_primary_classes_than_the_row(self):
+        primary = np.arange(20) == 7  # a face whose primary class this is, but the look-alikes disagree
+        _, low, high = vote.fit_rule(self.votes, self.linear, self.actual, 1.0, self.none, primary)
+        self.assertTrue(vote.combine(self.linear[:, None], self.votes[:, None], [(low, high)])[7, 0])
+        rescue = np.where(np.arange(20) == 15, 0.9, self.votes)  # the vote would give it to a sans
+        contradicting = np.arange(20) >= 10
+        _, low, high = vote.fit_rule(rescue, self.none, self.actual, 1.0, contradicting, self.none)
+        self.assertEqual((low, high), (0.0, vote.NEVER))
+
+
+class DataFileTest(unittest.TestCase):
+    def test_the_file_says_what_was_fitted(self):
+        rules = [(0.0, vote.NEVER)] * 7 + [(0.05, 0.2)]
+        masks = np.zeros((2, 8), dtype=bool)
+        masks[0, SLAB] = masks[1, 3] = masks[1, 4] = True
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "classes.tsv")
+            vote.write_file(path, 40, 0.1, rules, ["abcdefg", "0123456789ab"], ["Slab-Bold", "Mono"], masks)
+            k, temperature, read, faces = vote.read_file(path)
+        self.assertEqual((k, temperature), (40, 0.1))
+        self.assertEqual(read, rules)
+        self.assertEqual(faces, [("abcdefg", "Slab-Bold", 128), ("0123456789ab", "Mono", 24)])
+
+
+if __name__ == "__main__":
+    unittest.main()
