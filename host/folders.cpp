@@ -64,7 +64,8 @@ std::string ResolveCacheDir(const std::string& option) {
 std::vector<std::string> ServiceSwitches(const std::string& services) {
   static const std::map<std::string, std::string> kServices = {{"classification", kSwitchClassification},
                                                                {"similarity", kSwitchSimilarity},
-                                                               {"recognition", kSwitchRecognition}};
+                                                               {"recognition", kSwitchRecognition},
+                                                               {"class-vote", kSwitchClassVote}};
   std::vector<std::string> keys;
   for (size_t start = 0; start <= services.size();) {
     const size_t comma = std::min(services.find(',', start), services.size());
@@ -73,7 +74,8 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
     if (service.empty()) continue;  // "a,,b" and a trailing comma name nothing more
     auto it = kServices.find(service);
     if (it == kServices.end())
-      throw std::runtime_error("unknown service '" + service + "' (known: classification, similarity, recognition)");
+      throw std::runtime_error("unknown service '" + service +
+                               "' (known: classification, similarity, recognition, class-vote)");
     keys.push_back(it->second);
   }
   return keys;
@@ -83,6 +85,7 @@ std::map<std::string, bool> ResolveSwitches(const std::map<std::string, bool>& o
   std::map<std::string, bool> switches = {{kSwitchClassification, true},
                                           {kSwitchSimilarity, true},
                                           {kSwitchRecognition, true},
+                                          {kSwitchClassVote, true},
                                           {kSwitchDumpDebugInfo, false}};
   if (const std::string disabled = Env("FONTRIX_DISABLE"); !disabled.empty()) {
     try {

@@ -36,8 +36,9 @@ typedef struct FontrixHostOptions {
   /* The module's caches, created when missing. NULL: $FONTRIX_CACHE_DIR, then
    * $XDG_CACHE_HOME/fontrix, then ~/.cache/fontrix. */
   const char* cache_dir;
-  /* Services to switch off, comma-separated: "classification", "similarity", "recognition".
-   * Those named in $FONTRIX_DISABLE are off as well. */
+  /* Services to switch off, comma-separated: "classification", "similarity", "recognition", and
+   * "class-vote" (style classes from the linear rows alone). Those named in $FONTRIX_DISABLE are
+   * off as well. */
   const char* disable;
 } FontrixHostOptions;
 

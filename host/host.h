@@ -64,10 +64,12 @@ inline constexpr const char* kSwitchClassification = "Text/FontClassification";
 inline constexpr const char* kSwitchSimilarity = "Text/FontSimilarity";
 inline constexpr const char* kSwitchRecognition = "TextDebug/FontRecognition";
 inline constexpr const char* kSwitchDumpDebugInfo = "TextDebug/DumpDebugInfo";
+/// The style classes joined with the vote of look-alike faces (on unless "class-vote" is disabled).
+inline constexpr const char* kSwitchClassVote = "Text/FontClassVote";
 
 /// The feature switches of a comma-separated list of services ("classification", "similarity",
-/// "recognition"), as --disable and FONTRIX_DISABLE give them. Throws std::runtime_error naming
-/// an unknown service.
+/// "recognition", and "class-vote" for the vote the style classes are joined with), as --disable
+/// and FONTRIX_DISABLE give them. Throws std::runtime_error naming an unknown service.
 std::vector<std::string> ServiceSwitches(const std::string& services);
 
 /// The folder of the running program ("" when unknown).

@@ -1,6 +1,7 @@
 #include "plugin/exported_suites.h"
 
 #include "classification/font_feature_cache.h"
+#include "plugin/class_answers.h"
 #include "shell/feature_switches.h"
 #include "plugin/fontrix.h"
 #include "plugin/tasks.h"
@@ -35,7 +36,7 @@ extern "C" QVErr FontrixGetFontsWithLabel(const int32_t* labelIndex, FontrixFont
   if (!cache) return kQVNotInitialisedErr;
   if (!labelIndex || !out || !out->append) return kQVBadParameterErr;
   return Answer([&] {
-    for (const auto& name : cache->GetFontsWithLabel(*labelIndex)) Append(out, name, 1.0);
+    for (const auto& name : ClassAnswers::FontsWithLabel(cache, *labelIndex)) Append(out, name, 1.0);
     return kQVNoErr;
   });
 }

@@ -11,6 +11,7 @@
 #include "hostglue/font_engine.h"
 #include "shell/cache_log.h"
 #include "shell/cancellation.h"
+#include "plugin/class_answers.h"
 #include "plugin/exported_suites.h"
 #include "shell/feature_switches.h"
 #include "shell/qv_error.h"
@@ -187,6 +188,7 @@ QVErr Fontrix::Notify(QVNotifierMessage* message) {
     scheduler.StopAll();
     RequestCancel(false);
     FontFeatureCache::Terminate();
+    ClassAnswers::Terminate();
     FontSimilarCache::Terminate();
     FontRecognitionCache::Terminate();
     hostglue::ReleaseFontEngine();

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "classification/font_feature_cache.h"
+#include "plugin/class_answers.h"
 #include "shell/cache_log.h"
 #include "plugin/fontrix.h"
 #include "shell/host_suites.h"
@@ -41,9 +42,13 @@ void ResolveCacheLogs() {
 
 FontFeatureCacheInitTask::FontFeatureCacheInitTask() : ServiceTask(kFontrixServiceClassification) {
   FontFeatureCache::SetUpPaths();
+  ClassAnswers::SetUpPath();
 }
 
-void FontFeatureCacheInitTask::Work() { FontFeatureCache::Init(); }
+void FontFeatureCacheInitTask::Work() {
+  FontFeatureCache::Init();
+  ClassAnswers::Load();
+}
 
 FontSimilarCacheInitTask::FontSimilarCacheInitTask() : ServiceTask(kFontrixServiceSimilarity) {
   SimilarityLog().ReadLogSwitch();

@@ -34,12 +34,14 @@ struct kept_switch {
   }
 };
 
-kept_switch* switches[3];
+constexpr int kSwitchCount = 4;
+kept_switch* switches[kSwitchCount];
 
 void make_switches() {
   switches[0] = new kept_switch{kClassificationSwitch, {}, false};
   switches[1] = new kept_switch{kSimilaritySwitch, {}, false};
   switches[2] = new kept_switch{kRecognitionSwitch, {}, false};
+  switches[3] = new kept_switch{kClassVoteSwitch, {}, false};
 }
 
 kept_switch& get_switch(int i) {
@@ -53,9 +55,10 @@ kept_switch& get_switch(int i) {
 bool ClassificationEnabled() { return get_switch(0).get(); }
 bool SimilarityEnabled() { return get_switch(1).get(); }
 bool RecognitionEnabled() { return get_switch(2).get(); }
+bool ClassVoteEnabled() { return get_switch(3).get(); }
 
 void ResetFeatureSwitchesForTesting() {
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < kSwitchCount; ++i) {
     kept_switch& s = get_switch(i);
     const char* key = s.key;
     delete switches[i];

@@ -20,12 +20,17 @@ constexpr const char* kClassificationSwitch = "Text/FontClassification";
 constexpr const char* kSimilaritySwitch = "Text/FontSimilarity";
 constexpr const char* kRecognitionSwitch = "TextDebug/FontRecognition";
 constexpr const char* kDebugInfoSwitch = "TextDebug/DumpDebugInfo";
+/// Ours, beside the host's: the style classes the feature suite answers join the linear rows'
+/// classes with a vote of the font's look-alikes in the shipped similarity table (off: the
+/// linear rows' classes alone, as the feature cache holds them).
+constexpr const char* kClassVoteSwitch = "Text/FontClassVote";
 
 /// The service switches, each asked of the host on first use and then kept for the life of
 /// the process.
 bool ClassificationEnabled();
 bool SimilarityEnabled();
 bool RecognitionEnabled();
+bool ClassVoteEnabled();
 
 /// Forgets the kept answers, so a test can start the module again with other switches.
 void ResetFeatureSwitchesForTesting();

@@ -13,6 +13,7 @@
 
 #include "classification/font_feature_cache.h"
 #include "host/host.h"
+#include "plugin/class_answers.h"
 #include "plugin/dispatch.h"
 #include "plugin/fontrix.h"
 #include "plugin/plugin.h"
@@ -91,6 +92,7 @@ class HostTest : public ::testing::Test {
     FontFeatureCache::Terminate();
     FontSimilarCache::Terminate();
     FontRecognitionCache::Terminate();
+    ClassAnswers::Terminate();
   }
   void TearDown() override {
     host_.reset();
