@@ -3,10 +3,12 @@
 per class recall and precision, the share of faces given their primary class, and the share
 given a class that contradicts it (serif on a sans, script on a monospace, ...).
 
-Usage: bench/class_answers.py [BUILD_DIR] [--expected TSV] [--weights TSV] [--answers JSON] [--list]
+Usage: bench/class_answers.py [BUILD_DIR] [--no-vote] [--expected TSV] [--weights TSV] [--answers JSON]
+                              [--list]
   BUILD_DIR: default build. The module runs with a fresh cache folder (`fontrix index --disable
-  similarity,recognition`, then `fontrix classes --json`): its answers are those of the weights
-  the module was built with.
+  recognition`, then `fontrix classes --json`): its answers are those of the weights the module
+  was built with, joined with the class vote of look-alike faces (data/similarity_table_classes.tsv).
+  --no-vote: the linear rows' classes alone (`--disable class-vote`).
   --weights: the answers of another weights table (data/classification_weights.tsv after a refit,
   before the module is rebuilt): the faces `fontrix classes` lists, scored in the module's order
   over the features `font-features --all` measures, each class set when its score is above 0.5.
@@ -84,10 +86,10 @@ def judge(fonts, expected):
     return counts, primary_set / max(1, judged), contradicted / max(1, judged), judged, misses
 
 
-def run_fontrix(build):
+def run_fontrix(build, vote=True):
     fontrix = os.path.join(build, "bin", "fontrix")
     with tempfile.TemporaryDirectory(prefix="fontrix-classes-") as cache:
-        common = [fontrix, "--cache-dir", cache, "--disable", "similarity,recognition"]
+        common = [fontrix, "--cache-dir", cache, "--disable", "recognition" if vote else "recognition,class-vote"]
         for words in (["index"], ["--json", "classes"]):
             r = subprocess.run(common + words, capture_output=True, text=True)
             if r.returncode != 0:
@@ -135,6 +137,7 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("build", nargs="?", default=os.path.join(REPO, "build"))
     parser.add_argument("--expected", default=EXPECTED)
+    parser.add_argument("--no-vote", action="store_true")
     parser.add_argument("--weights")
     parser.add_argument("--answers")
     parser.add_argument("--list", action="store_true")
@@ -144,7 +147,7 @@ def main(argv=None):
         with open(args.answers, encoding="utf-8") as f:
             fonts = json.load(f)["fonts"]
     else:
-        fonts = run_fontrix(args.build)
+        fonts = run_fontrix(args.build, vote=not args.no_vote)
     if args.weights:
         fonts = rescore(fonts, args.build, args.weights)
     counts, primary, contradicted, judged, misses = judge(fonts, expected)
