@@ -301,8 +301,25 @@ def recognition_picture():
     write("recognition_picture", "white.bin", picture(300, 109, b""))
 
 
+# ---- class_vote_file: the shipped file, a small one, and damaged ones.
+
+def class_vote_file():
+    with open(os.path.join(ROOT, "data", "similarity_table_classes.tsv"), "rb") as f:
+        shipped = f.read()
+    write("class_vote_file", "shipped.tsv", shipped)
+    header = shipped[:shipped.index(b"faces\t")]
+    small = header + (b"faces\t3\nface\tabcdefg\tSlab-Bold\t128\nface\t0123456789ab\tScript\t32\r\n"
+                      b"face\tx\tMono\t24\n")
+    write("class_vote_file", "small.tsv", small)
+    write("class_vote_file", "cut_short.tsv", small[:-9])
+    out_of_range = small.replace(b"rule\tfs_script\t0\t", b"rule\tfs_script\t-1\t")
+    assert out_of_range != small
+    write("class_vote_file", "rule_out_of_range.tsv", out_of_range)
+    write("class_vote_file", "no_faces.tsv", header + b"faces\t0\n")
+
+
 TARGETS = {f.__name__: f for f in (dnm_reader, similarity_pair, rec_font_table, font_listing, font_file,
-                                   recognition_picture)}
+                                   recognition_picture, class_vote_file)}
 
 
 def main():
