@@ -1,7 +1,8 @@
 // Fuzz target for recognition after a picture is decoded: any grey picture through the
 // recognition cache with the shipped networks and font table (data/NQ_loc_model.dnm,
-// NQ_rec_model.dnm, NQ_rec_font.bin, loaded once per process): the localisation network's band,
-// the band cut out, brought to 109 rows, resampled at both scales, tiled, cropped and scored.
+// NQ_rec_model.dnm, NQ_rec_font.bin, loaded once per process): the lines found by their ink and
+// cut out, the localisation network's band of each, brought to 109 rows, resampled at both
+// scales, tiled, cropped and scored.
 // Any picture must end in an answer or a std::runtime_error (the suite turns one into a failed
 // call), never a crash or a sanitizer report.
 //

@@ -157,9 +157,25 @@ extern "C" QVErr GetSimilarToTableFont(const char* uniqueName, FontrixFontList* 
 
 const FontrixTableSuite kTableSuite = {GetTableFonts, GetSimilarToTableFont};
 
+extern "C" QVErr FindTextLines(QVRasterHandle image, FontrixTextLineList* out) {
+  auto cache = FontRecognitionCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!image || !out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    for (const TextLine& line : cache->FindText(image)) {
+      const FontrixTextLine box{line.top, line.bottom, line.left, line.right};
+      out->append(out->context, &box);
+    }
+    return kQVNoErr;
+  });
+}
+
+const FontrixTextSuite kTextSuite = {FindTextLines};
+
 }  // namespace
 
 const FontrixProgressSuite& ProgressSuite() { return kProgressSuite; }
 const FontrixTableSuite& TableSuite() { return kTableSuite; }
+const FontrixTextSuite& TextSuite() { return kTextSuite; }
 
 }  // namespace fontrix

@@ -15,5 +15,7 @@ QVErr FontrixGetRecognizedFonts(QVRasterHandle image, FontrixFontList* out);
 const FontrixProgressSuite& ProgressSuite();
 /// "QV Fontrix Table Suite": the shipped similarity table's faces, and installed fonts like one.
 const FontrixTableSuite& TableSuite();
+/// "QV Fontrix Text Suite": where recognition finds lines of text in a picture.
+const FontrixTextSuite& TextSuite();
 
 }  // namespace fontrix

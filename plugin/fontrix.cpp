@@ -93,6 +93,7 @@ QVErr Fontrix::StartupPlugin(QVMessageData* message) {
   qv::Check(
       registry->AddSuite(pluginRef, kFontrixProgressSuite, kFontrixProgressSuiteVersion, 1, &ProgressSuite(), &ref));
   qv::Check(registry->AddSuite(pluginRef, kFontrixTableSuite, kFontrixTableSuiteVersion, 1, &TableSuite(), &ref));
+  qv::Check(registry->AddSuite(pluginRef, kFontrixTextSuite, kFontrixTextSuiteVersion, 1, &TextSuite(), &ref));
 
   if (const QVTimerSuite* timer = qv::Suites().timer) {
     qv::Check(timer->AddTimer(pluginRef, kTimerName, 0, &notifierTimer));

@@ -9,6 +9,7 @@
 #include "deepnet/model_io.h"
 #include "deepnet/network.h"
 #include "shell/cache_log.h"
+#include "shell/feature_switches.h"
 #include "shell/host_suites.h"
 #include "similarity/font_similar_cache.h"
 #include "similarity/similarity_table.h"
@@ -60,6 +61,7 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
   localisation_.clear();
   for (auto& c : table_) c.clear();
   status_.clear();
+  largestLineOnly_ = qv::GetFeatureManager().IsEnabled(kRecognitionLargestLineSwitch);
   const std::string problem = LoadData(paths);
   const bool ok = problem.empty();
   if (!ok) {
@@ -200,22 +202,32 @@ std::vector<FontRecognitionCache::Candidate> FontRecognitionCache::Widen(const s
   return widened;
 }
 
-namespace {
-
-// Rows [top, bottom) of a `width`-wide picture, cut to at most kMaxLineAspect times as wide as
-// high: the leftmost part of a longer line is read, so what is resampled and run stays bounded
-// whatever the picture's shape.
-GreyRaster LeftPart(const uint8_t* pixels, int32_t width, int32_t top, int32_t bottom) {
-  GreyRaster part;
-  part.height = bottom - top;
-  part.width = int32_t(std::min<int64_t>(width, int64_t(kMaxLineAspect) * part.height));
-  part.pixels.resize(size_t(part.width) * size_t(part.height));
-  for (int32_t y = 0; y < part.height; ++y)
-    std::copy_n(pixels + size_t(top + y) * size_t(width), part.width, part.pixels.begin() + size_t(y) * part.width);
-  return part;
+std::vector<float> FontRecognitionCache::ScoreText(const uint8_t* pixels, int32_t width, int32_t height) {
+  const TextLayout layout = FindTextLines(pixels, width, height);
+  std::vector<float> sum;
+  size_t read = 0;
+  for (size_t i : LinesToRead(layout, largestLineOnly_ ? 1 : kMostLinesRead)) {
+    GreyRaster line = CutLine(pixels, width, height, layout, i);
+    if (!localisation_.empty()) {
+      // The band of rows the localisation network picks within the cut: lines as the
+      // recognition network was trained to read them.
+      const auto [top, bottom] = LocaliseBand(localisation_, line);
+      GreyRaster band{line.width, int32_t(bottom - top), {}};
+      band.pixels.assign(line.pixels.begin() + ptrdiff_t(top) * line.width,
+                         line.pixels.begin() + ptrdiff_t(bottom) * line.width);
+      line = std::move(band);
+    }
+    int32_t lineWidth = 0;
+    const std::vector<float> resized = ToLineHeight(line, lineWidth);
+    if (lineWidth < kNarrowestLine) continue;  // far taller than wide: not a line of text
+    const std::vector<float> prob = ScoreLine(recognition_, resized, lineWidth);
+    if (sum.empty()) sum.assign(prob.size(), 0.0f);
+    for (size_t k = 0; k < prob.size() && k < sum.size(); ++k) sum[k] += prob[k];
+    ++read;
+  }
+  for (float& v : sum) v /= float(read);
+  return sum;
 }
-
-}  // namespace
 
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(const uint8_t* pixels,
                                                                                       int32_t width, int32_t height) {
@@ -224,15 +236,9 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     std::shared_lock<std::shared_mutex> lock(lock_);
     if ((height >= 1 && height <= 19) || (width >= 1 && width <= 19)) return results;
     if (height < 1 || width < 1 || !pixels || recognition_.empty()) return results;
-    GreyRaster raster = LeftPart(pixels, width, 0, height);
-    if (!localisation_.empty()) {
-      const auto [left, right] = LocaliseBand(localisation_, raster);
-      raster = LeftPart(raster.pixels.data(), raster.width, int32_t(left), int32_t(right));
-    }
-    int32_t lineWidth = 0;
-    const std::vector<float> line = ToLineHeight(raster, lineWidth);
-    if (lineWidth < kNarrowestLine) return results;  // far taller than wide: not a line of text
-    results = AnswerLocked(Widen(RankClasses(ScoreLine(recognition_, line, lineWidth), false)));
+    const std::vector<float> prob = ScoreText(pixels, width, height);
+    if (prob.empty()) return results;  // no line of text
+    results = AnswerLocked(Widen(RankClasses(prob, false)));
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
     if (QVPerfLogHandle perf = PerformanceLog()) {
@@ -249,7 +255,8 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::Answer(const std
   return AnswerLocked(widened);
 }
 
-std::vector<FontRecognitionCache::Result> FontRecognitionCache::AnswerLocked(const std::vector<Candidate>& widened) const {
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::AnswerLocked(
+    const std::vector<Candidate>& widened) const {
   // Only the font index decides: the status says where a table entry came from (a library face
   // has an identifier of seven characters), not whether the user has the face.
   std::vector<Result> results;
@@ -259,6 +266,12 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::AnswerLocked(con
     if (results.size() >= kMaxResults) break;
   }
   return results;
+}
+
+std::vector<TextLine> FontRecognitionCache::FindText(QVRasterHandle image) {
+  hostglue::GreyImage pixels;
+  if (!Fonts().Get().ImagePixels(image, pixels)) return {};
+  return FindTextLines(pixels.pixels.data(), pixels.width, pixels.height).lines;
 }
 
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle image) {

@@ -10,6 +10,7 @@
 #include "deepnet/layer_model.h"
 #include "hostglue/font_access.h"
 #include "recognition/line_scoring.h"
+#include "recognition/text_lines.h"
 #include "sdk/qv_types.h"
 #include "shell/service_cache.h"
 
@@ -26,6 +27,9 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
  public:
   static constexpr size_t kMaxResults = 40;
   static constexpr size_t kSteeringCandidates = 10;
+  /// Of a picture of several lines, the most that are read (their scores averaged), unless the
+  /// switch "Text/FontRecognitionLargestLine" has only the largest read.
+  static constexpr size_t kMostLinesRead = 4;
 
   struct Result {
     std::string name;
@@ -56,6 +60,10 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// The same for an image raster of the host.
   std::vector<Result> GetRecognizedFontList(QVRasterHandle image);
 
+  /// The lines of text recognition reads in an image raster of the host, found by their ink;
+  /// none when it shows no text.
+  std::vector<TextLine> FindText(QVRasterHandle image);
+
   /// The answer from widened candidates: the installed fonts among them, in order, at most 40.
   /// A face the user has installed is answered whatever its table entry's identifier or status;
   /// a face that is not installed never is.
@@ -78,8 +86,12 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   void MatchEntries();
   /// Reads the networks and the font table into the members; why they cannot be used, or "".
   std::string LoadData(const RecognitionPaths& paths);
+  /// Mean "prob" of the lines of text found in the picture; empty when it shows none that can
+  /// be read. Caller holds lock_.
+  std::vector<float> ScoreText(const uint8_t* pixels, int32_t width, int32_t height);
   /// Answer() for a caller that holds lock_.
   std::vector<Result> AnswerLocked(const std::vector<Candidate>& widened) const;
+  bool largestLineOnly_ = false;
   std::vector<int32_t> entryToFont_;
   std::vector<std::string> installed_;
 };

@@ -123,6 +123,27 @@ typedef struct FontrixTableSuite {
   QVErr (*GetSimilarToTableFont)(const char* uniqueName, FontrixFontList* out);
 } FontrixTableSuite;
 
+/* The box of one line of text's ink in a raster: rows [top, bottom), columns [left, right). */
+typedef struct FontrixTextLine {
+  int32_t top, bottom, left, right;
+} FontrixTextLine;
+
+typedef struct FontrixTextLineList {
+  void* context;
+  void (*append)(void* context, const FontrixTextLine* line);
+} FontrixTextLineList;
+
+/* Where recognition finds text in a picture, so that a host can tell a picture without text
+ * from one whose text no installed font matches, or show what was read. Answers "UIN?" until
+ * the recognition cache exists. */
+#define kFontrixTextSuite "QV Fontrix Text Suite"
+#define kFontrixTextSuiteVersion 1
+typedef struct FontrixTextSuite {
+  /* Appends the lines of text recognition finds by their ink in the grey raster `image`, top to
+   * bottom; none when the picture shows no text (blank, or grain and specks only). */
+  QVErr (*FindTextLines)(QVRasterHandle image, FontrixTextLineList* out);
+} FontrixTextSuite;
+
 #ifdef __cplusplus
 }
 #endif

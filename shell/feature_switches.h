@@ -24,6 +24,9 @@ constexpr const char* kDebugInfoSwitch = "TextDebug/DumpDebugInfo";
 /// classes with a vote of the font's look-alikes in the shipped similarity table (off: the
 /// linear rows' classes alone, as the feature cache holds them).
 constexpr const char* kClassVoteSwitch = "Text/FontClassVote";
+/// Recognition reads only the largest line of a picture of several (off: the largest few,
+/// their scores combined). Read when the recognition cache loads.
+constexpr const char* kRecognitionLargestLineSwitch = "Text/FontRecognitionLargestLine";
 
 /// The service switches, each asked of the host on first use and then kept for the life of
 /// the process.

@@ -29,13 +29,16 @@ TEST_F(HostTest, SuitesAnswerNotInitialisedUntilTheirCacheExists) {
   const auto* feature = static_cast<const FontrixFeatureSuite*>(h.AcquireSuite(kFontrixFeatureSuite, 1));
   const auto* similar = static_cast<const FontrixSimilarSuite*>(h.AcquireSuite(kFontrixSimilarSuite, 1));
   const auto* recognition = static_cast<const FontrixRecognitionSuite*>(h.AcquireSuite(kFontrixRecognitionSuite, 1));
-  ASSERT_TRUE(feature && similar && recognition);
+  const auto* text = static_cast<const FontrixTextSuite*>(h.AcquireSuite(kFontrixTextSuite, kFontrixTextSuiteVersion));
+  ASSERT_TRUE(feature && similar && recognition && text);
   Collected out;
   auto list = out.list();
+  FontrixTextLineList lines{nullptr, [](void*, const FontrixTextLine*) {}};
   const int32_t label = 4;
   EXPECT_EQ(feature->GetFontsWithLabel(&label, &list), kQVNotInitialisedErr);
   EXPECT_EQ(similar->GetSimilarFontNames("Alpha-Regular", &list), kQVNotInitialisedErr);
   EXPECT_EQ(recognition->GetRecognizedFonts(reinterpret_cast<QVRasterHandle>(1), &list), kQVNotInitialisedErr);
+  EXPECT_EQ(text->FindTextLines(reinterpret_cast<QVRasterHandle>(1), &lines), kQVNotInitialisedErr);
   EXPECT_TRUE(out.fonts.empty());
   EXPECT_EQ(out.clears, 0);  // untouched
 
@@ -43,10 +46,12 @@ TEST_F(HostTest, SuitesAnswerNotInitialisedUntilTheirCacheExists) {
   ASSERT_TRUE(WaitIdle());
   EXPECT_EQ(feature->GetFontsWithLabel(&label, &list), kQVNoErr);
   EXPECT_EQ(feature->GetFontsWithLabel(nullptr, &list), kQVBadParameterErr);
+  EXPECT_EQ(text->FindTextLines(nullptr, &lines), kQVBadParameterErr);
   // Similarity is switched off: its suite stays registered and answers "UIN?" to the end.
   EXPECT_EQ(similar->GetSimilarFontNames("Alpha-Regular", &list), kQVNotInitialisedErr);
   ASSERT_EQ(h.ApplicationShutdown(), kQVNoErr);
   EXPECT_EQ(feature->GetFontsWithLabel(&label, &list), kQVNotInitialisedErr);
+  EXPECT_EQ(text->FindTextLines(reinterpret_cast<QVRasterHandle>(1), &lines), kQVNotInitialisedErr);
 }
 
 TEST_F(HostTest, SimilarSuiteClearsTheListAndAnswersUnknownFontsWithThemselves) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 
 #include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
@@ -122,11 +123,16 @@ class RecognitionTest : public ::testing::Test {
 };
 
 TEST_F(RecognitionTest, TooSmallRastersAndAbsentSimilarityGiveNothing) {
+  // Strokes 12 rows high in the top left corner: text in any picture from 20 x 20 up.
   std::vector<uint8_t> pixels(200 * 200, 255);
+  for (int32_t y = 4; y < 16; ++y)
+    for (int32_t x : {2, 3, 6, 7, 10, 11, 14, 15}) pixels[size_t(y) * 20 + size_t(x)] = 0;
   EXPECT_TRUE(cache->GetRecognizedFontList(pixels.data(), 200, 19).empty());
   EXPECT_TRUE(cache->GetRecognizedFontList(pixels.data(), 19, 200).empty());
   // 20 x 20 is recognised, but with no similarity cache nothing widens into an answer.
   EXPECT_TRUE(cache->GetRecognizedFontList(pixels.data(), 20, 20).empty());
+  StartSimilarity();
+  EXPECT_FALSE(cache->GetRecognizedFontList(pixels.data(), 20, 20).empty());
 }
 
 TEST_F(RecognitionTest, LoadingAfterTheUpdateKeepsTheInstalledFontsMatched) {
@@ -187,6 +193,20 @@ TEST_F(RecognitionTest, AnInstalledLibraryFaceIsAnsweredAndUninstalledOnesNever)
   // The widened list held not-installed library faces (Cloud8 among them): none is answered.
   EXPECT_TRUE(std::any_of(widened.begin(), widened.end(), [](const auto& c) { return c.name == "Cloud8"; }));
   for (const auto& r : answer) EXPECT_TRUE(r.name == "Cloud7" || r.name.rfind("F", 0) == 0) << r.name;
+}
+
+TEST_F(RecognitionTest, PicturesWithoutTextGetNoAnswer) {
+  StartSimilarity();
+  std::vector<uint8_t> page(size_t(640) * 400, 236);
+  EXPECT_TRUE(cache->GetRecognizedFontList(page.data(), 640, 400).empty());
+  std::mt19937 rng(4);
+  std::normal_distribution<double> grain(0.0, 9.0);
+  for (uint8_t& p : page) p = uint8_t(std::clamp(236.0 + grain(rng), 0.0, 255.0));
+  EXPECT_TRUE(cache->GetRecognizedFontList(page.data(), 640, 400).empty());
+  // Strokes on the same page are text, and get an answer.
+  for (int32_t y = 180; y < 210; ++y)
+    for (int32_t x = 100; x < 500; x += 12) std::fill_n(page.begin() + y * 640 + x, 4, uint8_t(20));
+  EXPECT_FALSE(cache->GetRecognizedFontList(page.data(), 640, 400).empty());
 }
 
 }  // namespace

@@ -1,18 +1,23 @@
 #!/usr/bin/python3
 """Recognition with the shipped, trained data (data/): lines drawn in installed fonts through
 our own glue, at sizes and in words the network never saw together, come back as the font that
-drew them; and so do the same lines in pictures four times their height, which only works when
-the localisation network finds the line.
+drew them; and so do the same lines in pictures four times their height, on a large page (a
+tinted, framed JPEG), and as a paragraph of two lines, which only works when the text is found
+by its ink. A face the shipped similarity table lists as a library face is recognised as itself
+when installed.
 
 Usage: test_trained_recognition.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/data
 """
+import io
 import json
 import os
+import shutil
 import struct
 import sys
 import zlib
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+import shipped_data_tool  # noqa: E402
 from shipped_data_tool import ShippedDataTest, main  # noqa: E402
 
 # Installed by scripts/setup.sh, in the recognition font table, and of different designs.
@@ -87,14 +92,31 @@ class TrainedRecognitionTest(ShippedDataTest):
         self.assertEqual(r.returncode, 0, r.stderr)
         return picture
 
-    def recognised(self, font, text, size, tall=False):
+    def recognised(self, font, text, size, page=None, data=None):
+        """The first five answers for a picture of `text` in `font`: the line as drawn, or on a
+        `page`: "tall" (paper above and below: the line is a quarter of the picture's height),
+        "wide" (somewhere on a tinted 1600 x 1000 page in a frame, as a JPEG), or "two" (the
+        line and the next of LINES as a paragraph on a white page)."""
         picture = self.draw(font, text, size)
-        if tall:  # paper above and below: the line is a quarter of the picture's height
+        if page == "tall":
             width, height, rows = read_grey_png(picture)
             paper = bytes([255]) * width
             picture = picture[:-4] + "-tall.png"
             write_grey_png(picture, width, [paper] * (height * 3 // 2) + rows + [paper] * (height * 3 // 2))
-        r = self.run_tool("recognize", picture, "--json", "--limit", "5")
+        elif page in ("wide", "two"):
+            from PIL import Image, ImageDraw
+            line = Image.open(picture).convert("L")
+            sheet = Image.new("L", (1600, 1000), 232 if page == "wide" else 255)
+            at = (140 + 13 * len(font), 220 + 7 * size)
+            sheet.paste(Image.eval(line, lambda v: v * 232 // 255) if page == "wide" else line, at)
+            if page == "two":
+                following = LINES[(LINES.index(text) + 1) % len(LINES)]
+                sheet.paste(Image.open(self.draw(font, following, size)).convert("L"), (at[0], at[1] + size * 13 // 10))
+            else:
+                ImageDraw.Draw(sheet).rectangle((8, 8, 1591, 991), outline=50, width=2)
+            picture = picture[:-4] + f"-{page}.jpg"
+            sheet.save(picture, "JPEG", quality=75)
+        r = self.run_tool("recognize", picture, "--json", "--limit", "5", *(["--data-dir", data] if data else []))
         self.assertEqual(r.returncode, 0, r.stderr)
         return [x["name"] for x in json.loads(r.stdout)["results"]]
 
@@ -113,19 +135,54 @@ class TrainedRecognitionTest(ShippedDataTest):
         return total < 10 * a[0] * a[1]
 
     def test_lines_come_back_as_their_font(self):
-        self.check_lines(tall=False)
+        self.check_lines()
 
     def test_lines_in_tall_pictures_come_back_as_their_font(self):
-        self.check_lines(tall=True)
+        self.check_lines("tall")
 
-    def check_lines(self, tall):
+    def test_lines_on_wide_pages_come_back_as_their_font(self):
+        self.check_lines("wide")
+
+    def test_paragraphs_of_two_lines_come_back_as_their_font(self):
+        self.check_lines("two")
+
+    def test_an_installed_library_face_is_recognised_as_itself(self):
+        """A face the user has installed is an answer whatever its shipped similarity entry says.
+        The shipped table is copied with the entries of the test fonts made library faces'
+        (identifiers of seven characters): their lines must still come back as them."""
+        fonts = [f for f in FONTS[:4] if f in self.installed]
+        if not fonts:
+            self.skipTest("none of " + ", ".join(FONTS[:4]) + " is installed")
+        data = os.path.join(self.tmp.name, "library-data")
+        os.makedirs(data, exist_ok=True)
+        for name in os.listdir(shipped_data_tool.DATA):
+            if name != "NQ_sim_meta_fs.bin" and not os.path.exists(os.path.join(data, name)):
+                os.symlink(os.path.join(shipped_data_tool.DATA, name), os.path.join(data, name))
+        with open(os.path.join(shipped_data_tool.DATA, "NQ_sim_meta_fs.bin")) as f:
+            lines = f.read().split("\n")
+        listed = set()
+        for group in range(0, len(lines) - 5, 6):
+            if lines[group + 3] in fonts:
+                lines[group] = "L%06d" % (group // 6)
+                listed.add(lines[group + 3])
+        fonts = [f for f in fonts if f in listed]
+        if not fonts:
+            self.skipTest("none of the test fonts is in the shipped similarity table")
+        with open(os.path.join(data, "NQ_sim_meta_fs.bin"), "w") as f:
+            f.write("\n".join(lines))
+        for font in fonts:
+            text, size = LINES[0], 40
+            names = self.recognised(font, text, size, data=data)
+            self.assertTrue(any(self.drawn_alike(font, n, text, size) for n in names), f"{font}: {names}")
+
+    def check_lines(self, page=None):
         fonts = [f for f in FONTS if f in self.installed]
         self.assertGreaterEqual(len(fonts), 8, "the test fonts are not installed")
         first = top5 = total = 0
         misses = []
         for font in fonts:
             for text, size in zip(LINES, (40, 72)):
-                names = self.recognised(font, text, size, tall)
+                names = self.recognised(font, text, size, page)
                 total += 1
                 at_first = bool(names) and self.drawn_alike(font, names[0], text, size)
                 first += at_first
