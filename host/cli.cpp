@@ -61,11 +61,15 @@ const char* const kHelp =
     "                      a PNG contact sheet of their specimens. A NAME that is not installed\n"
     "                      but is a face of the module's similarity table is answered from the\n"
     "                      table, as said on standard error\n"
-    "  recognize IMAGE [--sheet FILE]\n"
-    "                      the installed fonts most likely shown in a picture of one line of text\n"
-    "                      (PNG or JPEG of at most 64 megapixels; at most 40 fonts), best first,\n"
-    "                      with scores; --sheet draws a sample in each. A line is read up to 128\n"
-    "                      times as wide as high: the rest of a longer one is left out\n"
+    "  recognize IMAGE [--largest-line] [--sheet FILE]\n"
+    "                      the installed fonts most likely shown in a picture of text (PNG or\n"
+    "                      JPEG of at most 64 megapixels, a file or - for standard input; at\n"
+    "                      most 40 fonts), best first, with scores; --sheet draws a sample in\n"
+    "                      each. The text is found by its ink, whatever the margins; of several\n"
+    "                      lines the four largest are read and their scores combined, or only\n"
+    "                      the largest with --largest-line. A line is read up to 128 times as\n"
+    "                      wide as high: the rest of a longer one is left out. A picture\n"
+    "                      without text fails\n"
     "  index               brings the module's caches up to date and reports what it did\n"
     "  specimen NAME TEXT -o FILE [--size N]\n"
     "                      draws TEXT in the installed font NAME into the PNG FILE, N pixels to\n"
@@ -116,6 +120,7 @@ struct Options {
   std::string style;                     // -s, --style: of the font NAME
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
+  bool largest_line = false;             // recognize: --largest-line
   bool limit_given = false;
   std::string command;
   std::vector<std::string> args;
@@ -223,6 +228,7 @@ Options Parse(int argc, char** argv) {
                  : name == "--version"        ? &options.version
                  : name == "--all"            ? &options.all
                  : name == "--other-families" ? &options.other_families
+                 : name == "--largest-line"   ? &options.largest_line
                                               : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
     if (inline_value) throw UsageError(name + " takes no value");
@@ -261,6 +267,7 @@ Options Parse(int argc, char** argv) {
     throw UsageError("--class is for fonts and similar only");
   if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
+  if (options.largest_line && options.command != "recognize") throw UsageError("--largest-line is for recognize only");
   if (!options.style.empty() && options.command != "similar" && options.command != "specimen")
     throw UsageError("--style is for similar and specimen only");
   const bool rows = options.command == "fonts" || options.command == "classes" || options.command == "similar" ||
@@ -771,12 +778,27 @@ void Similar(Host& host, const Options& options) {
   }
 }
 
+// Whether the module's recognition finds any line of text in the picture.
+bool HasText(Host& host, const ImageRaster& image) {
+  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
+  size_t lines = 0;
+  FontrixTextLineList list{&lines, [](void* context, const FontrixTextLine*) { ++*static_cast<size_t*>(context); }};
+  Check(text->FindTextLines(image.handle(), &list), "the text query");
+  return lines > 0;
+}
+
 // Asks the module's recognition suite about a picture, exactly as another plug-in would.
 void Recognize(Host& host, const Options& options) {
   const std::string& path = options.args[0];
   std::unique_ptr<ImageRaster> image;
   try {
-    image = LoadImageRaster(path);
+    if (path != "-") {
+      image = LoadImageRaster(path);
+    } else if (isatty(STDIN_FILENO) == 1) {
+      throw Failure("recognize - reads the image from standard input: pipe a PNG or JPEG image into it");
+    } else {
+      image = LoadImageRasterFromDescriptor(STDIN_FILENO, "from standard input");
+    }
   } catch (const std::runtime_error& e) {
     throw Failure(e.what());
   }
@@ -788,6 +810,8 @@ void Recognize(Host& host, const Options& options) {
     throw Failure("the recognition service is not running (switched off, or its data is missing)");
   Check(err, "the recognition query");
   const std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
+  if (found.empty() && image->width() >= 20 && image->height() >= 20 && !HasText(host, *image))
+    throw Failure("no text found");
   if (rows.empty() && !options.json)
     std::fprintf(stderr,
                  "fontrix: no installed font recognised: the picture shows no line of text the service can read (it "
@@ -901,6 +925,7 @@ int RunCommand(const Options& options) {
   host_options.cache_dir = options.cache_dir;
   for (const std::string& key : options.disabled) host_options.switches[key] = false;
   if (options.debug_log) host_options.switches[kSwitchDumpDebugInfo] = true;
+  if (options.largest_line) host_options.switches[kSwitchRecognitionLargestLine] = true;
   const double started = Seconds();
   Host host(std::move(host_options));
   host.LoadModule(FindModule(options.module));

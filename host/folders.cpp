@@ -86,7 +86,8 @@ std::map<std::string, bool> ResolveSwitches(const std::map<std::string, bool>& o
                                           {kSwitchSimilarity, true},
                                           {kSwitchRecognition, true},
                                           {kSwitchClassVote, true},
-                                          {kSwitchDumpDebugInfo, false}};
+                                          {kSwitchDumpDebugInfo, false},
+                                          {kSwitchRecognitionLargestLine, false}};
   if (const std::string disabled = Env("FONTRIX_DISABLE"); !disabled.empty()) {
     try {
       for (const std::string& key : ServiceSwitches(disabled)) switches[key] = false;

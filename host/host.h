@@ -66,6 +66,8 @@ inline constexpr const char* kSwitchRecognition = "TextDebug/FontRecognition";
 inline constexpr const char* kSwitchDumpDebugInfo = "TextDebug/DumpDebugInfo";
 /// The style classes joined with the vote of look-alike faces (on unless "class-vote" is disabled).
 inline constexpr const char* kSwitchClassVote = "Text/FontClassVote";
+/// Recognition reads only the largest line of a picture of several (fontrix recognize --largest-line).
+inline constexpr const char* kSwitchRecognitionLargestLine = "Text/FontRecognitionLargestLine";
 
 /// The feature switches of a comma-separated list of services ("classification", "similarity",
 /// "recognition", and "class-vote" for the vote the style classes are joined with), as --disable

@@ -316,6 +316,33 @@ std::unique_ptr<ImageRaster> LoadImageRasterFromMemory(const void* data, size_t 
   Fail(name, std::string("its ") + format + " data is damaged (" + trouble.message + ")");
 }
 
+namespace {
+
+// Compressed data of the largest image allowed is far smaller than this.
+constexpr uint64_t kMostImageFileBytes = uint64_t{1} << 30;
+
+// Every byte `fd` gives until its end, at most kMostImageFileBytes; `name` is for messages.
+std::vector<uint8_t> ReadToEnd(int fd, const std::string& name, size_t expected) {
+  std::vector<uint8_t> bytes(std::max<size_t>(expected, 1) + 1);  // one byte more sees the end at once
+  size_t done = 0;
+  for (;;) {
+    if (done == bytes.size()) {
+      if (bytes.size() > kMostImageFileBytes) Fail(name, "it is larger than 1 GiB");
+      bytes.resize(std::min<size_t>(bytes.size() * 2, kMostImageFileBytes + 1));
+    }
+    const ssize_t got = ::read(fd, bytes.data() + done, bytes.size() - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) Fail(name, std::strerror(errno));
+    if (got == 0) break;
+    done += size_t(got);
+  }
+  if (done > kMostImageFileBytes) Fail(name, "it is larger than 1 GiB");
+  bytes.resize(done);
+  return bytes;
+}
+
+}  // namespace
+
 std::unique_ptr<ImageRaster> LoadImageRaster(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) Fail(path, std::strerror(errno));
@@ -326,19 +353,15 @@ std::unique_ptr<ImageRaster> LoadImageRaster(const std::string& path) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) Fail(path, std::strerror(errno));
   if (!S_ISREG(st.st_mode)) Fail(path, "it is not a regular file");
-  // Compressed data of the largest image allowed is far smaller than this.
-  if (uint64_t(st.st_size) > uint64_t{1} << 30) Fail(path, "the file is larger than 1 GiB");
-  std::vector<uint8_t> bytes(size_t(st.st_size));
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got = ::read(fd, bytes.data() + done, bytes.size() - done);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) Fail(path, std::strerror(errno));
-    if (got == 0) break;  // shrank while being read: decoding will tell
-    done += size_t(got);
-  }
-  bytes.resize(done);
+  if (uint64_t(st.st_size) > kMostImageFileBytes) Fail(path, "the file is larger than 1 GiB");
+  const std::vector<uint8_t> bytes = ReadToEnd(fd, path, size_t(st.st_size));
   return LoadImageRasterFromMemory(bytes.data(), bytes.size(), path);
+}
+
+std::unique_ptr<ImageRaster> LoadImageRasterFromDescriptor(int fd, const std::string& name) {
+  const std::vector<uint8_t> bytes = ReadToEnd(fd, name, 1 << 16);
+  if (bytes.empty()) Fail(name, "nothing came");
+  return LoadImageRasterFromMemory(bytes.data(), bytes.size(), name);
 }
 
 // ---- writing

@@ -44,6 +44,10 @@ class ImageRaster {
 /// file and the reason.
 std::unique_ptr<ImageRaster> LoadImageRaster(const std::string& path);
 
+/// The same from what a file descriptor gives until its end (standard input: 0); `name` stands
+/// for it in messages. More than 1 GiB is refused.
+std::unique_ptr<ImageRaster> LoadImageRasterFromDescriptor(int fd, const std::string& name);
+
 /// The same from bytes in memory; `name` stands for the file in messages. `max_pixels` lowers
 /// the size limit (the fuzz target keeps images small).
 std::unique_ptr<ImageRaster> LoadImageRasterFromMemory(const void* data, size_t size, const std::string& name,

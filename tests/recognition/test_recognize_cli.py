@@ -1,12 +1,15 @@
 #!/usr/bin/python3
 """fontrix recognize with stand-in data (untrained networks, so only the plumbing is checked,
-not which font wins): a line drawn by fontrix specimen goes in, installed fonts come out through
-the module's recognition suite; bad pictures and a switched-off service fail clearly.
+not which font wins): a line drawn by fontrix specimen goes in, from a file or standard input,
+installed fonts come out through the module's recognition suite; pictures without text, bad
+pictures and a switched-off service fail clearly.
 
 Usage: test_recognize_cli.py PATH/TO/fontrix PATH/TO/libfontrix.so
 """
+import io
 import json
 import os
+import random
 import subprocess
 import sys
 import tempfile
@@ -38,6 +41,65 @@ class RecognizeCliTest(unittest.TestCase):
     def run_tool(cls, *args):
         return subprocess.run([FONTRIX, "--module", MODULE, "--data-dir", cls.data, "--cache-dir", cls.cache, *args],
                               capture_output=True, text=True, timeout=600, env=cls.env)
+
+    @classmethod
+    def run_piped(cls, data, *args):
+        return subprocess.run([FONTRIX, "--module", MODULE, "--data-dir", cls.data, "--cache-dir", cls.cache, *args],
+                              input=data, capture_output=True, timeout=600, env=cls.env)
+
+    def page(self, paper=255, frame=False):
+        """The line on a 1600 x 1000 page, well away from its edges."""
+        from PIL import Image, ImageDraw
+        page = Image.new("L", (1600, 1000), paper)
+        page.paste(Image.open(self.line).convert("L"), (530, 610))
+        if frame:
+            ImageDraw.Draw(page).rectangle((6, 6, 1593, 993), outline=40, width=3)
+        return page
+
+    @staticmethod
+    def encoded(picture, kind, **options):
+        out = io.BytesIO()
+        picture.save(out, kind, **options)
+        return out.getvalue()
+
+    def test_a_picture_from_standard_input(self):
+        with open(self.line, "rb") as f:
+            png = f.read()
+        from_file = self.run_tool("recognize", self.line, "--json")
+        self.assertEqual(from_file.returncode, 0, from_file.stderr)
+        piped = self.run_piped(png, "recognize", "-", "--json")
+        self.assertEqual(piped.returncode, 0, piped.stderr)
+        self.assertEqual(json.loads(piped.stdout)["image"], "-")
+        self.assertEqual(json.loads(piped.stdout)["results"], json.loads(from_file.stdout)["results"])
+        # A JPEG of the line on a tinted page in a frame.
+        r = self.run_piped(self.encoded(self.page(228, frame=True), "JPEG", quality=70), "recognize", "-", "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertTrue(json.loads(r.stdout)["results"])
+        for data, why in ((b"GIF89a not a picture", "it is a GIF image, and only PNG and JPEG images can be read"), (b"", "nothing came"),
+                          (png[:len(png) // 2], "the file ends before its PNG image does")):
+            r = self.run_piped(data, "recognize", "-")
+            self.assertEqual(r.returncode, 1)
+            self.assertEqual(r.stderr.decode(), f"fontrix: cannot load the image from standard input: {why}\n")
+
+    def test_pictures_without_text_are_refused(self):
+        from PIL import Image, ImageDraw
+        grain = Image.new("L", (900, 700))
+        rng = random.Random(3)
+        grain.putdata([min(255, max(0, int(rng.gauss(225, 9)))) for _ in range(900 * 700)])
+        frame = Image.new("L", (900, 700), 255)
+        ImageDraw.Draw(frame).rectangle((4, 4, 895, 695), outline=0, width=2)
+        pictures = {"blank": self.encoded(Image.new("L", (640, 480), 240), "PNG"),
+                    "grain": self.encoded(grain, "JPEG", quality=50),
+                    "frame": self.encoded(frame, "PNG")}
+        for what, data in pictures.items():
+            for json_out in ([], ["--json"]):
+                r = self.run_piped(data, "recognize", "-", *json_out)
+                self.assertEqual((r.returncode, r.stderr.decode(), r.stdout), (1, "fontrix: no text found\n", b""),
+                                 what)
+        # The line in the middle of the framed page is text, however wide the margins.
+        r = self.run_piped(self.encoded(self.page(frame=True), "PNG"), "recognize", "-")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertTrue(r.stdout)
 
     def test_a_line_gives_installed_fonts_best_first(self):
         installed = {f["name"] for f in json.loads(self.run_tool("fonts", "--json").stdout)["fonts"]}
