@@ -27,18 +27,9 @@ import tempfile
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "class_answers.tsv")
-CLASSES = ("fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace", "fs_sans_serif", "fs_script",
-           "fs_serif", "fs_slab_serif")
-# Classes a face of the first class should never also be given (as training/fit_classification.py
-# judges the corpus).
-CONTRADICTIONS = {
-    "fs_sans_serif": ("fs_serif", "fs_slab_serif", "fs_blackletter", "fs_script"),
-    "fs_serif": ("fs_sans_serif", "fs_blackletter"),
-    "fs_slab_serif": ("fs_sans_serif", "fs_blackletter", "fs_script"),
-    "fs_monospace": ("fs_script", "fs_blackletter"),
-    "fs_script": ("fs_monospace", "fs_sans_serif", "fs_slab_serif"),
-    "fs_blackletter": ("fs_sans_serif", "fs_monospace", "fs_slab_serif"),
-}
+sys.path.insert(0, os.path.join(REPO, "training"))
+# The classes, and those a face of the first class should never also be given, as the fit judges the corpus.
+from fit_classification import CLASSES, CONTRADICTIONS  # noqa: E402
 
 
 def read_expected(path):
