@@ -70,7 +70,11 @@ void FontFeatureCache::Init() {
   CacheLog& log = ClassificationLog();
   log.Info("Feature Cache Initialization Start");
   try {
-    const bool ok = GetOrCreate()->Load();
+    // The init and update tasks run at once. An update that won the race has loaded the file
+    // and may have added records since: loading again would drop them.
+    auto cache = GetOrCreate();
+    std::lock_guard<std::mutex> update(UpdateMutex());
+    const bool ok = cache->Loaded() || cache->Load();
     log.Info(ok ? "Feature Cache Initialization successful" : "Feature Cache Initialization failed");
   } catch (...) {
     log.Exception(CacheLog::kInfo, "Exception while Feature Cache Initialization");
