@@ -318,8 +318,27 @@ def class_vote_file():
     write("class_vote_file", "no_faces.tsv", header + b"faces\t0\n")
 
 
+# ---- installed_lines_file: lines kept for installed fonts, a font without one, and damage.
+
+def installed_lines_file():
+    def lines_file(records, values=4, fingerprint=0x1234):
+        out = b"FXRL" + struct.pack("<IQII", 1, fingerprint, values, len(records))
+        for name, line in records:
+            out += struct.pack("<I", len(name)) + name + struct.pack("<B", line is not None)
+            if line is not None:
+                out += struct.pack(f"<{values}f", *line)
+        return out
+    good = lines_file([(b"Alpha-Regular", (0.5, 0.5, 0.5, 0.5)), (b"Symbols", None), (b"Beta", (0.0, 0.6, 0.8, 0.0))])
+    write("installed_lines_file", "three.bin", good)
+    write("installed_lines_file", "cut_short.bin", good[:-5])
+    write("installed_lines_file", "no_lines_only.bin", lines_file([(b"Symbols", None)], values=0))
+    write("installed_lines_file", "not_unit.bin", lines_file([(b"A", (1.0, 1.0, 0.0, 0.0))]))
+    write("installed_lines_file", "name_twice.bin", lines_file([(b"A", None), (b"A", None)]))
+    write("installed_lines_file", "huge_count.bin", b"FXRL" + struct.pack("<IQII", 1, 0x1234, 4, 0xFFFFFFFF))
+
+
 TARGETS = {f.__name__: f for f in (dnm_reader, similarity_pair, rec_font_table, font_listing, font_file,
-                                   recognition_picture, class_vote_file)}
+                                   recognition_picture, class_vote_file, installed_lines_file)}
 
 
 def main():

@@ -65,7 +65,8 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
   static const std::map<std::string, std::string> kServices = {{"classification", kSwitchClassification},
                                                                {"similarity", kSwitchSimilarity},
                                                                {"recognition", kSwitchRecognition},
-                                                               {"class-vote", kSwitchClassVote}};
+                                                               {"class-vote", kSwitchClassVote},
+                                                               {"installed-lines", kSwitchRecognitionInstalledLines}};
   std::vector<std::string> keys;
   for (size_t start = 0; start <= services.size();) {
     const size_t comma = std::min(services.find(',', start), services.size());
@@ -75,7 +76,7 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
     auto it = kServices.find(service);
     if (it == kServices.end())
       throw std::runtime_error("unknown service '" + service +
-                               "' (known: classification, similarity, recognition, class-vote)");
+                               "' (known: classification, similarity, recognition, class-vote, installed-lines)");
     keys.push_back(it->second);
   }
   return keys;
@@ -87,7 +88,8 @@ std::map<std::string, bool> ResolveSwitches(const std::map<std::string, bool>& o
                                           {kSwitchRecognition, true},
                                           {kSwitchClassVote, true},
                                           {kSwitchDumpDebugInfo, false},
-                                          {kSwitchRecognitionLargestLine, false}};
+                                          {kSwitchRecognitionLargestLine, false},
+                                          {kSwitchRecognitionInstalledLines, true}};
   if (const std::string disabled = Env("FONTRIX_DISABLE"); !disabled.empty()) {
     try {
       for (const std::string& key : ServiceSwitches(disabled)) switches[key] = false;

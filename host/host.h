@@ -68,6 +68,9 @@ inline constexpr const char* kSwitchDumpDebugInfo = "TextDebug/DumpDebugInfo";
 inline constexpr const char* kSwitchClassVote = "Text/FontClassVote";
 /// Recognition reads only the largest line of a picture of several (fontrix recognize --largest-line).
 inline constexpr const char* kSwitchRecognitionLargestLine = "Text/FontRecognitionLargestLine";
+/// Recognition also compares pictures with a line drawn in each installed font (on unless
+/// "installed-lines" is disabled).
+inline constexpr const char* kSwitchRecognitionInstalledLines = "Text/FontRecognitionInstalledLines";
 
 /// The feature switches of a comma-separated list of services ("classification", "similarity",
 /// "recognition", and "class-vote" for the vote the style classes are joined with), as --disable

@@ -1,14 +1,19 @@
 #include "recognition/font_recognition_cache.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <mutex>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "deepnet/layers/fc.h"
 #include "deepnet/model_io.h"
 #include "deepnet/network.h"
+#include "shell/cache_folder_lock.h"
 #include "shell/cache_log.h"
+#include "shell/cancellation.h"
 #include "shell/feature_switches.h"
 #include "shell/host_suites.h"
 #include "similarity/font_similar_cache.h"
@@ -29,12 +34,14 @@ const RecognitionPaths& ResolveRecognitionPaths() {
   if (!paths_resolved) {
     const std::string data = qv::FolderPath(kQVFolderPluginData, false);
     resolved_paths = {FileInFolder(data, "NQ_rec_model.dnm"), FileInFolder(data, "NQ_rec_font.bin"),
-                      FileInFolder(data, "NQ_loc_model.dnm")};
+                      FileInFolder(data, "NQ_loc_model.dnm"),
+                      FileInFolder(qv::FolderPath(kQVFolderUserCache, true), kInstalledLinesFileName)};
     paths_resolved = true;
     CacheLog& log = RecognitionLog();
     log.Info("Recognition Model File-Path : ", resolved_paths.model);
     log.Info("Recognition Meta File-Path : ", resolved_paths.fontTable);
     log.Info("Recognition Loc Model File-Path : ", resolved_paths.localisationModel);
+    log.Info("Recognition Installed Lines File-Path : ", resolved_paths.installedLines);
   }
   return resolved_paths;
 }
@@ -43,41 +50,6 @@ void SetRecognitionPaths(const RecognitionPaths& paths) {
   std::lock_guard<std::mutex> lock(paths_mutex);
   resolved_paths = paths;
   paths_resolved = true;
-}
-
-void FontRecognitionCache::Init() {
-  try {
-    GetOrCreate()->Load(ResolveRecognitionPaths());
-  } catch (...) {
-    RecognitionLog().Exception(CacheLog::kInfo, "Recognition Cache Loading throws exception");
-  }
-}
-
-bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
-  std::unique_lock<std::shared_mutex> lock(lock_);
-  CacheLog& log = RecognitionLog();
-  log.Info("Loading Recognition Engine Starts: time : ", HostTime());
-  recognition_.clear();
-  localisation_.clear();
-  for (auto& c : table_) c.clear();
-  status_.clear();
-  largestLineOnly_ = qv::GetFeatureManager().IsEnabled(kRecognitionLargestLineSwitch);
-  const std::string problem = LoadData(paths);
-  const bool ok = problem.empty();
-  if (!ok) {
-    // Shipped data that cannot be used leaves the service without answers, and says why.
-    recognition_.clear();
-    localisation_.clear();
-    for (auto& c : table_) c.clear();
-    status_.clear();
-    log.Info("Recognition Engine Unusable: ", problem);
-    progress_.Report(CacheProgress::kFailure, problem);
-  }
-  // The update task runs beside this one and may have matched the installed fonts first.
-  MatchEntries();
-  log.Info("Loading Recognition Engine Ends: time ", HostTime());
-  loaded_.store(true);
-  return ok;
 }
 
 namespace {
@@ -93,6 +65,63 @@ uint32_t ProbClasses(const deepnet::layer_model_list& network) {
 }
 
 }  // namespace
+
+void FontRecognitionCache::Init() {
+  try {
+    // The init and update tasks run at once; an update that won the race has loaded already.
+    auto cache = GetOrCreate();
+    std::lock_guard<std::mutex> update(UpdateMutex());
+    if (!cache->Loaded()) cache->Load(ResolveRecognitionPaths());
+  } catch (...) {
+    RecognitionLog().Exception(CacheLog::kInfo, "Recognition Cache Loading throws exception");
+  }
+}
+
+bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
+  std::unique_lock<std::shared_mutex> lock(lock_);
+  CacheLog& log = RecognitionLog();
+  log.Info("Loading Recognition Engine Starts: time : ", HostTime());
+  recognition_.clear();
+  localisation_.clear();
+  for (auto& c : table_) c.clear();
+  status_.clear();
+  largestLineOnly_ = qv::GetFeatureManager().IsEnabled(kRecognitionLargestLineSwitch);
+  installedLines_ = qv::GetFeatureManager().IsEnabled(kRecognitionInstalledLinesSwitch);
+  linesPath_ = paths.installedLines;
+  lines_.clear();
+  linesFromFile_ = 0;
+  linesRead_ = false;
+  const std::string problem = LoadData(paths);
+  const bool ok = problem.empty();
+  if (!ok) {
+    // Shipped data that cannot be used leaves the service without answers, and says why.
+    recognition_.clear();
+    localisation_.clear();
+    for (auto& c : table_) c.clear();
+    status_.clear();
+    log.Info("Recognition Engine Unusable: ", problem);
+    progress_.Report(CacheProgress::kFailure, problem);
+  }
+  if (ok && installedLines_) {
+    networkFingerprint_ = NetworkFingerprint(paths.model);
+    try {
+      if (!linesPath_.empty()) lines_ = ReadInstalledLines(linesPath_, networkFingerprint_);
+    } catch (const std::exception& e) {
+      // A damaged file is read again font by font and written over.
+      log.Info("Installed lines ", linesPath_, " unusable (", e.what(), "); they are read again");
+    }
+    linesFromFile_ = lines_.size();
+    log.Info("Installed lines kept: ", lines_.size());
+    linesRead_ = true;
+  }
+  // The update task may have matched the installed fonts before (it waits for this load).
+  MatchEntries();
+  MatchLines();
+  log.Info("Loading Recognition Engine Ends: time ", HostTime());
+  loaded_.store(true);
+  return ok;
+}
+
 
 std::string FontRecognitionCache::LoadData(const RecognitionPaths& paths) {
   namespace fs = std::filesystem;
@@ -121,24 +150,100 @@ std::string FontRecognitionCache::LoadData(const RecognitionPaths& paths) {
 bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId) {
   RecognitionLog().Info(" Current Font Server ID - ", fontServerId);
   if (fontServerId < fontServerId_.load()) return false;
+  std::lock_guard<std::mutex> update(UpdateMutex());
+  // The init task runs beside this one: the lines can only be read once the network is loaded.
+  if (!loaded_.load()) Load(ResolveRecognitionPaths());
   progress_.Start(uint32_t(fonts.size()));
   // The same fonts in the same order as the similarity cache matches them, so the font indices
   // of the two caches agree when recognition widens through similarity.
   hostglue::FontAccess& access = Fonts().Get();
   std::vector<std::string> names;
+  std::vector<QVFontHandle> usable;
   const bool available = Fonts().Available();
   for (QVFontHandle f : fonts) {
     hostglue::FontNames n;
-    if (available && access.IsUsable(f) && access.Names(f, n)) names.push_back(n.uniqueName);
+    if (available && access.IsUsable(f) && access.Names(f, n)) {
+      names.push_back(n.uniqueName);
+      usable.push_back(f);
+    }
   }
   {
     std::unique_lock<std::shared_mutex> lock(lock_);
     installed_ = names;
     MatchEntries();
+    MatchLines();
   }
+  const bool read = IndexInstalledLines(usable, names);
   fontServerId_.store(fontServerId);
   progress_.Finish();
-  return false;
+  return read;
+}
+
+bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& fonts,
+                                               const std::vector<std::string>& names) {
+  std::vector<InstalledLine> drawn;
+  {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    if (!installedLines_ || !linesRead_ || recognition_.empty()) return false;
+    // Lines read by an earlier update of this run are not counted as found in the file again.
+    std::unordered_map<std::string, bool> kept;
+    for (size_t i = 0; i < lines_.size(); ++i) kept.emplace(lines_[i].name, i < linesFromFile_);
+    hostglue::FontAccess& access = Fonts().Get();
+    CacheLog& log = RecognitionLog();
+    uint32_t fromFile = 0;
+    for (const std::string& name : names)
+      if (const auto it = kept.find(name); it != kept.end()) fromFile += it->second;
+    progress_.matched.store(fromFile);
+    for (size_t i = 0; i < fonts.size() && !CancelRequested(); ++i, progress_.done++) {
+      if (kept.count(names[i])) continue;
+      GreyRaster line;
+      LineReading reading;
+      try {
+        if (DrawInstalledLine(access, fonts[i], line)) reading = ReadText(line.pixels.data(), line.width, line.height, 1);
+      } catch (const std::exception& e) {
+        log.Info("Installed line of ", names[i], " not read: ", e.what());
+      }
+      // A font without a line is kept too, so that it is not drawn again at every start.
+      (reading.features.empty() ? progress_.unusable : progress_.computed)++;
+      drawn.push_back({names[i], std::move(reading.features)});
+    }
+  }
+  if (drawn.empty()) return false;
+  std::unique_lock<std::shared_mutex> lock(lock_);
+  lines_.insert(lines_.end(), std::make_move_iterator(drawn.begin()), std::make_move_iterator(drawn.end()));
+  MatchLines();
+  ++changes_;
+  CacheLog& log = RecognitionLog();
+  log.Info("Installed lines read: ", drawn.size(), ", kept: ", lines_.size());
+  if (linesPath_.empty()) return true;
+  // Another process may be saving into the same folder.
+  CacheFolderLock folder(CacheFolderLock::FolderOf(linesPath_), CacheFolderLock::kExclusive);
+  try {
+    if (!folder.Held()) throw std::runtime_error(folder.Error());
+    WriteInstalledLines(linesPath_, networkFingerprint_, lines_);
+  } catch (const std::exception& e) {
+    log.Info("Installed lines not saved: ", e.what());
+    progress_.Report(CacheProgress::kWarning, std::string("the installed fonts' lines were not saved (") + e.what() +
+                                                  "); they are drawn again at the next start");
+  }
+  return true;
+}
+
+size_t FontRecognitionCache::InstalledLineCount() {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  return size_t(std::count_if(lineOfFont_.begin(), lineOfFont_.end(),
+                              [&](int32_t l) { return l >= 0 && !lines_[size_t(l)].features.empty(); }));
+}
+
+void FontRecognitionCache::MatchLines() {
+  std::unordered_map<std::string, int32_t> byName;
+  for (size_t i = 0; i < lines_.size(); ++i) byName.emplace(lines_[i].name, int32_t(i));
+  lineOfFont_.assign(installed_.size(), -1);
+  for (size_t f = 0; f < installed_.size(); ++f)
+    if (auto it = byName.find(installed_[f]); it != byName.end()) lineOfFont_[f] = it->second;
+  named_.assign(installed_.size(), false);
+  for (int32_t f : entryToFont_)
+    if (f >= 0 && size_t(f) < named_.size()) named_[size_t(f)] = true;
 }
 
 void FontRecognitionCache::MatchEntries() {
@@ -202,11 +307,20 @@ std::vector<FontRecognitionCache::Candidate> FontRecognitionCache::Widen(const s
   return widened;
 }
 
-std::vector<float> FontRecognitionCache::ScoreText(const uint8_t* pixels, int32_t width, int32_t height) {
+LineReading FontRecognitionCache::ReadText(const uint8_t* pixels, int32_t width, int32_t height, size_t mostLines) {
+  // Sloping text is levelled first: cut to rows, a sloping line would be a tall band that the
+  // network reads squashed.
+  GreyRaster levelled;
+  if (const double skew = TextSkew(pixels, width, height); skew != 0) {
+    levelled = Levelled(pixels, width, height, skew, FindTextLines(pixels, width, height).paper);
+    pixels = levelled.pixels.data();
+    width = levelled.width;
+    height = levelled.height;
+  }
   const TextLayout layout = FindTextLines(pixels, width, height);
-  std::vector<float> sum;
+  LineReading sum;
   size_t read = 0;
-  for (size_t i : LinesToRead(layout, largestLineOnly_ ? 1 : kMostLinesRead)) {
+  for (size_t i : LinesToRead(layout, mostLines)) {
     GreyRaster line = CutLine(pixels, width, height, layout, i);
     if (!localisation_.empty()) {
       // The band of rows the localisation network picks within the cut: lines as the
@@ -220,13 +334,62 @@ std::vector<float> FontRecognitionCache::ScoreText(const uint8_t* pixels, int32_
     int32_t lineWidth = 0;
     const std::vector<float> resized = ToLineHeight(line, lineWidth);
     if (lineWidth < kNarrowestLine) continue;  // far taller than wide: not a line of text
-    const std::vector<float> prob = ScoreLine(recognition_, resized, lineWidth);
-    if (sum.empty()) sum.assign(prob.size(), 0.0f);
-    for (size_t k = 0; k < prob.size() && k < sum.size(); ++k) sum[k] += prob[k];
+    const LineReading reading = ReadLine(recognition_, resized, lineWidth);
+    if (sum.prob.empty()) {
+      sum.prob.assign(reading.prob.size(), 0.0f);
+      sum.features.assign(reading.features.size(), 0.0f);
+    }
+    for (size_t k = 0; k < reading.prob.size() && k < sum.prob.size(); ++k) sum.prob[k] += reading.prob[k];
+    for (size_t k = 0; k < reading.features.size() && k < sum.features.size(); ++k)
+      sum.features[k] += reading.features[k];
     ++read;
   }
-  for (float& v : sum) v /= float(read);
+  for (float& v : sum.prob) v /= float(read);
+  double norm = 0;
+  for (float v : sum.features) norm += double(v) * v;
+  if (norm > 0)
+    for (float& v : sum.features) v = float(v / std::sqrt(norm));
+  else
+    sum.features.clear();
   return sum;
+}
+
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked(const std::vector<Result>& answer,
+                                                                                 const std::vector<float>& features) const {
+  if (!installedLines_ || features.empty() || lines_.empty()) return answer;
+  std::vector<float> likeness(installed_.size(), -1.0f);
+  for (size_t f = 0; f < installed_.size() && f < lineOfFont_.size(); ++f) {
+    if (lineOfFont_[f] < 0) continue;
+    const std::vector<float>& line = lines_[size_t(lineOfFont_[f])].features;
+    if (line.size() != features.size()) continue;  // none drawn
+    double dot = 0;
+    for (size_t k = 0; k < line.size(); ++k) dot += double(line[k]) * features[k];
+    likeness[f] = float(dot);
+  }
+  std::vector<int32_t> order;
+  for (const Result& r : answer) order.push_back(r.fontIndex);
+  const std::vector<int32_t> merged = MergeInstalledLines(order, likeness, named_, kInstalledLinesMargin, kMaxResults);
+  // A font the lines put in (or moved up) takes the score of the answer it goes before, so scores
+  // still fall down the list; after the answer, the last answer's.
+  std::unordered_map<int32_t, size_t> place;
+  for (size_t i = 0; i < answer.size(); ++i) place.emplace(answer[i].fontIndex, i);
+  std::vector<bool> used(answer.size(), false);
+  std::vector<Result> results;
+  size_t next = 0;  // the first answer not yet in the results
+  for (int32_t f : merged) {
+    while (next < answer.size() && used[next]) ++next;
+    const double before = next < answer.size() ? answer[next].score : answer.empty() ? 0.0 : answer.back().score;
+    const auto it = place.find(f);
+    if (it != place.end()) {
+      used[it->second] = true;
+      results.push_back(answer[it->second]);
+      if (named_[size_t(f)]) continue;
+      results.back().score = std::max(results.back().score, before);
+      continue;
+    }
+    results.push_back({installed_[size_t(f)], before, f});
+  }
+  return results;
 }
 
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(const uint8_t* pixels,
@@ -236,9 +399,9 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     std::shared_lock<std::shared_mutex> lock(lock_);
     if ((height >= 1 && height <= 19) || (width >= 1 && width <= 19)) return results;
     if (height < 1 || width < 1 || !pixels || recognition_.empty()) return results;
-    const std::vector<float> prob = ScoreText(pixels, width, height);
-    if (prob.empty()) return results;  // no line of text
-    results = AnswerLocked(Widen(RankClasses(prob, false)));
+    const LineReading reading = ReadText(pixels, width, height, largestLineOnly_ ? 1 : kMostLinesRead);
+    if (reading.prob.empty()) return results;  // no line of text
+    results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), reading.features);
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
     if (QVPerfLogHandle perf = PerformanceLog()) {

@@ -9,6 +9,7 @@
 
 #include "deepnet/layer_model.h"
 #include "hostglue/font_access.h"
+#include "recognition/installed_lines.h"
 #include "recognition/line_scoring.h"
 #include "recognition/text_lines.h"
 #include "sdk/qv_types.h"
@@ -18,8 +19,10 @@ namespace fontrix {
 
 struct RecognitionPaths {
   std::string model, fontTable, localisationModel;
+  std::string installedLines;  // in the user's cache folder; "" keeps no lines
 };
-/// The files in the host's read-only data folder, resolved once (main thread) and logged.
+/// The files in the host's read-only data folder and the user's cache folder, resolved once
+/// (main thread) and logged.
 const RecognitionPaths& ResolveRecognitionPaths();
 void SetRecognitionPaths(const RecognitionPaths& paths);
 
@@ -30,6 +33,9 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// Of a picture of several lines, the most that are read (their scores averaged), unless the
   /// switch "Text/FontRecognitionLargestLine" has only the largest read.
   static constexpr size_t kMostLinesRead = 4;
+  /// How much better a picture must match a font's own line than an answer's for a font the
+  /// network has no class for to go before that answer.
+  static constexpr float kInstalledLinesMargin = 0.01f;
 
   struct Result {
     std::string name;
@@ -51,8 +57,12 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// missing or cannot be used, or the table's font count is not the number of classes the
   /// network scores (the cache then answers nothing and reports why).
   bool Load(const RecognitionPaths& paths);
-  /// Matches the font table's entries to the installed fonts of `fonts` by unique name.
+  /// Matches the font table's entries to the installed fonts of `fonts` by unique name and, when
+  /// the switch "Text/FontRecognitionInstalledLines" is on, reads the line of every installed
+  /// font not kept yet (saved in the user's cache folder). True when lines were read.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
+  /// The installed fonts with a kept line.
+  size_t InstalledLineCount();
 
   /// The installed fonts most likely shown in `height` rows of `width` grey bytes, best first,
   /// at most 40: the network's best classes steer a weighted similar-font query.
@@ -86,14 +96,32 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   void MatchEntries();
   /// Reads the networks and the font table into the members; why they cannot be used, or "".
   std::string LoadData(const RecognitionPaths& paths);
-  /// Mean "prob" of the lines of text found in the picture; empty when it shows none that can
-  /// be read. Caller holds lock_.
-  std::vector<float> ScoreText(const uint8_t* pixels, int32_t width, int32_t height);
+  /// The mean reading of the lines of text found in the picture (its features at unit length);
+  /// empty when it shows none that can be read. Caller holds lock_.
+  LineReading ReadText(const uint8_t* pixels, int32_t width, int32_t height, size_t mostLines);
+  /// The network's answer with the fonts it has no class for merged in by their kept lines.
+  /// Caller holds lock_.
+  std::vector<Result> MergeLinesLocked(const std::vector<Result>& answer, const std::vector<float>& features) const;
+  /// Reads, kept or drawn, the line of each of `fonts` (named `names`); saves what was drawn.
+  bool IndexInstalledLines(const std::vector<QVFontHandle>& fonts, const std::vector<std::string>& names);
   /// Answer() for a caller that holds lock_.
   std::vector<Result> AnswerLocked(const std::vector<Candidate>& widened) const;
   bool largestLineOnly_ = false;
   std::vector<int32_t> entryToFont_;
   std::vector<std::string> installed_;
+  // The installed-lines extension: whether it is on, where the lines are kept, the network they
+  // were read with, the lines by font name, and per installed font its line's row in linesByFont_
+  // (-1: none) and whether a class names it.
+  bool installedLines_ = false;
+  std::string linesPath_;
+  uint64_t networkFingerprint_ = 0;
+  bool linesRead_ = false;
+  std::vector<InstalledLine> lines_;
+  size_t linesFromFile_ = 0;  // the first lines_, read from the file
+  std::vector<int32_t> lineOfFont_;
+  std::vector<bool> named_;
+  /// lineOfFont_ and named_ from installed_, lines_ and entryToFont_. Caller holds lock_ exclusively.
+  void MatchLines();
 };
 
 }  // namespace fontrix

@@ -108,25 +108,38 @@ std::vector<float> LineCrops(const std::vector<float>& line, int32_t width) {
   return crops;
 }
 
-std::vector<float> ScoreLine(const deepnet::layer_model_list& network, const std::vector<float>& line, int32_t width) {
+LineReading ReadLine(const deepnet::layer_model_list& network, const std::vector<float>& line, int32_t width) {
   const std::vector<float> crops = LineCrops(line, width);
   const uint64_t total = crops.size() / (kLineHeight * kLineHeight);
-  std::vector<float> sum;
+  size_t pool4 = network.size();
+  for (size_t i = 0; i < network.size(); ++i)
+    if (network[i]->name == "pool4") pool4 = i;
+  LineReading reading;
   for (uint64_t first = 0; first < total;) {
     const uint64_t count = first == 0 ? total / 2 : total - first;
     deepnet::input_view view{kLineHeight, kLineHeight, 1, count, crops.data() + first * kLineHeight * kLineHeight};
     deepnet::layer_test_list tests;
     deepnet::deepnet_construct_layer_test(tests, network, view, count);
-    const auto& prob = *tests[deepnet::deepnet_compute_feature(network, tests, count, "prob")];
+    const size_t top = deepnet::deepnet_compute_feature(network, tests, count, "prob");
+    const auto& prob = *tests[top];
     const uint64_t classes = prob.y_size_1d();
-    sum.resize(classes, 0.0f);
+    reading.prob.resize(classes, 0.0f);
     for (uint64_t c = 0; c < count; ++c)
-      for (uint64_t k = 0; k < classes; ++k) sum[k] += prob.y[c * classes + k];
+      for (uint64_t k = 0; k < classes; ++k) reading.prob[k] += prob.y[c * classes + k];
+    // "pool4" comes before "prob", so the run above has computed it.
+    if (pool4 < top) {
+      const auto& features = *tests[pool4];
+      const uint64_t n = features.y_size_1d();
+      reading.features.resize(n, 0.0f);
+      for (uint64_t c = 0; c < count; ++c)
+        for (uint64_t k = 0; k < n; ++k) reading.features[k] += features.y[c * n + k];
+    }
     first += count;
   }
   const float mean = float(1.0 / double(total));
-  for (float& v : sum) v *= mean;
-  return sum;
+  for (float& v : reading.prob) v *= mean;
+  for (float& v : reading.features) v *= mean;
+  return reading;
 }
 
 }  // namespace fontrix

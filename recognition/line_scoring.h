@@ -51,7 +51,20 @@ std::vector<float> ResampleRow(const float* row, int32_t width, double scale);
 /// resampled, tiled rows, each value minus 128; the scales' crops one after another.
 std::vector<float> LineCrops(const std::vector<float>& line, int32_t width);
 
-/// Mean "prob" over the ten crops, run in two batches of five.
-std::vector<float> ScoreLine(const deepnet::layer_model_list& network, const std::vector<float>& line, int32_t width);
+/// What the recognition network reads in a line: the mean of its "prob" over the ten crops, and
+/// the mean of its "pool4" (the trunk's values before the class layer) over them, empty for a
+/// network without a layer of that name.
+struct LineReading {
+  std::vector<float> prob, features;
+};
+
+/// Reads the ten crops of a line, run in two batches of five.
+LineReading ReadLine(const deepnet::layer_model_list& network, const std::vector<float>& line, int32_t width);
+
+/// Mean "prob" over the ten crops.
+inline std::vector<float> ScoreLine(const deepnet::layer_model_list& network, const std::vector<float>& line,
+                                    int32_t width) {
+  return ReadLine(network, line, width).prob;
+}
 
 }  // namespace fontrix

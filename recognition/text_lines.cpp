@@ -334,6 +334,80 @@ TextLayout FindTextLines(const uint8_t* pixels, int32_t width, int32_t height) {
   return layout;
 }
 
+double TextSkew(const uint8_t* pixels, int32_t width, int32_t height) {
+  if (!pixels || width < 1 || height < 1) return 0;
+  const InkLevels levels = FindInkLevels(pixels, size_t(width) * size_t(height));
+  if (levels.threshold == 0) return 0;
+  const std::vector<uint8_t> mask = InkMask(pixels, width, height, levels);
+  TextLayout rules;
+  FindRules(mask, width, height, rules);
+  // The ink's pixels, every n-th of a picture with very many.
+  std::vector<std::pair<int32_t, int32_t>> ink;
+  for (int32_t y = 0; y < height; ++y) {
+    if (rules.ruleRows[size_t(y)]) continue;
+    const uint8_t* m = mask.data() + size_t(y) * size_t(width);
+    for (int32_t x = 0; x < width; ++x)
+      if (m[x] && !rules.ruleColumns[size_t(x)]) ink.emplace_back(x, y);
+  }
+  if (ink.size() < kLeastLineInk) return 0;
+  const size_t step = std::max<size_t>(1, ink.size() / 200000);
+  const double reach = double(width) * std::tan(kSteepestSkew * M_PI / 180.0);
+  const int32_t offset = int32_t(std::ceil(reach)) + 1;
+  std::vector<uint32_t> profile(size_t(height) + 2 * size_t(offset) + 2, 0);
+  // Ink projected along lines rising by `degrees` to the right: row y + x tan(degrees) is constant
+  // along such a line.
+  auto sharpness = [&](double degrees) {
+    std::fill(profile.begin(), profile.end(), 0u);
+    const double t = std::tan(degrees * M_PI / 180.0);
+    for (size_t i = 0; i < ink.size(); i += step) {
+      const int32_t r = int32_t(std::lround(double(ink[i].second) + double(ink[i].first) * t)) + offset;
+      ++profile[size_t(std::clamp<int32_t>(r, 0, int32_t(profile.size()) - 1))];
+    }
+    double sum = 0;
+    for (uint32_t c : profile) sum += double(c) * c;
+    return sum;
+  };
+  const double level = sharpness(0);
+  double best = 0, bestSharpness = level;
+  for (double d = -kSteepestSkew; d <= kSteepestSkew + 1e-9; d += 0.5) {
+    const double s = sharpness(d);
+    if (s > bestSharpness) best = d, bestSharpness = s;
+  }
+  for (double d = best - 0.4; d <= best + 0.4 + 1e-9; d += 0.1) {
+    const double s = sharpness(d);
+    if (s > bestSharpness) best = d, bestSharpness = s;
+  }
+  // Level within a degree reads as well as levelled; a slope that barely beats level is noise
+  // (one short word, a few letters).
+  if (std::fabs(best) < 1.0 || bestSharpness < 1.1 * level) return 0;
+  return best;
+}
+
+GreyRaster Levelled(const uint8_t* pixels, int32_t width, int32_t height, double degrees, uint8_t paper) {
+  const double a = degrees * M_PI / 180.0, c = std::cos(a), s = std::sin(a);
+  GreyRaster out;
+  out.width = int32_t(std::ceil(width * std::fabs(c) + height * std::fabs(s)));
+  out.height = int32_t(std::ceil(width * std::fabs(s) + height * std::fabs(c)));
+  out.pixels.assign(size_t(out.width) * size_t(out.height), paper);
+  const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0, ox = (out.width - 1) / 2.0, oy = (out.height - 1) / 2.0;
+  // A level line of the output runs along the text: in the picture, the direction (cos, -sin).
+  for (int32_t y = 0; y < out.height; ++y) {
+    uint8_t* row = out.pixels.data() + size_t(y) * size_t(out.width);
+    for (int32_t x = 0; x < out.width; ++x) {
+      const double dx = x - ox, dy = y - oy;
+      const double sx = cx + dx * c + dy * s, sy = cy - dx * s + dy * c;
+      if (sx < 0 || sy < 0 || sx > width - 1 || sy > height - 1) continue;
+      const int32_t x0 = int32_t(sx), y0 = int32_t(sy);
+      const int32_t x1 = std::min(width - 1, x0 + 1), y1 = std::min(height - 1, y0 + 1);
+      const double fx = sx - x0, fy = sy - y0;
+      auto p = [&](int32_t yy, int32_t xx) { return double(pixels[size_t(yy) * size_t(width) + size_t(xx)]); };
+      const double v = (p(y0, x0) * (1 - fx) + p(y0, x1) * fx) * (1 - fy) + (p(y1, x0) * (1 - fx) + p(y1, x1) * fx) * fy;
+      row[x] = uint8_t(std::lround(v));
+    }
+  }
+  return out;
+}
+
 std::vector<size_t> LinesToRead(const TextLayout& layout, size_t most) {
   const auto& lines = layout.lines;
   std::vector<size_t> order(lines.size());

@@ -54,6 +54,19 @@ constexpr uint64_t kLeastLineInk = 24;
 /// times its height split it.
 TextLayout FindTextLines(const uint8_t* pixels, int32_t width, int32_t height);
 
+/// The steepest slope of text that TextSkew looks for, in degrees either way.
+constexpr double kSteepestSkew = 12;
+
+/// The slope of the picture's lines of text in degrees, positive when they rise to the right;
+/// 0 when they are level within a degree or no slope stands out. The slope is the one at which
+/// the ink (off the rules), projected across the lines, makes the sharpest profile (the largest
+/// sum of squared counts), tried every half degree up to kSteepestSkew and then every tenth.
+double TextSkew(const uint8_t* pixels, int32_t width, int32_t height);
+
+/// The picture turned by `degrees` counter-clockwise (so text rising by that slope comes out
+/// level), bilinear, large enough to hold all of it, `paper` where the picture was not.
+GreyRaster Levelled(const uint8_t* pixels, int32_t width, int32_t height, double degrees, uint8_t paper);
+
 /// The lines recognition reads, at most `most`, largest first by the area the network sees (its
 /// height times its width up to kMaxLineAspect heights); with more than one, only lines at
 /// least half as high as the tallest (a caption or a footnote is not the text's font).

@@ -27,6 +27,10 @@ constexpr const char* kClassVoteSwitch = "Text/FontClassVote";
 /// Recognition reads only the largest line of a picture of several (off: the largest few,
 /// their scores combined). Read when the recognition cache loads.
 constexpr const char* kRecognitionLargestLineSwitch = "Text/FontRecognitionLargestLine";
+/// Ours: recognition also compares a picture with a line drawn in each installed font, so that
+/// fonts the network has no class for can be answered (off: the network's answer alone). Read
+/// when the recognition cache loads.
+constexpr const char* kRecognitionInstalledLinesSwitch = "Text/FontRecognitionInstalledLines";
 
 /// The service switches, each asked of the host on first use and then kept for the life of
 /// the process.

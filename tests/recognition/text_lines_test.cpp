@@ -224,5 +224,36 @@ TEST(TextLines, TheCutLineHasMarginsOfPaperAndOnlyItsOwnRows) {
   EXPECT_EQ(longCut.width, kMaxLineAspect * longCut.height);
 }
 
+// Sloping text is found sloping and comes out level: the lines turned either way are measured
+// to a few tenths of a degree, levelling them gives the lines the level picture has, and level
+// text, one short word and a frame alone are left as they are.
+TEST(TextLines, SlopingTextIsMeasuredAndLevelled) {
+  Page level(1400, 600);
+  level.Words(60, 220, 36, 30);
+  level.Words(60, 330, 36, 24);
+  EXPECT_EQ(TextSkew(level.g.pixels.data(), level.g.width, level.g.height), 0.0);
+  for (double degrees : {-7.0, -2.5, 4.0, 9.0}) {
+    // Levelled by minus the slope is the page turned clockwise: its text rises by `degrees`.
+    const GreyRaster turned = Levelled(level.g.pixels.data(), level.g.width, level.g.height, -degrees, 255);
+    const double skew = TextSkew(turned.pixels.data(), turned.width, turned.height);
+    EXPECT_NEAR(skew, degrees, 0.3) << degrees;
+    const GreyRaster back = Levelled(turned.pixels.data(), turned.width, turned.height, skew, 255);
+    const TextLayout lines = FindTextLines(back.pixels.data(), back.width, back.height);
+    ASSERT_EQ(lines.lines.size(), 2u) << degrees;
+    EXPECT_NEAR(lines.lines[0].Height(), level.Find().lines[0].Height(), 4) << degrees;
+    // Turned but not levelled, the two lines merge into one tall band or the rows fall apart.
+    const TextLayout sloping = FindTextLines(turned.pixels.data(), turned.width, turned.height);
+    EXPECT_TRUE(sloping.lines.size() != 2 || 2 * sloping.lines[0].Height() > 3 * lines.lines[0].Height()) << degrees;
+  }
+  Page word(400, 200);
+  word.Words(40, 120, 30, 4);
+  const GreyRaster turned = Levelled(word.g.pixels.data(), word.g.width, word.g.height, -0.6, 255);
+  EXPECT_EQ(TextSkew(turned.pixels.data(), turned.width, turned.height), 0.0);  // under a degree
+  Page frame(640, 480);
+  frame.Frame(5, 3, 0);
+  EXPECT_EQ(TextSkew(frame.g.pixels.data(), frame.g.width, frame.g.height), 0.0);
+  EXPECT_EQ(TextSkew(nullptr, 0, 0), 0.0);
+}
+
 }  // namespace
 }  // namespace fontrix

@@ -1,0 +1,208 @@
+#include "recognition/installed_lines.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <unordered_set>
+
+namespace fontrix {
+
+bool DrawInstalledLine(hostglue::FontAccess& fonts, QVFontHandle font, GreyRaster& line) {
+  // A font without the letters (symbols, another script) would be drawn with empty boxes or
+  // another font's letters: no picture of text looks like that.
+  for (const char* c = kInstalledLineText; *c; ++c) {
+    uint32_t glyph = 0;
+    if (*c != ' ' && (!fonts.GlyphByCode(font, uint8_t(*c), glyph) || glyph == 0)) return false;
+  }
+  QVIntRect box{};
+  if (!fonts.MeasureText(font, kInstalledLineText, kInstalledLineSize, box)) return false;
+  if (box.right <= box.left || box.bottom <= box.top) return false;
+  const int32_t margin = int32_t(kInstalledLineSize / 4);
+  box = {box.left - margin, box.top - margin, box.right + margin, box.bottom + margin};
+  hostglue::GreyImage image;
+  if (!fonts.DrawText(font, kInstalledLineText, kInstalledLineSize, box, image)) return false;
+  if (image.width != box.right - box.left || image.height != box.bottom - box.top) return false;
+  line.width = image.width;
+  line.height = image.height;
+  line.pixels = std::move(image.pixels);
+  return true;
+}
+
+uint64_t NetworkFingerprint(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return 0;
+  // FNV-1a over the bytes.
+  uint64_t hash = 14695981039346656037ull;
+  char buffer[1 << 16];
+  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+    for (std::streamsize i = 0; i < in.gcount(); ++i) {
+      hash ^= uint8_t(buffer[i]);
+      hash *= 1099511628211ull;
+    }
+  }
+  return hash;
+}
+
+namespace {
+
+constexpr char kMagic[4] = {'F', 'X', 'R', 'L'};
+constexpr uint32_t kVersion = 1;
+constexpr uint32_t kLongestName = 1024;
+constexpr uint32_t kMostValues = 1 << 16;
+
+class Reader {
+ public:
+  explicit Reader(const std::string& bytes) : bytes_(bytes) {}
+  template <typename T>
+  T Get(const char* what) {
+    T value;
+    Take(&value, sizeof value, what);
+    return value;
+  }
+  void Take(void* out, size_t n, const char* what) {
+    if (bytes_.size() - at_ < n) throw InstalledLinesFileError(std::string("cut short in ") + what);
+    std::memcpy(out, bytes_.data() + at_, n);
+    at_ += n;
+  }
+  bool AtEnd() const { return at_ == bytes_.size(); }
+
+ private:
+  const std::string& bytes_;
+  size_t at_ = 0;
+};
+
+}  // namespace
+
+std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_t fingerprint) {
+  Reader in(bytes);
+  char magic[4];
+  in.Take(magic, sizeof magic, "the header");
+  if (std::memcmp(magic, kMagic, sizeof magic) != 0) throw InstalledLinesFileError("not a file of kept lines");
+  const uint32_t version = in.Get<uint32_t>("the header");
+  const uint64_t network = in.Get<uint64_t>("the header");
+  const uint32_t values = in.Get<uint32_t>("the header");
+  const uint32_t count = in.Get<uint32_t>("the header");
+  // Lines another network read, or another version wrote, are no damage: they are read again.
+  if (version != kVersion || network != fingerprint) return {};
+  if (values > kMostValues) throw InstalledLinesFileError("lines of " + std::to_string(values) + " values");
+  const size_t size = values;
+  std::vector<InstalledLine> lines;
+  std::unordered_set<std::string> names;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t length = in.Get<uint32_t>("a name");
+    if (length == 0 || length > kLongestName) throw InstalledLinesFileError("a name of " + std::to_string(length) + " bytes");
+    InstalledLine line;
+    line.name.resize(length);
+    in.Take(line.name.data(), length, "a name");
+    if (!names.insert(line.name).second) throw InstalledLinesFileError(line.name + " is kept twice");
+    const uint8_t drawn = in.Get<uint8_t>("a line");
+    if (drawn > 1) throw InstalledLinesFileError(line.name + ": neither drawn nor not");
+    if (!drawn) {  // a font that has no line: kept so that it is not tried again
+      lines.push_back(std::move(line));
+      continue;
+    }
+    if (size == 0) throw InstalledLinesFileError(line.name + ": a line of no values");
+    line.features.resize(size);
+    in.Take(line.features.data(), size * sizeof(float), "the values of a line");
+    double norm = 0;
+    for (float v : line.features) {
+      if (!std::isfinite(v) || v < 0) throw InstalledLinesFileError(line.name + ": a value the network cannot give");
+      norm += double(v) * v;
+    }
+    if (std::fabs(norm - 1.0) > 1e-3) throw InstalledLinesFileError(line.name + ": not a unit vector");
+    lines.push_back(std::move(line));
+  }
+  if (!in.AtEnd()) throw InstalledLinesFileError("bytes after the last line");
+  return lines;
+}
+
+std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t fingerprint) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return {};
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return ParseInstalledLines(bytes, fingerprint);
+}
+
+void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const std::vector<InstalledLine>& lines) {
+  std::ostringstream out;
+  size_t size = 0;
+  for (const InstalledLine& line : lines) size = std::max(size, line.features.size());
+  auto put = [&out](const auto& value) { out.write(reinterpret_cast<const char*>(&value), sizeof value); };
+  out.write(kMagic, sizeof kMagic);
+  put(kVersion);
+  put(fingerprint);
+  put(uint32_t(size));
+  put(uint32_t(lines.size()));
+  for (const InstalledLine& line : lines) {
+    if (!line.features.empty() && line.features.size() != size) throw std::runtime_error("lines of different sizes");
+    put(uint32_t(line.name.size()));
+    out.write(line.name.data(), std::streamsize(line.name.size()));
+    put(uint8_t(!line.features.empty()));
+    if (!line.features.empty())
+      out.write(reinterpret_cast<const char*>(line.features.data()), std::streamsize(size * sizeof(float)));
+  }
+  const std::string temporary = path + ".tmp";
+  {
+    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
+    const std::string bytes = out.str();
+    file.write(bytes.data(), std::streamsize(bytes.size()));
+    file.flush();
+    if (!file) {
+      std::remove(temporary.c_str());
+      throw std::runtime_error("cannot write " + temporary);
+    }
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    std::remove(temporary.c_str());
+    throw std::runtime_error("cannot replace " + path);
+  }
+}
+
+std::vector<int32_t> MergeInstalledLines(const std::vector<int32_t>& answer, const std::vector<float>& likeness,
+                                         const std::vector<bool>& named, float margin, size_t most) {
+  const auto like = [&](int32_t f) {
+    return f >= 0 && size_t(f) < likeness.size() && likeness[size_t(f)] >= 0 ? likeness[size_t(f)] : 0.0f;
+  };
+  std::vector<int32_t> unnamed;
+  for (size_t f = 0; f < likeness.size() && f < named.size(); ++f)
+    if (!named[f] && likeness[f] >= 0) unnamed.push_back(int32_t(f));
+  std::stable_sort(unnamed.begin(), unnamed.end(), [&](int32_t a, int32_t b) { return likeness[size_t(a)] > likeness[size_t(b)]; });
+
+  // Where each unnamed font goes: before answer k, or after the answer (answer.size()). It must
+  // match better than every answer from k on: an answer the network ranked high but whose line
+  // matches poorly (a heavier cut of the right family) is no reason to pass it.
+  // Unnamed fonts in the answer set no bar: they are placed like the others.
+  const auto isNamed = [&](int32_t f) { return f < 0 || size_t(f) >= named.size() || named[size_t(f)]; };
+  std::vector<float> best(answer.size() + 1, -1.0f);
+  for (size_t k = answer.size(); k-- > 0;)
+    best[k] = std::max(best[k + 1], isNamed(answer[k]) ? like(answer[k]) : -1.0f);
+  std::vector<size_t> place(likeness.size(), answer.size());
+  for (int32_t u : unnamed)
+    for (size_t k = 0; k < answer.size(); ++k)
+      if (answer[k] == u || likeness[size_t(u)] > best[k] + margin) {
+        place[size_t(u)] = k;
+        break;
+      }
+  std::vector<int32_t> merged;
+  std::vector<bool> taken(likeness.size(), false);
+  const auto put = [&](int32_t f) {
+    if (merged.size() >= most) return;
+    if (f >= 0 && size_t(f) < taken.size()) {
+      if (taken[size_t(f)]) return;
+      taken[size_t(f)] = true;
+    }
+    merged.push_back(f);
+  };
+  for (size_t k = 0; k <= answer.size(); ++k) {
+    for (int32_t u : unnamed)
+      if (place[size_t(u)] == k) put(u);
+    if (k < answer.size()) put(answer[k]);
+  }
+  return merged;
+}
+
+}  // namespace fontrix

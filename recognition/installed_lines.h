@@ -1,0 +1,66 @@
+#pragma once
+// Recognition of installed fonts that no class of the recognition network names (the user's own
+// and commercial fonts, faces packaged after the network was trained). When the module indexes
+// the fonts it draws a line of text in each installed font through the host's glue, reads it
+// with the recognition network as it reads a picture, and keeps what the network's trunk saw
+// ("pool4", mean over the crops, unit length) in "FontRecognitionLines.bin" in the user's cache
+// folder. A picture's reading is then compared with every kept line; a font no class names is put
+// among the network's answer before the first answer whose line the picture matches less well.
+// The network's answer itself is unchanged: its order among the fonts it names stays.
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "hostglue/font_access.h"
+#include "recognition/line_scoring.h"
+
+namespace fontrix {
+
+constexpr const char* kInstalledLinesFileName = "FontRecognitionLines.bin";
+
+/// The text drawn for each font: lower case with some capitals and figures, in no picture
+/// we measure with.
+constexpr const char* kInstalledLineText = "Handgloves quietly fix 27 jumbo Rivets";
+/// Pixels to the em it is drawn at; the reading brings every line to 109 rows anyway.
+constexpr double kInstalledLineSize = 64;
+
+/// Draws the line of `font`, black on white with margins of a quarter of an em; false when the
+/// font lacks one of its letters or cannot draw it (no ink, an engine failure).
+bool DrawInstalledLine(hostglue::FontAccess& fonts, QVFontHandle font, GreyRaster& line);
+
+/// The kept reading of one font's line.
+struct InstalledLine {
+  std::string name;
+  std::vector<float> features;  // unit length; empty for a font that cannot draw its line
+};
+
+struct InstalledLinesFileError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// A number that changes when the network file changes: lines read by another network are
+/// read again. 0 when the file cannot be read.
+uint64_t NetworkFingerprint(const std::string& path);
+
+/// The lines kept in `path` for network `fingerprint` (all of one size: the network's). A missing
+/// file, or one written for another network, holds none; a damaged one (not ours, cut short, a
+/// name twice, values that are not a unit vector) throws InstalledLinesFileError.
+std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t fingerprint);
+/// Same, from bytes (the fuzzer).
+std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_t fingerprint);
+/// Writes the lines through a temporary file renamed over `path`; throws std::runtime_error.
+void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const std::vector<InstalledLine>& lines);
+
+/// The answer with fonts no class names merged in. `answer`: the network's answer, installed
+/// font indices in order; `likeness`: per installed font, the dot product of the picture's
+/// reading with the font's kept line (below 0 when none is kept); `named`: per installed font,
+/// whether a class of the network names it. Each unnamed font with a line goes before the first
+/// answer from which on it exceeds every answer's likeness by more than `margin` (an answer
+/// without a line counts as 0), those of one place by likeness; an unnamed font already in the
+/// answer moves up, never down.
+/// The rest of the unnamed fonts with lines follow the answer by likeness. At most `most` fonts.
+std::vector<int32_t> MergeInstalledLines(const std::vector<int32_t>& answer, const std::vector<float>& likeness,
+                                         const std::vector<bool>& named, float margin, size_t most);
+
+}  // namespace fontrix

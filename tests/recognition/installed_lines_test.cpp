@@ -1,0 +1,117 @@
+// Fonts the network has no class for: how their lines join the network's answer, and the file
+// that keeps the lines.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "recognition/installed_lines.h"
+#include "tests/support/fake_font_access.h"
+
+namespace fontrix {
+namespace {
+
+// Installed fonts 0..5: 0, 1 and 2 are named by classes, 3, 4 and 5 are not.
+const std::vector<bool> kNamed = {true, true, true, false, false, false};
+
+TEST(MergeInstalledLines, AnUnnamedFontPassesOnlyAnswersItOutmatchesForGood) {
+  // The answer ranks 0, 1, 2; font 2's line matches the picture best of the named ones.
+  const std::vector<int32_t> answer = {0, 1, 2};
+  // Font 3 beats every answer: first. Font 4 beats answers 0 and 1 but not 2, which comes
+  // later: it must not pass 0 and 1 only to sit above a font it matches less well than.
+  EXPECT_EQ(MergeInstalledLines(answer, {0.5f, 0.4f, 0.8f, 0.9f, 0.6f, 0.1f}, kNamed, 0.0f, 40),
+            (std::vector<int32_t>{3, 0, 1, 2, 4, 5}));
+  // By the margin's width it does not pass: 3 goes after the answer, before 4 and 5 by likeness.
+  EXPECT_EQ(MergeInstalledLines(answer, {0.5f, 0.4f, 0.8f, 0.85f, 0.6f, 0.1f}, kNamed, 0.1f, 40),
+            (std::vector<int32_t>{0, 1, 2, 3, 4, 5}));
+  // An answer without a line counts as matching nothing: both unnamed fonts with lines pass it,
+  // and font 4 passes answer 1 as well.
+  EXPECT_EQ(MergeInstalledLines(answer, {0.5f, 0.4f, -1.0f, 0.2f, 0.45f, -1.0f}, kNamed, 0.0f, 40),
+            (std::vector<int32_t>{0, 4, 1, 3, 2}));
+  // Fonts of one place keep their likeness order; the list is cut at `most`.
+  EXPECT_EQ(MergeInstalledLines(answer, {0.1f, 0.1f, 0.1f, 0.7f, 0.9f, 0.8f}, kNamed, 0.0f, 4),
+            (std::vector<int32_t>{4, 5, 3, 0}));
+}
+
+TEST(MergeInstalledLines, UnnamedFontsInTheAnswerMoveUpNeverDownAndSetNoBar) {
+  // The similarity query put unnamed font 4 in the answer, last, with the best line of all: its
+  // own likeness is no bar to passing, so it comes first, once.
+  EXPECT_EQ(MergeInstalledLines({0, 1, 4}, {0.5f, 0.4f, 0.1f, 0.2f, 0.9f, -1.0f}, kNamed, 0.0f, 40),
+            (std::vector<int32_t>{4, 0, 1, 3}));
+  // Unnamed font 3 ranked first by the similarity query stays first even with a poor line.
+  EXPECT_EQ(MergeInstalledLines({3, 0, 1}, {0.5f, 0.4f, 0.1f, 0.2f, -1.0f, -1.0f}, kNamed, 0.0f, 40),
+            (std::vector<int32_t>{3, 0, 1}));
+  // No lines at all: the answer as it was.
+  EXPECT_EQ(MergeInstalledLines({2, 0, 1}, std::vector<float>(6, -1.0f), kNamed, 0.0f, 40),
+            (std::vector<int32_t>{2, 0, 1}));
+}
+
+std::vector<float> Unit(size_t size, float seed) {
+  std::vector<float> v(size);
+  double norm = 0;
+  for (size_t i = 0; i < size; ++i) norm += double(v[i] = float(i % 7) + seed) * v[i];
+  for (float& x : v) x = float(x / std::sqrt(norm));
+  return v;
+}
+
+std::string Bytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST(InstalledLinesFile, KeepsLinesAndFontsWithoutOneForTheNetworkThatReadThem) {
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "fontrix-installed-lines";
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / kInstalledLinesFileName).string();
+  EXPECT_TRUE(ReadInstalledLines(path, 7).empty());  // no file yet
+  const std::vector<InstalledLine> lines = {{"Alpha-Regular", Unit(768, 1)}, {"Symbols", {}}, {"Beta", Unit(768, 2)}};
+  WriteInstalledLines(path, 7, lines);
+  const auto read = ReadInstalledLines(path, 7);
+  ASSERT_EQ(read.size(), 3u);
+  EXPECT_EQ(read[0].features, lines[0].features);
+  EXPECT_TRUE(read[1].features.empty());
+  EXPECT_EQ(read[2].name, "Beta");
+  EXPECT_TRUE(ReadInstalledLines(path, 8).empty());  // another network read them: read again
+  WriteInstalledLines(path, 7, {lines[1]});           // fonts without lines only
+  EXPECT_EQ(ReadInstalledLines(path, 7).size(), 1u);
+  WriteInstalledLines(path, 7, lines);
+  EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+  // A file that cannot be written says so and leaves the old one.
+  EXPECT_THROW(WriteInstalledLines((dir / "absent" / "lines.bin").string(), 7, lines), std::runtime_error);
+
+  // Damage of every kind is said, never read as lines: cut short anywhere, a name twice, values
+  // no network gives, bytes after the end, another file.
+  const std::string good = Bytes(path);
+  for (size_t cut = 0; cut < good.size(); cut += 97)
+    EXPECT_THROW(ParseInstalledLines(good.substr(0, cut), 7), InstalledLinesFileError) << cut;
+  EXPECT_THROW(ParseInstalledLines(good + "x", 7), InstalledLinesFileError);
+  EXPECT_THROW(ParseInstalledLines("PNG\x89" + good.substr(4), 7), InstalledLinesFileError);
+  WriteInstalledLines(path, 7, {lines[0], lines[0]});
+  EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError);
+  for (float wrong : {NAN, -0.5f, 3.0f}) {
+    std::vector<float> v = Unit(768, 1);
+    v[5] = wrong;
+    WriteInstalledLines(path, 7, {{"Alpha-Regular", v}});
+    EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError) << wrong;
+  }
+  std::filesystem::remove_all(dir);
+}
+
+TEST(InstalledLines, AFontWithoutTheLettersHasNoLine) {
+  hostglue::FakeFontAccess fonts;
+  const QVFontHandle latin = fonts.Add(hostglue::FakeFontAccess::LatinFont("Alpha-Regular"));
+  auto digitsOnly = hostglue::FakeFontAccess::LatinFont("Digits");
+  for (char c = 'A'; c <= 'z'; ++c) digitsOnly.codes.erase(uint32_t(c));
+  const QVFontHandle digits = fonts.Add(digitsOnly);
+  GreyRaster line;
+  ASSERT_TRUE(DrawInstalledLine(fonts, latin, line));
+  EXPECT_GT(line.height, 0);
+  EXPECT_EQ(line.pixels.size(), size_t(line.width) * size_t(line.height));
+  EXPECT_FALSE(DrawInstalledLine(fonts, digits, line));
+}
+
+}  // namespace
+}  // namespace fontrix
