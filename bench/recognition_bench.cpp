@@ -54,7 +54,7 @@ void BM_RecognizeLine1000(benchmark::State& state) {
       [](size_t i) { return "F" + std::to_string(i); }, [](size_t) { return std::vector<float>(); }, "1");
   auto cache = FontRecognitionCache::GetOrCreate();
   const char* localisation = std::getenv("FONTRIX_BENCH_LOC_MODEL");
-  cache->Load({model, p("rec.meta"), localisation ? localisation : "", ""});
+  cache->Load({model, p("rec.meta"), localisation ? localisation : "", "", ""});
   cache->Update(installed, 1);
 
   std::vector<uint8_t> line(109 * 1000, 255);

@@ -7,11 +7,16 @@ below it), half degraded (three of: a tinted, framed JPEG; text 12 to 20 pixels 
 pictures must get no answer. A face's outline twins count as the face; "family" counts any
 face of the right family among the first five.
 
-Two picture sets that share no text and no random draw: "fit" (to choose settings and fit the
-confidence on) and "test" (the figures). --dump writes one JSON line per picture.
+With --absent DIR, pictures of fonts that are not installed (font files under DIR of families
+the machine lacks, such as the training corpus) are drawn as well: no answer can be right, and
+the tool should rarely say it is sure of one.
+
+Two picture sets that share no text, no random draw and no absent family: "fit" (to choose
+settings and fit the confidence on) and "test" (the figures). --dump writes one JSON line per
+picture.
 
 Usage: recognition_figures.py [--fontrix PATH] [--set fit|test] [--disable installed-lines]
-                              [--dump FILE] [--keep DIR]
+                              [--absent DIR] [--dump FILE] [--keep DIR]
 """
 import argparse
 import io
@@ -23,6 +28,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import zlib
 
 from PIL import Image, ImageDraw, ImageFilter, ImageFont
 
@@ -65,6 +71,7 @@ DEGRADED = ("rough", "small", "slant", "perspective", "blur")
 NOT_TEXT = ("NotoSansMath", "NotoSansSymbols", "NotoTraditionalNushu", "StandardSymbolsPS", "D050000L",
             "WenQuanYi", "Symbol", "Dingbats", "Emoji", "Math", "DejaVuMathTeXGyre")
 TABLE_FACES = 40  # table faces drawn, spread over the installed ones
+ABSENT_FACES = 30  # faces of families that are not installed
 
 
 def face_sample(fonts, named, rng):
@@ -76,6 +83,35 @@ def face_sample(fonts, named, rng):
     outside = [f for f in usable if f["name"] not in named]
     table = sorted(rng.sample(table, min(TABLE_FACES, len(table))), key=lambda f: f["name"])
     return table, sorted(outside, key=lambda f: f["name"])
+
+
+def absent_faces(folder, installed_families, which, rng):
+    """Up to ABSENT_FACES font files under `folder` of families not installed, one a family; the
+    families of the fit set and the test set are told apart by a hash of the family name."""
+    files = []
+    for root, _, names in os.walk(folder):
+        files += [os.path.join(root, n) for n in names if n.lower().endswith((".ttf", ".otf"))]
+    files.sort()
+    rng.shuffle(files)
+    faces, families = [], set()
+    for path in files:
+        try:
+            family, style = ImageFont.truetype(path, 20).getname()
+        except OSError:
+            continue
+        if not family or family in installed_families or family in families:
+            continue
+        if zlib.crc32(family.encode()) % 2 != (which == "test"):
+            continue
+        face = ImageFont.truetype(path, 40)
+        if face.getbbox("abcxyz")[2] <= 0 or face.getmask("a").getbbox() is None:
+            continue  # no Latin letters
+        families.add(family)
+        faces.append({"name": f"{family} {style}", "family": family, "style": style, "file": path, "index": 0,
+                      "weight": 0, "width": 0, "slant": 0})
+        if len(faces) >= ABSENT_FACES:
+            break
+    return faces
 
 
 def face_of(font, size):
@@ -184,7 +220,7 @@ def blanks(rng):
 
 def run(fontrix, path, disable, env):
     started = time.monotonic()
-    r = subprocess.run([fontrix, "recognize", path, "--json", "--limit", "10"] + (["--disable", disable] if disable else []),
+    r = subprocess.run([fontrix, "recognize", path, "--json", "--limit", "40"] + (["--disable", disable] if disable else []),
                        capture_output=True, text=True, env=env)
     took = time.monotonic() - started
     answer = json.loads(r.stdout) if r.returncode == 0 and r.stdout.strip() else {"results": []}
@@ -198,6 +234,7 @@ def main():
     parser.add_argument("--data", default=os.path.join(here, "..", "data"), help="the data folder fontrix uses")
     parser.add_argument("--set", default="test", choices=sorted(TEXTS))
     parser.add_argument("--disable", default="", help="passed to fontrix --disable (installed-lines)")
+    parser.add_argument("--absent", help="a folder of font files, some of families that are not installed")
     parser.add_argument("--dump", help="write one JSON line per picture here")
     parser.add_argument("--keep", help="folder to keep the pictures in")
     args = parser.parse_args()
@@ -209,17 +246,23 @@ def main():
     byname = {f["name"]: f for f in listed}
     rng = random.Random(SEEDS[args.set])
     table, outside = face_sample(listed, named, rng)
+    absent = absent_faces(args.absent, {f["family"] for f in listed}, args.set, random.Random(SEEDS[args.set])) \
+        if args.absent else []
     folder = args.keep or tempfile.mkdtemp(prefix="fontrix-figures-")
     os.makedirs(folder, exist_ok=True)
     dump = open(args.dump, "w") if args.dump else None
     texts = TEXTS[args.set]
     tally = {}  # (group, kind) -> [pictures, top1, top5, family5]
     times = []
-    for group, faces in (("table", table), ("outside", outside)):
+    rated = []  # (confidence, right, first) of every answer with a confidence
+    sure_firsts = []  # (sure, first answer right) of every picture the tool said sure or not about
+    for group, faces in (("table", table), ("outside", outside), ("absent", absent)):
         for font in faces:
-            # The clean kinds on one line of text at one size; three kinds of degradation.
+            # The clean kinds on one line of text at one size; three kinds of degradation (for an
+            # absent face, one of each).
             size, first = rng.choice((40, 56, 72)), rng.randrange(0, len(texts) - 1)
-            kinds = list(CLEAN) + rng.sample(DEGRADED, 3)
+            kinds = list(CLEAN) + rng.sample(DEGRADED, 3) if group != "absent" else \
+                [rng.choice(CLEAN), rng.choice(DEGRADED)]
             for n, kind in enumerate(kinds):
                 p = picture(font, kind, texts, rng, *((size, first) if kind in CLEAN else ()))
                 if p is None:
@@ -236,6 +279,11 @@ def main():
                 t[1] += bool(right[:1] and right[0])
                 t[2] += any(right[:5])
                 t[3] += any(fam[:5])
+                for k, (result, r) in enumerate(zip(answer["results"], right)):
+                    if "confidence" in result:
+                        rated.append((result["confidence"], r, k == 0))
+                if "sure" in answer and names:
+                    sure_firsts.append((answer["sure"], right[0], group))
                 if dump:
                     dump.write(json.dumps({"set": args.set, "group": group, "kind": kind, "face": font["name"],
                                            "family": font["family"], "code": code, "answer": answer,
@@ -247,13 +295,14 @@ def main():
         p.save(path)
         code, answer, _ = run(args.fontrix, path, args.disable, env)
         blank_answers += bool(answer["results"]) or code == 0
-    print(f"set {args.set}: {len(table)} table faces, {len(outside)} outside faces; pictures in {folder}")
+    print(f"set {args.set}: {len(table)} table faces, {len(outside)} outside faces, {len(absent)} absent faces; "
+          f"pictures in {folder}")
     print("group\tkind\tpictures\ttop-1\ttop-5\tfamily top-5")
 
     def row(group, kind, t):
         print(f"{group}\t{kind}\t{t[0]}\t{100 * t[1] / t[0]:.0f} %\t{100 * t[2] / t[0]:.0f} %\t{100 * t[3] / t[0]:.0f} %")
 
-    for group in ("table", "outside"):
+    for group in ("table", "outside", "absent"):
         for kind in CLEAN + DEGRADED:
             if (group, kind) in tally:
                 row(group, kind, tally[(group, kind)])
@@ -261,6 +310,23 @@ def main():
         if total[0]:
             row(group, "all", total)
     print(f"blank pictures answered: {blank_answers} of {len(blanks(random.Random(0)))}")
+    if rated:
+        # How often answers of each confidence are right, and the first answers said to be sure.
+        print("confidence\tanswers\tright\tmean confidence")
+        for lo, hi in ((0, 0.2), (0.2, 0.4), (0.4, 0.6), (0.6, 0.8), (0.8, 0.9), (0.9, 1.01)):
+            inside = [(c, r) for c, r, _ in rated if lo <= c < hi]
+            if inside:
+                print(f"{lo:.1f}-{min(hi, 1):.1f}\t{len(inside)}\t{100 * sum(r for _, r in inside) / len(inside):.0f} %"
+                      f"\t{100 * sum(c for c, _ in inside) / len(inside):.0f} %")
+        firsts = [(s, r) for s, r, g in sure_firsts if g != "absent"]
+        absent_sure = [s for s, _, g in sure_firsts if g == "absent"]
+        if absent_sure:
+            print(f"absent faces: {sum(absent_sure)} of {len(absent_sure)} pictures said sure")
+        sure = [r for s, r in firsts if s]
+        unsure = [r for s, r in firsts if not s]
+        print(f"sure: {len(sure)} of {len(firsts)} pictures, first answer right in "
+              f"{100 * sum(sure) / max(1, len(sure)):.0f} % of them and in "
+              f"{100 * sum(unsure) / max(1, len(unsure)):.0f} % of the others")
     print(f"whole process: median {statistics.median(times):.3f} s, p95 {sorted(times)[int(0.95 * len(times))]:.3f} s")
 
 

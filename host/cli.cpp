@@ -628,6 +628,7 @@ std::vector<OutputRow> ResultRows(Host& host, const std::vector<std::pair<std::s
 }
 
 constexpr const char* kResultColumns = "%{score}\\t%{name}\\t%{family}\\t%{style}";
+constexpr const char* kRecognitionColumns = "%{score}\\t%{confidence}\\t%{name}\\t%{family}\\t%{style}";
 
 // Writes a contact sheet: the rows already in `sheet`, then `first` (a label and a font, when it
 // has a font), then a labelled sample of every result font.
@@ -804,21 +805,44 @@ void Recognize(Host& host, const Options& options) {
   } catch (const std::runtime_error& e) {
     throw Failure(e.what());
   }
-  HeldSuite<FontrixRecognitionSuite> recognition(host, kFontrixRecognitionSuite, kFontrixRecognitionSuiteVersion);
-  std::vector<std::pair<std::string, double>> found;
-  FontrixFontList list = Collector(found);
-  const QVErr err = recognition->GetRecognizedFonts(image->handle(), &list);
+  // The text suite gives the recognition suite's answers with their likeness and confidence.
+  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
+  // The name a font points to lasts only as long as the call that gives it: kept as a string.
+  std::vector<std::pair<std::string, FontrixRecognizedFont>> answers;
+  FontrixRecognizedFontList list{&answers, [](void* c, const FontrixRecognizedFont* f) {
+                                   static_cast<std::vector<std::pair<std::string, FontrixRecognizedFont>>*>(c)
+                                       ->emplace_back(f->name, *f);
+                                 }};
+  double sureAt = -1;
+  const QVErr err = text->RecognizeFonts(image->handle(), &list, &sureAt);
   if (err == kQVNotInitialisedErr)
     throw Failure("the recognition service is not running (switched off, or its data is missing)");
   Check(err, "the recognition query");
-  const std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
+  std::vector<std::pair<std::string, double>> found;
+  for (const auto& [name, a] : answers) found.emplace_back(name, a.score);
+  std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (answers[i].second.confidence >= 0) rows[i].confidence = answers[i].second.confidence;
+    if (answers[i].second.likeness >= 0) rows[i].likeness = answers[i].second.likeness;
+  }
+  // Sure when the first answer's confidence reaches the module's mark; unsaid without one.
+  const std::optional<bool> sure =
+      sureAt < 0 || answers.empty() || answers[0].second.confidence < 0
+          ? std::nullopt
+          : std::optional<bool>(answers[0].second.confidence >= sureAt);
   if (found.empty() && image->width() >= 20 && image->height() >= 20 && !HasText(host, *image))
     throw Failure("no text found");
   if (rows.empty() && !options.json)
     std::fprintf(stderr,
                  "fontrix: no installed font recognised: the picture shows no line of text the service can read (it "
                  "needs at least 20 x 20 pixels and a line wider than high)\n");
-  PrintRows(options, "\"image\": " + JsonString(path), "results", rows, kResultColumns);
+  if (sure && !*sure && !options.json)
+    std::fprintf(stderr,
+                 "fontrix: not sure: the first answer is right about %.0f %% of the time at this confidence (sure "
+                 "from %.0f %%); the font may not be installed, or the picture too small or unclear\n",
+                 100 * answers[0].second.confidence, 100 * sureAt);
+  PrintRows(options, "\"image\": " + JsonString(path) + (sure ? std::string(", \"sure\": ") + (*sure ? "true" : "false") : ""),
+            "results", rows, sure ? kRecognitionColumns : kResultColumns);
   if (!options.sheet.empty()) {
     std::vector<Specimen> sheet(1);  // the picture itself on top
     sheet[0].width = image->width();

@@ -34,6 +34,8 @@ std::string Field(const std::string& field, const OutputRow& r) {
   if (field == "width") return std::to_string(r.width);
   if (field == "slant") return std::to_string(r.slant);
   if (field == "score") return r.score ? Score(*r.score) : "";
+  if (field == "confidence") return r.confidence ? Score(*r.confidence) : "";
+  if (field == "likeness") return r.likeness ? Score(*r.likeness) : "";
   if (field == "classes") return r.classes ? Classes(*r.classes, kClassShortNames, ",") : "";
   if (field == "status") return r.status ? *r.status : "";
   if (field == "same_outlines") {
@@ -86,7 +88,8 @@ void FoldSameOutlines(std::vector<OutputRow>& rows) {
 
 const std::vector<std::string>& FormatFields() {
   static const std::vector<std::string> kFields = {"name",  "family", "style", "file",    "index",  "weight",
-                                                   "width", "slant",  "score", "classes", "status", "same_outlines"};
+                                                   "width", "slant",  "score", "classes", "status", "same_outlines",
+                                                   "confidence", "likeness"};
   return kFields;
 }
 
@@ -119,6 +122,8 @@ std::string JsonRow(const OutputRow& r) {
                     ", \"index\": " + std::to_string(r.index) + ", \"weight\": " + std::to_string(r.weight) +
                     ", \"width\": " + std::to_string(r.width) + ", \"slant\": " + std::to_string(r.slant);
   if (r.score) out += ", \"score\": " + Score(*r.score);
+  if (r.confidence) out += ", \"confidence\": " + Score(*r.confidence);
+  if (r.likeness) out += ", \"likeness\": " + Score(*r.likeness);
   if (r.classes) {
     out += ", \"classes\": [";
     bool first = true;

@@ -20,6 +20,7 @@ struct OutputRow {
   std::string name, family, style, file;
   int index = 0, weight = 80, width = 100, slant = 0;  ///< fontconfig's weight, width and slant
   std::optional<double> score;
+  std::optional<double> confidence, likeness;  ///< recognize: the chance the answer is right, the line's likeness
   std::optional<uint32_t> classes;         ///< bit i: kClassLabels[i]
   std::optional<std::string> status;       ///< "used", or why the services leave the face out
   std::vector<std::string> same_outlines;  ///< answers folded into this one: the same outlines under other names

@@ -170,7 +170,22 @@ extern "C" QVErr FindTextLines(QVRasterHandle image, FontrixTextLineList* out) {
   });
 }
 
-const FontrixTextSuite kTextSuite = {FindTextLines};
+extern "C" QVErr RecognizeFonts(QVRasterHandle image, FontrixRecognizedFontList* out, double* sureAt) {
+  auto cache = FontRecognitionCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!image || !out || !out->append || !sureAt) return kQVBadParameterErr;
+  return Answer([&] {
+    const auto results = cache->GetRecognizedFontList(image);
+    *sureAt = results.empty() ? -1.0 : results[0].sureAt;
+    for (const auto& r : results) {
+      const FontrixRecognizedFont font{r.name.c_str(), r.score, r.likeness, r.confidence};
+      out->append(out->context, &font);
+    }
+    return kQVNoErr;
+  });
+}
+
+const FontrixTextSuite kTextSuite = {FindTextLines, RecognizeFonts};
 
 }  // namespace
 

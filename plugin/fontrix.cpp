@@ -93,7 +93,9 @@ QVErr Fontrix::StartupPlugin(QVMessageData* message) {
   qv::Check(
       registry->AddSuite(pluginRef, kFontrixProgressSuite, kFontrixProgressSuiteVersion, 1, &ProgressSuite(), &ref));
   qv::Check(registry->AddSuite(pluginRef, kFontrixTableSuite, kFontrixTableSuiteVersion, 1, &TableSuite(), &ref));
-  qv::Check(registry->AddSuite(pluginRef, kFontrixTextSuite, kFontrixTextSuiteVersion, 1, &TextSuite(), &ref));
+  // Version 2 begins as version 1 does: callers of either get the one table.
+  for (int32_t version : {1, kFontrixTextSuiteVersion})
+    qv::Check(registry->AddSuite(pluginRef, kFontrixTextSuite, version, 1, &TextSuite(), &ref));
 
   if (const QVTimerSuite* timer = qv::Suites().timer) {
     qv::Check(timer->AddTimer(pluginRef, kTimerName, 0, &notifierTimer));

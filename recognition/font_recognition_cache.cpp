@@ -35,13 +35,15 @@ const RecognitionPaths& ResolveRecognitionPaths() {
     const std::string data = qv::FolderPath(kQVFolderPluginData, false);
     resolved_paths = {FileInFolder(data, "NQ_rec_model.dnm"), FileInFolder(data, "NQ_rec_font.bin"),
                       FileInFolder(data, "NQ_loc_model.dnm"),
-                      FileInFolder(qv::FolderPath(kQVFolderUserCache, true), kInstalledLinesFileName)};
+                      FileInFolder(qv::FolderPath(kQVFolderUserCache, true), kInstalledLinesFileName),
+                      FileInFolder(data, kConfidenceFileName)};
     paths_resolved = true;
     CacheLog& log = RecognitionLog();
     log.Info("Recognition Model File-Path : ", resolved_paths.model);
     log.Info("Recognition Meta File-Path : ", resolved_paths.fontTable);
     log.Info("Recognition Loc Model File-Path : ", resolved_paths.localisationModel);
     log.Info("Recognition Installed Lines File-Path : ", resolved_paths.installedLines);
+    log.Info("Recognition Confidence File-Path : ", resolved_paths.confidence);
   }
   return resolved_paths;
 }
@@ -101,6 +103,15 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
     status_.clear();
     log.Info("Recognition Engine Unusable: ", problem);
     progress_.Report(CacheProgress::kFailure, problem);
+  }
+  confidence_ = ConfidenceModel();
+  if (ok && !paths.confidence.empty() && std::filesystem::exists(paths.confidence)) {
+    try {
+      confidence_ = ReadConfidenceModel(paths.confidence);
+    } catch (const ConfidenceFileError& e) {
+      log.Info("Recognition Confidence Unusable: ", e.what());
+      progress_.Report(CacheProgress::kWarning, std::string(e.what()) + "; answers come without a confidence");
+    }
   }
   if (ok && installedLines_) {
     networkFingerprint_ = NetworkFingerprint(paths.model);
@@ -354,10 +365,9 @@ LineReading FontRecognitionCache::ReadText(const uint8_t* pixels, int32_t width,
   return sum;
 }
 
-std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked(const std::vector<Result>& answer,
-                                                                                 const std::vector<float>& features) const {
-  if (!installedLines_ || features.empty() || lines_.empty()) return answer;
+std::vector<float> FontRecognitionCache::LikenessLocked(const std::vector<float>& features) const {
   std::vector<float> likeness(installed_.size(), -1.0f);
+  if (!installedLines_ || features.empty()) return likeness;
   for (size_t f = 0; f < installed_.size() && f < lineOfFont_.size(); ++f) {
     if (lineOfFont_[f] < 0) continue;
     const std::vector<float>& line = lines_[size_t(lineOfFont_[f])].features;
@@ -366,6 +376,12 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked
     for (size_t k = 0; k < line.size(); ++k) dot += double(line[k]) * features[k];
     likeness[f] = float(dot);
   }
+  return likeness;
+}
+
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked(const std::vector<Result>& answer,
+                                                                                 const std::vector<float>& likeness) const {
+  if (std::none_of(likeness.begin(), likeness.end(), [](float l) { return l >= 0; })) return answer;
   std::vector<int32_t> order;
   for (const Result& r : answer) order.push_back(r.fontIndex);
   const std::vector<int32_t> merged = MergeInstalledLines(order, likeness, named_, kInstalledLinesMargin, kMaxResults);
@@ -401,7 +417,9 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     if (height < 1 || width < 1 || !pixels || recognition_.empty()) return results;
     const LineReading reading = ReadText(pixels, width, height, largestLineOnly_ ? 1 : kMostLinesRead);
     if (reading.prob.empty()) return results;  // no line of text
-    results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), reading.features);
+    const std::vector<float> likeness = LikenessLocked(reading.features);
+    results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), likeness);
+    RateLocked(results, likeness);
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
     if (QVPerfLogHandle perf = PerformanceLog()) {
@@ -411,6 +429,25 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
       dev->WritePerformanceLog(perf, line);
     }
   return results;
+}
+
+void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const {
+  double best = -1;
+  for (Result& r : results) {
+    r.likeness = r.fontIndex >= 0 && size_t(r.fontIndex) < likeness.size() ? likeness[size_t(r.fontIndex)] : -1.0;
+    best = std::max(best, r.likeness);
+  }
+  for (size_t i = 0; i < results.size(); ++i) {
+    AnswerFacts facts;
+    facts.score = results[i].score;
+    facts.firstScore = results[0].score;
+    facts.secondScore = results.size() > 1 ? results[1].score : 0.0;
+    facts.first = i == 0;
+    facts.likeness = results[i].likeness;
+    facts.bestLikeness = best;
+    results[i].confidence = confidence_.Confidence(facts);
+    results[i].sureAt = confidence_.SureAt(facts);
+  }
 }
 
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::Answer(const std::vector<Candidate>& widened) {

@@ -9,6 +9,7 @@
 
 #include "deepnet/layer_model.h"
 #include "hostglue/font_access.h"
+#include "recognition/answer_confidence.h"
 #include "recognition/installed_lines.h"
 #include "recognition/line_scoring.h"
 #include "recognition/text_lines.h"
@@ -20,6 +21,7 @@ namespace fontrix {
 struct RecognitionPaths {
   std::string model, fontTable, localisationModel;
   std::string installedLines;  // in the user's cache folder; "" keeps no lines
+  std::string confidence;      // the answers' confidence model; "" or missing: none
 };
 /// The files in the host's read-only data folder and the user's cache folder, resolved once
 /// (main thread) and logged.
@@ -41,6 +43,9 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
     std::string name;
     double score = 0;
     int32_t fontIndex = -1;
+    double likeness = -1;    ///< the picture against the line drawn in the font, 0..1; -1: none
+    double confidence = -1;  ///< the chance that the answer is right, 0..1; -1: no model
+    double sureAt = -1;      ///< the confidence from which it would be sure, were it first; -1: no model
   };
   /// One font-table entry considered by recognition.
   struct Candidate {
@@ -99,9 +104,14 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// The mean reading of the lines of text found in the picture (its features at unit length);
   /// empty when it shows none that can be read. Caller holds lock_.
   LineReading ReadText(const uint8_t* pixels, int32_t width, int32_t height, size_t mostLines);
-  /// The network's answer with the fonts it has no class for merged in by their kept lines.
+  /// Per installed font, the dot product of the picture's reading with its kept line; -1 for a
+  /// font without one, or all -1 when the lines are off. Caller holds lock_.
+  std::vector<float> LikenessLocked(const std::vector<float>& features) const;
+  /// The network's answer with the fonts it has no class for merged in by their likeness.
   /// Caller holds lock_.
-  std::vector<Result> MergeLinesLocked(const std::vector<Result>& answer, const std::vector<float>& features) const;
+  std::vector<Result> MergeLinesLocked(const std::vector<Result>& answer, const std::vector<float>& likeness) const;
+  /// The answers' likeness and confidence. Caller holds lock_.
+  void RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const;
   /// Reads, kept or drawn, the line of each of `fonts` (named `names`); saves what was drawn.
   bool IndexInstalledLines(const std::vector<QVFontHandle>& fonts, const std::vector<std::string>& names);
   /// Answer() for a caller that holds lock_.
@@ -112,6 +122,7 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   // The installed-lines extension: whether it is on, where the lines are kept, the network they
   // were read with, the lines by font name, and per installed font its line's row in linesByFont_
   // (-1: none) and whether a class names it.
+  ConfidenceModel confidence_;
   bool installedLines_ = false;
   std::string linesPath_;
   uint64_t networkFingerprint_ = 0;

@@ -133,15 +133,34 @@ typedef struct FontrixTextLineList {
   void (*append)(void* context, const FontrixTextLine* line);
 } FontrixTextLineList;
 
+/* One answer of recognition with what the module knows of it. */
+typedef struct FontrixRecognizedFont {
+  const char* name; /* unique name (the PostScript name) */
+  double score;     /* as the recognition suite gives it */
+  double likeness;  /* 0..1: how alike the picture is to a line the module drew in the font; -1: none */
+  double confidence; /* 0..1: of answers given this confidence, about this share is right; -1:
+                        the module has no calibration */
+} FontrixRecognizedFont;
+
+typedef struct FontrixRecognizedFontList {
+  void* context;
+  void (*append)(void* context, const FontrixRecognizedFont* font);
+} FontrixRecognizedFontList;
+
 /* Where recognition finds text in a picture, so that a host can tell a picture without text
- * from one whose text no installed font matches, or show what was read. Answers "UIN?" until
- * the recognition cache exists. */
+ * from one whose text no installed font matches, or show what was read; and recognition's
+ * answers with how sure it is of them. Answers "UIN?" until the recognition cache exists.
+ * Version 1 has FindTextLines only. */
 #define kFontrixTextSuite "QV Fontrix Text Suite"
-#define kFontrixTextSuiteVersion 1
+#define kFontrixTextSuiteVersion 2
 typedef struct FontrixTextSuite {
   /* Appends the lines of text recognition finds by their ink in the grey raster `image`, top to
    * bottom; none when the picture shows no text (blank, or grain and specks only). */
   QVErr (*FindTextLines)(QVRasterHandle image, FontrixTextLineList* out);
+  /* Appends the answers the recognition suite gives for `image`, in its order, each with its
+   * likeness and confidence; sets `*sureAt` to the confidence from which the module is sure of
+   * the first answer (-1 without answers or a calibration). */
+  QVErr (*RecognizeFonts)(QVRasterHandle image, FontrixRecognizedFontList* out, double* sureAt);
 } FontrixTextSuite;
 
 #ifdef __cplusplus

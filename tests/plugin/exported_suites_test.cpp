@@ -2,10 +2,12 @@
 // progress suite that tells when the background work is done.
 #include "plugin/exported_suites.h"
 
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "host/image.h"
 #include "tests/plugin/test_host.h"
 
 namespace fontrix {
@@ -118,6 +120,44 @@ TEST_F(HostTest, ProgressSuiteReportsServicesAndTheFontList) {
   ASSERT_EQ(progress->GetFontList(&sink, &generation), kQVNoErr);
   EXPECT_EQ(fonts.size(), 2u);
   EXPECT_EQ(generation, 1u);
+}
+
+// The text suite answers as the recognition suite does, name for name and score for score, and
+// adds how sure it is: on the machine's fonts with the shipped networks, a sample line of
+// Liberation Serif Bold.
+TEST_F(HostTest, TextSuiteRecognisesAsTheRecognitionSuiteWithConfidence) {
+  for (const char* file : {"NQ_rec_model.dnm", "NQ_rec_font.bin", "NQ_loc_model.dnm", "NQ_sim_model.dnm",
+                           "NQ_sim_meta_fs.bin", "NQ_sim_fea_fs.bin", "recognition_confidence.tsv"})
+    std::filesystem::copy_file(std::string("data/") + file, dir_ / "data" / file);
+  real_fonts_ = true;
+  auto& h = Started({{"Text/FontClassification", false}}, 600.0);
+  const auto image = host::LoadImageRaster("data/samples/line-liberation-serif-bold.png");
+  const auto* recognition = static_cast<const FontrixRecognitionSuite*>(h.AcquireSuite(kFontrixRecognitionSuite, 1));
+  const auto* text = static_cast<const FontrixTextSuite*>(h.AcquireSuite(kFontrixTextSuite, kFontrixTextSuiteVersion));
+  ASSERT_TRUE(recognition && text && h.AcquireSuite(kFontrixTextSuite, 1));
+  Collected plain;
+  auto list = plain.list();
+  ASSERT_EQ(recognition->GetRecognizedFonts(image->handle(), &list), kQVNoErr);
+  std::vector<std::pair<std::string, FontrixRecognizedFont>> rated;
+  FontrixRecognizedFontList ratedList{&rated, [](void* c, const FontrixRecognizedFont* f) {
+                                        static_cast<decltype(rated)*>(c)->emplace_back(f->name, *f);
+                                      }};
+  double sureAt = -2;
+  ASSERT_EQ(text->RecognizeFonts(image->handle(), &ratedList, &sureAt), kQVNoErr);
+  ASSERT_EQ(rated.size(), plain.fonts.size());
+  ASSERT_FALSE(rated.empty());
+  for (size_t i = 0; i < rated.size(); ++i) {
+    EXPECT_EQ(rated[i].first, plain.fonts[i].first);
+    EXPECT_DOUBLE_EQ(rated[i].second.score, plain.fonts[i].second);
+    EXPECT_GE(rated[i].second.confidence, 0.0);
+    EXPECT_LE(rated[i].second.confidence, 1.0);
+  }
+  EXPECT_GT(sureAt, 0.0);
+  EXPECT_LT(sureAt, 1.0);
+  // The first answer is the sample's face or its twin, and the most likely right by far.
+  EXPECT_TRUE(rated[0].first == "LiberationSerif-Bold" || rated[0].first == "Tinos-Bold") << rated[0].first;
+  for (size_t i = 1; i < rated.size(); ++i) EXPECT_LT(rated[i].second.confidence, rated[0].second.confidence);
+  EXPECT_EQ(text->RecognizeFonts(image->handle(), &ratedList, nullptr), kQVBadParameterErr);
 }
 
 }  // namespace

@@ -84,6 +84,28 @@ class DamagedFilesTest(ShippedDataTest):
         font = next(f for f in json.loads(r.stdout)["fonts"] if f["name"] == records[0]["name"])
         self.assertLess(len(font["classes"]), 8)
 
+    def test_damaged_recognition_files_are_said_and_recognition_goes_on(self):
+        """A lines file cut short is read again and written over; a damaged confidence model is a
+        warning, and the answers come without a confidence."""
+        picture = os.path.join(self.data, "samples", "line-liberation-serif-bold.png")
+        self.assertEqual(self.tool("--disable", "classification", "index").returncode, 0)
+        lines = os.path.join(self.folder, "FontRecognitionLines.bin")
+        size = os.path.getsize(lines)
+        os.truncate(lines, size // 2)
+        r = self.tool("--disable", "classification", "recognize", picture, "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(os.path.getsize(lines), size)  # drawn again, whole
+        self.assertIn("likeness", json.loads(r.stdout)["results"][0])
+        model = os.path.join(self.data, "recognition_confidence.tsv")
+        with open(model, "a") as f:
+            f.write("with_lines\tbias\t0\n")
+        r = self.tool("--disable", "classification", "recognize", picture, "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn("fontrix: warning: " + model + " line ", r.stderr)
+        answer = json.loads(r.stdout)
+        self.assertNotIn("sure", answer)
+        self.assertTrue(answer["results"] and not any("confidence" in x for x in answer["results"]))
+
     def test_shipped_data_that_cannot_be_used_fails_naming_the_file(self):
         table = os.path.join(self.data, "NQ_rec_font.bin")
         with open(table) as f:

@@ -115,15 +115,16 @@ class HostTest : public ::testing::Test {
   }
 
   /// Start-up and application start, then idle ticks until the background work is done.
-  host::Host& Started(std::map<std::string, bool> switches = {}) {
+  /// `seconds`: how long the background work may take (the machine's fonts take longer).
+  host::Host& Started(std::map<std::string, bool> switches = {}, double seconds = 10.0) {
     auto& h = MakeHost(std::move(switches));
     EXPECT_EQ(h.Startup(), kQVNoErr);
     EXPECT_EQ(h.ApplicationStarted(), kQVNoErr);
-    EXPECT_TRUE(WaitIdle());
+    EXPECT_TRUE(WaitIdle(seconds));
     return h;
   }
 
-  bool WaitIdle() {
+  bool WaitIdle(double seconds = 10.0) {
     const auto* progress = static_cast<const FontrixProgressSuite*>(
         host_->AcquireSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion));
     if (!progress) return false;
@@ -135,7 +136,7 @@ class HostTest : public ::testing::Test {
           }
           return true;
         },
-        10.0);
+        seconds);
     host_->ReleaseSuite(kFontrixProgressSuite, kFontrixProgressSuiteVersion);
     return idle;
   }

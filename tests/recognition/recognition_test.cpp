@@ -100,7 +100,7 @@ class RecognitionTest : public ::testing::Test {
     FontRecognitionCache::Terminate();
     FontSimilarCache::Terminate();
     cache = FontRecognitionCache::GetOrCreate();
-    ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", ""}));
+    ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", "", ""}));
     cache->Update(installed, 1);
   }
   void TearDown() override {
@@ -137,7 +137,7 @@ TEST_F(RecognitionTest, TooSmallRastersAndAbsentSimilarityGiveNothing) {
 
 TEST_F(RecognitionTest, LoadingAfterTheUpdateKeepsTheInstalledFontsMatched) {
   // The init and update tasks run side by side; either may finish first.
-  ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", ""}));
+  ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", "", ""}));
   std::vector<float> prob(15, 0.01f);
   prob[3] = 0.9f;
   const auto ranked = cache->RankClasses(prob, false);

@@ -112,6 +112,9 @@ class RecognizeCliTest(unittest.TestCase):
         self.assertTrue(0 < len(names) <= 40)
         self.assertTrue(set(names) <= installed)
         self.assertEqual(scores, sorted(scores, reverse=True))
+        # The stand-in data has no confidence model: nothing is said about how sure the answers are.
+        self.assertNotIn("sure", answer)
+        self.assertFalse(any("confidence" in x for x in answer["results"]))
         sheet = os.path.join(self.tmp.name, "sheet.png")
         self.assertEqual(self.run_tool("recognize", self.line, "--limit", "3", "--sheet", sheet).returncode, 0)
         with open(sheet, "rb") as f:

@@ -214,6 +214,21 @@ class TrainedRecognitionTest(ShippedDataTest):
         names = self.recognised("DejaVuSans-Bold", text, size, "wide", data=data)
         self.assertTrue(names and self.drawn_alike("DejaVuSans-Bold", names[0], text, size), names)
 
+    def test_answers_say_how_sure_they_are(self):
+        """Each answer has a confidence between 0 and 1, the first the highest; a clean line of
+        an installed face is said to be sure, and text output gives the confidence as a column."""
+        picture = self.draw("DejaVuSans-Bold", LINES[0], 40)
+        r = self.run_tool("recognize", picture, "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        answer = json.loads(r.stdout)
+        confidence = [x["confidence"] for x in answer["results"]]
+        self.assertTrue(all(0 <= c <= 1 for c in confidence), confidence)
+        self.assertEqual(max(confidence), confidence[0])
+        self.assertIs(answer["sure"], True)
+        r = self.run_tool("recognize", picture, "--limit", "1")
+        self.assertEqual(r.stdout.split("\t")[1], "%.6f" % confidence[0])
+        self.assertNotIn("not sure", r.stderr)
+
     def check_lines(self, page=None):
         fonts = [f for f in FONTS if f in self.installed]
         self.assertGreaterEqual(len(fonts), 8, "the test fonts are not installed")

@@ -1,0 +1,100 @@
+#include "recognition/answer_confidence.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+namespace fontrix {
+
+namespace {
+
+// The log of a ratio of scores, kept finite for scores of 0 or below.
+double LogRatio(double a, double b) { return std::log(std::max(a, 1e-9) / std::max(b, 1e-9)); }
+
+}  // namespace
+
+std::array<double, 6> ConfidenceInputs(const AnswerFacts& f) {
+  const bool lines = f.likeness >= 0 && f.bestLikeness >= 0;
+  return {1.0,
+          LogRatio(f.score, f.firstScore),
+          f.first ? 1.0 : 0.0,
+          f.first && f.secondScore > 0 ? LogRatio(f.firstScore, f.secondScore) : 0.0,
+          lines ? f.likeness : 0.0,
+          lines ? f.likeness - f.bestLikeness : 0.0};
+}
+
+namespace {
+
+bool WithLines(const AnswerFacts& f) { return f.likeness >= 0 && f.bestLikeness >= 0; }
+
+}  // namespace
+
+double ConfidenceModel::SureAt(const AnswerFacts& facts) const {
+  return !loaded ? -1 : WithLines(facts) ? sureAtWithLines : sureAtWithoutLines;
+}
+
+double ConfidenceModel::Confidence(const AnswerFacts& facts) const {
+  if (!loaded) return -1;
+  const std::array<double, 6> x = ConfidenceInputs(facts);
+  const std::array<double, 6>& w = WithLines(facts) ? withLines : withoutLines;
+  double z = 0;
+  for (size_t i = 0; i < x.size(); ++i) z += w[i] * x[i];
+  return 1.0 / (1.0 + std::exp(-std::clamp(z, -60.0, 60.0)));
+}
+
+ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string& name) {
+  ConfidenceModel model;
+  std::set<std::string> seen;
+  std::istringstream in(text);
+  std::string line;
+  for (int number = 1; std::getline(in, line); ++number) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string> fields;
+    std::istringstream split(line);
+    for (std::string f; std::getline(split, f, '\t');) fields.push_back(f);
+    auto fail = [&](const std::string& why) {
+      return ConfidenceFileError(name + " line " + std::to_string(number) + ": " + why);
+    };
+    auto number_of = [&](const std::string& s) {
+      size_t used = 0;
+      double v = 0;
+      try {
+        v = std::stod(s, &used);
+      } catch (const std::exception&) {
+        used = 0;
+      }
+      if (used != s.size() || s.empty() || !std::isfinite(v)) throw fail("'" + s + "' is not a number");
+      return v;
+    };
+    if (fields.size() == 3 && (fields[0] == "with_lines" || fields[0] == "without_lines") && fields[1] == "sure_at") {
+      if (!seen.insert(fields[0] + "/sure_at").second) throw fail("sure_at given twice");
+      const double at = number_of(fields[2]);
+      if (at < 0 || at > 1) throw fail("sure_at is not between 0 and 1");
+      (fields[0] == "with_lines" ? model.sureAtWithLines : model.sureAtWithoutLines) = at;
+    } else if (fields.size() == 3 && (fields[0] == "with_lines" || fields[0] == "without_lines")) {
+      const auto input = std::find(kConfidenceInputs.begin(), kConfidenceInputs.end(), fields[1]);
+      if (input == kConfidenceInputs.end()) throw fail("no input is called '" + fields[1] + "'");
+      if (!seen.insert(fields[0] + "/" + fields[1]).second) throw fail(fields[1] + " given twice");
+      (fields[0] == "with_lines" ? model.withLines : model.withoutLines)[size_t(input - kConfidenceInputs.begin())] =
+          number_of(fields[2]);
+    } else {
+      throw fail("not 'with_lines|without_lines<TAB>input or sure_at<TAB>number'");
+    }
+  }
+  if (seen.size() != 2 * (kConfidenceInputs.size() + 1))
+    throw ConfidenceFileError(name + ": the weights and sure_at of both models are not all given");
+  model.loaded = true;
+  return model;
+}
+
+ConfidenceModel ReadConfidenceModel(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw ConfidenceFileError(path + " cannot be read");
+  return ParseConfidenceModel(std::string(std::istreambuf_iterator<char>(in), {}), path);
+}
+
+}  // namespace fontrix

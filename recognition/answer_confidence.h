@@ -1,0 +1,57 @@
+#pragma once
+// How sure recognition is of each answer: a logistic model over what the module knows of an
+// answer when it gives it (its score against the first answer's, whether it is first and by how
+// much, how alike the picture is to the line drawn in the font and to the best-matching line),
+// fitted on pictures of installed fonts the network never saw (training/fit_recognition_confidence.py)
+// so that of answers given confidence c, about c of them are right. It lives in
+// "recognition_confidence.tsv" in the module's data folder; without the file answers have no
+// confidence.
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace fontrix {
+
+constexpr const char* kConfidenceFileName = "recognition_confidence.tsv";
+
+/// What the confidence of one answer is worked out from.
+struct AnswerFacts {
+  double score = 0, firstScore = 0, secondScore = 0;  // this answer's and the first two's
+  bool first = false;
+  double likeness = -1, bestLikeness = -1;  // -1: no line (or the lines are switched off)
+};
+
+/// The model's inputs, in the file's order: bias, score_ratio (log of score over the first
+/// answer's), first (1 for the first answer), lead (log of the first score over the second, for
+/// the first answer), likeness, likeness_gap (likeness less the best of the answers').
+constexpr std::array<const char*, 6> kConfidenceInputs = {"bias",  "score_ratio", "first",
+                                                          "lead",  "likeness",    "likeness_gap"};
+std::array<double, 6> ConfidenceInputs(const AnswerFacts& facts);
+
+struct ConfidenceModel {
+  /// Weights over kConfidenceInputs for answers with lines compared, and for answers without
+  /// (the last two inputs then 0).
+  std::array<double, 6> withLines{}, withoutLines{};
+  /// The first answer's confidence from which the module is sure of it, with lines and without.
+  double sureAtWithLines = 0.5, sureAtWithoutLines = 0.5;
+  bool loaded = false;
+
+  /// The chance that the answer is right, 0..1; -1 when no model is loaded.
+  double Confidence(const AnswerFacts& facts) const;
+  /// The confidence from which a first answer with these facts is sure; -1 without a model.
+  double SureAt(const AnswerFacts& facts) const;
+};
+
+struct ConfidenceFileError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Reads the file: lines "with_lines|without_lines<TAB>input<TAB>weight" naming every input of
+/// both models once, and "with_lines|without_lines<TAB>sure_at<TAB>value"; "#" lines are comments. Throws ConfidenceFileError
+/// naming the file and line.
+ConfidenceModel ReadConfidenceModel(const std::string& path);
+/// Same, from text (the tests).
+ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string& name);
+
+}  // namespace fontrix

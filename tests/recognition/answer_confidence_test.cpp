@@ -1,0 +1,72 @@
+// How sure recognition is of an answer: the model file and what the model makes of an answer.
+#include "recognition/answer_confidence.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+namespace fontrix {
+namespace {
+
+std::string ModelText(const std::string& extra = "") {
+  std::string text = "# a comment\r\n";
+  for (const char* model : {"with_lines", "without_lines"}) {
+    for (const char* input : kConfidenceInputs)
+      text += std::string(model) + "\t" + input + "\t" + (std::string(input) == "score_ratio" ? "20" : "1") + "\n";
+    text += std::string(model) + "\tsure_at\t0.6\n";
+  }
+  return text + extra;
+}
+
+TEST(AnswerConfidence, TheShippedFileReadsAndEveryDamageIsNamed) {
+  const ConfidenceModel shipped = ReadConfidenceModel("data/" + std::string(kConfidenceFileName));
+  EXPECT_TRUE(shipped.loaded);
+  EXPECT_GT(shipped.sureAtWithLines, 0.0);
+  EXPECT_THROW(ReadConfidenceModel("data/absent.tsv"), ConfidenceFileError);
+  EXPECT_TRUE(ParseConfidenceModel(ModelText(), "m").loaded);
+  const std::string good = ModelText();
+  for (const auto& [bad, why] : std::vector<std::pair<std::string, std::string>>{
+           {ModelText("with_lines\tbias\t2\n"), "line 16: bias given twice"},
+           {ModelText("with_lines\tsure_at\t0.7\n"), "sure_at given twice"},
+           {ModelText("sure_at\t0.5\n"), "line 16: not"},
+           {good.substr(0, good.find("without_lines\tlikeness_gap")), "not all given"},
+           {good.substr(0, good.rfind("without_lines\tsure_at")), "not all given"},
+           {std::string(good).replace(good.find("\t20\n"), 4, "\tnan\n"), "'nan' is not a number"},
+           {std::string(good).replace(good.find("\t20\n"), 4, "\t20x\n"), "'20x' is not a number"},
+           {std::string(good).replace(good.find("\t0.6\n"), 5, "\t1.5\n"), "not between 0 and 1"},
+           {std::string(good).replace(good.find("likeness_gap"), 12, "likeness_gab"), "no input is called"},
+           {"", "not all given"}}) {
+    try {
+      ParseConfidenceModel(bad, "m.tsv");
+      ADD_FAILURE() << why;
+    } catch (const ConfidenceFileError& e) {
+      EXPECT_NE(std::string(e.what()).find(why), std::string::npos) << e.what();
+      EXPECT_EQ(std::string(e.what()).rfind("m.tsv", 0), 0u) << e.what();
+    }
+  }
+}
+
+// The model picks its weights by whether the answer has a line, and a first answer far ahead of
+// the rest with the best-matching line is likelier right than one that trails.
+TEST(AnswerConfidence, AnswersAreRatedByTheirModel) {
+  ConfidenceModel model = ParseConfidenceModel(ModelText(), "m");
+  model.withoutLines = {-1, 0, 0, 0, 0, 0};  // without lines: a flat 27 %
+  model.sureAtWithoutLines = 0.3;
+  AnswerFacts first{0.5, 0.5, 0.25, true, 0.9, 0.9};
+  AnswerFacts trailing{0.25, 0.5, 0.25, false, 0.8, 0.9};
+  const double a = model.Confidence(first), b = model.Confidence(trailing);
+  EXPECT_GT(a, 0.95);
+  EXPECT_LT(b, 0.01);
+  first.likeness = -1;  // no line: the other model and its mark
+  EXPECT_NEAR(model.Confidence(first), 1 / (1 + std::exp(1.0)), 1e-12);
+  EXPECT_EQ(model.SureAt(first), 0.3);
+  EXPECT_EQ(model.SureAt(trailing), 0.6);
+  const AnswerFacts zero{0, 0, 0, true, -1, -1};  // scores of 0 stay finite
+  EXPECT_TRUE(std::isfinite(model.Confidence(zero)));
+  EXPECT_EQ(ConfidenceModel().Confidence(first), -1);
+  EXPECT_EQ(ConfidenceModel().SureAt(first), -1);
+}
+
+}  // namespace
+}  // namespace fontrix
