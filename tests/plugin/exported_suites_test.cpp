@@ -130,6 +130,12 @@ TEST_F(HostTest, TextSuiteRecognisesAsTheRecognitionSuiteWithConfidence) {
                            "NQ_sim_meta_fs.bin", "NQ_sim_fea_fs.bin", "recognition_confidence.tsv"})
     std::filesystem::copy_file(std::string("data/") + file, dir_ / "data" / file);
   real_fonts_ = true;
+  // The paths are worked out once a process: an earlier test of this one may have set others.
+  const std::string data = (dir_ / "data").string() + "/", cache = (dir_ / "cache").string() + "/";
+  SetSimilarityPaths({data + "NQ_sim_model.dnm", data + "NQ_sim_fea_fs.bin", data + "NQ_sim_meta_fs.bin",
+                      cache + "NQ_sim_fea_sys.cch", cache + "NQ_sim_meta_sys.cch", cache + "NQ_sim_debug.txt"});
+  SetRecognitionPaths({data + "NQ_rec_model.dnm", data + "NQ_rec_font.bin", data + "NQ_loc_model.dnm",
+                       cache + kInstalledLinesFileName, data + kConfidenceFileName});
   auto& h = Started({{"Text/FontClassification", false}}, 600.0);
   const auto image = host::LoadImageRaster("data/samples/line-liberation-serif-bold.png");
   const auto* recognition = static_cast<const FontrixRecognitionSuite*>(h.AcquireSuite(kFontrixRecognitionSuite, 1));
