@@ -23,7 +23,7 @@ class IdentifyFont(fx.FontrixEffect):
                                                              None) for e in self.svg.selection.values()]
         images = [e for e in images if e is not None]
         if not self.svg.selection:
-            raise inkex.AbortExtension("Select an image of a line of text first.")
+            raise inkex.AbortExtension("Select an image of text first.")
         if not images:
             raise inkex.AbortExtension("Identify font works on a bitmap image, and the selection holds none.")
         image = images[0]
@@ -31,8 +31,8 @@ class IdentifyFont(fx.FontrixEffect):
             path, _ = fontrix_pictures.shown_picture(self, image, folder)
             answer, _ = fx.run_fontrix("recognize", path, "--limit", str(self.options.count))
         if not answer["results"]:
-            raise inkex.AbortExtension("Fontrix recognised no installed font in the image: it needs one line of "
-                                       "text at least 20 pixels high.")
+            raise inkex.AbortExtension("Fontrix recognised no installed font in the image: it needs text "
+                                       "at least 20 pixels high, in lines wider than high.")
         sample = " ".join(self.options.sample.split()) or "Handgloves"
         entries = [(label(i, r, answer), sample, fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
 
