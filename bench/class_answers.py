@@ -29,7 +29,7 @@ REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "class_answers.tsv")
 sys.path.insert(0, os.path.join(REPO, "training"))
 # The classes, and those a face of the first class should never also be given, as the fit judges the corpus.
-from fit_classification import CLASSES, CONTRADICTIONS  # noqa: E402
+from fontrix_training.fit_classification import CLASSES, CONTRADICTIONS  # noqa: E402
 
 
 def read_expected(path):

@@ -16,7 +16,7 @@ import numpy as np
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(REPO, "training"))
-import dnm  # noqa: E402
+from fontrix_training import dnm  # noqa: E402
 
 INPUT_SIZE = 109
 SEED = 109

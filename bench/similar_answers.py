@@ -23,7 +23,7 @@ import numpy as np
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(REPO, "training"))
-import letter_likeness  # noqa: E402
+from fontrix_training import letter_likeness  # noqa: E402
 
 TWIN = 1.0  # teacher units: the same letters under another name
 

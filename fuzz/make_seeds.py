@@ -23,7 +23,7 @@ import numpy as np
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.join(HERE, "..")
 sys.path.insert(0, os.path.join(ROOT, "training"))
-import dnm  # noqa: E402
+from fontrix_training import dnm  # noqa: E402
 
 SEEDS = os.path.join(HERE, "seeds")
 OUT = os.path.join(SEEDS, "dnm_reader")

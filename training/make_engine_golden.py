@@ -17,8 +17,7 @@ import sys
 
 import numpy as np
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import dnm  # noqa: E402
+from fontrix_training import dnm
 
 WIDTH, HEIGHT, COUNT = 23, 19, 3
 SEED = 20240611

@@ -18,10 +18,10 @@ import sys
 
 from PIL import Image, ImageDraw, ImageFont
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import fetch  # noqa: E402
-import labels as corpus_labels  # noqa: E402
-import splits as corpus_splits  # noqa: E402
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # the package's parent, training/
+from fontrix_training.corpus import fetch  # noqa: E402
+from fontrix_training.corpus import labels as corpus_labels  # noqa: E402
+from fontrix_training.corpus import splits as corpus_splits  # noqa: E402
 
 SAMPLE = "Handgloves Quick Brown Fox 1234"
 ROW, SIZE, WIDTH, CAPTION = 40, 28, 640, 300

@@ -2,15 +2,13 @@
 limits, and the data file the module reads."""
 import math
 import os
-import sys
 import tempfile
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, TRAINING)
-import fit_class_vote as vote  # noqa: E402
+from fontrix_training import fit_class_vote as vote
 
 SLAB = vote.CLASSES.index("fs_slab_serif")
 

@@ -1,18 +1,16 @@
 """The corpus scripts' rules: which files and faces are kept, how faces are labelled, how
 families are split. Fonts are made on the spot with fontTools; nothing is fetched."""
 import os
-import sys
 import tempfile
 import unittest
 
 from fontTools.fontBuilder import FontBuilder
 from fontTools.pens.ttGlyphPen import TTGlyphPen
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "corpus"))
-import build_manifest  # noqa: E402
-import fetch  # noqa: E402
-import labels  # noqa: E402
-import splits  # noqa: E402
+from fontrix_training.corpus import build_manifest
+from fontrix_training.corpus import fetch
+from fontrix_training.corpus import labels
+from fontrix_training.corpus import splits
 
 ALNUM = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
 

@@ -1,12 +1,9 @@
-import os
 import struct
-import sys
 import unittest
 
 import numpy as np
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-import dnm  # noqa: E402
+from fontrix_training import dnm
 
 try:
     import torch

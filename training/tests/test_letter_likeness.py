@@ -13,8 +13,7 @@ import unittest
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, TRAINING)
-import letter_likeness as ll  # noqa: E402
+from fontrix_training import letter_likeness as ll
 
 # Faces every machine set up by scripts/setup.sh has, by PostScript name.
 INSTALLED = ("DejaVuSans", "DejaVuSans-Bold", "LiberationSans", "NimbusSans-Regular", "NimbusSans-Bold",
@@ -92,7 +91,7 @@ class DrawnFaces(unittest.TestCase):
         with open(listing, "w", encoding="utf-8") as f:
             f.write("\n".join(cls.names) + "\n")
         env = dict(os.environ, FONTCONFIG_FILE=conf, FONTRIX_CACHE_DIR=os.path.join(cls.tmp.name, "cache"))
-        subprocess.run([sys.executable, ll.__file__, "--draw-part", "0/1", listing, out], env=env, check=True)
+        subprocess.run([sys.executable, ll.ENTRY_POINT, "--draw-part", "0/1", listing, out], env=env, check=True)
         with np.load(out) as drawn:
             cls.drawn, cls.failed = [str(n) for n in drawn["names"]], list(drawn["failed"])
             cls.cells, cls.advances = drawn["cells"], drawn["advances"]

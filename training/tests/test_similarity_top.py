@@ -5,25 +5,22 @@ import contextlib
 import io
 import os
 import struct
-import sys
 import tempfile
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, TRAINING)
-sys.path.insert(0, os.path.join(TRAINING, "corpus"))
 try:
     import torch  # noqa: E402
     import torch.nn.functional as F  # noqa: E402
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
     raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
-import fontnet  # noqa: E402
-import images  # noqa: E402
-import splits as corpus_splits  # noqa: E402
-import train_similarity_top as top  # noqa: E402
+from fontrix_training import fontnet
+from fontrix_training import images
+from fontrix_training.corpus import splits as corpus_splits
+from fontrix_training import train_similarity_top as top
 
 
 def small_net(seed=3):

@@ -6,31 +6,28 @@ import io
 import os
 import shutil
 import struct
-import sys
 import tempfile
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, TRAINING)
-sys.path.insert(0, os.path.join(TRAINING, "corpus"))
 try:
     import torch  # noqa: E402
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
     raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
-import dnm  # noqa: E402
-import evaluate  # noqa: E402
-import export_networks  # noqa: E402
-import fit_classification  # noqa: E402
-import fontnet  # noqa: E402
-import images  # noqa: E402
-import locnet  # noqa: E402
-import make_tables  # noqa: E402
-import prepare_training_data  # noqa: E402
-import splits as corpus_splits  # noqa: E402
-import train_networks  # noqa: E402
+from fontrix_training import dnm
+from fontrix_training import evaluate
+from fontrix_training import export_networks
+from fontrix_training import fit_classification
+from fontrix_training import fontnet
+from fontrix_training import images
+from fontrix_training import locnet
+from fontrix_training import make_tables
+from fontrix_training import prepare_training_data
+from fontrix_training.corpus import splits as corpus_splits
+from fontrix_training import train_networks
 
 DEJAVU = "/usr/share/fonts/truetype/dejavu"
 
@@ -172,30 +169,15 @@ class TrainingBatches(TemporaryFiles):
         with open(init, "rb") as f:
             self.assertEqual(f.read(), before)
 
-        # A branch that widens the recognition head can be stopped and resumed at its width.
-        wide = os.path.join(work, "wide")
-        run = ["--work", work, "--init", init, "--threads", "1", "--save-to", wide, "--sim-batch", "0",
-               "--rec-batch", "4", "--widen-head", "16"]
+        # A run stopped part-way (--stop-at) and resumed with a shorter schedule goes on from
+        # its checkpoint, optimiser and step, as the first stage did.
+        first = os.path.join(work, "first")
+        run = ["--work", work, "--threads", "1", "--save-to", first, "--sim-batch", "0", "--rec-batch", "4"]
         with contextlib.redirect_stdout(io.StringIO()):
-            train_networks.main(run + ["--steps", "1"])
+            train_networks.main(run + ["--steps", "30", "--stop-at", "1"])
+            self.assertEqual(torch.load(os.path.join(first, "checkpoint.pt"))["step"], 1)
             train_networks.main(run + ["--steps", "2", "--resume"])
-        finished = torch.load(os.path.join(wide, "fontnet.pt"))
-        self.assertEqual(torch.load(os.path.join(wide, "checkpoint.pt"))["step"], 2)
-        self.assertEqual(fontnet.from_state(finished).rec_hidden, 768 + 16)
-
-        # So can one that widens the trunk; without --init there is nothing to widen.
-        wider = os.path.join(work, "wider")
-        widths = ["26", "50", "48", "130", "112", "256", "768"]
-        run = ["--work", work, "--init", init, "--threads", "1", "--save-to", wider, "--sim-batch", "0",
-               "--rec-batch", "4", "--widen-trunk"] + widths
-        with contextlib.redirect_stdout(io.StringIO()):
-            train_networks.main(run + ["--steps", "1"])
-            train_networks.main(run + ["--steps", "2", "--resume"])
-        finished = torch.load(os.path.join(wider, "fontnet.pt"))
-        self.assertEqual(torch.load(os.path.join(wider, "checkpoint.pt"))["step"], 2)
-        self.assertEqual(fontnet.from_state(finished).widths, [int(w) for w in widths])
-        with self.assertRaises(SystemExit), contextlib.redirect_stderr(io.StringIO()):
-            train_networks.main(["--work", work, "--sim-batch", "0", "--widen-trunk"] + widths)
+        self.assertEqual(torch.load(os.path.join(first, "checkpoint.pt"))["step"], 2)
 
 
 def trained_net():
@@ -207,81 +189,21 @@ def trained_net():
     return net.eval()
 
 
-class WidenedRecognitionHead(TemporaryFiles):
-    def trained_net(self):
-        return trained_net()
-
-    def test_widening_keeps_every_answer_and_the_weights_save_and_load(self):
-        net = self.trained_net()
-        x = torch.rand(3, 1, 109, 109) * 255 - 128
-        with torch.no_grad():
-            before = net.rec_scores(net.pool4(x))
-            for extra, width in ((10, 778), (5, 783)):  # a hidden layer put in, then widened
-                net.widen_head(extra)
-                self.assertEqual(net.rec_hidden, width)
-                torch.testing.assert_close(net.rec_scores(net.pool4(x)), before)
-            # The new units are live: the head's output moves when "fc_rec" reads them.
-            net.rec.weight[:, -5:] = 1.0
-            self.assertFalse(torch.allclose(net.rec_scores(net.pool4(x)), before))
-        state = {"net": net.state_dict(), "rec_classes": 6, "rec_hidden": net.rec_hidden}
-        again = fontnet.from_state(state).eval()
-        with torch.no_grad():
-            torch.testing.assert_close(again.rec_scores(again.pool4(x)), net.rec_scores(net.pool4(x)))
-
+class HiddenLayerExport(TemporaryFiles):
     @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
-    def test_the_engine_runs_the_hidden_layer_as_pytorch_does(self):
-        net = self.trained_net()
-        net.widen_head(40)
+    def test_the_engine_runs_a_hidden_layer_as_pytorch_does(self):
+        torch.manual_seed(4)
+        net = fontnet.FontNet(6, rec_hidden=40)
         with torch.no_grad():
+            net.pool4(torch.rand(4, 1, 109, 109) * 255 - 128)  # batch-norm statistics to fold
             net.hidden.weight.normal_(0, 0.05)
             net.rec.weight.normal_(0, 0.05)
+        net = fontnet.from_state({"net": net.state_dict(), "rec_classes": 6, "rec_hidden": 40}).eval()
         model = os.path.join(self.folder.name, "rec.dnm")
         dnm.write_model(model, fontnet.export(net, True))
         x = np.random.default_rng(2).integers(0, 256, (3, 1, 109, 109)).astype(np.float32) - 128
         with torch.no_grad():
             expected = torch.softmax(net.rec_scores(net.pool4(torch.from_numpy(x))), 1).numpy()
-        got = export_networks.engine_output(model, "prob", x)
-        np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max())
-
-
-class WidenedTrunk(TemporaryFiles):
-    WIDTHS = [28, 56, 50, 140, 120, 260, 768]
-
-    def test_widening_keeps_every_answer_and_the_copies_learn_apart(self):
-        net = trained_net()
-        x = torch.rand(3, 1, 109, 109) * 255 - 128
-        with torch.no_grad():
-            before = net.rec_logits(x)
-        net.widen_trunk(self.WIDTHS, torch.Generator().manual_seed(1))
-        self.assertEqual(net.widths, self.WIDTHS)
-        with torch.no_grad():
-            torch.testing.assert_close(net.rec_logits(x), before, rtol=0, atol=1e-4 * before.abs().max().item())
-        # Each new channel of conv1 copies an old one, but the split of its outgoing weights
-        # gives the copy and its original different gradients, so they do not stay twins.
-        net.rec_logits(x).logsumexp(1).sum().backward()
-        weight, grad = net.convs[0].weight, net.convs[0].weight.grad
-        for new in range(24, 28):
-            original = next(k for k in range(24) if torch.equal(weight[k], weight[new]))
-            self.assertFalse(torch.allclose(grad[new], grad[original]))
-        # Saved and loaded, the network keeps its widths.
-        again = fontnet.from_state({"net": net.state_dict(), "rec_classes": 6}).eval()
-        self.assertEqual(again.widths, self.WIDTHS)
-        for widths in ([20] + self.WIDTHS[1:], self.WIDTHS[:-1] + [800], self.WIDTHS[:-1]):
-            with self.assertRaises(ValueError, msg=widths):
-                trained_net().widen_trunk(widths)
-
-    @unittest.skipUnless(os.path.exists(export_networks.DNM_RUN), "the engine's dnm-run is not built")
-    def test_the_engine_runs_the_widened_trunk_as_pytorch_does(self):
-        net = trained_net()
-        net.widen_trunk(self.WIDTHS, torch.Generator().manual_seed(1))
-        with torch.no_grad():
-            for conv in net.convs:  # away from the function it copied, so every weight counts
-                conv.weight.mul_(1 + 0.2 * torch.rand(conv.weight.shape))
-        model = os.path.join(self.folder.name, "rec.dnm")
-        dnm.write_model(model, fontnet.export(net, True))
-        x = np.random.default_rng(2).integers(0, 256, (3, 1, 109, 109)).astype(np.float32) - 128
-        with torch.no_grad():
-            expected = torch.softmax(net.rec_logits(torch.from_numpy(x)), 1).numpy()
         got = export_networks.engine_output(model, "prob", x)
         np.testing.assert_allclose(got, expected, rtol=0, atol=1e-4 * np.abs(expected).max())
 

@@ -8,16 +8,14 @@ layer with ReLU ("fc_hidden", a few million multiply-adds against the trunk's 72
 "prob", over the fonts of the recognition table. Only layers the engine has; batch normalisation is folded into the
 convolutions at export.
 
-Cost per crop at TRUNK's widths: about 77 million multiply-adds (154 MFLOP). `FontNet.widen_trunk` makes a
-trained trunk wider while it computes the same, for training to go on with more channels.
+Cost per crop at TRUNK's widths: about 77 million multiply-adds (154 MFLOP).
 """
-import math
 
 import torch
 import torch.nn as nn
 import torch.nn.functional as F
 
-import dnm
+from fontrix_training import dnm
 
 # (name, in, out, kernel, stride, pad, max-pool 3/2 after)
 TRUNK = (
@@ -31,19 +29,6 @@ TRUNK = (
 )
 POOL4_SIDE = 6  # 109 -> 55 -> 27 -> 13 -> 6
 FEATURES = 768
-
-
-def multiply_adds(widths=None):
-    """Multiply-adds of the trunk for one crop, at TRUNK's widths or at the given ones."""
-    widths = widths or [layer[2] for layer in TRUNK]
-    side, cin, total = 109, 1, 0
-    for (_, _, _, k, s, p, pool), cout in zip(TRUNK, widths):
-        side = (side + 2 * p - k) // s + 1
-        total += side * side * cout * k * k * cin
-        cin = cout
-        if pool:
-            side = (side - 3) // 2 + 1
-    return total
 
 
 class FontNet(nn.Module):
@@ -61,8 +46,8 @@ class FontNet(nn.Module):
             self.convs.append(nn.Conv2d(cin, cout, k, stride=s, padding=p, bias=False))
             self.norms.append(nn.BatchNorm2d(cout))
             cin = cout
-        # Registered even when absent, so a head widened later lists its parameters in the same
-        # order as one built at that width, and an optimiser's saved state fits either.
+        # Registered even when absent: weights saved with a hidden layer between pool4 and
+        # "fc_rec" load and export as well as those without.
         self.add_module("hidden", nn.Linear(FEATURES, rec_hidden) if rec_hidden else None)
         self.rec = nn.Linear(rec_hidden or FEATURES, rec_classes)
 
@@ -70,66 +55,9 @@ class FontNet(nn.Module):
     def rec_hidden(self):
         return self.hidden.out_features if self.hidden is not None else 0
 
-    def widen_head(self, extra, generator=None):
-        """Puts (or widens) a hidden layer between pool4 and "fc_rec" without changing what the
-        network computes: pool4 is never negative, so hidden units that copy it pass it through
-        the ReLU unchanged, and "fc_rec" reads the `extra` new units with zero weights. Training
-        then grows the head's capacity from the network as it was."""
-        old = self.hidden
-        width = (old.out_features if old is not None else FEATURES) + extra
-        hidden, rec = nn.Linear(FEATURES, width), nn.Linear(width, self.rec.out_features)
-        with torch.no_grad():
-            hidden.weight.normal_(0.0, 0.1 * math.sqrt(2.0 / FEATURES), generator=generator)
-            hidden.bias.zero_()
-            if old is None:
-                hidden.weight[:FEATURES] = torch.eye(FEATURES)
-            else:
-                hidden.weight[:old.out_features] = old.weight
-                hidden.bias[:old.out_features] = old.bias
-            kept = width - extra
-            rec.weight.zero_()
-            rec.weight[:, :kept] = self.rec.weight
-            rec.bias.copy_(self.rec.bias)
-        self.hidden, self.rec = hidden, rec
-
     @property
     def widths(self):
         return [conv.out_channels for conv in self.convs]
-
-    def widen_trunk(self, widths, generator=None):
-        """Widens the trunk's convolutions to `widths` (none narrower, the last unchanged)
-        without changing what the network computes: each new channel copies a random existing
-        one of its layer (weights and normalisation), and the next convolution's weights over
-        the original and its copies are split at random proportions that sum to one. Their
-        sum is what the original alone contributed, so the output stays the same, and the
-        copies start apart and learn apart. Training then uses the extra width from the
-        network as it was, rather than from scratch."""
-        widths = list(widths)
-        if len(widths) != len(self.convs) or widths[-1] != FEATURES:
-            raise ValueError(f"{len(self.convs)} widths ending in {FEATURES} expected, not {widths}")
-        if any(w < c for w, c in zip(widths, self.widths)):
-            raise ValueError(f"widths {widths} narrower than the trunk's {self.widths}")
-        with torch.no_grad():
-            for i, width in enumerate(widths[:-1]):
-                conv, norm, after = self.convs[i], self.norms[i], self.convs[i + 1]
-                old = conv.out_channels
-                source = torch.cat([torch.arange(old),
-                                    torch.randint(0, old, (width - old,), generator=generator)])
-                # Split every outgoing weight among the copies of its channel: random shares
-                # (0.25 to 0.75 before normalising) that sum to one for each original.
-                share = 0.25 + 0.5 * torch.rand(width, generator=generator)
-                share = share / torch.zeros(old).index_add_(0, source, share)[source]
-                wider = nn.Conv2d(conv.in_channels, width, conv.kernel_size, conv.stride, conv.padding, bias=False)
-                wider.weight.copy_(conv.weight[source])
-                wider_norm = nn.BatchNorm2d(width)
-                for name in ("weight", "bias", "running_mean", "running_var"):
-                    getattr(wider_norm, name).copy_(getattr(norm, name)[source])
-                wider_norm.num_batches_tracked.copy_(norm.num_batches_tracked)
-                next_conv = nn.Conv2d(width, after.out_channels, after.kernel_size, after.stride, after.padding,
-                                      bias=False)
-                next_conv.weight.copy_(after.weight[:, source] * share.view(1, -1, 1, 1))
-                wider_norm.train(norm.training)  # an evaluated network stays evaluated
-                self.convs[i], self.norms[i], self.convs[i + 1] = wider, wider_norm, next_conv
 
     def rec_scores(self, pool4):
         """The recognition logits ("fc_rec") from pool4; dropout on pool4 while training."""

@@ -12,11 +12,10 @@ first convolution at export, which is exact because the padding is zero either w
 Cost: about 40 thousand multiply-adds per column of the 109-row picture (40 million for a
 1,000-column line).
 """
-import torch
 import torch.nn as nn
 import torch.nn.functional as F
 
-import dnm
+from fontrix_training import dnm
 
 # (name, in, out, kernel, stride, pad)
 CONVS = (

@@ -1,0 +1,143 @@
+#!/usr/bin/python3
+"""Fits how sure recognition is of its answers and writes data/recognition_confidence.tsv.
+
+    bench/recognition_figures.py --set fit --dump fit-lines.jsonl
+    bench/recognition_figures.py --set fit --disable installed-lines --dump fit-plain.jsonl
+    /usr/bin/python3 training/fit_recognition_confidence.py fit-lines.jsonl fit-plain.jsonl [--write]
+
+The pictures are those of bench/recognition_figures.py's "fit" set: lines PIL draws from the
+files of installed fonts, clean and degraded, of faces the recognition network has a class for
+and faces it has none for. Every answer of every picture (up to 40) is one example, right when
+it shows the picture's face (or an outline twin). A logistic regression over the inputs the
+module works out for an answer (recognition/answer_confidence.h: its score against the first,
+whether it is first and its lead, the likeness of the font's own line and its gap to the best)
+gives the chance that an answer is right. One model is fitted on the answers with lines, one on
+the answers of the run without them (the likeness inputs then 0).
+
+sure_at is the first-answer confidence from which "sure" agrees best with the first answer being
+right, over the fit pictures: those of installed faces and those of faces that are not installed
+(bench/recognition_figures.py --absent), whose first answer is never right. The figures of the "test" set (other text, other draws) are what
+bench/recognition_figures.py prints: how often answers of each confidence are right.
+"""
+import argparse
+import json
+import math
+import os
+import sys
+
+import numpy as np
+from fontrix_training import DATA
+
+INPUTS = ("bias", "score_ratio", "first", "lead", "likeness", "likeness_gap")
+
+
+def log_ratio(a, b):
+    return math.log(max(a, 1e-9) / max(b, 1e-9))
+
+
+def inputs(results, i):
+    """The model's inputs for answer i of a picture's results, as the module works them out."""
+    r = results[i]
+    first, second = results[0]["score"], results[1]["score"] if len(results) > 1 else 0.0
+    likeness = r.get("likeness", -1.0)
+    best = max((x.get("likeness", -1.0) for x in results), default=-1.0)
+    lines = likeness >= 0 and best >= 0
+    return [1.0, log_ratio(r["score"], first), 1.0 if i == 0 else 0.0,
+            log_ratio(first, second) if i == 0 and second > 0 else 0.0,
+            likeness if lines else 0.0, likeness - best if lines else 0.0]
+
+
+def examples(path):
+    """(inputs, right, first-answer flags) of every answer of every picture in a dump."""
+    x, y, first = [], [], []
+    with open(path) as f:
+        for line in f:
+            picture = json.loads(line)
+            results = picture["answer"]["results"]
+            for i in range(len(results)):
+                x.append(inputs(results, i))
+                y.append(1.0 if picture["right"][i] else 0.0)
+                first.append(i == 0)
+    return np.array(x), np.array(y), np.array(first)
+
+
+def fit(x, y, used, ridge=1e-2, steps=50):
+    """Logistic regression by Newton's method over the inputs marked `used` (others stay 0)."""
+    columns = [i for i, u in enumerate(used) if u]
+    a = x[:, columns]
+    w = np.zeros(len(columns))
+    for _ in range(steps):
+        p = 1 / (1 + np.exp(-np.clip(a @ w, -60, 60)))
+        gradient = a.T @ (p - y) + ridge * w
+        hessian = (a * (p * (1 - p))[:, None]).T @ a + ridge * np.eye(len(columns))
+        step = np.linalg.solve(hessian, gradient)
+        w -= step
+        if np.abs(step).max() < 1e-9:
+            break
+    full = np.zeros(len(INPUTS))
+    full[columns] = w
+    return full
+
+
+def confidence(x, w):
+    return 1 / (1 + np.exp(-np.clip(x @ w, -60, 60)))
+
+
+def calibration(c, y, edges=(0, 0.2, 0.4, 0.6, 0.8, 0.9, 1.0001)):
+    rows = []
+    for lo, hi in zip(edges, edges[1:]):
+        m = (c >= lo) & (c < hi)
+        if m.any():
+            rows.append(f"  {lo:.1f}-{min(hi, 1):.1f}: {int(m.sum())} answers, {100 * y[m].mean():.0f} % right "
+                        f"(mean confidence {100 * c[m].mean():.0f} %)")
+    return "\n".join(rows)
+
+
+def sure_threshold(c, y):
+    """The confidence from which "sure" most often agrees with the first answer being right (the
+    midpoint between two neighbouring confidences, of the most agreeing split)."""
+    order = np.sort(np.unique(c))
+    cuts = np.concatenate([[0.0], (order[1:] + order[:-1]) / 2, [1.0]])
+    agree = [np.mean((c >= t) == (y > 0)) for t in cuts]
+    return float(cuts[int(np.argmax(agree))])
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("with_lines", help="dump of the fit set with the installed lines")
+    parser.add_argument("without_lines", help="dump of the fit set with --disable installed-lines")
+    parser.add_argument("--write", action="store_true", help="write the model into the data folder")
+    parser.add_argument("--to", default=os.path.join(DATA, "recognition_confidence.tsv"))
+    args = parser.parse_args()
+    x, y, first = examples(args.with_lines)
+    w_lines = fit(x, y, [True] * len(INPUTS))
+    xp, yp, firstp = examples(args.without_lines)
+    w_plain = fit(xp, yp, [True] * 4 + [False, False])
+    c = confidence(x, w_lines)
+    sure_at = sure_threshold(c[first], y[first])
+    sure_at_plain = sure_threshold(confidence(xp, w_plain)[firstp], yp[firstp])
+    print(f"with lines: {len(y)} answers of {int(first.sum())} pictures; weights "
+          + ", ".join(f"{n} {v:.3f}" for n, v in zip(INPUTS, w_lines)))
+    print(calibration(c, y))
+    cp = confidence(xp, w_plain)
+    print(f"without lines: {len(yp)} answers; weights " + ", ".join(f"{n} {v:.3f}" for n, v in zip(INPUTS, w_plain)))
+    print(calibration(cp, yp))
+    sure = c[first] >= sure_at
+    print(f"sure_at {sure_at:.3f}: {int(sure.sum())} of {int(first.sum())} first answers sure, "
+          f"{100 * y[first][sure].mean():.0f} % of them right; {100 * y[first][~sure].mean():.0f} % of the others")
+    sure = confidence(xp, w_plain)[firstp] >= sure_at_plain
+    print(f"without lines, sure_at {sure_at_plain:.3f}: {int(sure.sum())} of {int(firstp.sum())} first answers "
+          f"sure, {100 * yp[firstp][sure].mean():.0f} % of them right; {100 * yp[firstp][~sure].mean():.0f} % of the others")
+    if args.write:
+        with open(args.to, "w") as f:
+            f.write("# How sure recognition is of an answer: written by training/fit_recognition_confidence.py\n"
+                    "# from the fit pictures of bench/recognition_figures.py.\n")
+            for name, w, at in (("with_lines", w_lines, sure_at), ("without_lines", w_plain, sure_at_plain)):
+                for n, v in zip(INPUTS, w):
+                    f.write(f"{name}\t{n}\t{v:.6f}\n")
+                f.write(f"{name}\tsure_at\t{at:.6f}\n")
+        print("wrote", args.to, file=sys.stderr)
+
+
+if __name__ == "__main__":
+    main()
