@@ -248,6 +248,7 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--work", default=WORK, help="features.tsv and module-cache (default %(default)s)")
     parser.add_argument("--linear-settings", help="fit_classification.py's chosen settings (default WORK/fit-cv.md)")
+    parser.add_argument("--data", default=DATA, help="the data folder with the similarity pair (default %(default)s)")
     parser.add_argument("--write", action="store_true", help="write the data file")
     parser.add_argument("--to", default=OUT, help="where --write writes (default %(default)s)")
     parser.add_argument("--report", help="write the figures as Markdown here")
@@ -255,7 +256,7 @@ def main(argv=None):
 
     face_labels, face_family = corpus_splits.read_labels()
     split_of = corpus_splits.split_of_faces()
-    identifiers, table_names, table = read_pair()
+    identifiers, table_names, table = read_pair(args.data)
     table_masks = class_masks(table_names, face_labels)
     unlabelled = [n for n, m in zip(table_names, table_masks) if not m.any()]
     if unlabelled:

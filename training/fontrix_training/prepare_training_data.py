@@ -14,9 +14,10 @@ Writes into DIR:
   order. Recognition only ever steers by classes that are installed fonts, and on Linux those
   are the commonly installed ones; library faces would only dilute the classes;
 - sim_classes.txt (training-split faces, on which the similarity embedding is trained);
-- specimens.bin (every face), lines.bin, lines_more.bin, lines_third.bin, lines_fourth.bin and
-  lines_fifth.bin (degraded pictures of the recognition classes, for training; five seeds, since
-  recognition learnt best from pictures it had not yet seen), lines_validation.bin (degraded
+- specimens.bin (every face), lines_first.bin (20 degraded pictures a recognition class, on which
+  the first stage trained), lines.bin, lines_more.bin, lines_third.bin and lines_fourth.bin
+  (degraded pictures of the recognition classes, for training; four seeds, since recognition
+  learnt best from pictures it had not yet seen), lines_validation.bin (degraded
   pictures of yet another seed, on which choices about the recognition head are made, so the
   report's pictures stay unseen by every choice),
   lines_clean_train.bin (clean ones, for training: clean pictures are not merely the mildest
@@ -114,7 +115,7 @@ def main(argv=None):
     parser.add_argument("--lines-per-font", type=int, default=60)
     parser.add_argument("--only-lists", action="store_true", help="stop after the specimens, the name lists and the table")
     parser.add_argument("--only", nargs="+", metavar="FILE",
-                        help="make only these picture files (e.g. what a head on a fixed trunk and the report need)")
+                        help="make only these picture files")
     args = parser.parse_args(argv)
     os.makedirs(args.work, exist_ok=True)
 
@@ -137,11 +138,11 @@ def main(argv=None):
     print(f"table: {system} system faces, {len(table) - system} library faces", flush=True)
     if args.only_lists:
         return 0
-    runs = [("lines.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "1"]),
+    runs = [("lines_first.bin", ["lines", rec, "--per-font", "20", "--seed", "1"]),  # the first stage's
+            ("lines.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "1"]),
             ("lines_more.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "7"]),
             ("lines_third.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "8"]),
             ("lines_fourth.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "9"]),
-            ("lines_fifth.bin", ["lines", rec, "--per-font", str(args.lines_per_font), "--seed", "10"]),
             ("lines_validation.bin", ["lines", rec, "--per-font", "4", "--seed", "11"]),
             ("lines_clean_train.bin", ["lines", rec, "--per-font", "6", "--seed", "6", "--clean"]),
             ("lines_heldout.bin", ["lines", rec, "--per-font", "4", "--seed", "2"]),

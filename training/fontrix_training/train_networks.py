@@ -160,6 +160,8 @@ def main(argv=None):
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--resume", action="store_true")
+    parser.add_argument("--resume-from", metavar="FILE",
+                        help="with --resume, the checkpoint to go on from while --save-to has none of its own")
     parser.add_argument("--stop-at", type=int, metavar="STEP",
                         help="stop (with a checkpoint) at this step of a run of --steps steps: the first stage was "
                              "so stopped and then resumed with a shorter schedule")
@@ -192,8 +194,9 @@ def main(argv=None):
     checkpoint = os.path.join(save_to, "checkpoint.pt")
     step = first = 0
     resumed = None
-    if args.resume and os.path.exists(checkpoint):
-        resumed = torch.load(checkpoint)
+    own = os.path.exists(checkpoint)
+    if args.resume and (own or args.resume_from):
+        resumed = torch.load(checkpoint if own else args.resume_from)
         net = fontnet.from_state(resumed)
         step, first = resumed["step"], resumed.get("first", 0)
         rng = np.random.default_rng([args.seed, step])
