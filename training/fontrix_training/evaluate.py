@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Judges the trained network on what it did not learn from; prints Markdown for REPORT.md.
 
-    /usr/bin/python3 training/evaluate.py --work DIR [--recognition-from FILE] [--rec-temperature T]
-        [--tables data] [--choose-temperature T ...] [--similarity-only]
+    /usr/bin/python3 training/evaluate.py --work DIR [--recognition-from FILE] [--tables data]
+        [--similarity-only]
 
 - Recognition, on pictures drawn with other seeds than training's (DIR/lines_heldout.bin,
   degraded; DIR/lines_clean.bin, clean; DIR/lines_tall.bin, lines in tall pictures and the
@@ -243,8 +243,7 @@ Recognition = collections.namedtuple("Recognition", [
     "answer", "answer_twins", "answer_design", "answer_top5", "wrong"])
 
 
-def recognition(net, path, twins, families, batch=64, every=1, first=0, temperature=1.0, vectors=None,
-                designs=None):
+def recognition(net, path, twins, families, batch=64, every=1, first=0, vectors=None, designs=None):
     """A Recognition: pictures, top-1, top-5, top-1 with twins, top-5 with twins, top-1 of the
     family, top-1 and top-5 of the design (designs[class], from design_classes; 0 without), the
     module's first answer right, the same counting twins, the same counting the design, the right
@@ -253,8 +252,7 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
     whose font is a recognition class; "with twins", a class drawn the same as the right one
     counts as right; "of the family", any face of the right one's family (families[class], its
     family key); the module's answers are those `answers` gives from the table's `vectors` (0
-    without them); the wrong answers count (right class, class answered) pairs. The logits are
-    divided by `temperature`, as an export with that temperature folds it into "fc_rec"."""
+    without them); the wrong answers count (right class, class answered) pairs."""
     labels, crops = images.read_lines(path)
     records = np.arange(first, len(labels), every)
     records = records[labels[records] < net.rec.out_features]
@@ -265,7 +263,7 @@ def recognition(net, path, twins, families, batch=64, every=1, first=0, temperat
             chosen = records[start:start + batch]
             x = torch.from_numpy(crops[chosen].astype(np.float32) - 128.0)
             n = x.shape[0]
-            logits = net.rec_scores(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE))) / temperature
+            logits = net.rec_scores(net.pool4(x.view(-1, 1, images.SIDE, images.SIDE)))
             mean = torch.softmax(logits, 1).view(n, images.LINE_CROPS, -1).mean(1)
             best = mean.topk(5, 1).indices.numpy()
             truth = labels[chosen]
@@ -371,13 +369,8 @@ def main(argv=None):
     parser.add_argument("--localisation", default=os.path.join(DATA, "NQ_loc_model.dnm"),
                         help="localisation network to cut the pictures with (skipped when absent)")
     parser.add_argument("--recognition-from", help="weights of the recognition network (default: DIR's network)")
-    parser.add_argument("--rec-temperature", type=float, default=1.0,
-                        help="the temperature the recognition model is exported with")
     parser.add_argument("--tables", default=DATA,
                         help="folder of the shipped similarity table, for the module's answers")
-    parser.add_argument("--choose-temperature", type=float, nargs="+", metavar="T",
-                        help="only judge the validation pictures (DIR/lines_validation.bin) at each of these "
-                             "temperatures, to choose the export's")
     parser.add_argument("--fonts", default=corpus_fetch.default_cache(),
                         help="the corpus folder, whose fonts give the classes' weight and slant")
     parser.add_argument("--similarity-only", action="store_true",
@@ -407,14 +400,6 @@ def main(argv=None):
            "| top-5, design | answer | answer, twins | answer, design | answer, top-5 |",
            "|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
     vectors = table_vectors(args.tables, rec_classes)
-    if args.choose_temperature:
-        print("| temperature | top-1 | top-5 | answer | answer, top-5 |\n|---|---|---|---|---|", flush=True)
-        for t in args.choose_temperature:
-            r = recognition(net, os.path.join(args.work, "lines_validation.bin"), twins, families,
-                            temperature=t, vectors=vectors)
-            print(f"| {t:g} | {100 * r.top1:.1f} % | {100 * r.top5:.1f} % | {100 * r.answer:.1f} % "
-                  f"| {100 * r.answer_top5:.1f} % |", flush=True)
-        return 0
     scores = table_scores(vectors)
     styles = class_styles(rec_classes, os.path.join(args.fonts, "fonts"))
     designs, distances = design_classes(twins, styles, specimens)
@@ -445,7 +430,7 @@ def main(argv=None):
             continue
         path = os.path.join(args.work, file)
         count, *figures, wrong = recognition(net, path, twins, families, every=every, first=first,
-                                             temperature=args.rec_temperature, vectors=vectors, designs=designs)
+                                             vectors=vectors, designs=designs)
         out.append(f"| {title} | {count} | " + " | ".join(f"{100 * f:.1f} %" for f in figures) + " |")
         if file == "lines_heldout.bin":
             confusions = wrong

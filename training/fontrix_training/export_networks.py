@@ -3,7 +3,7 @@
 engine and PyTorch agree on them.
 
     /usr/bin/python3 training/export_networks.py --work DIR [--out data]
-        [--recognition-from FILE] [--similarity-from FILE] [--rec-temperature T]
+        [--recognition-from FILE] [--similarity-from FILE] [--only similarity|recognition]
 
 Writes OUT/NQ_sim_model.dnm (the trunk up to "pool4") and OUT/NQ_rec_model.dnm (the trunk,
 "fc_rec" and "prob"), both from DIR/fontnet.pt, or either from FILE (the weights of a run
@@ -75,14 +75,9 @@ def main(argv=None):
     parser.add_argument("--out", default=DATA)
     parser.add_argument("--recognition-from", help="weights of the recognition model (default: DIR's network)")
     parser.add_argument("--similarity-from", help="weights of the similarity model (default: DIR's network)")
-    parser.add_argument("--rec-temperature", type=float, default=1.0,
-                        help="divide the recognition logits by this, folded into fc_rec: the module averages "
-                             "\"prob\" over a picture's crops, and a softer softmax lets no single crop outvote the rest")
     parser.add_argument("--only", choices=("similarity", "recognition"),
                         help="export one model alone (the other file is left as it is)")
     args = parser.parse_args(argv)
-    if not args.rec_temperature > 0:
-        parser.error("--rec-temperature must be positive")
     wanted = {"similarity", "recognition"} if args.only is None else {args.only}
     own = [n for n in wanted if not getattr(args, f"{n}_from")]
     shared = load_net(args.work) if own else None
@@ -90,9 +85,6 @@ def main(argv=None):
     rec_net = load_file(args.recognition_from) if args.recognition_from else shared
     if rec_net is None:
         rec_net = sim_net  # not exported: only its shapes are used below
-    with torch.no_grad():
-        rec_net.rec.weight /= args.rec_temperature
-        rec_net.rec.bias /= args.rec_temperature
     crops = sample_crops(args.work, lines="recognition" in wanted)
     with torch.no_grad():
         x = torch.from_numpy(crops)

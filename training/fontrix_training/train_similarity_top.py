@@ -6,7 +6,6 @@ specimen crop computed once.
     /usr/bin/python3 training/train_similarity_top.py --work DIR --init FILE --save-to DIR2
         [--fixed 5] [--steps 3000] [--seeds 16] [--near 3] [--lr 3e-4] [--teacher-scale 4]
         [--near-enough 15] [--mine-every 500] [--judge-every 500] [--teacher LETTERS.npz]
-        [--with-validation]
 
 A designer asks which fonts look like this one, not which share its family, so the target is the
 teacher's (letter_likeness.py): the Euclidean distance between two faces' drawn letters. A batch
@@ -28,8 +27,7 @@ Every --judge-every steps the vectors of every corpus face are computed (the upd
 judged on the validation families: of each face's 10 nearest by the teacher, the share among its
 10 nearest by the vectors (over every corpus face). The best state is kept in DIR2/fontnet.pt
 (the recognition head of FILE unchanged), for export_networks.py --similarity-from; the report's
-figures on the test families are printed at the end. With --with-validation the validation
-families train too and the last step is kept.
+figures on the test families are printed at the end.
 
 With --fixed 0 nothing stays fixed: the whole trunk trains on the crops' pixels (held in memory,
 not cached), its normalisation statistics kept as they are.
@@ -363,8 +361,6 @@ def main(argv=None):
     parser.add_argument("--teacher", help="a letters file of letter_likeness.py (default: DIR/teacher, made if missing)")
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--with-validation", action="store_true",
-                        help="train on the validation families too, for all --steps (nothing left to judge by)")
     args = parser.parse_args(argv)
     torch.set_num_threads(args.threads)
     torch.manual_seed(args.seed)
@@ -378,8 +374,6 @@ def main(argv=None):
     label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(args.work, "names.txt")))}
     name_of = {label: n for n, label in label_of.items() if n in family_of}
     training = set(images.read_names(os.path.join(args.work, "sim_classes.txt")))
-    if args.with_validation:
-        training |= {n for n in name_of.values() if split_of.get(n) == "validation"}
     specimens = images.read_specimens(os.path.join(args.work, "specimens.bin"))  # a memory map
     split = TrunkSplit(net, args.fixed)
     keys, features = lower_features(args.work, split, specimens, name_of, training)
@@ -390,12 +384,10 @@ def main(argv=None):
     is_train[train] = True
     near_train = {q: [j for j in faces.near[q] if is_train[j]] for q in train}
     validation, test = faces.rows("validation"), faces.rows("test")
-    judged = None if args.with_validation else validation
     print(f"{len(train)} training faces of {len(faces.names)} with a teacher "
           f"({time.time() - started:.0f} s)", flush=True)
-    if judged is not None:
-        print(f"teacher's own order on the validation families: {format_figures(dict(teacher_figures(faces, teacher, judged), agreement=1))}",
-              flush=True)
+    print(f"teacher's own order on the validation families: {format_figures(dict(teacher_figures(faces, teacher, validation), agreement=1))}",
+          flush=True)
 
     optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
     best, every, hard, window = None, None, {}, []
@@ -404,9 +396,7 @@ def main(argv=None):
         nonlocal every, best
         with torch.no_grad():
             every = face_vectors(split, features, faces)
-        if judged is None:
-            return
-        figures = judge(every, faces, teacher, judged)
+        figures = judge(every, faces, teacher, validation)
         print(f"step {step}: validation {format_figures(figures)} ({time.time() - started:.0f} s)", flush=True)
         if best is None or figures["agreement"] > best[0]:
             best = (figures["agreement"], step, {k: v.clone() for k, v in net.state_dict().items()})

@@ -160,18 +160,7 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
                 top.main(arguments)
             self.assertNotIn("lower trunk over", printed.getvalue())
             self.assertEqual(os.listdir(os.path.join(work, "simtop")), cached)
-            # Training on the validation families too needs their random crops: other features.
-            with contextlib.redirect_stdout(io.StringIO()) as printed:
-                top.main(arguments + ["--with-validation"])
-            self.assertIn(f"{len(names)} training faces of {len(names)}", printed.getvalue())
-            self.assertNotIn("validation agreement", printed.getvalue())
-            (added,) = set(os.listdir(os.path.join(work, "simtop"))) - set(cached)
             before = np.load(os.path.join(work, "simtop", cached[0]))
-            after = np.load(os.path.join(work, "simtop", added))
-            judged_rows = slice(2 * len(training), None)
-            self.assertFalse(before[judged_rows, images.CROPS:].any())
-            self.assertTrue(after[judged_rows, images.CROPS:].any(axis=(2, 3, 4)).all())
-            np.testing.assert_array_equal(before[:, :images.CROPS], after[:, :images.CROPS])
             # The whole trunk trains on the crops' pixels, which are not written to disk; the
             # crops it sees are the ones whose lower-trunk output the cache holds.
             split = top.TrunkSplit(net, 0)
@@ -183,10 +172,11 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
                 lower4 = top.TrunkSplit(net, 4).lower(torch.from_numpy(pixels[:2].astype(np.float32)).flatten(0, 1))
             np.testing.assert_allclose(before[:2].reshape(lower4.shape), lower4.numpy(), rtol=2e-3, atol=2e-2)
             with contextlib.redirect_stdout(io.StringIO()):
-                top.main(arguments + ["--fixed", "0", "--with-validation"])  # the last --fixed counts
-            self.assertEqual(sorted(os.listdir(os.path.join(work, "simtop"))), sorted(cached + [added]))
-            state = torch.load(os.path.join(out, "fontnet.pt"))
-            self.assertFalse(torch.equal(state["net"]["convs.0.weight"], net.convs[0].weight))
+                top.main(arguments + ["--fixed", "0"])  # the last --fixed counts
+            self.assertEqual(os.listdir(os.path.join(work, "simtop")), cached)  # pixels are held in memory
+            trained = {id(p) for p in split.trained_parameters()}
+            self.assertIn(id(net.convs[0].weight), trained)
+            self.assertNotIn(id(net.rec.weight), trained)
 
 
 if __name__ == "__main__":
