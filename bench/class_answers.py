@@ -29,24 +29,22 @@ REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "class_answers.tsv")
 sys.path.insert(0, os.path.join(REPO, "training"))
 # The classes, and those a face of the first class should never also be given, as the fit judges the corpus.
+from fontrix_training import tab_rows  # noqa: E402
+from fontrix_training.fit_class_vote import read_rows as read_weights  # noqa: E402
 from fontrix_training.fit_classification import CLASSES, CONTRADICTIONS  # noqa: E402
 
 
 def read_expected(path):
     """family -> (required classes, primary first; acceptable classes)."""
     expected = {}
-    with open(path, encoding="utf-8") as f:
-        for number, line in enumerate(f, 1):
-            line = line.rstrip("\n")
-            if not line or line.startswith("#"):
-                continue
-            fields = line.split("\t") + ["", ""]
-            required = [c for c in fields[1].split(",") if c]
-            acceptable = [c for c in fields[2].split(",") if c]
-            if not required or any(c not in CLASSES for c in required + acceptable) or fields[0] in expected:
-                raise ValueError(f"{path}:{number}: expected family<TAB>classes<TAB>acceptable<TAB>note, "
-                                 f"one line a family, classes from {CLASSES}")
-            expected[fields[0]] = (required, acceptable)
+    for number, fields in tab_rows(path):
+        fields += ["", ""]
+        required = [c for c in fields[1].split(",") if c]
+        acceptable = [c for c in fields[2].split(",") if c]
+        if not required or any(c not in CLASSES for c in required + acceptable) or fields[0] in expected:
+            raise ValueError(f"{path}:{number}: expected family<TAB>classes<TAB>acceptable<TAB>note, "
+                             f"one line a family, classes from {CLASSES}")
+        expected[fields[0]] = (required, acceptable)
     return expected
 
 
@@ -86,17 +84,6 @@ def run_fontrix(build, vote=True):
             if r.returncode != 0:
                 sys.exit(f"fontrix {' '.join(words)} failed: {r.stderr.strip()}")
         return json.loads(r.stdout)["fonts"]
-
-
-def read_weights(path):
-    """class -> (intercept, 96 weights) from a weights table."""
-    rows = {}
-    with open(path, encoding="utf-8") as f:
-        for line in f:
-            fields = line.rstrip("\n").split("\t")
-            if fields[0] in CLASSES:
-                rows[fields[0]] = (float(fields[1]), [float(v) for v in fields[2:]])
-    return rows
 
 
 def rescore(fonts, build, weights):

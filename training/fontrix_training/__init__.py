@@ -13,3 +13,13 @@ WITH_CORPUS = os.path.join(CORPUS, "with-corpus-fonts")
 CHECKPOINTS = os.path.join(TRAINING, "checkpoints")
 WORK = os.path.expanduser("~/.cache/fontrix-training")
 BIN = os.path.join(REPO, "build", "bin")
+
+
+def tab_rows(path):
+    """(line number, tab-separated fields) of each line of a UTF-8 file that is neither empty nor
+    a "#" comment: the form of the corpus's and the benchmarks' hand-kept lists."""
+    with open(path, encoding="utf-8") as f:
+        for number, line in enumerate(f, 1):
+            line = line.rstrip("\n")
+            if line and not line.startswith("#"):
+                yield number, line.split("\t")

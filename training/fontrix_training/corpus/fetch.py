@@ -22,7 +22,7 @@ import subprocess
 import sys
 import tarfile
 import tempfile
-from fontrix_training import CORPUS
+from fontrix_training import CORPUS, tab_rows
 
 PACKAGES = os.path.join(CORPUS, "packages.tsv")
 FONT_EXTENSIONS = (".ttf", ".otf", ".pfb", ".t1", ".ttc", ".otc")
@@ -35,15 +35,10 @@ def default_cache():
 def read_packages(path=PACKAGES):
     """(source, package, version) rows; lines starting with # are comments."""
     rows = []
-    with open(path, encoding="utf-8") as f:
-        for number, line in enumerate(f, 1):
-            line = line.rstrip("\n")
-            if not line or line.startswith("#"):
-                continue
-            fields = line.split("\t")
-            if len(fields) != 3 or fields[0] not in ("debian", "npm") or not fields[1] or not fields[2]:
-                raise ValueError(f"{path}:{number}: expected 'debian|npm<TAB>package<TAB>version'")
-            rows.append(tuple(fields))
+    for number, fields in tab_rows(path):
+        if len(fields) != 3 or fields[0] not in ("debian", "npm") or not fields[1] or not fields[2]:
+            raise ValueError(f"{path}:{number}: expected 'debian|npm<TAB>package<TAB>version'")
+        rows.append(tuple(fields))
     return rows
 
 

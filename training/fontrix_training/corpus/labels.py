@@ -41,7 +41,7 @@ import sys
 from fontTools.ttLib import TTCollection, TTFont, TTLibError
 
 from fontrix_training.corpus import fetch
-from fontrix_training import CORPUS
+from fontrix_training import CORPUS, tab_rows
 
 MANIFEST = os.path.join(CORPUS, "manifest.tsv")
 LABELS = os.path.join(CORPUS, "labels.tsv")
@@ -146,16 +146,11 @@ def category_classes(family, category):
 def read_hand_list(path=HAND_LIST):
     """family -> (classes, note). Lines: family, comma-separated classes, note."""
     hand = {}
-    with open(path, encoding="utf-8") as f:
-        for number, line in enumerate(f, 1):
-            line = line.rstrip("\n")
-            if not line or line.startswith("#"):
-                continue
-            fields = line.split("\t")
-            classes = fields[1].split(",") if len(fields) > 1 else []
-            if len(fields) < 2 or not classes or any(c not in CLASSES for c in classes):
-                raise ValueError(f"{path}:{number}: expected family<TAB>classes<TAB>note with classes from {CLASSES}")
-            hand[fields[0]] = (classes, fields[2] if len(fields) > 2 else "")
+    for number, fields in tab_rows(path):
+        classes = fields[1].split(",") if len(fields) > 1 else []
+        if len(fields) < 2 or not classes or any(c not in CLASSES for c in classes):
+            raise ValueError(f"{path}:{number}: expected family<TAB>classes<TAB>note with classes from {CLASSES}")
+        hand[fields[0]] = (classes, fields[2] if len(fields) > 2 else "")
     return hand
 
 
