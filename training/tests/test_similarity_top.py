@@ -6,11 +6,13 @@ import io
 import os
 import struct
 import tempfile
+import sys
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 try:
     import torch  # noqa: E402
     import torch.nn.functional as F  # noqa: E402

@@ -7,11 +7,13 @@ import os
 import shutil
 import struct
 import tempfile
+import sys
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 try:
     import torch  # noqa: E402
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
