@@ -10,19 +10,11 @@
 #include <utility>
 
 #include "deepnet/blas.h"
+#include "shell/tab_fields.h"
 
 namespace fontrix {
 
 namespace {
-
-std::vector<std::string> Fields(const std::string& line) {
-  std::vector<std::string> fields;
-  size_t start = 0;
-  for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1)
-    fields.push_back(line.substr(start, tab - start));
-  fields.push_back(line.substr(start));
-  return fields;
-}
 
 class Parser {
  public:
@@ -75,7 +67,7 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
     parse.Next();
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty() || line[0] == '#') continue;
-    const std::vector<std::string> f = Fields(line);
+    const std::vector<std::string> f = TabFields(line);
     const std::string& key = f[0];
     if (key == "face") {
       if (expected < 0) parse.Fail("a face before the face count");

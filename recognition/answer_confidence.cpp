@@ -7,6 +7,8 @@
 #include <set>
 #include <sstream>
 
+#include "shell/tab_fields.h"
+
 namespace fontrix {
 
 namespace {
@@ -53,9 +55,7 @@ ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string&
   for (int number = 1; std::getline(in, line); ++number) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> fields;
-    std::istringstream split(line);
-    for (std::string f; std::getline(split, f, '\t');) fields.push_back(f);
+    const std::vector<std::string> fields = TabFields(line);
     auto fail = [&](const std::string& why) {
       return ConfidenceFileError(name + " line " + std::to_string(number) + ": " + why);
     };
