@@ -92,7 +92,6 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
   linesPath_ = paths.installedLines;
   lines_.clear();
   linesFromFile_ = 0;
-  linesRead_ = false;
   const std::string problem = LoadData(paths);
   const bool ok = problem.empty();
   if (!ok) {
@@ -123,7 +122,6 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
     }
     linesFromFile_ = lines_.size();
     log.Info("Installed lines kept: ", lines_.size());
-    linesRead_ = true;
   }
   // The update task may have matched the installed fonts before (it waits for this load).
   MatchEntries();
@@ -195,7 +193,8 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
   std::vector<InstalledLine> drawn;
   {
     std::shared_lock<std::shared_mutex> lock(lock_);
-    if (!installedLines_ || !linesRead_ || recognition_.empty()) return false;
+    // The network is there only when it and the kept lines were loaded.
+    if (!installedLines_ || recognition_.empty()) return false;
     // Lines read by an earlier update of this run are not counted as found in the file again.
     std::unordered_map<std::string, bool> kept;
     for (size_t i = 0; i < lines_.size(); ++i) kept.emplace(lines_[i].name, i < linesFromFile_);
@@ -238,12 +237,6 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
                                                   "); they are drawn again at the next start");
   }
   return true;
-}
-
-size_t FontRecognitionCache::InstalledLineCount() {
-  std::shared_lock<std::shared_mutex> lock(lock_);
-  return size_t(std::count_if(lineOfFont_.begin(), lineOfFont_.end(),
-                              [&](int32_t l) { return l >= 0 && !lines_[size_t(l)].features.empty(); }));
 }
 
 void FontRecognitionCache::MatchLines() {
@@ -322,8 +315,9 @@ LineReading FontRecognitionCache::ReadText(const uint8_t* pixels, int32_t width,
   // Sloping text is levelled first: cut to rows, a sloping line would be a tall band that the
   // network reads squashed.
   GreyRaster levelled;
-  if (const double skew = TextSkew(pixels, width, height); skew != 0) {
-    levelled = Levelled(pixels, width, height, skew, FindTextLines(pixels, width, height).paper);
+  uint8_t paper = 255;
+  if (const double skew = TextSkew(pixels, width, height, &paper); skew != 0) {
+    levelled = Levelled(pixels, width, height, skew, paper);
     pixels = levelled.pixels.data();
     width = levelled.width;
     height = levelled.height;

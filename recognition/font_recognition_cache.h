@@ -66,8 +66,6 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// the switch "Text/FontRecognitionInstalledLines" is on, reads the line of every installed
   /// font not kept yet (saved in the user's cache folder). True when lines were read.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
-  /// The installed fonts with a kept line.
-  size_t InstalledLineCount();
 
   /// The installed fonts most likely shown in `height` rows of `width` grey bytes, best first,
   /// at most 40: the network's best classes steer a weighted similar-font query.
@@ -126,7 +124,6 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   bool installedLines_ = false;
   std::string linesPath_;
   uint64_t networkFingerprint_ = 0;
-  bool linesRead_ = false;
   std::vector<InstalledLine> lines_;
   size_t linesFromFile_ = 0;  // the first lines_, read from the file
   std::vector<int32_t> lineOfFont_;

@@ -334,9 +334,10 @@ TextLayout FindTextLines(const uint8_t* pixels, int32_t width, int32_t height) {
   return layout;
 }
 
-double TextSkew(const uint8_t* pixels, int32_t width, int32_t height) {
+double TextSkew(const uint8_t* pixels, int32_t width, int32_t height, uint8_t* paper) {
   if (!pixels || width < 1 || height < 1) return 0;
   const InkLevels levels = FindInkLevels(pixels, size_t(width) * size_t(height));
+  if (paper) *paper = uint8_t(levels.paper);
   if (levels.threshold == 0) return 0;
   const std::vector<uint8_t> mask = InkMask(pixels, width, height, levels);
   TextLayout rules;

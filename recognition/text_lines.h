@@ -61,7 +61,8 @@ constexpr double kSteepestSkew = 12;
 /// 0 when they are level within a degree or no slope stands out. The slope is the one at which
 /// the ink (off the rules), projected across the lines, makes the sharpest profile (the largest
 /// sum of squared counts), tried every half degree up to kSteepestSkew and then every tenth.
-double TextSkew(const uint8_t* pixels, int32_t width, int32_t height);
+/// `paper`, when given, gets the page's grey level (as FindTextLines finds it).
+double TextSkew(const uint8_t* pixels, int32_t width, int32_t height, uint8_t* paper = nullptr);
 
 /// The picture turned by `degrees` counter-clockwise (so text rising by that slope comes out
 /// level), bilinear, large enough to hold all of it, `paper` where the picture was not.

@@ -249,6 +249,13 @@ TEST(TextLines, SlopingTextIsMeasuredAndLevelled) {
   word.Words(40, 120, 30, 4);
   const GreyRaster turned = Levelled(word.g.pixels.data(), word.g.width, word.g.height, -0.6, 255);
   EXPECT_EQ(TextSkew(turned.pixels.data(), turned.width, turned.height), 0.0);  // under a degree
+  // The page's grey level comes back with the slope, for the levelled picture's new corners.
+  Page tinted(600, 300, 214);
+  tinted.Words(40, 150, 30, 12, 20);
+  uint8_t paper = 0;
+  TextSkew(tinted.g.pixels.data(), tinted.g.width, tinted.g.height, &paper);
+  EXPECT_EQ(paper, tinted.Find().paper);
+  EXPECT_EQ(paper, 214);
   Page frame(640, 480);
   frame.Frame(5, 3, 0);
   EXPECT_EQ(TextSkew(frame.g.pixels.data(), frame.g.width, frame.g.height), 0.0);
