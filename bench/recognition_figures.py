@@ -25,7 +25,6 @@ import os
 import random
 import statistics
 import subprocess
-import sys
 import tempfile
 import time
 import zlib
