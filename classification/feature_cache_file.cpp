@@ -9,14 +9,24 @@
 #include <sstream>
 
 #include "classification/json/json_value.h"
+#include "shell/file_bytes.h"
 
 namespace fontrix {
 
 using corvid::serialize::JsonValue;
 
 bool LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records) {
-  std::ifstream in(path, std::ios::binary);
-  return !in || ReadFeatureCache(in, records);
+  std::string bytes, why;
+  switch (ReadFileBytes(path, bytes, why)) {
+    case FileState::kMissing:
+      return true;
+    case FileState::kUnreadable:
+      throw FeatureCacheParameterError(why);
+    case FileState::kRead:
+      break;
+  }
+  std::istringstream in(bytes);
+  return ReadFeatureCache(in, records);
 }
 
 bool ReadFeatureCache(std::istream& in, std::vector<FeatureRecord>& records) {

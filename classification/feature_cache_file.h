@@ -25,8 +25,9 @@ class FeatureCacheParameterError : public std::runtime_error {
 /// The class bits a record may hold: one per style class.
 constexpr uint32_t kAllClassBits = 0xFF;
 
-/// Appends the file's records. A file that cannot be opened loads nothing and is no error; a
-/// file that is not JSON loads nothing and returns false; a wrong shape (not an array of
+/// Appends the file's records, in the file's order. A missing file loads nothing and is no
+/// error; a file that is not JSON loads nothing and returns false; one that cannot be read (a
+/// folder in its place, an I/O error) or has a wrong shape (not an array of
 /// objects, a name missing, a featureValue that is not a whole number of the class bits, a name
 /// given twice) throws FeatureCacheParameterError.
 bool LoadFeatureCache(const std::string& path, std::vector<FeatureRecord>& records);

@@ -87,7 +87,9 @@ bool FontFeatureCache::Load() {
   bool ok = true;
   {
     // Another process may be saving into the same folder: read only what it has finished.
-    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kShared);
+    // The file is replaced whole by a rename, so reading it without the lock is safe too.
+    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kShared, CacheFolderWait(),
+                           [this](const std::string& waiting) { progress_.Waiting(waiting); });
     std::unique_lock<std::shared_mutex> lock(lock_);
     std::vector<FeatureRecord> read;
     std::string damage;
@@ -96,6 +98,9 @@ bool FontFeatureCache::Load() {
     } catch (const FeatureCacheParameterError& e) {
       damage = e.what();
     }
+    // Looked up by binary search: a file written in another order (by hand, another tool) is
+    // sorted here, or every font would be missed and measured again.
+    std::sort(read.begin(), read.end());
     records_ = damage.empty() ? std::move(read) : std::vector<FeatureRecord>();
     ++changes_;
     if (!damage.empty()) {
@@ -175,18 +180,20 @@ bool FontFeatureCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
 }
 
 void FontFeatureCache::Save() {
+  if (CacheFilePath().empty()) return;  // no cache folder: the host says so
   CacheLog& log = ClassificationLog();
   log.Info("Cache Saving Start : time :", HostTime());
   log.Info("Writing Feature Cache Info Starts");
   try {
-    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kExclusive);
+    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kExclusive, CacheFolderWait(),
+                           [this](const std::string& waiting) { progress_.Waiting(waiting); });
     if (!folder.Held()) throw std::runtime_error(folder.Error());
     std::shared_lock<std::shared_mutex> lock(lock_);
     SaveFeatureCache(CacheFilePath(), records_);
     log.Info("Writing Feature Cache Info Ends");
   } catch (const std::exception& e) {
     log.Info("Exception while Writing Feature Cache: ", e.what());
-    progress_.Report(CacheProgress::kWarning, std::string("the feature cache was not saved: ") + e.what() +
+    progress_.Report(CacheProgress::kNotSaved, std::string("the feature cache was not saved: ") + e.what() +
                                                   "; fonts are measured again at every start");
   }
   log.Info("Cache Saving Ends : time :", HostTime());

@@ -321,20 +321,31 @@ def class_vote_file():
 # ---- installed_lines_file: lines kept for installed fonts, a font without one, and damage.
 
 def installed_lines_file():
-    def lines_file(records, values=4, fingerprint=0x1234):
-        out = b"FXRL" + struct.pack("<IQII", 1, fingerprint, values, len(records))
-        for name, line in records:
-            out += struct.pack("<I", len(name)) + name + struct.pack("<B", line is not None)
-            if line is not None:
-                out += struct.pack(f"<{values}f", *line)
+    def fnv(data, h=14695981039346656037):
+        for byte in data:
+            h = ((h ^ byte) * 1099511628211) & 0xFFFFFFFFFFFFFFFF
+        return h
+
+    def lines_file(records, values=4, fingerprint=0x1234, sums=None):
+        out = b"FXRL" + struct.pack("<IQII", 2, fingerprint, values, len(records))
+        for i, (name, line) in enumerate(records):
+            mark = struct.pack("<B", line is not None)
+            floats = struct.pack(f"<{values}f", *line) if line is not None else b""
+            out += struct.pack("<I", len(name)) + name + mark + floats
+            out += struct.pack("<Q", sums[i] if sums else fnv(floats, fnv(mark, fnv(name))))
         return out
-    good = lines_file([(b"Alpha-Regular", (0.5, 0.5, 0.5, 0.5)), (b"Symbols", None), (b"Beta", (0.0, 0.6, 0.8, 0.0))])
+    records = [(b"Alpha-Regular", (0.5, 0.5, 0.5, 0.5)), (b"Symbols", None), (b"Beta", (0.0, 0.6, 0.8, 0.0))]
+    good = lines_file(records)
     write("installed_lines_file", "three.bin", good)
     write("installed_lines_file", "cut_short.bin", good[:-5])
     write("installed_lines_file", "no_lines_only.bin", lines_file([(b"Symbols", None)], values=0))
     write("installed_lines_file", "not_unit.bin", lines_file([(b"A", (1.0, 1.0, 0.0, 0.0))]))
     write("installed_lines_file", "name_twice.bin", lines_file([(b"A", None), (b"A", None)]))
-    write("installed_lines_file", "huge_count.bin", b"FXRL" + struct.pack("<IQII", 1, 0x1234, 4, 0xFFFFFFFF))
+    write("installed_lines_file", "huge_count.bin", b"FXRL" + struct.pack("<IQII", 2, 0x1234, 4, 0xFFFFFFFF))
+    # The first and last fonts' values exchanged, their sums left as written: both lines fail.
+    a, b = struct.pack("<4f", *records[0][1]), struct.pack("<4f", *records[2][1])
+    first, last = good.index(a), good.rindex(b)
+    write("installed_lines_file", "values_swapped.bin", good[:first] + b + good[first + 16:last] + a + good[last + 16:])
 
 
 TARGETS = {f.__name__: f for f in (dnm_reader, similarity_pair, rec_font_table, font_listing, font_file,

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cmath>
@@ -17,10 +18,13 @@
 #include <filesystem>
 #include <limits>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "host/cli_rows.h"
@@ -32,6 +36,7 @@
 #include "host/table_names.h"
 #include "sdk/fontrix_suites.h"
 #include "sdk/qv_font_suites.h"
+#include "sdk/qv_host_suites.h"
 
 namespace fontrix::host {
 namespace {
@@ -353,12 +358,58 @@ void Check(QVErr err, const std::string& what) {
   if (err) throw Failure(what + " failed (error " + ErrorText(err) + ")");
 }
 
+// What the services report, on stderr, each sentence once: a wait for another process while it
+// lasts (also while the module shuts down and saves), warnings, failures and saves not made.
+// Safe to call from a watching thread beside the host's.
+class ServiceReports {
+ public:
+  explicit ServiceReports(const FontrixProgressSuite& progress) : progress_(progress) {}
+
+  /// Says a wait going on now that was not said yet.
+  void SayWaits() { Say(true); }
+  /// Says every report not said yet; returns the services that cannot answer, bit per
+  /// kFontrixService value.
+  uint32_t SayNew() { return Say(false); }
+  /// Whether a service said that what it computed was not kept.
+  bool NotSaved() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return not_saved_;
+  }
+
+ private:
+  uint32_t Say(bool waits_only) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    uint32_t failed = 0;
+    for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
+      FontrixServiceProgress p{};
+      int32_t severity = kFontrixReportNothing;
+      char text[1024] = "";
+      if (progress_.GetServiceProgress(service, &p) || !p.enabled ||
+          progress_.GetServiceReport(service, &severity, text, sizeof text) || severity == kFontrixReportNothing)
+        continue;
+      if (severity == kFontrixReportFailure) failed |= 1u << service;
+      if (severity == kFontrixReportNotSaved) not_saved_ = true;
+      if ((severity == kFontrixReportWaiting) != waits_only || !said_.insert(text).second) continue;
+      // A line of its own, over the progress bar if one is drawn.
+      std::fprintf(stderr, "%sfontrix: %s%s\n", isatty(STDERR_FILENO) == 1 ? "\r\033[K" : "",
+                   severity == kFontrixReportWarning || severity == kFontrixReportNotSaved ? "warning: " : "", text);
+    }
+    return failed;
+  }
+
+  const FontrixProgressSuite& progress_;
+  mutable std::mutex mutex_;
+  std::set<std::string> said_;
+  bool not_saved_ = false;
+};
+
 // Idle ticks until every enabled service is idle; false when interrupted. The bar counts fonts:
 // a font is done when every enabled service is done with it.
-bool WaitForServices(Host& host, const FontrixProgressSuite& progress) {
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports) {
   ProgressBar bar;
   bool idle = false;
   auto check = [&] {
+    reports.SayWaits();
     uint64_t done = std::numeric_limits<uint64_t>::max(), total = 0;
     idle = true;
     for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
@@ -922,23 +973,6 @@ void Index(const FontrixProgressSuite& progress, const Options& options, double 
   std::fflush(stdout);
 }
 
-// Says on stderr what each enabled service reported (a warning, or why it cannot answer), each
-// once; returns the services that cannot answer, bit per kFontrixService value.
-uint32_t SayReports(const FontrixProgressSuite& progress) {
-  uint32_t failed = 0;
-  for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
-    FontrixServiceProgress p{};
-    int32_t severity = kFontrixReportNothing;
-    char text[1024] = "";
-    if (progress.GetServiceProgress(service, &p) || !p.enabled ||
-        progress.GetServiceReport(service, &severity, text, sizeof text) || severity == kFontrixReportNothing)
-      continue;
-    std::fprintf(stderr, "fontrix: %s%s\n", severity == kFontrixReportWarning ? "warning: " : "", text);
-    if (severity == kFontrixReportFailure) failed |= 1u << service;
-  }
-  return failed;
-}
-
 // The services a command cannot answer without, bit per kFontrixService value. Recognition is
 // steered by the similarity vectors, so it needs both.
 uint32_t ServicesNeeded(const Options& options) {
@@ -964,18 +998,32 @@ int RunCommand(const Options& options) {
   interrupted = 0;
   std::signal(SIGINT, OnInterrupt);
 
+  // Without a cache folder the module still answers, but keeps nothing: every command computes
+  // every font again.
+  const std::string cache = host.FolderPath(kQVFolderUserCache);
+  std::error_code no_cache;
+  std::filesystem::create_directories(cache, no_cache);
+  if (!no_cache && !std::filesystem::is_directory(cache, no_cache))
+    no_cache = std::make_error_code(std::errc::not_a_directory);
+  if (no_cache)
+    std::fprintf(stderr, "fontrix: warning: cannot make the cache folder %s (%s): nothing is kept between runs\n",
+                 cache.c_str(), no_cache.message().c_str());
+
   int status = 0;
+  std::optional<HeldSuite<FontrixProgressSuite>> progress;
+  std::optional<ServiceReports> reports;
   try {
     Check(host.ApplicationStarted(), "the module's start-up notification");
     Check(host.FontListChanged(), "the module's font list notification");
     if (options.command == "specimen") {
       DrawSpecimenFile(host, options);
     } else {
-      HeldSuite<FontrixProgressSuite> progress(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
-      if (!WaitForServices(host, *progress)) {
+      progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+      reports.emplace(**progress);
+      if (!WaitForServices(host, **progress, *reports)) {
         std::fprintf(stderr, "fontrix: interrupted\n");
         status = 130;
-      } else if (const uint32_t failed = SayReports(*progress); failed & ServicesNeeded(options)) {
+      } else if (const uint32_t failed = reports->SayNew(); failed & ServicesNeeded(options)) {
         status = 1;  // the reason is said: the command cannot do its job
       } else if (options.command == "fonts") {
         Fonts(host, options);
@@ -986,7 +1034,7 @@ int RunCommand(const Options& options) {
       } else if (options.command == "recognize") {
         Recognize(host, options);
       } else if (options.command == "index") {
-        Index(*progress, options, Seconds() - started);
+        Index(**progress, options, Seconds() - started);
         if (failed) status = 1;
       }
     }
@@ -995,9 +1043,28 @@ int RunCommand(const Options& options) {
     status = 1;
   }
 
+  // The module saves its caches while it shuts down: a wait for another process's hold on the
+  // folder is said as it happens, and a save that failed after it.
+  std::atomic<bool> shutting{true};
+  std::thread watcher;
+  if (reports)
+    watcher = std::thread([&] {
+      while (shutting.load()) {
+        reports->SayWaits();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      }
+    });
   // The module finishes what the shutdown notification starts during a few more ticks.
   const QVErr notified = host.ApplicationShutdown();
   for (int tick = 0; tick < 3; ++tick) host.Idle();
+  shutting.store(false);
+  if (watcher.joinable()) watcher.join();
+  if (reports) {
+    reports->SayNew();
+    // What index computed is lost when a cache could not be written: the job was not done.
+    if (options.command == "index" && status == 0 && (reports->NotSaved() || no_cache)) status = 1;
+  }
+  progress.reset();
   const QVErr shut = host.Shutdown();
   std::signal(SIGINT, SIG_DFL);
   if ((notified || shut) && status == 0) {

@@ -1,6 +1,5 @@
 #include "plugin/class_answers.h"
 
-#include <filesystem>
 #include <mutex>
 #include <set>
 #include <unordered_set>
@@ -130,10 +129,7 @@ void ClassAnswers::Load() {
   } catch (const std::exception& e) {
     s.problem = e.what();
     SayPlain(s, s.problem);
-    // A data folder without the file (one made for another table) is no fault; a file that is
-    // there and cannot be used is.
-    std::error_code absent;
-    if (!std::filesystem::exists(s.path, absent)) return;
+    // Missing or not, the classes change without it: the user is told.
     if (auto cache = FontFeatureCache::Instance())
       cache->Progress().Report(CacheProgress::kWarning, "the class vote's data " + s.problem +
                                                             "; style classes come from the linear rows alone");

@@ -4,12 +4,12 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
 #include <sstream>
 #include <utility>
 
 #include "deepnet/blas.h"
+#include "shell/file_bytes.h"
 #include "shell/tab_fields.h"
 
 namespace fontrix {
@@ -121,8 +121,11 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
 }
 
 ClassVoteTable ReadClassVoteFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw ClassVoteFileError(path + ": cannot be opened");
+  std::string bytes, why;
+  const FileState state = ReadFileBytes(path, bytes, why);
+  if (state == FileState::kMissing) throw ClassVoteFileError(path + " is missing");
+  if (state == FileState::kUnreadable) throw ClassVoteFileError(why);
+  std::istringstream in(bytes);
   return ParseClassVoteTable(in, path);
 }
 

@@ -2,11 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 
+#include "shell/file_bytes.h"
 #include "shell/tab_fields.h"
 
 namespace fontrix {
@@ -92,9 +91,11 @@ ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string&
 }
 
 ConfidenceModel ReadConfidenceModel(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw ConfidenceFileError(path + " cannot be read");
-  return ParseConfidenceModel(std::string(std::istreambuf_iterator<char>(in), {}), path);
+  std::string bytes, why;
+  const FileState state = ReadFileBytes(path, bytes, why);
+  if (state == FileState::kMissing) throw ConfidenceFileError(path + " is missing");
+  if (state == FileState::kUnreadable) throw ConfidenceFileError(why);
+  return ParseConfidenceModel(bytes, path);
 }
 
 }  // namespace fontrix

@@ -104,10 +104,13 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
     progress_.Report(CacheProgress::kFailure, problem);
   }
   confidence_ = ConfidenceModel();
-  if (ok && !paths.confidence.empty() && std::filesystem::exists(paths.confidence)) {
+  std::error_code absent;
+  // A data folder without the model (stand-in data) answers without a confidence; any failure to
+  // read one that is there (a folder in its place, an I/O error) costs the confidence only.
+  if (ok && !paths.confidence.empty() && std::filesystem::exists(paths.confidence, absent)) {
     try {
       confidence_ = ReadConfidenceModel(paths.confidence);
-    } catch (const ConfidenceFileError& e) {
+    } catch (const std::exception& e) {
       log.Info("Recognition Confidence Unusable: ", e.what());
       progress_.Report(CacheProgress::kWarning, std::string(e.what()) + "; answers come without a confidence");
     }
@@ -219,21 +222,26 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
     }
   }
   if (drawn.empty()) return false;
-  std::unique_lock<std::shared_mutex> lock(lock_);
-  lines_.insert(lines_.end(), std::make_move_iterator(drawn.begin()), std::make_move_iterator(drawn.end()));
-  MatchLines();
-  ++changes_;
+  std::vector<InstalledLine> kept;
+  {
+    std::unique_lock<std::shared_mutex> lock(lock_);
+    lines_.insert(lines_.end(), std::make_move_iterator(drawn.begin()), std::make_move_iterator(drawn.end()));
+    MatchLines();
+    ++changes_;
+    kept = lines_;
+  }
   CacheLog& log = RecognitionLog();
-  log.Info("Installed lines read: ", drawn.size(), ", kept: ", lines_.size());
+  log.Info("Installed lines read: ", drawn.size(), ", kept: ", kept.size());
   if (linesPath_.empty()) return true;
-  // Another process may be saving into the same folder.
-  CacheFolderLock folder(CacheFolderLock::FolderOf(linesPath_), CacheFolderLock::kExclusive);
+  // Another process may be saving into the same folder; queries go on meanwhile.
+  CacheFolderLock folder(CacheFolderLock::FolderOf(linesPath_), CacheFolderLock::kExclusive, CacheFolderWait(),
+                         [this](const std::string& waiting) { progress_.Waiting(waiting); });
   try {
     if (!folder.Held()) throw std::runtime_error(folder.Error());
-    WriteInstalledLines(linesPath_, networkFingerprint_, lines_);
+    WriteInstalledLines(linesPath_, networkFingerprint_, kept);
   } catch (const std::exception& e) {
     log.Info("Installed lines not saved: ", e.what());
-    progress_.Report(CacheProgress::kWarning, std::string("the installed fonts' lines were not saved (") + e.what() +
+    progress_.Report(CacheProgress::kNotSaved, std::string("the installed fonts' lines were not saved (") + e.what() +
                                                   "); they are drawn again at the next start");
   }
   return true;

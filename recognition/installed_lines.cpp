@@ -1,13 +1,15 @@
 #include "recognition/installed_lines.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <unordered_set>
+
+#include "shell/file_bytes.h"
 
 namespace fontrix {
 
@@ -32,25 +34,29 @@ bool DrawInstalledLine(hostglue::FontAccess& fonts, QVFontHandle font, GreyRaste
   return true;
 }
 
-uint64_t NetworkFingerprint(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return 0;
-  // FNV-1a over the bytes.
-  uint64_t hash = 14695981039346656037ull;
-  char buffer[1 << 16];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-    for (std::streamsize i = 0; i < in.gcount(); ++i) {
-      hash ^= uint8_t(buffer[i]);
-      hash *= 1099511628211ull;
-    }
-  }
+namespace {
+
+constexpr uint64_t kFnvStart = 14695981039346656037ull;
+
+uint64_t Fnv(uint64_t hash, const void* bytes, size_t n) {
+  for (size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<const uint8_t*>(bytes)[i]) * 1099511628211ull;
   return hash;
+}
+
+}  // namespace
+
+uint64_t NetworkFingerprint(const std::string& path) {
+  std::string bytes, why;
+  if (ReadFileBytes(path, bytes, why) != FileState::kRead) return 0;
+  return Fnv(kFnvStart, bytes.data(), bytes.size());
 }
 
 namespace {
 
 constexpr char kMagic[4] = {'F', 'X', 'R', 'L'};
-constexpr uint32_t kVersion = 1;
+// Version 2 closes each line with the check sum of its name, mark and values, so that a name
+// kept with another font's values is found.
+constexpr uint32_t kVersion = 2;
 constexpr uint32_t kLongestName = 1024;
 constexpr uint32_t kMostValues = 1 << 16;
 
@@ -74,6 +80,13 @@ class Reader {
   const std::string& bytes_;
   size_t at_ = 0;
 };
+
+uint64_t LineSum(const InstalledLine& line) {
+  const uint8_t drawn = !line.features.empty();
+  uint64_t hash = Fnv(kFnvStart, line.name.data(), line.name.size());
+  hash = Fnv(hash, &drawn, 1);
+  return Fnv(hash, line.features.data(), line.features.size() * sizeof(float));
+}
 
 }  // namespace
 
@@ -101,19 +114,20 @@ std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_
     if (!names.insert(line.name).second) throw InstalledLinesFileError(line.name + " is kept twice");
     const uint8_t drawn = in.Get<uint8_t>("a line");
     if (drawn > 1) throw InstalledLinesFileError(line.name + ": neither drawn nor not");
-    if (!drawn) {  // a font that has no line: kept so that it is not tried again
-      lines.push_back(std::move(line));
-      continue;
+    // A font that has no line is kept too, so that it is not tried again.
+    if (drawn) {
+      if (size == 0) throw InstalledLinesFileError(line.name + ": a line of no values");
+      line.features.resize(size);
+      in.Take(line.features.data(), size * sizeof(float), "the values of a line");
+      double norm = 0;
+      for (float v : line.features) {
+        if (!std::isfinite(v) || v < 0) throw InstalledLinesFileError(line.name + ": a value the network cannot give");
+        norm += double(v) * v;
+      }
+      if (std::fabs(norm - 1.0) > 1e-3) throw InstalledLinesFileError(line.name + ": not a unit vector");
     }
-    if (size == 0) throw InstalledLinesFileError(line.name + ": a line of no values");
-    line.features.resize(size);
-    in.Take(line.features.data(), size * sizeof(float), "the values of a line");
-    double norm = 0;
-    for (float v : line.features) {
-      if (!std::isfinite(v) || v < 0) throw InstalledLinesFileError(line.name + ": a value the network cannot give");
-      norm += double(v) * v;
-    }
-    if (std::fabs(norm - 1.0) > 1e-3) throw InstalledLinesFileError(line.name + ": not a unit vector");
+    if (in.Get<uint64_t>("a check sum") != LineSum(line))
+      throw InstalledLinesFileError(line.name + ": the line does not match its check sum");
     lines.push_back(std::move(line));
   }
   if (!in.AtEnd()) throw InstalledLinesFileError("bytes after the last line");
@@ -121,9 +135,15 @@ std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_
 }
 
 std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t fingerprint) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return {};
-  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string bytes, why;
+  switch (ReadFileBytes(path, bytes, why)) {
+    case FileState::kMissing:
+      return {};
+    case FileState::kUnreadable:
+      throw InstalledLinesFileError(why);
+    case FileState::kRead:
+      break;
+  }
   return ParseInstalledLines(bytes, fingerprint);
 }
 
@@ -144,6 +164,7 @@ void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const st
     put(uint8_t(!line.features.empty()));
     if (!line.features.empty())
       out.write(reinterpret_cast<const char*>(line.features.data()), std::streamsize(size * sizeof(float)));
+    put(LineSum(line));
   }
   const std::string temporary = path + ".tmp";
   {
@@ -157,8 +178,9 @@ void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const st
     }
   }
   if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int cause = errno;
     std::remove(temporary.c_str());
-    throw std::runtime_error("cannot replace " + path);
+    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
   }
 }
 

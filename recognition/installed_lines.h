@@ -45,7 +45,8 @@ uint64_t NetworkFingerprint(const std::string& path);
 
 /// The lines kept in `path` for network `fingerprint` (all of one size: the network's). A missing
 /// file, or one written for another network, holds none; a damaged one (not ours, cut short, a
-/// name twice, values that are not a unit vector) throws InstalledLinesFileError.
+/// name twice, values that are not a unit vector, a line that does not match its check sum) or
+/// one that cannot be read (a folder in its place) throws InstalledLinesFileError.
 std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t fingerprint);
 /// Same, from bytes (the fuzzer).
 std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_t fingerprint);

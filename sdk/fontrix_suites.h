@@ -79,7 +79,11 @@ typedef struct FontrixFontHandleList {
 enum {
   kFontrixReportNothing = 0,
   kFontrixReportWarning = 1, /* the service works: a damaged cache was rebuilt, a cache not saved */
-  kFontrixReportFailure = 2  /* the service cannot answer: its data or model cannot be used */
+  kFontrixReportFailure = 2, /* the service cannot answer: its data or model cannot be used */
+  kFontrixReportNotSaved = 3, /* the service answers, but what it computed was not kept: a cache
+                                 not saved, computed again at the next start */
+  kFontrixReportWaiting = 4   /* for as long as it lasts: the service waits for another process
+                                 that holds its cache folder */
 };
 
 #define kFontrixProgressSuite "QV Fontrix Progress Suite"

@@ -23,17 +23,22 @@ struct CacheProgress {
   }
   void Finish() { done.store(total.load()); }
 
-  enum Severity : int32_t { kNothing = 0, kWarning = 1, kFailure = 2 };
+  /// The values of the progress suite's report severities.
+  enum Severity : int32_t { kNothing = 0, kWarning = 1, kFailure = 2, kNotSaved = 3, kWaiting = 4 };
   /// Keeps one sentence naming a cause and its file for hosts to show: a warning when the
-  /// service still works (a damaged cache rebuilt, a save that failed), a failure when it cannot
-  /// answer (its data cannot be used). A warning never replaces a failure.
+  /// service still works (a damaged cache rebuilt), "not saved" when it works but what it
+  /// computed was not kept, a failure when it cannot answer (its data cannot be used). A report
+  /// never replaces a graver one (warning, then not saved, then failure).
   void Report(Severity severity, std::string text);
+  /// While `text` is not empty, the service waits for another process and LastReport says so;
+  /// "" ends the wait and the kept report returns.
+  void Waiting(std::string text);
   std::pair<Severity, std::string> LastReport() const;
 
  private:
   mutable std::mutex report_mutex_;
   Severity severity_ = kNothing;
-  std::string report_;
+  std::string report_, waiting_;
 };
 
 }  // namespace fontrix

@@ -75,15 +75,30 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
   int result = kLoadModelMissing;
   CacheLog& log = SimilarityLog();
   if (!loaded_.load()) {
-    // Another process may be saving into the same folder: read only what it has finished.
-    CacheFolderLock folder(CacheFolderLock::FolderOf(paths.cachedMeta), CacheFolderLock::kExclusive);
-    // A save cut short by a crash leaves a torn tail; cut it back before the strict reader sees it.
-    const std::string repaired = RepairCachePair(paths.cachedMeta, paths.cachedFeature);
-    if (!repaired.empty()) log.Info(repaired);
+    // Another process may be saving into the same folder. Only with the lock may this one
+    // change the files; without it (the other is slow or stopped) it reads what is consistent.
+    const std::string folderPath = CacheFolderLock::FolderOf(paths.cachedMeta);
+    CacheFolderLock folder(folderPath, CacheFolderLock::kExclusive, CacheFolderWait(),
+                           [this](const std::string& waiting) { progress_.Waiting(waiting); });
+    const CacheAccess access = folder.Held() ? CacheAccess::kWritable : CacheAccess::kReadOnly;
+    if (access == CacheAccess::kWritable) {
+      RemoveStaleSumsFile(paths.cachedMeta);
+      // A save cut short by a crash leaves a torn tail; cut it back before the strict reader sees it.
+      const std::string repaired = RepairCachePair(paths.cachedMeta, paths.cachedFeature);
+      if (!repaired.empty()) log.Info(repaired);
+    } else if (!folderPath.empty()) {
+      log.Info("Similar Cache Read Only: ", folder.Error());
+      progress_.Report(CacheProgress::kWarning, folder.Error() + "; the similarity cache was read without it, "
+                                                                 "as far as the other process had finished");
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     try {
-      result =
-          table_.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature, paths.model);
+      result = table_.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature,
+                           paths.model, access);
+      if (!table_.note.empty()) {
+        log.Info("Similar Cache: ", table_.note);
+        progress_.Report(CacheProgress::kWarning, table_.note);
+      }
       if (result == kLoadCacheFailed) {
         // A damaged cache would answer wrongly for good: it goes, and the update computes the
         // installed fonts again.
@@ -241,14 +256,15 @@ void FontSimilarCache::SaveCache() {
   std::lock_guard<std::mutex> lock(mutex_);
   CacheLog& log = SimilarityLog();
   log.Info("Cache Saving Start : time :", HostTime());
-  if (!table_.pending.empty()) {
-    CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive);
+  if (!table_.pending.empty() && !table_.cacheMetaPath.empty()) {
+    CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive,
+                           CacheFolderWait(), [this](const std::string& waiting) { progress_.Waiting(waiting); });
     const std::string problem = folder.Held() ? table_.Save()
                                               : "the similarity cache was not saved: " + folder.Error() +
                                                     "; installed fonts are computed again at every start";
     if (!problem.empty()) {
       log.Info("Cache Saving: ", problem);
-      progress_.Report(CacheProgress::kWarning, problem);
+      progress_.Report(CacheProgress::kNotSaved, problem);
     }
   }
   log.Info("Cache Saving Ends : time :", HostTime());

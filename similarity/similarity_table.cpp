@@ -10,6 +10,7 @@
 #include <set>
 
 #include "deepnet/model_io.h"
+#include "shell/file_bytes.h"
 
 namespace fontrix {
 
@@ -39,19 +40,38 @@ void SimilarityTable::Clear() {
   pending.clear();
 }
 
-int SimilarityTable::ReadMeta(const std::string& path,
-                              std::array<std::vector<std::string>, kMetaLinesPerFont>& columns) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return 0;
-  size_t lines = 0;
-  int groups = 0;
-  for (std::string line; std::getline(in, line); ++lines) {
+namespace {
+
+// The lines of `bytes` as getline gives them: a last line without its line break is a line too.
+// `whole` tells how many of them ended with one.
+std::vector<std::string> SplitLines(const std::string& bytes, size_t* whole = nullptr) {
+  std::vector<std::string> lines;
+  size_t start = 0, ended = 0;
+  while (start < bytes.size()) {
+    const size_t end = bytes.find('\n', start);
+    std::string line = bytes.substr(start, end == std::string::npos ? std::string::npos : end - start);
     // Files written on other systems may end lines with "\r\n"; the return is not part of a name.
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    columns[lines % kMetaLinesPerFont].push_back(std::move(line));
-    if (lines % kMetaLinesPerFont == kMetaLinesPerFont - 1) ++groups;
+    lines.push_back(std::move(line));
+    if (end == std::string::npos) break;
+    ++ended;
+    start = end + 1;
   }
-  return lines % kMetaLinesPerFont == 0 ? groups : -1;
+  if (whole) *whole = ended;
+  return lines;
+}
+
+}  // namespace
+
+int SimilarityTable::ReadMeta(const std::string& path,
+                              std::array<std::vector<std::string>, kMetaLinesPerFont>& columns) {
+  std::string bytes, why;
+  const FileState state = ReadFileBytes(path, bytes, why);
+  if (state == FileState::kMissing) return 0;
+  if (state == FileState::kUnreadable) return -1;
+  const std::vector<std::string> lines = SplitLines(bytes);
+  for (size_t k = 0; k < lines.size(); ++k) columns[k % kMetaLinesPerFont].push_back(lines[k]);
+  return lines.size() % kMetaLinesPerFont == 0 ? int(lines.size() / kMetaLinesPerFont) : -1;
 }
 
 int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache) {
@@ -70,15 +90,15 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
   const int groups = ReadMeta(metaPath, columns);
   if (groups == -1) return fail();
   if (!isCache && groups != kShippedFontCount) return fail();
-  std::ifstream in(featurePath, std::ios::binary);
+  std::string bytes, why;
+  if (ReadFileBytes(featurePath, bytes, why) == FileState::kUnreadable) return fail();
+  const size_t recordBytes = featureDim * sizeof(float);
+  if (bytes.size() % recordBytes != 0) return fail();
   int records = 0;
   std::vector<float> record(featureDim);
-  while (in) {
-    in.read(reinterpret_cast<char*>(record.data()), std::streamsize(featureDim * sizeof(float)));
-    const std::streamsize got = in.gcount();
-    if (got == 0) break;
-    if (got != std::streamsize(featureDim * sizeof(float))) return fail();
+  for (size_t at = 0; at < bytes.size(); at += recordBytes) {
     // Little-endian floats on disk; this is a little-endian machine.
+    std::memcpy(record.data(), bytes.data() + at, recordBytes);
     features.insert(features.end(), record.begin(), record.end());
     uint32_t s = kStatusInstalled;
     if (IsAllZero(record))
@@ -117,24 +137,64 @@ std::string SimilarityTable::CheckRecords(size_t first, size_t count, bool isCac
   return "";
 }
 
-std::string SimilarityTable::CheckSums(size_t first, const std::string& sumsPath) const {
-  std::ifstream in(sumsPath);
-  if (!in) return "";  // none written yet
-  size_t i = first;
-  for (std::string line; std::getline(in, line); ++i) {
-    if (i >= Size()) return "its check sums list more entries than it holds";
-    if (line != SumText(EntrySum(columns[3][i], Feature(i))))
-      return "the entry of " + columns[3][i] + " does not match its check sum";
+SimilarityTable::SumsCheck SimilarityTable::CheckSums(size_t first, const std::string& sumsPath) const {
+  SumsCheck check;
+  std::string bytes, why;
+  if (ReadFileBytes(sumsPath, bytes, why) != FileState::kRead) return check;  // none: nothing is checked
+  size_t whole = 0;
+  const std::vector<std::string> lines = SplitLines(bytes, &whole);
+  for (size_t i = first; i < Size() && i - first < whole; ++i) {
+    if (lines[i - first] != SumText(EntrySum(columns[3][i], Feature(i)))) {
+      check.problem = "the entry of " + columns[3][i] + " does not match its check sum";
+      return check;
+    }
+    ++check.checked;
   }
-  return "";
+  return check;
+}
+
+namespace {
+
+// Drops the entries from `keep` on: every column, status and vector.
+void KeepEntries(SimilarityTable& table, size_t keep) {
+  for (auto& column : table.columns) column.resize(keep);
+  table.features.resize(keep * table.featureDim);
+  table.status.resize(keep);
+}
+
+}  // namespace
+
+void SimilarityTable::LoadCacheReadOnly(const std::string& metaPath, const std::string& featurePath) {
+  const size_t before = Size();
+  std::string meta, records, why;
+  if (ReadFileBytes(metaPath, meta, why) != FileState::kRead ||
+      ReadFileBytes(featurePath, records, why) != FileState::kRead)
+    return;
+  size_t whole = 0;
+  const std::vector<std::string> lines = SplitLines(meta, &whole);
+  const size_t entries = std::min(whole / kMetaLinesPerFont, records.size() / kFeatureRecordBytes);
+  for (size_t i = 0; i < entries; ++i) {
+    for (size_t c = 0; c < kMetaLinesPerFont; ++c) columns[c].push_back(lines[i * kMetaLinesPerFont + c]);
+    const float* record = reinterpret_cast<const float*>(records.data() + i * kFeatureRecordBytes);
+    features.insert(features.end(), record, record + featureDim);
+    status.push_back(IsAllZero(FeatureVector(Size())) ? kStatusUnusable : kStatusInstalled);
+  }
+  const size_t checked = CheckSums(before, CacheSumsPath(metaPath)).checked;
+  KeepEntries(*this, before + checked);
+  if (!CheckRecords(before, checked, true).empty()) KeepEntries(*this, before);
+  if (Size() - before < entries)
+    note = "of the " + std::to_string(entries) + " entries of " + metaPath + ", " + std::to_string(Size() - before) +
+           " are whole and match their check sums; only those were read";
 }
 
 int SimilarityTable::Load(const std::string& computedMeta, const std::string& computedFeature,
-                          const std::string& cachedMeta, const std::string& cachedFeature, const std::string& model) {
+                          const std::string& cachedMeta, const std::string& cachedFeature, const std::string& model,
+                          CacheAccess access) {
   featureDim = kFeatureDim;
   cacheMetaPath = cachedMeta;
   cacheFeaturePath = cachedFeature;
   problem.clear();
+  note.clear();
   Clear();
   if (int r = ReadPair(computedMeta, computedFeature, false); r != kLoadOk) {
     problem = computedMeta + " and " + computedFeature + " do not hold " + std::to_string(kShippedFontCount) +
@@ -147,31 +207,46 @@ int SimilarityTable::Load(const std::string& computedMeta, const std::string& co
     return kLoadShippedFailed;
   }
   const size_t shipped = Size();
-  if (int r = ReadPair(cachedMeta, cachedFeature, true); r != kLoadOk) {
-    problem = cachedMeta + " and " + cachedFeature + " do not hold the same number of whole entries";
-    return r;
+  if (access == CacheAccess::kReadOnly) {
+    if (!cachedMeta.empty() && !cachedFeature.empty()) LoadCacheReadOnly(cachedMeta, cachedFeature);
+  } else {
+    if (int r = ReadPair(cachedMeta, cachedFeature, true); r != kLoadOk) {
+      problem = cachedMeta + " and " + cachedFeature + " do not hold the same number of whole entries";
+      return r;
+    }
+    std::string bad = CheckRecords(shipped, Size() - shipped, true);
+    SumsCheck sums;
+    if (bad.empty() && !cachedMeta.empty()) {
+      sums = CheckSums(shipped, CacheSumsPath(cachedMeta));
+      bad = sums.problem;
+    }
+    if (!bad.empty()) {
+      problem = cachedFeature + ": " + bad;
+      KeepEntries(*this, shipped);  // as a pair that cannot be read: nothing of it stays
+      return kLoadCacheFailed;
+    }
+    if (const size_t unchecked = Size() - shipped - sums.checked; unchecked > 0) {
+      KeepEntries(*this, shipped + sums.checked);
+      const std::string cut = CutCachePair(cachedMeta, cachedFeature, sums.checked);
+      note = std::to_string(unchecked) + " entries of the similarity cache " + cachedMeta +
+             " had no check sum (" + CacheSumsPath(cachedMeta) + " lost or cut short): they are computed again" +
+             (cut.empty() ? "" : "; " + cut);
+    }
   }
-  std::string bad = CheckRecords(shipped, Size() - shipped, true);
-  if (bad.empty() && !cachedMeta.empty()) bad = CheckSums(shipped, CacheSumsPath(cachedMeta));
-  if (!bad.empty()) {
-    problem = cachedFeature + ": " + bad;
-    for (auto& column : columns) column.resize(shipped);  // as a pair that cannot be read: nothing of it stays
-    features.resize(shipped * featureDim);
-    status.resize(shipped);
-    return kLoadCacheFailed;
+  std::string bytes, why;
+  switch (ReadFileBytes(model, bytes, why)) {
+    case FileState::kMissing:
+      problem = "the similarity model " + model + " is missing";
+      return kLoadModelMissing;
+    case FileState::kUnreadable:
+      problem = "the similarity model cannot be used: " + why;
+      return kLoadModelMissing;
+    case FileState::kRead:
+      break;
   }
-  std::ifstream file(model, std::ios::binary | std::ios::ate);
-  if (!file || !fs::is_regular_file(model)) {
-    problem = "the similarity model " + model + " is missing";
-    return kLoadModelMissing;
-  }
-  const std::streamoff size = file.tellg();
-  std::vector<uint8_t> buffer(size > 0 ? size_t(size) : 0);
-  file.seekg(0);
-  if (!buffer.empty() && !file.read(reinterpret_cast<char*>(buffer.data()), std::streamsize(buffer.size())))
-    return kLoadModelMissing;
   network.clear();
-  deepnet::deepnet_deserialize_layer_model(buffer.data(), buffer.data() + buffer.size(), network);
+  const uint8_t* begin = reinterpret_cast<const uint8_t*>(bytes.data());
+  deepnet::deepnet_deserialize_layer_model(begin, begin + bytes.size(), network);
   return kLoadOk;
 }
 
@@ -190,19 +265,50 @@ size_t SimilarityTable::AddInstalled(const std::vector<float>& feature, uint32_t
 
 std::string SimilarityTable::Save() {
   if (pending.empty()) return "";
-  // What the files hold now: whole (a torn tail cut back), or moved aside when they disagree.
+  const std::string sumsPath = CacheSumsPath(cacheMetaPath);
+  RemoveStaleSumsFile(cacheMetaPath);
+  // What the files hold now: whole (a torn tail cut back), then the entries that match their
+  // sums; a pair that disagrees with itself or its sums is moved aside.
   RepairCachePair(cacheMetaPath, cacheFeaturePath);
   std::string said;
-  std::array<std::vector<std::string>, kMetaLinesPerFont> onDisk;
-  const int groups = ReadMeta(cacheMetaPath, onDisk);
-  std::error_code ec;
-  const uint64_t featureBytes = fs::exists(cacheFeaturePath, ec) ? fs::file_size(cacheFeaturePath, ec) : 0;
-  std::set<std::string> saved(onDisk[3].begin(), onDisk[3].end());
+  SimilarityTable disk;
+  disk.featureDim = featureDim;
+  const int read = disk.ReadPair(cacheMetaPath, cacheFeaturePath, true);
+  SumsCheck sums = disk.CheckSums(0, sumsPath);
+  std::set<std::string> saved(disk.columns[3].begin(), disk.columns[3].end());
   // Names twice: saves of two processes interleaved (before they shared a lock), so records and
   // names may no longer belong together.
-  if (groups < 0 || featureBytes != uint64_t(groups) * kFeatureRecordBytes || saved.size() != onDisk[3].size()) {
+  if (read != kLoadOk || !sums.problem.empty() || saved.size() != disk.Size()) {
     said = MoveCachePairAside(cacheMetaPath, cacheFeaturePath) + " (its files did not agree)";
-    saved.clear();
+    KeepEntries(disk, 0);
+    sums = {};
+  } else if (sums.checked < disk.Size()) {
+    if (std::string cut = CutCachePair(cacheMetaPath, cacheFeaturePath, sums.checked); !cut.empty()) return cut;
+    KeepEntries(disk, sums.checked);
+  }
+  saved = std::set<std::string>(disk.columns[3].begin(), disk.columns[3].end());
+
+  std::vector<size_t> append;
+  std::set<std::string> written;
+  for (size_t i : pending)
+    if (!saved.count(columns[3][i]) && written.insert(columns[3][i]).second) append.push_back(i);
+
+  // The sums first, whole and renamed into place: a save cut short after them leaves entries
+  // that either match their lines or are torn and cut back.
+  std::string text;
+  for (size_t i = 0; i < disk.Size(); ++i) text += SumText(EntrySum(disk.columns[3][i], disk.Feature(i))) + "\n";
+  for (size_t i : append) text += SumText(EntrySum(columns[3][i], Feature(i))) + "\n";
+  const std::string temporary = sumsPath + ".tmp";
+  {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.flush();
+    if (!out || std::rename(temporary.c_str(), sumsPath.c_str()) != 0) {
+      const int cause = errno;
+      std::remove(temporary.c_str());
+      return "cannot write the similarity cache's check sums " + sumsPath + ": " + std::strerror(cause) +
+             "; installed fonts are computed again at every start";
+    }
   }
 
   std::ofstream meta(cacheMetaPath, std::ios::app | std::ios::binary);
@@ -210,9 +316,7 @@ std::string SimilarityTable::Save() {
   if (!meta || !feature)
     return "cannot write the similarity cache " + (meta ? cacheFeaturePath : cacheMetaPath) + ": " +
            std::strerror(errno) + "; installed fonts are computed again at every start";
-  std::set<std::string> written;
-  for (size_t i : pending) {
-    if (saved.count(columns[3][i]) || !written.insert(columns[3][i]).second) continue;
+  for (size_t i : append) {
     meta << "0\n0\n0\n" << columns[3][i] << '\n' << columns[4][i] << '\n' << columns[5][i] << '\n';
     feature.write(reinterpret_cast<const char*>(Feature(i)), std::streamsize(featureDim * sizeof(float)));
   }
@@ -221,11 +325,8 @@ std::string SimilarityTable::Save() {
   if (!meta || !feature)
     return "cannot write the similarity cache " + (meta ? cacheFeaturePath : cacheMetaPath) + ": " +
            std::strerror(errno) + "; what was written is cut back at the next start";
-  meta.close();
-  feature.close();
   pending.clear();
-  const std::string sums = WriteCacheSums(cacheMetaPath, cacheFeaturePath);
-  return said.empty() ? sums : said;
+  return said;
 }
 
 std::string CacheSumsPath(const std::string& metaPath) {
@@ -249,21 +350,9 @@ std::string SumText(uint64_t sum) {
   return text;
 }
 
-std::string WriteCacheSums(const std::string& metaPath, const std::string& featurePath) {
-  std::array<std::vector<std::string>, kMetaLinesPerFont> columns;
-  const int groups = SimilarityTable::ReadMeta(metaPath, columns);
-  std::ifstream in(featurePath, std::ios::binary);
-  const std::string path = CacheSumsPath(metaPath), temporary = path + ".tmp";
-  std::ofstream out(temporary, std::ios::trunc);
-  std::vector<float> record(kFeatureDim);
-  for (int i = 0; i < groups && in.read(reinterpret_cast<char*>(record.data()), kFeatureRecordBytes); ++i)
-    out << SumText(EntrySum(columns[3][size_t(i)], record.data())) << '\n';
-  out.flush();
-  if (!out || std::rename(temporary.c_str(), path.c_str()) != 0) {
-    std::remove(temporary.c_str());
-    return "cannot write the similarity cache's check sums " + path + ": " + std::strerror(errno);
-  }
-  return "";
+void RemoveStaleSumsFile(const std::string& metaPath) {
+  std::error_code ec;
+  fs::remove(CacheSumsPath(metaPath) + ".tmp", ec);
 }
 
 std::string MoveCachePairAside(const std::string& metaPath, const std::string& featurePath) {
@@ -273,35 +362,59 @@ std::string MoveCachePairAside(const std::string& metaPath, const std::string& f
   return "the similarity cache " + metaPath + " and " + featurePath + " was moved aside to *.damaged";
 }
 
+namespace {
+
+// Byte offset just past each line of the meta file that ends with a line break.
+std::vector<uint64_t> LineEnds(const std::string& metaPath) {
+  std::string bytes, why;
+  std::vector<uint64_t> ends;
+  if (ReadFileBytes(metaPath, bytes, why) != FileState::kRead) return ends;
+  for (size_t at = bytes.find('\n'); at != std::string::npos; at = bytes.find('\n', at + 1)) ends.push_back(at + 1);
+  return ends;
+}
+
+uint64_t FileSize(const std::string& path) {
+  std::error_code ec;
+  const uint64_t size = fs::is_regular_file(path, ec) ? fs::file_size(path, ec) : 0;
+  return ec ? 0 : size;
+}
+
+// Cuts both files to `entries` whole entries, given the meta file's line ends.
+std::string Cut(const std::string& metaPath, const std::string& featurePath, const std::vector<uint64_t>& lineEnds,
+                uint64_t entries, uint64_t& metaKeep, uint64_t& featureKeep) {
+  metaKeep = entries ? lineEnds[entries * kMetaLinesPerFont - 1] : 0;
+  featureKeep = entries * kFeatureRecordBytes;
+  std::error_code ec;
+  if (fs::is_regular_file(metaPath, ec) && FileSize(metaPath) != metaKeep) fs::resize_file(metaPath, metaKeep, ec);
+  if (!ec && fs::is_regular_file(featurePath, ec) && FileSize(featurePath) != featureKeep)
+    fs::resize_file(featurePath, featureKeep, ec);
+  return ec ? "Cache Repair failed: " + ec.message() : "";
+}
+
+}  // namespace
+
 std::string RepairCachePair(const std::string& metaPath, const std::string& featurePath) {
   std::error_code ec;
   if (!fs::exists(metaPath, ec) && !fs::exists(featurePath, ec)) return "";
-  // Byte offset just past each complete line of the meta file.
-  std::vector<uint64_t> line_ends;
-  {
-    std::ifstream in(metaPath, std::ios::binary);
-    uint64_t offset = 0;
-    for (std::string line; std::getline(in, line);) {
-      offset += line.size();
-      if (in.eof()) break;  // the last line has no line break: it is torn
-      ++offset;
-      line_ends.push_back(offset);
-    }
-  }
-  const uint64_t meta_size = fs::exists(metaPath, ec) ? fs::file_size(metaPath, ec) : 0;
-  const uint64_t feature_size = fs::exists(featurePath, ec) ? fs::file_size(featurePath, ec) : 0;
-  const uint64_t groups = line_ends.size() / kMetaLinesPerFont;
-  const uint64_t records = feature_size / kFeatureRecordBytes;
-  const uint64_t keep = std::min(groups, records);
-  const uint64_t meta_keep = keep ? line_ends[keep * kMetaLinesPerFont - 1] : 0;
-  const uint64_t feature_keep = keep * kFeatureRecordBytes;
-  if (meta_keep == meta_size && feature_keep == feature_size) return "";
-  if (fs::exists(metaPath, ec)) fs::resize_file(metaPath, meta_keep, ec);
-  if (!ec && fs::exists(featurePath, ec)) fs::resize_file(featurePath, feature_keep, ec);
-  if (ec) return "Cache Repair failed: " + ec.message();
-  return "Cache Repaired: kept " + std::to_string(keep) + " whole entries; meta cut from " + std::to_string(meta_size) +
-         " to " + std::to_string(meta_keep) + " bytes, features from " + std::to_string(feature_size) + " to " +
-         std::to_string(feature_keep) + " bytes";
+  const std::vector<uint64_t> lineEnds = LineEnds(metaPath);
+  const uint64_t metaSize = FileSize(metaPath), featureSize = FileSize(featurePath);
+  const uint64_t keep = std::min<uint64_t>(lineEnds.size() / kMetaLinesPerFont, featureSize / kFeatureRecordBytes);
+  uint64_t metaKeep = 0, featureKeep = 0;
+  if ((keep ? lineEnds[keep * kMetaLinesPerFont - 1] : 0) == metaSize && keep * kFeatureRecordBytes == featureSize)
+    return "";
+  if (std::string failed = Cut(metaPath, featurePath, lineEnds, keep, metaKeep, featureKeep); !failed.empty())
+    return failed;
+  return "Cache Repaired: kept " + std::to_string(keep) + " whole entries; meta cut from " + std::to_string(metaSize) +
+         " to " + std::to_string(metaKeep) + " bytes, features from " + std::to_string(featureSize) + " to " +
+         std::to_string(featureKeep) + " bytes";
+}
+
+std::string CutCachePair(const std::string& metaPath, const std::string& featurePath, uint64_t entries) {
+  const std::vector<uint64_t> lineEnds = LineEnds(metaPath);
+  if (lineEnds.size() < entries * kMetaLinesPerFont || FileSize(featurePath) < entries * kFeatureRecordBytes)
+    return "Cache Repair failed: the cache holds fewer than " + std::to_string(entries) + " entries";
+  uint64_t metaKeep = 0, featureKeep = 0;
+  return Cut(metaPath, featurePath, lineEnds, entries, metaKeep, featureKeep);
 }
 
 }  // namespace fontrix

@@ -33,6 +33,11 @@ enum EntryStatus : uint32_t {
 /// Results of Load and ReadPair.
 enum LoadResult : int { kLoadOk = 0, kLoadShippedFailed = 1, kLoadCacheFailed = 2, kLoadModelMissing = 3 };
 
+/// How a load may treat the cache pair. Only a process holding the cache folder's lock may
+/// change the files; one that could not get it (another process is saving, or stopped while
+/// saving) reads the entries that are whole and match their check sums, and writes nothing.
+enum class CacheAccess { kWritable, kReadOnly };
+
 struct SimilarityTable {
   uint32_t featureDim = kFeatureDim;
   /// The feature vectors, entry after entry, featureDim floats each: one block, so a query
@@ -46,6 +51,9 @@ struct SimilarityTable {
   deepnet::layer_model_list network;
   /// Why the last Load failed, as a sentence naming the file ("" after a success).
   std::string problem;
+  /// What the last Load left out of the cache pair without failing, as a sentence ("" when
+  /// nothing): entries without a check sum, or (read only) entries another process is writing.
+  std::string note;
 
   size_t Size() const { return status.size(); }
   const float* Feature(size_t i) const { return features.data() + i * featureDim; }
@@ -55,9 +63,14 @@ struct SimilarityTable {
   /// Beyond the counts, a pair fails when a record holds a value that is not finite, a record
   /// that is not zero has a half (384 values) whose length is not 1, or (the cache) two entries
   /// share a name, every one of two or more records is zero, or an entry does not match its
-  /// check sum (CacheSumsPath).
+  /// check sum (CacheSumsPath). Cache entries that have no check sum (the sums file lost) could
+  /// hold any font's vector under any name: they are left out, and with kWritable cut from the
+  /// files, so that the update computes them again (`note` says how many).
+  /// With kReadOnly the cache pair never fails: the entries that are whole and match their sums,
+  /// from the first up to the first that does not, are loaded, and nothing is written.
   int Load(const std::string& computedMeta, const std::string& computedFeature, const std::string& cachedMeta,
-           const std::string& cachedFeature, const std::string& model);
+           const std::string& cachedFeature, const std::string& model,
+           CacheAccess access = CacheAccess::kWritable);
   /// Loads one pair; a pair that fails adds nothing, and the entries of earlier pairs stay.
   int ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache);
   /// Appends the file's lines to the columns; the number of whole groups, or -1 when the file
@@ -65,14 +78,24 @@ struct SimilarityTable {
   static int ReadMeta(const std::string& path, std::array<std::vector<std::string>, kMetaLinesPerFont>& columns);
   /// Appends the pending entries to the cache pair and empties the list, leaving out names the
   /// files already hold (another process may have saved them since this one loaded); call it
-  /// with the cache folder locked. A pair found inconsistent on disk (counts that disagree) is
-  /// moved aside first ("*.damaged"). When either file cannot be written the list is kept.
+  /// with the cache folder locked. A pair found inconsistent on disk (counts that disagree, a
+  /// name twice, an entry that does not match its sum) is moved aside first ("*.damaged");
+  /// entries on disk without a sum are cut off. The sums of the entries to be appended are
+  /// written (whole, renamed into place) before the entries themselves, so no entry is ever on
+  /// disk without its sum. When a file cannot be written the list is kept.
   /// Returns what went wrong, as a sentence naming the file, or "".
   std::string Save();
   /// The problem with records [first, first + count), or "" (the checks Load describes).
   std::string CheckRecords(size_t first, size_t count, bool isCache) const;
-  /// The problem with the entries from `first` on against the check sums file, or "".
-  std::string CheckSums(size_t first, const std::string& sumsPath) const;
+  struct SumsCheck {
+    size_t checked = 0;   ///< entries from `first` on that match their line of the sums file
+    std::string problem;  ///< an entry whose line does not match it, or ""
+  };
+  /// The entries from `first` on against the check sums file `sumsPath`. Lines past the last
+  /// entry are no fault: a save writes the sums before the entries it then appends.
+  SumsCheck CheckSums(size_t first, const std::string& sumsPath) const;
+  /// The read-only load of the cache pair (see Load).
+  void LoadCacheReadOnly(const std::string& metaPath, const std::string& featurePath);
   /// Adds an entry computed on this machine and marks it pending.
   size_t AddInstalled(const std::vector<float>& feature, uint32_t entryStatus, const std::string& uniqueName);
 };
@@ -83,8 +106,13 @@ bool IsAllZero(const std::vector<float>& feature);
 
 /// After a crash in the middle of a save: cuts the cache pair back to the last entry whole in
 /// both files (whole meta groups, whole feature records, the same count). Returns what it cut,
-/// as a sentence for the log, or "" when the pair was whole (or absent).
+/// as a sentence for the log, or "" when the pair was whole (or absent). Call it only with the
+/// cache folder locked: under a process that is saving it would cut entries being written.
 std::string RepairCachePair(const std::string& metaPath, const std::string& featurePath);
+/// Cuts the cache pair to its first `entries` entries (whole ones); "" or what went wrong.
+std::string CutCachePair(const std::string& metaPath, const std::string& featurePath, uint64_t entries);
+/// Removes the temporary file a save of the check sums leaves when it is killed before renaming it.
+void RemoveStaleSumsFile(const std::string& metaPath);
 
 /// Renames a damaged cache pair (and its check sums) to "*.damaged" (replacing older ones), so
 /// the next load and save start afresh; returns the sentence to log.
@@ -92,13 +120,11 @@ std::string MoveCachePairAside(const std::string& metaPath, const std::string& f
 
 /// The check sums of a cache pair: "NQ_sim_sums_sys.cch" beside its meta file, one line per
 /// entry, the 16 hex digits of the FNV-1a hash of the entry's name, a zero byte and its record.
-/// Every save rewrites it whole; a load checks each entry it has a line for, so an entry edited,
-/// removed or moved between saves is found, while entries a save added before it was cut short
-/// (and so without a line yet) stay.
+/// Every save rewrites it whole, before it appends the entries; a load checks every entry
+/// against its line, so an entry edited, removed or moved between saves is found, and an entry
+/// without a line is not trusted.
 std::string CacheSumsPath(const std::string& metaPath);
 uint64_t EntrySum(const std::string& name, const float* record);
 std::string SumText(uint64_t sum);  ///< 16 lower-case hex digits
-/// Rewrites the check sums of the pair as the files hold it now; "" or what went wrong.
-std::string WriteCacheSums(const std::string& metaPath, const std::string& featurePath);
 
 }  // namespace fontrix

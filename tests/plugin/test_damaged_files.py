@@ -18,6 +18,16 @@ import shipped_data_tool  # noqa: E402
 from shipped_data_tool import ShippedDataTest, main  # noqa: E402
 
 RECORD = 768 * 4
+# Holds a cache folder's lock as a writer does, naming itself in it, for argv[2] seconds.
+HOLD_LOCK = """
+import fcntl, os, sys, time
+fd = os.open(os.path.join(sys.argv[1], "fontrix.lock"), os.O_RDWR | os.O_CREAT)
+fcntl.flock(fd, fcntl.LOCK_EX)
+os.ftruncate(fd, 0)
+os.write(fd, b"%d\\n" % os.getpid())
+print("held", flush=True)
+time.sleep(float(sys.argv[2]))
+"""
 
 
 def read_cache(folder):
@@ -105,6 +115,78 @@ class DamagedFilesTest(ShippedDataTest):
         answer = json.loads(r.stdout)
         self.assertNotIn("sure", answer)
         self.assertTrue(answer["results"] and not any("confidence" in x for x in answer["results"]))
+
+    def test_folders_where_files_should_be_are_said_and_crash_nothing(self):
+        """A folder in the place of the confidence model or of the kept lines: recognition still
+        answers, says why, and index fails because what it drew could not be kept."""
+        picture = os.path.join(self.data, "samples", "line-liberation-serif-bold.png")
+        model = os.path.join(self.data, "recognition_confidence.tsv")
+        os.remove(model)
+        os.mkdir(model)
+        r = self.tool("--disable", "classification", "recognize", picture, "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn("fontrix: warning: " + model + " is a folder, not a file", r.stderr)
+        self.assertTrue(json.loads(r.stdout)["results"])
+        lines = os.path.join(self.folder, "FontRecognitionLines.bin")
+        os.remove(lines)
+        os.mkdir(lines)
+        r = self.tool("--disable", "classification", "index")
+        self.assertEqual(r.returncode, 1, r.stderr)
+        self.assertIn("the installed fonts' lines were not saved", r.stderr)
+
+    def test_lost_check_sums_trust_no_entry_and_are_written_again(self):
+        """Without its sums file the similarity cache cannot tell swapped names: its entries are
+        computed again, and the sums are there once more."""
+        args = ("--disable", "recognition,classification")
+        self.assertEqual(self.tool(*args, "index").returncode, 0)
+        names, data = read_cache(self.folder)
+        if len(names) < 2:
+            self.skipTest("fewer than two installed fonts outside the shipped table")
+        before = json.loads(self.tool(*args, "similar", names[0], "--json").stdout)["results"]
+        meta = os.path.join(self.folder, "NQ_sim_meta_sys.cch")
+        with open(meta) as f:
+            lines = f.read().splitlines()
+        lines[3], lines[9] = lines[9], lines[3]
+        with open(meta, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        os.remove(os.path.join(self.folder, "NQ_sim_sums_sys.cch"))
+        with open(os.path.join(self.folder, "NQ_sim_sums_sys.cch.tmp"), "w") as f:
+            f.write("left by a save that was killed\n")
+        r = self.tool(*args, "similar", names[0], "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn("had no check sum", r.stderr)
+        self.assertEqual(json.loads(r.stdout)["results"], before)
+        self.assertEqual(sorted(read_cache(self.folder)[0]), sorted(names))
+        self.assertFalse(os.path.exists(os.path.join(self.folder, "NQ_sim_sums_sys.cch.tmp")))
+        r = self.tool(*args, "similar", names[0])
+        self.assertEqual((r.returncode, r.stderr), (0, ""))
+
+    def test_a_held_folder_is_said_with_whom_it_waits_for(self):
+        """Another process holding the cache folder: the command says whom it waits for at once,
+        then answers when the folder is let go."""
+        self.assertEqual(self.tool("--disable", "recognition", "index").returncode, 0)
+        holder = subprocess.Popen(["/usr/bin/python3", "-c", HOLD_LOCK, self.folder, "3"], stdout=subprocess.PIPE,
+                                  text=True)
+        self.assertEqual(holder.stdout.readline(), "held\n")
+        r = self.tool("--disable", "recognition", "similar", "DejaVuSerif", "--limit", "1")
+        holder.wait(timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stderr, "fontrix: waiting for another fontrix (pid %d) to finish with the cache folder %s\n"
+                         % (holder.pid, self.folder))
+        self.assertTrue(r.stdout)
+
+    def test_a_feature_cache_in_another_order_is_not_measured_again(self):
+        self.assertEqual(self.tool("--disable", "recognition,similarity", "index").returncode, 0)
+        path = os.path.join(self.folder, "FontFeatureCache.json")
+        with open(path) as f:
+            records = json.load(f)
+        with open(path, "w") as f:
+            json.dump(records[::-1], f)
+        r = self.tool("--disable", "recognition,similarity", "index", "--json")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(json.loads(r.stdout)["services"][0]["computed"], 0)
+        with open(path) as f:
+            self.assertEqual(len(json.load(f)), len(records))
 
     def test_shipped_data_that_cannot_be_used_fails_naming_the_file(self):
         table = os.path.join(self.data, "NQ_rec_font.bin")

@@ -97,6 +97,16 @@ TEST(InstalledLinesFile, KeepsLinesAndFontsWithoutOneForTheNetworkThatReadThem) 
     WriteInstalledLines(path, 7, {{"Alpha-Regular", v}});
     EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError) << wrong;
   }
+  // Two fonts' values exchanged: each still a unit vector, but no longer under its own name.
+  std::string swapped = good;
+  const size_t alpha = swapped.find("Alpha-Regular") + 13 + 1, beta = swapped.find("Beta") + 4 + 1;
+  std::swap_ranges(swapped.begin() + std::ptrdiff_t(alpha), swapped.begin() + std::ptrdiff_t(alpha + 768 * 4),
+                   swapped.begin() + std::ptrdiff_t(beta));
+  EXPECT_THROW(ParseInstalledLines(swapped, 7), InstalledLinesFileError);
+  // A folder where the file should be is damage in words, not an exception of the stream library.
+  std::filesystem::remove(path);
+  std::filesystem::create_directory(path);
+  EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError);
   std::filesystem::remove_all(dir);
 }
 

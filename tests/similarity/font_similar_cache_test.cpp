@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "shell/cache_folder_lock.h"
 #include "tests/support/fake_font_access.h"
 #include "tests/similarity/similarity_fixtures.h"
 
@@ -88,6 +89,72 @@ TEST_F(SimilarCacheTest, UpdateMatchesByNameComputesTheRestAndSavesOnTermination
   EXPECT_EQ(reloaded->Entry(1866).second, kStatusUnusable);
   EXPECT_FALSE(reloaded->Update({alpha, beta, delta}, 2));  // all matched by name
   EXPECT_EQ(reloaded->Size(), 1867u);
+}
+
+// A save that outlasts a reader's wait (a slow disk, a stopped process): the reader reads what
+// is consistent and changes nothing; its own save, once it has the lock, appends only what the
+// files lack, so every vector stays under its own name.
+TEST_F(SimilarCacheTest, AReaderThatWaitedInVainNeverCutsAWritersSave) {
+  WritePair(
+      paths.cachedMeta, paths.cachedFeature, 2, [](size_t) { return std::string("0"); },
+      [](size_t i) { return i ? std::string("Beta-Bold") : std::string("Alpha-Regular"); },
+      [](size_t i) { return AxisVector(7 + i); }, "0");
+  const std::vector<float> writers = AxisVector(11);
+  auto writer = std::make_unique<CacheFolderLock>(dir.string(), CacheFolderLock::kExclusive);
+  ASSERT_TRUE(writer->Held());
+  // The writer has renamed its sums into place and written half of its entry's meta lines.
+  std::ofstream(CacheSumsPath(paths.cachedMeta), std::ios::app) << SumText(EntrySum("Writer-Bold", writers.data()))
+                                                                << '\n';
+  std::ofstream(paths.cachedMeta, std::ios::app) << "0\n0\n0\n";
+  const auto sizes = [&] { return std::make_pair(fs::file_size(paths.cachedMeta), fs::file_size(paths.cachedFeature)); };
+  const auto before = sizes();
+  SetCacheFolderWait(0.3);
+  auto cache = Loaded();
+  EXPECT_EQ(cache->Size(), 1866u);
+  EXPECT_EQ(sizes(), before);
+  EXPECT_EQ(cache->Progress().LastReport().first, CacheProgress::kWarning);
+
+  // The writer finishes and lets go; the reader computes what it did not read, and saves.
+  std::ofstream(paths.cachedMeta, std::ios::app) << "Writer-Bold\nuserFamily\nuserSubFamily\n";
+  std::ofstream(paths.cachedFeature, std::ios::app | std::ios::binary)
+      .write(reinterpret_cast<const char*>(writers.data()), kFeatureRecordBytes);
+  writer.reset();
+  EXPECT_TRUE(cache->Update({Font("Alpha-Regular"), Font("Writer-Bold"), Font("Gamma-Regular")}, 1));
+  FontSimilarCache::Terminate();
+  SetCacheFolderWait(60);
+
+  SimilarityTable files;
+  ASSERT_EQ(files.Load(paths.computedMeta, paths.computedFeature, paths.cachedMeta, paths.cachedFeature, paths.model),
+            kLoadOk);
+  EXPECT_EQ(files.note, "");
+  ASSERT_EQ(files.Size(), 1868u);
+  EXPECT_EQ(std::vector<std::string>(files.columns[3].begin() + 1864, files.columns[3].end()),
+            (std::vector<std::string>{"Alpha-Regular", "Beta-Bold", "Writer-Bold", "Gamma-Regular"}));
+  EXPECT_EQ(files.FeatureVector(1864), AxisVector(7));
+  EXPECT_EQ(files.FeatureVector(1866), writers);
+}
+
+// While another process holds the folder, a service says whom it waits for, and stops saying
+// so when the wait ends.
+TEST_F(SimilarCacheTest, AWaitIsSaidWhileItLasts) {
+  auto writer = std::make_unique<CacheFolderLock>(dir.string(), CacheFolderLock::kExclusive);
+  std::thread release([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    writer.reset();
+  });
+  auto cache = FontSimilarCache::GetOrCreate();
+  std::pair<CacheProgress::Severity, std::string> said;
+  std::thread load([&] { FontSimilarCache::Init(); });
+  for (int i = 0; i < 100 && said.first != CacheProgress::kWaiting; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    said = cache->Progress().LastReport();
+  }
+  load.join();
+  release.join();
+  EXPECT_EQ(said, std::make_pair(CacheProgress::kWaiting,
+                                 "waiting for another fontrix to finish with the cache folder " + dir.string()));
+  EXPECT_EQ(cache->Progress().LastReport().first, CacheProgress::kNothing);
+  EXPECT_EQ(cache->Size(), 1864u);
 }
 
 class QueryTest : public SimilarCacheTest {

@@ -49,15 +49,19 @@ inline deepnet::layer_model_list MakeTestNetwork(unsigned seed = 1) {
   return m;
 }
 
-/// Writes a meta/feature pair: for entry i, identifier id(i), name name(i), vector vec(i).
+/// Writes a meta/feature pair: for entry i, identifier id(i), name name(i), vector vec(i). A
+/// cache pair (field 3 "0") gets its check sums, as a save writes them.
 inline void WritePair(const std::string& meta, const std::string& feature, size_t n,
                       const std::function<std::string(size_t)>& id, const std::function<std::string(size_t)>& name,
                       const std::function<std::vector<float>(size_t)>& vec, const char* field3 = "1") {
   std::ofstream m(meta, std::ios::binary), f(feature, std::ios::binary);
+  std::ofstream sums;
+  if (std::string(field3) == "0") sums.open(CacheSumsPath(meta), std::ios::binary | std::ios::trunc);
   for (size_t i = 0; i < n; ++i) {
     m << id(i) << "\n0\n" << field3 << "\n" << name(i) << "\nFamily " << i << "\nRegular\n";
     const auto v = vec(i);
     f.write(reinterpret_cast<const char*>(v.data()), std::streamsize(v.size() * sizeof(float)));
+    if (sums.is_open()) sums << SumText(EntrySum(name(i), v.data())) << '\n';
   }
 }
 

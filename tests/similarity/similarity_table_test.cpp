@@ -138,7 +138,8 @@ TEST_F(SimilarityFiles, SaveAppendsEachNameOnceAndKeepsPendingEntriesWhenItCanno
 
   t.AddInstalled(AxisVector(4), kStatusInstalled, "Later");
   t.cacheMetaPath = (dir / "missing" / "sys.meta").string();
-  EXPECT_NE(t.Save().find("cannot write the similarity cache " + t.cacheMetaPath + ": No such file"),
+  EXPECT_NE(t.Save().find("cannot write the similarity cache's check sums " + CacheSumsPath(t.cacheMetaPath) +
+                          ": No such file"),
             std::string::npos);
   EXPECT_EQ(t.pending.size(), 1u);
 }
@@ -195,13 +196,79 @@ TEST_F(SimilarityFiles, EntriesMovedOrRemovedSinceTheirSaveFailTheirCheckSums) {
   EXPECT_EQ(Load(t), kLoadCacheFailed);
 
   saved();
-  std::ofstream(path("sys.meta"), std::ios::app) << "0\n0\n0\nAdded\nuserFamily\nuserSubFamily\n";
   {
+    std::ofstream(path("sys.meta"), std::ios::app) << "0\n0\n0\nAdded\nuserFamily\nuserSubFamily\n";
     std::ofstream(path("sys.fea"), std::ios::app | std::ios::binary)
         .write(reinterpret_cast<const char*>(AxisVector(8).data()), kFeatureRecordBytes);
   }
-  EXPECT_EQ(Load(t), kLoadOk);  // appended by a save cut short before its sums: whole, so kept
-  EXPECT_EQ(t.Size(), 1868u);
+  EXPECT_EQ(Load(t), kLoadOk);  // an entry without its sum could be anyone's: left out, and cut from the files
+  EXPECT_EQ(t.Size(), 1867u);
+  EXPECT_NE(t.note.find("1 entries"), std::string::npos) << t.note;
+  EXPECT_EQ(Load(t), kLoadOk);
+  EXPECT_EQ(t.note, "");
+
+  // Without any sums (the file lost), two names swapped would be accepted: nothing is trusted.
+  lines = saved();
+  std::swap(lines[3], lines[9]);
+  rewrite(lines);
+  fs::remove(CacheSumsPath(path("sys.meta")));
+  EXPECT_EQ(Load(t), kLoadOk);
+  EXPECT_EQ(t.Size(), 1864u);
+  EXPECT_EQ(fs::file_size(path("sys.fea")), 0u);
+}
+
+// A save writes the sums before the entries: killed between the two, the sums list entries the
+// pair does not hold yet, and the pair still loads; the next save writes them for what it holds.
+TEST_F(SimilarityFiles, SumsAheadOfTheirEntriesAreNoDamageAndAStaleTemporaryGoes) {
+  Shipped(1864);
+  SimilarityTable t;
+  ASSERT_EQ(Load(t), kLoadOk);
+  for (size_t i = 0; i < 3; ++i) t.AddInstalled(AxisVector(i), kStatusInstalled, "Mine" + std::to_string(i));
+  ASSERT_EQ(t.Save(), "");
+  CutCachePair(path("sys.meta"), path("sys.fea"), 1);  // as if the append had not happened
+  std::ofstream(CacheSumsPath(path("sys.meta")) + ".tmp") << "left by a killed save\n";
+  SimilarityTable again;
+  ASSERT_EQ(Load(again), kLoadOk);
+  EXPECT_EQ(again.Size(), 1865u);
+  again.AddInstalled(AxisVector(9), kStatusInstalled, "Later");
+  ASSERT_EQ(again.Save(), "");
+  EXPECT_FALSE(fs::exists(CacheSumsPath(path("sys.meta")) + ".tmp"));
+  ASSERT_EQ(Load(again), kLoadOk);
+  ASSERT_EQ(again.Size(), 1866u);
+  EXPECT_EQ(again.columns[3][1865], "Later");
+  std::ifstream sums(CacheSumsPath(path("sys.meta")));
+  size_t lines = 0;
+  for (std::string line; std::getline(sums, line);) ++lines;
+  EXPECT_EQ(lines, 2u);
+}
+
+// A process that could not get the cache folder's lock reads what another is writing without
+// changing a byte: the entries whole and matching their sums, up to the first that is not.
+TEST_F(SimilarityFiles, AReadOnlyLoadReadsTheConsistentEntriesAndWritesNothing) {
+  Shipped(1864);
+  WritePair(
+      path("sys.meta"), path("sys.fea"), 4, [](size_t) { return std::string("0"); },
+      [](size_t i) { return "Mine" + std::to_string(i); }, [](size_t i) { return AxisVector(i); }, "0");
+  // The writer's sums cover a fifth entry it is appending: half its meta lines, no record yet.
+  std::ofstream(CacheSumsPath(path("sys.meta")), std::ios::app) << SumText(EntrySum("Mine4", AxisVector(4).data()))
+                                                                 << '\n';
+  std::ofstream(path("sys.meta"), std::ios::app) << "0\n0\n0\nMine4\n";
+  // And the third entry's record was changed under its sum.
+  {
+    std::fstream fea(path("sys.fea"), std::ios::in | std::ios::out | std::ios::binary);
+    fea.seekp(2 * kFeatureRecordBytes);
+    fea.write(reinterpret_cast<const char*>(AxisVector(7).data()), kFeatureRecordBytes);
+  }
+  const auto before = std::make_pair(fs::file_size(path("sys.meta")), fs::file_size(path("sys.fea")));
+  SimilarityTable t;
+  ASSERT_EQ(t.Load(path("fs.meta"), path("fs.fea"), path("sys.meta"), path("sys.fea"), path("model.dnm"),
+                   CacheAccess::kReadOnly),
+            kLoadOk);
+  EXPECT_EQ(t.Size(), 1866u);
+  EXPECT_EQ(t.columns[3].back(), "Mine1");
+  EXPECT_NE(t.note, "");
+  ExpectWhole(t);
+  EXPECT_EQ(before, std::make_pair(fs::file_size(path("sys.meta")), fs::file_size(path("sys.fea"))));
 }
 
 TEST_F(SimilarityFiles, RecordsThatCannotBeVectorsFailTheirPair) {
