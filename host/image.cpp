@@ -279,6 +279,21 @@ QVGreyPixels ImageRaster::Pixels() const {
   return {width_, height_, width_, pixels_.empty() ? nullptr : pixels_.data()};
 }
 
+namespace {
+
+// Fails unless the bytes start as a PNG or JPEG file does.
+void RefuseOtherFormats(const uint8_t* bytes, size_t size, const std::string& name) {
+  if (StartsWith(bytes, size, "\x89PNG\r\n\x1a\n", 8) || StartsWith(bytes, size, "\xff\xd8\xff", 3)) return;
+  if (const char* other = OtherFormat(bytes, size))
+    Fail(name, "it is " + std::string(other) + " image, and only PNG and JPEG images can be read");
+  Fail(name, "it is neither a PNG nor a JPEG image");
+}
+
+// Bytes enough to tell every format OtherFormat knows.
+constexpr size_t kSignatureBytes = 16;
+
+}  // namespace
+
 std::unique_ptr<ImageRaster> LoadImageRasterFromMemory(const void* data, size_t size, const std::string& name,
                                                        uint64_t max_pixels) {
   const auto* bytes = static_cast<const uint8_t*>(data);
@@ -289,6 +304,7 @@ std::unique_ptr<ImageRaster> LoadImageRasterFromMemory(const void* data, size_t 
   std::vector<uint8_t> rows;
   bool ok = false;
   const char* format = nullptr;
+  RefuseOtherFormats(bytes, size, name);
   try {
     if (StartsWith(bytes, size, "\x89PNG\r\n\x1a\n", 8)) {
       format = "PNG";
@@ -300,10 +316,6 @@ std::unique_ptr<ImageRaster> LoadImageRasterFromMemory(const void* data, size_t 
       JpegStructs structs;
       structs.errors.trouble = &trouble;
       ok = DecodeJpeg(bytes, size, structs, max_pixels, image, rows);
-    } else if (const char* other = OtherFormat(bytes, size)) {
-      Fail(name, "it is " + std::string(other) + " image, and only PNG and JPEG images can be read");
-    } else {
-      Fail(name, "it is neither a PNG nor a JPEG image");
     }
   } catch (const std::bad_alloc&) {
     Fail(name, "there is not enough memory to decode it");
@@ -322,10 +334,16 @@ namespace {
 constexpr uint64_t kMostImageFileBytes = uint64_t{1} << 30;
 
 // Every byte `fd` gives until its end, at most kMostImageFileBytes; `name` is for messages.
+// A stream that is no picture is refused as soon as its first bytes say so, not after a gigabyte.
 std::vector<uint8_t> ReadToEnd(int fd, const std::string& name, size_t expected) {
-  std::vector<uint8_t> bytes(std::max<size_t>(expected, 1) + 1);  // one byte more sees the end at once
+  std::vector<uint8_t> bytes(std::max<size_t>(expected, kSignatureBytes) + 1);  // one byte more sees the end at once
   size_t done = 0;
+  bool checked = false;
   for (;;) {
+    if (!checked && done >= kSignatureBytes) {
+      RefuseOtherFormats(bytes.data(), done, name);
+      checked = true;
+    }
     if (done == bytes.size()) {
       if (bytes.size() > kMostImageFileBytes) Fail(name, "it is larger than 1 GiB");
       bytes.resize(std::min<size_t>(bytes.size() * 2, kMostImageFileBytes + 1));

@@ -5,7 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-scripts/build.sh >/dev/null
+echo "== building the fontrix tool and the module (a few minutes the first time)"
+scripts/build.sh --main
+echo
 fontrix=build/bin/fontrix
 echo "== fontrix index: the module's caches brought up to date with the installed fonts"
 $fontrix index

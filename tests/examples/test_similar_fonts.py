@@ -103,4 +103,4 @@ class SimilarFontsExampleTest(unittest.TestCase):
 if __name__ == "__main__":
     CMAKE = sys.argv.pop(2)
     BUILD = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped

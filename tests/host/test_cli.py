@@ -328,4 +328,4 @@ class CliTest(unittest.TestCase):
 if __name__ == "__main__":
     FONTRIX, NO_ENTRY, FAKE = (os.path.abspath(p) for p in sys.argv[1:4])
     del sys.argv[1:4]
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped

@@ -357,6 +357,6 @@ if __name__ == "__main__":
         rest = rest[2:]
     absent = missing_programs()
     if absent:
-        print("skipped: the Inkscape tests need %s (scripts/setup.sh installs them)" % ", ".join(absent))
+        print("skipped: the Inkscape tests need %s (scripts/setup.sh --tests installs them)" % ", ".join(absent))
         sys.exit(SKIP)
-    unittest.main(argv=sys.argv[:1] + rest)
+    unittest.main(argv=sys.argv[:1] + rest, verbosity=2)  # the log says why a test was skipped

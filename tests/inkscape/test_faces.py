@@ -201,7 +201,7 @@ class ShownPictureTest(unittest.TestCase):
 
 if __name__ == "__main__":
     if not os.path.isfile(os.path.join(EXTENSIONS, "inkex", "__init__.py")):
-        print("skipped: Inkscape's inkex is not installed in %s (scripts/setup.sh installs inkscape)" % EXTENSIONS)
+        print("skipped: Inkscape's inkex is not installed in %s (scripts/setup.sh --tests installs inkscape)" % EXTENSIONS)
         sys.exit(SKIP)
     sys.path[:0] = [EXTENSIONS, os.path.join(os.getcwd(), "inkscape")]
     import fontrix_ink as fx  # noqa: E402
@@ -210,4 +210,4 @@ if __name__ == "__main__":
     import fontrix_replace as fx_replace  # noqa: E402
     if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
         FONTRIX = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped

@@ -101,4 +101,4 @@ class ModuleCliTest(unittest.TestCase):
 if __name__ == "__main__":
     MODULE = os.path.abspath(sys.argv.pop(2))
     FONTRIX = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped

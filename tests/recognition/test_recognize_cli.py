@@ -82,6 +82,19 @@ class RecognizeCliTest(unittest.TestCase):
             r = self.run_piped(data, "recognize", "-")
             self.assertEqual(r.returncode, 1)
             self.assertEqual(r.stderr.decode(), f"fontrix: cannot load the image from standard input: {why}\n")
+        # A stream that is no picture is refused by its first bytes, however much follows.
+        tool = subprocess.Popen([FONTRIX, "--module", MODULE, "--data-dir", self.data, "--cache-dir", self.cache,
+                                 "recognize", "-"], stdin=subprocess.PIPE, stderr=subprocess.PIPE, env=self.env)
+        sent = 0
+        try:
+            while sent < 1 << 30:
+                tool.stdin.write(bytes(1 << 20))
+                sent += 1 << 20
+        except BrokenPipeError:
+            pass
+        self.assertEqual(tool.wait(timeout=600), 1)
+        self.assertLess(sent, 64 << 20)
+        self.assertIn(b"it is neither a PNG nor a JPEG image", tool.stderr.read())
 
     def test_pictures_without_text_are_refused(self):
         from PIL import Image, ImageDraw
@@ -139,4 +152,4 @@ class RecognizeCliTest(unittest.TestCase):
 if __name__ == "__main__":
     MODULE = os.path.abspath(sys.argv.pop(2))
     FONTRIX = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped

@@ -82,4 +82,4 @@ class DnmRunTest(unittest.TestCase):
 
 if __name__ == "__main__":
     DNM_RUN = os.path.abspath(sys.argv.pop(1))
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped

@@ -42,4 +42,4 @@ class FontFeaturesTest(unittest.TestCase):
 
 if __name__ == "__main__":
     TOOL = sys.argv.pop(1)
-    unittest.main()
+    unittest.main(verbosity=2)  # the log says why a test was skipped
