@@ -251,7 +251,13 @@ Options Parse(int argc, char** argv) {
   options.args.assign(positional.begin() + 1, positional.end());
   const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
                                      [&](const Command& c) { return options.command == c.name; });
-  if (command == std::end(kCommands)) throw UsageError("unknown command '" + options.command + "'");
+  if (command == std::end(kCommands)) {
+    std::vector<std::string> names;
+    for (const Command& c : kCommands) names.push_back(c.name);
+    const std::vector<std::string> close = CloseNames(names, options.command, 1);
+    throw UsageError("unknown command '" + options.command + "'" +
+                     (close.empty() ? "" : " (did you mean '" + close[0] + "'?)"));
+  }
   if (command->most == 0 && !options.args.empty())
     throw UsageError(options.command + " takes no argument, not '" + options.args[0] + "'");
   if (options.args.size() < command->fewest || options.args.size() > command->most)
@@ -260,8 +266,8 @@ Options Parse(int argc, char** argv) {
                                                        : "at most " + std::to_string(command->most)) +
                      " arguments, not " + std::to_string(options.args.size()));
   if (options.limit_given && options.limit > command->results)
-    std::fprintf(stderr, "fontrix: %s gives at most %zu fonts; --limit %zu gives as many\n", command->name,
-                 command->results, options.limit);
+    std::fprintf(stderr, "fontrix: %s answers at most %zu fonts, so --limit %zu shows at most %zu\n", command->name,
+                 command->results, options.limit, command->results);
   const bool specimen = options.command == "specimen";
   if (specimen && options.output.empty()) throw UsageError("specimen needs the PNG file to write: -o FILE");
   if (!specimen && (!options.output.empty() || options.size))
@@ -927,6 +933,15 @@ void Classes(Host& host, const Options& options) {
     rows.back().classes = mask;
   }
   PrintRows(options, "", "fonts", rows, "%{name}\\t%{family}\\t%{style}\\t%{classes}");
+  if (rows.empty() && (all || none)) {
+    // An empty answer is said in words, so it is not taken for a failure to answer.
+    std::string which;
+    for (const std::string& c : options.args) which += (which.empty() ? "" : " and ") + c;
+    std::string but;
+    for (const std::string& c : options.not_classes) but += (but.empty() ? "" : " or ") + c;
+    std::fprintf(stderr, "fontrix: no installed font is classed %s%s%s\n", which.empty() ? "anything" : which.c_str(),
+                 but.empty() ? "" : " and not ", but.c_str());
+  }
   if (!options.sheet.empty()) {
     std::vector<Specimen> sheet;
     WriteResultSheet(host, options.sheet, sheet, rows, {"", nullptr});

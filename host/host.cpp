@@ -2,6 +2,7 @@
 #include "host/host.h"
 
 #include <dlfcn.h>
+#include <elf.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -163,22 +165,103 @@ namespace {
 const char* const kModuleCacheFiles[] = {"FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch",
                                          "NQ_sim_sums_sys.cch"};
 
-// Size and modification time of the module and of every file in its data folder.
-std::string ModuleStamp(const std::string& module, const std::string& data_dir) {
+// The GNU build identity the linker writes into a shared object: the same for the build tree's
+// module and its installed copy (installing rewrites the run path, not the note). "" if none.
+std::string BuildIdentity(const std::string& bytes) {
+  if (bytes.size() < sizeof(Elf64_Ehdr) || std::memcmp(bytes.data(), ELFMAG, SELFMAG) != 0 ||
+      bytes[EI_CLASS] != ELFCLASS64)
+    return "";
+  Elf64_Ehdr header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  for (size_t i = 0; i < header.e_phnum; ++i) {
+    const uint64_t at = header.e_phoff + i * uint64_t(header.e_phentsize);
+    Elf64_Phdr segment;
+    if (header.e_phentsize < sizeof segment || at + sizeof segment > bytes.size()) return "";
+    std::memcpy(&segment, bytes.data() + at, sizeof segment);
+    if (segment.p_type != PT_NOTE || segment.p_offset > bytes.size() || segment.p_filesz > bytes.size() - segment.p_offset)
+      continue;
+    for (uint64_t note = segment.p_offset, end = segment.p_offset + segment.p_filesz; note + sizeof(Elf64_Nhdr) <= end;) {
+      Elf64_Nhdr n;
+      std::memcpy(&n, bytes.data() + note, sizeof n);
+      const uint64_t name = note + sizeof n, desc = name + ((uint64_t(n.n_namesz) + 3) & ~uint64_t(3));
+      const uint64_t next = desc + ((uint64_t(n.n_descsz) + 3) & ~uint64_t(3));
+      if (next > end) break;
+      if (n.n_type == NT_GNU_BUILD_ID && n.n_namesz == 4 && std::memcmp(bytes.data() + name, "GNU", 4) == 0) {
+        std::string id = "build-";
+        for (uint64_t k = 0; k < n.n_descsz; ++k) {
+          char hex[3];
+          std::snprintf(hex, sizeof hex, "%02x", uint8_t(bytes[desc + k]));
+          id += hex;
+        }
+        return id;
+      }
+      note = next;
+    }
+  }
+  return "";
+}
+
+// What a file holds, as a short text: the module's build identity, else the FNV-1a hash of its
+// bytes.
+std::string ContentOf(const std::filesystem::path& file, bool module) {
+  std::string bytes;
+  if (std::FILE* f = std::fopen(file.c_str(), "rb")) {
+    char buffer[1 << 16];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) bytes.append(buffer, n);
+    std::fclose(f);
+  }
+  if (module)
+    if (std::string id = BuildIdentity(bytes); !id.empty()) return id;
+  uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : bytes) hash = (hash ^ c) * 1099511628211ull;
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
+// One line per file, the module first and the data folder's files after it in name order:
+// "name size time content". Two stamps name the same caches when every file has the same name,
+// size and content, wherever it lies and whenever it was copied (the installed tool and the
+// build tree's share them); the time only spares reading a file that has not changed since
+// `previous` was written.
+std::vector<std::string> ModuleStamp(const std::string& module, const std::string& data_dir,
+                                     const std::string& previous) {
   namespace fs = std::filesystem;
+  std::map<std::string, std::string> known;  // "name size time" -> content, from the previous stamp
+  for (size_t start = 0; start < previous.size();) {
+    const size_t end = std::min(previous.find('\n', start), previous.size());
+    const std::string line = previous.substr(start, end - start);
+    if (const size_t space = line.rfind(' '); space != std::string::npos)
+      known[line.substr(0, space)] = line.substr(space + 1);
+    start = end + 1;
+  }
   std::error_code ec;
-  auto line = [&](const fs::path& file) {
+  auto line = [&](const fs::path& file, bool isModule) {
     const auto size = fs::file_size(file, ec);
     const auto time = fs::last_write_time(file, ec).time_since_epoch().count();
-    return file.filename().string() + " " + std::to_string(ec ? 0 : size) + " " + std::to_string(ec ? 0 : time) + "\n";
+    const std::string key = file.filename().string() + " " + std::to_string(ec ? 0 : size) + " " +
+                            std::to_string(ec ? 0 : time);
+    const auto it = known.find(key);
+    return key + " " + (it != known.end() ? it->second : ContentOf(file, isModule));
   };
-  std::vector<std::string> lines{line(module)};
+  std::vector<std::string> lines{line(module, true)};
   for (fs::directory_iterator it(data_dir, ec), end; !ec && it != end; it.increment(ec))
-    if (it->is_regular_file(ec)) lines.push_back(line(it->path()));
+    if (it->is_regular_file(ec)) lines.push_back(line(it->path(), false));
   std::sort(lines.begin() + 1, lines.end());
-  std::string stamp;
-  for (const std::string& l : lines) stamp += l;
-  return stamp;
+  return lines;
+}
+
+// The stamp without the times: what the caches depend on.
+std::string Identity(const std::vector<std::string>& lines) {
+  std::string identity;
+  for (const std::string& l : lines) {
+    const size_t name_end = l.find(' ');
+    const size_t size_end = name_end == std::string::npos ? name_end : l.find(' ', name_end + 1);
+    const size_t time_end = size_end == std::string::npos ? size_end : l.find(' ', size_end + 1);
+    // A line of an older stamp, without a content, is kept whole: it matches no new one.
+    identity += (time_end == std::string::npos ? l : l.substr(0, size_end) + l.substr(time_end)) + "\n";
+  }
+  return identity;
 }
 
 }  // namespace
@@ -189,7 +272,6 @@ std::string ModuleStamp(const std::string& module, const std::string& data_dir) 
 // removes the caches when the stamp changes.
 void Host::ForgetCachesOfOtherModules(const std::string& module) {
   namespace fs = std::filesystem;
-  const std::string stamp = ModuleStamp(module, impl_->data_dir);
   const fs::path stamp_file = fs::path(impl_->cache_dir) / "module_stamp.txt";
   std::string previous;
   if (std::FILE* f = std::fopen(stamp_file.c_str(), "rb")) {
@@ -197,9 +279,20 @@ void Host::ForgetCachesOfOtherModules(const std::string& module) {
     for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) previous.append(buffer, n);
     std::fclose(f);
   }
+  const std::vector<std::string> lines = ModuleStamp(module, impl_->data_dir, previous);
+  std::string stamp;
+  for (const std::string& l : lines) stamp += l + "\n";
   if (previous == stamp) return;
+  std::vector<std::string> before;
+  for (size_t start = 0; start < previous.size();) {
+    const size_t end = std::min(previous.find('\n', start), previous.size());
+    before.push_back(previous.substr(start, end - start));
+    start = end + 1;
+  }
   std::error_code ec;
-  for (const char* name : kModuleCacheFiles) fs::remove(fs::path(impl_->cache_dir) / name, ec);
+  // The same module and data copied elsewhere keep the caches; only the times are written anew.
+  if (Identity(before) != Identity(lines))
+    for (const char* name : kModuleCacheFiles) fs::remove(fs::path(impl_->cache_dir) / name, ec);
   const fs::path temporary = stamp_file.string() + ".tmp";
   if (std::FILE* f = std::fopen(temporary.c_str(), "wb")) {
     const bool written = std::fwrite(stamp.data(), 1, stamp.size(), f) == stamp.size();

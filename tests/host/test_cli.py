@@ -7,6 +7,7 @@ Usage: test_cli.py PATH/TO/fontrix PATH/TO/libno_entry_module.so PATH/TO/libfake
 """
 import json
 import os
+import shutil
 import pty
 import re
 import signal
@@ -61,6 +62,8 @@ class CliTest(unittest.TestCase):
             "zero size": ["specimen", "DejaVuSans", "Abc", "-o", "a.png", "--size", "0"],
             "size not a number": ["specimen", "DejaVuSans", "Abc", "-o", "a.png", "--size=big"],
         }
+        r = self.run_tool("--module", FAKE, "simlar", "DejaVuSans")
+        self.assertEqual((r.returncode, r.stderr.splitlines()[0]), (2, "fontrix: unknown command 'simlar' (did you mean 'similar'?)"))
         for what, args in cases.items():
             r = self.run_tool("--module", FAKE, *args)
             self.assertEqual(r.returncode, 2, what + ": " + r.stderr)
@@ -203,7 +206,7 @@ class CliTest(unittest.TestCase):
         r = self.run_tool("--module", FAKE, "fonts", "DejaVu Serif:bold", "--format", "%{family}|%{weight}|%{slant};")
         self.assertEqual(set(r.stdout.rstrip(";").split(";")), {"DejaVu Serif|200|0", "DejaVu Serif|200|100"})
         r = self.run_tool("--module", FAKE, "similar", "DejaVuSans", "--limit", "100")
-        self.assertEqual(r.stderr.splitlines()[0], "fontrix: similar gives at most 80 fonts; --limit 100 gives as many")
+        self.assertEqual(r.stderr.splitlines()[0], "fontrix: similar answers at most 80 fonts, so --limit 100 shows at most 80")
 
     def test_what_a_service_reports_is_said_and_fails_the_commands_that_need_it(self):
         r = self.run_tool("--module", FAKE, "fonts", FAKE_MODULE_SAY="1:the cache file X was damaged; it is rebuilt")
@@ -273,6 +276,17 @@ class CliTest(unittest.TestCase):
         left = run()
         self.assertTrue(set(caches).isdisjoint(left))
         self.assertIn("unrelated.txt", left)  # only the module's own caches go
+
+        # The same module and data copied elsewhere, as an installed tool has them: kept.
+        fill()
+        run()
+        module, copied = os.path.join(self.tmp.name, "lib", os.path.basename(FAKE)), os.path.join(self.tmp.name, "share")
+        os.makedirs(os.path.dirname(module))
+        shutil.copyfile(FAKE, module)
+        shutil.copytree(data, copied, copy_function=shutil.copyfile)
+        r = self.run_tool("fonts", "--module", module, "--data-dir", copied, "--cache-dir", cache)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertTrue(set(caches) <= set(os.listdir(cache)))
 
     def test_ctrl_c_while_waiting_shuts_the_module_down_in_order(self):
         report = os.path.join(self.tmp.name, "report.txt")

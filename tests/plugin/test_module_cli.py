@@ -85,6 +85,10 @@ class ModuleCliTest(unittest.TestCase):
         height = struct.unpack(">I", png[20:24])[0]
         self.assertGreater(height, 3 * 48)  # three rows of 48-pixel samples, and their labels
 
+        # An empty answer is said, not left to look like a failure to answer.
+        r = self.classes("serif", "--not", "serif")
+        self.assertEqual((r.returncode, r.stdout, r.stderr), (0, "", "fontrix: no installed font is classed serif and not serif\n"))
+
         r = self.classes("gothic")
         self.assertEqual(r.returncode, 2)
         self.assertIn("no style class is named 'gothic'; the classes are blackletter, decorative", r.stderr)
