@@ -3,6 +3,7 @@
 #include <fontconfig/fontconfig.h>
 #include <ft2build.h>
 #include FT_FREETYPE_H
+#include FT_ADVANCES_H
 #include FT_MULTIPLE_MASTERS_H
 #include <sys/stat.h>
 
@@ -65,6 +66,38 @@ bool MapsLatinAlphanumerics(FT_Face face) {
   return true;
 }
 
+// Whether the codes of the Latin letters hold something else: the legacy encodings of symbol and
+// dingbat fonts (Standard Symbols' "a" is alpha, D050000L's is a pencil). Told by the glyphs'
+// names, where the face has them: a letter's glyph is named as the letter ("a", "a.alt",
+// "uni0061"), generically ("glyph12", "cid00012": no answer), or as something else ("alpha",
+// "a60"). A face whose letters are mostly named as something else, and hardly any as themselves,
+// draws no text.
+bool LettersHoldSymbols(FT_Face face) {
+  if (!FT_HAS_GLYPH_NAMES(face)) return false;
+  size_t themselves = 0, others = 0;
+  static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  for (const char* c = kLetters; *c; ++c) {
+    const FT_UInt glyph = FT_Get_Char_Index(face, FT_ULong(*c));
+    char name[64] = "";
+    if (!glyph || FT_Get_Glyph_Name(face, glyph, name, sizeof name) != 0 || !name[0]) continue;
+    const std::string n = name;
+    char code[16];
+    std::snprintf(code, sizeof code, "%04X", unsigned(*c));
+    const bool itself = (n.size() == 1 && n[0] == *c) || ((n[1] == '.' || n[1] == '_') && n[0] == *c) ||
+                        n == "uni" + std::string(code) || n == "u" + std::string(code);
+    size_t digits = n.size();
+    while (digits > 0 && std::isdigit(static_cast<unsigned char>(n[digits - 1]))) --digits;
+    const std::string stem = n.substr(0, digits);
+    const bool generic = digits < n.size() && (stem == "glyph" || stem == "g" || stem == "cid" || stem == "gid" ||
+                                               stem == "index" || stem == "afii");
+    if (itself)
+      ++themselves;
+    else if (!generic)
+      ++others;
+  }
+  return others >= 26 && themselves < 10;
+}
+
 // The named instance (1-based) whose coordinates are the variable font's defaults; 0 when none
 // is. fontconfig does not list that instance on its own: the default face stands for it.
 FT_UInt DefaultInstance(FT_Library library, FT_Face face) {
@@ -80,21 +113,47 @@ FT_UInt DefaultInstance(FT_Library library, FT_Face face) {
   return found;
 }
 
-// Advances of a-z, A-Z and 0-9 at 1000 pixels to the em, hashed (FNV-1a): the same face in
-// another file format (URW's OpenType, Type 1 and PFB copies) gives the same print, another
-// design under the same name does not. 0 when the face cannot be sized.
-uint64_t OutlinePrint(FT_Face face) {
-  if (!FT_IS_SCALABLE(face) || FT_Set_Pixel_Sizes(face, 1000, 1000) != 0) return 0;
-  uint64_t hash = 14695981039346656037ull;
+// Advances of a-z, A-Z and 0-9 in the face's own units (a variable face's at its instance),
+// brought to 1000 units to the em; empty when the face cannot be measured.
+std::vector<int16_t> LatinAdvances(FT_Face face) {
+  if (!FT_IS_SCALABLE(face) || face->units_per_EM == 0) return {};
+  std::vector<int16_t> advances;
   static const char kLatin[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   for (const char* c = kLatin; *c; ++c) {
     const FT_UInt glyph = FT_Get_Char_Index(face, FT_ULong(*c));
-    const FT_Pos advance = glyph && FT_Load_Glyph(face, glyph, FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) == 0
-                               ? (face->glyph->advance.x + 32) >> 6
-                               : -1;
-    for (int shift = 0; shift < 32; shift += 8) hash = (hash ^ uint64_t((advance >> shift) & 0xFF)) * 1099511628211ull;
+    FT_Fixed units = 0;
+    const int64_t advance =
+        glyph && FT_Get_Advance(face, glyph, FT_LOAD_NO_SCALE | FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP, &units) == 0
+            ? (int64_t(units) * 1000 + face->units_per_EM / 2) / face->units_per_EM
+            : -1;
+    advances.push_back(int16_t(std::clamp<int64_t>(advance, -1, 32767)));
   }
+  return advances;
+}
+
+// The advances hashed (FNV-1a): equal for the same outlines in two files.
+uint64_t OutlinePrint(const std::vector<int16_t>& advances) {
+  if (advances.empty()) return 0;
+  uint64_t hash = 14695981039346656037ull;
+  for (int16_t advance : advances)
+    for (int shift = 0; shift < 16; shift += 8) hash = (hash ^ uint64_t((uint16_t(advance) >> shift) & 0xFF)) * 1099511628211ull;
   return hash ? hash : 1;
+}
+
+std::string AdvancesText(const std::vector<int16_t>& advances) {
+  std::string text;
+  for (int16_t a : advances) text += (text.empty() ? "" : ",") + std::to_string(a);
+  return text;
+}
+
+std::vector<int16_t> ParseAdvances(const std::string& text) {
+  std::vector<int16_t> advances;
+  for (size_t start = 0; start < text.size();) {
+    const size_t comma = std::min(text.find(',', start), text.size());
+    advances.push_back(int16_t(std::stoi(text.substr(start, comma - start))));
+    start = comma + 1;
+  }
+  return advances;
 }
 
 }  // namespace
@@ -128,14 +187,15 @@ FaceResult ReadFace(FT_Library library, const std::string& path, int index, bool
       font.unique_name = WithoutSpaces(font.family) + (font.style.empty() ? "" : "-" + WithoutSpaces(font.style));
     if (named != face) FT_Done_Face(named);
     font.bitmap_only = !FT_IS_SCALABLE(face);
-    font.symbol = !MapsLatinAlphanumerics(face);
+    font.symbol = !MapsLatinAlphanumerics(face) || LettersHoldSymbols(face);
     // Decided while the face is open anyway: the module asks for every font at every update.
     FT_UInt glyph = FT_Get_Char_Index(face, 'a');
     if (!glyph && face->num_glyphs > 1) glyph = 1;
     font.usable = FT_IS_SCALABLE(face) && face->units_per_EM != 0 && face->num_glyphs >= 1 &&
                   FT_Load_Glyph(face, glyph, FT_LOAD_NO_SCALE | FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) == 0 &&
                   face->glyph->format == FT_GLYPH_FORMAT_OUTLINE;
-    font.outline_print = OutlinePrint(face);
+    font.advances = LatinAdvances(face);
+    font.outline_print = OutlinePrint(font.advances);
     if (!font.unique_name.empty()) result = std::move(font);
   }
   FT_Done_Face(face);
@@ -251,7 +311,7 @@ std::vector<std::string> Split(const std::string& line) {
   return fields;
 }
 
-constexpr const char* kListingHeader = "fontrix font listing 3";
+constexpr const char* kListingHeader = "fontrix font listing 4";
 
 }  // namespace
 
@@ -281,7 +341,7 @@ FontListing ReadFontListing(std::istream& in) {
     }
     body += line + '\n';
     const auto f = Split(line);
-    if (f.size() != 13) return {};
+    if (f.size() != 14) return {};
     try {
       ListedFaceResult r;
       r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
@@ -296,6 +356,7 @@ FontListing ReadFontListing(std::istream& in) {
         font.symbol = f[10] == "1";
         font.usable = std::stoi(f[11]);
         font.outline_print = std::stoull(f[12]);
+        font.advances = ParseAdvances(f[13]);
         r.result = font;
       }
       listing[Unescape(f[0]) + '\n' + f[1]] = r;
@@ -316,9 +377,9 @@ void WriteFontListing(std::ostream& out, const FontListing& listing) {
     if (r.result)
       body << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
            << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
-           << r.result->usable << '\t' << r.result->outline_print;
+           << r.result->usable << '\t' << r.result->outline_print << '\t' << AdvancesText(r.result->advances);
     else
-      body << "\t\t\t\t0\t0\t-1\t0";
+      body << "\t\t\t\t0\t0\t-1\t0\t";
     body << '\n';
   }
   char sum[17];

@@ -28,6 +28,9 @@ struct HostFont {
   int usable = -1;  ///< has a usable outline program: 1 yes, 0 no, -1 not known yet (asked of FreeType)
   int weight = 80, width = 100, slant = 0;  ///< fontconfig's values (regular 80, bold 200; normal width 100; italic 100)
   uint64_t outline_print = 0;  ///< digest of the advances of a-z, A-Z, 0-9: equal for one face in two files; 0 unknown
+  /// The advances of a-z, A-Z, 0-9 at 1000 units to the em (-1: no glyph); empty when unknown.
+  /// One face in two files has them within a unit or two: the files' rounding differs.
+  std::vector<int16_t> advances{};
   std::string duplicate_of{};  ///< file of the face listed earlier under this name whose copy this is; empty if none
 };
 

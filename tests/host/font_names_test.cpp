@@ -64,6 +64,32 @@ TEST(NameFaces, UnknownPrintsAreNeverTheSameFaceButSymbolFontsGoByName) {
   EXPECT_EQ(fonts[3].duplicate_of, "/d.otf");
 }
 
+// Advances measured in two files of one face round differently, and a variable file's slant
+// instances may differ from the italic file in a few glyphs: still one face. More glyphs off, or
+// one far off, is another design.
+TEST(NameFaces, AdvancesNearlyEqualMakeACopy) {
+  auto with = [](HostFont f, int seed, std::vector<std::pair<size_t, int>> changes) {
+    f.advances.assign(62, 0);
+    for (size_t i = 0; i < 62; ++i) f.advances[i] = int16_t(400 + (i * 37 + size_t(seed)) % 300);
+    for (auto [at, by] : changes) f.advances[at] = int16_t(f.advances[at] + by);
+    return f;
+  };
+  const HostFont base = Face("Inter-ThinItalic", "Inter", "Thin Italic", "/italic.ttf", 1);
+  std::vector<HostFont> fonts = {
+      with(base, 0, {}),
+      with(Face("Inter-ThinItalic", "Inter", "Thin Italic", "/var.ttf", 2), 0,
+           {{3, 2}, {5, -1}, {16, 21}, {35, -31}, {40, 9}, {41, 15}, {42, 12}, {50, 6}}),
+      with(Face("Inter-ThinItalic", "Inter", "Thin Italic", "/seven.ttf", 3), 0,
+           {{1, 5}, {2, 5}, {3, 5}, {4, 5}, {5, 5}, {6, 5}, {7, 5}}),
+      with(Face("Inter-ThinItalic", "Inter", "Thin Italic", "/far.ttf", 4), 0, {{9, 41}}),
+  };
+  NameFaces(fonts);
+  EXPECT_EQ(fonts[1].duplicate_of, "/italic.ttf");
+  EXPECT_EQ(fonts[2].duplicate_of, "");
+  EXPECT_EQ(fonts[3].duplicate_of, "");
+  EXPECT_NE(fonts[2].unique_name, "Inter-ThinItalic");
+}
+
 class ResolveFontTest : public testing::Test {
  protected:
   ResolveFontTest() {

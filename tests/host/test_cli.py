@@ -193,6 +193,13 @@ class CliTest(unittest.TestCase):
             if name == "NimbusRoman-Regular":
                 self.assertEqual(status, "used" if where.endswith(".otf:0") else
                                  "a copy of the face in /usr/share/fonts/opentype/urw-base35/NimbusRoman-Regular.otf")
+        # Faces whose letter codes hold symbols (Greek letters, dingbats) draw no text: none is used.
+        symbols = {where: status for where, (name, status) in listing.items()
+                   if name in ("StandardSymbolsPS", "D050000L") and where.endswith(".otf:0")}
+        self.assertEqual(len(symbols), 2, "fonts-urw-base35 is installed by scripts/setup.sh --tests")
+        for status in symbols.values():
+            self.assertEqual(status, "no Latin letters and digits, or symbols in their place "
+                                     "(a symbol, dingbat or non-Latin font)")
 
     def test_lists_filter_format_and_limits(self):
         def names(*args):
