@@ -66,7 +66,8 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
                                                                {"similarity", kSwitchSimilarity},
                                                                {"recognition", kSwitchRecognition},
                                                                {"class-vote", kSwitchClassVote},
-                                                               {"installed-lines", kSwitchRecognitionInstalledLines}};
+                                                               {"installed-lines", kSwitchRecognitionInstalledLines},
+                                                               {"width-cuts", kSwitchRecognitionWidthCuts}};
   std::vector<std::string> keys;
   for (size_t start = 0; start <= services.size();) {
     const size_t comma = std::min(services.find(',', start), services.size());
@@ -76,7 +77,7 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
     auto it = kServices.find(service);
     if (it == kServices.end())
       throw std::runtime_error("unknown service '" + service +
-                               "' (known: classification, similarity, recognition, class-vote, installed-lines)");
+                               "' (known: classification, similarity, recognition, class-vote, installed-lines, width-cuts)");
     keys.push_back(it->second);
   }
   return keys;
@@ -89,7 +90,8 @@ std::map<std::string, bool> ResolveSwitches(const std::map<std::string, bool>& o
                                           {kSwitchClassVote, true},
                                           {kSwitchDumpDebugInfo, false},
                                           {kSwitchRecognitionLargestLine, false},
-                                          {kSwitchRecognitionInstalledLines, true}};
+                                          {kSwitchRecognitionInstalledLines, true},
+                                          {kSwitchRecognitionWidthCuts, true}};
   if (const std::string disabled = Env("FONTRIX_DISABLE"); !disabled.empty()) {
     try {
       for (const std::string& key : ServiceSwitches(disabled)) switches[key] = false;

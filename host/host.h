@@ -74,6 +74,7 @@ inline constexpr const char* kSwitchRecognitionLargestLine = "Text/FontRecogniti
 /// Recognition also compares pictures with a line drawn in each installed font (on unless
 /// "installed-lines" is disabled).
 inline constexpr const char* kSwitchRecognitionInstalledLines = "Text/FontRecognitionInstalledLines";
+inline constexpr const char* kSwitchRecognitionWidthCuts = "Text/FontRecognitionWidthCuts";
 
 /// The feature switches of a comma-separated list of services ("classification", "similarity",
 /// "recognition", and "class-vote" for the vote the style classes are joined with), as --disable

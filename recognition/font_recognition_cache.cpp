@@ -18,6 +18,7 @@
 #include "shell/host_suites.h"
 #include "similarity/font_similar_cache.h"
 #include "similarity/similarity_table.h"
+#include "recognition/letter_proportions.h"
 
 namespace fontrix {
 
@@ -89,6 +90,7 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
   status_.clear();
   largestLineOnly_ = qv::GetFeatureManager().IsEnabled(kRecognitionLargestLineSwitch);
   installedLines_ = qv::GetFeatureManager().IsEnabled(kRecognitionInstalledLinesSwitch);
+  widthCuts_ = qv::GetFeatureManager().IsEnabled(kRecognitionWidthCutsSwitch);
   linesPath_ = paths.installedLines;
   lines_.clear();
   linesFromFile_ = 0;
@@ -182,6 +184,8 @@ bool FontRecognitionCache::Update(const std::vector<QVFontHandle>& fonts, uint32
   {
     std::unique_lock<std::shared_mutex> lock(lock_);
     installed_ = names;
+    handles_ = usable;
+    proportionOf_.assign(usable.size(), -1.0);
     MatchEntries();
     MatchLines();
   }
@@ -335,6 +339,10 @@ LineReading FontRecognitionCache::ReadText(const uint8_t* pixels, int32_t width,
   size_t read = 0;
   for (size_t i : LinesToRead(layout, mostLines)) {
     GreyRaster line = CutLine(pixels, width, height, layout, i);
+    if (widthCuts_) {
+      const std::vector<float> letters = XHeightLetterProportions(line);
+      sum.letterProportions.insert(sum.letterProportions.end(), letters.begin(), letters.end());
+    }
     if (!localisation_.empty()) {
       // The band of rows the localisation network picks within the cut: lines as the
       // recognition network was trained to read them.
@@ -421,6 +429,7 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     if (reading.prob.empty()) return results;  // no line of text
     const std::vector<float> likeness = LikenessLocked(reading.features);
     results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), likeness);
+    if (widthCuts_) OrderWidthCutsLocked(results, MedianProportion(reading.letterProportions));
     RateLocked(results, likeness);
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
@@ -431,6 +440,38 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
       dev->WritePerformanceLog(perf, line);
     }
   return results;
+}
+
+void FontRecognitionCache::OrderWidthCutsLocked(std::vector<Result>& results, double seen) const {
+  if (!(seen > 0) || results.size() < 2 || !Fonts().Available()) return;
+  hostglue::FontAccess& access = Fonts().Get();
+  // Measured once a font, on the first picture that needs it: a few glyph boxes.
+  auto proportion = [&](int32_t f) {
+    if (f < 0 || size_t(f) >= handles_.size()) return 0.0;
+    std::lock_guard<std::mutex> lock(proportionMutex_);
+    double& p = proportionOf_[size_t(f)];
+    if (p < 0) p = FontLetterProportion(access, handles_[size_t(f)]);
+    return p;
+  };
+  auto family = [&](int32_t f) {
+    hostglue::FontNames n;
+    return f >= 0 && size_t(f) < handles_.size() && access.Names(handles_[size_t(f)], n) ? n.family : std::string();
+  };
+  // Among the first answers, a width cut of the same family that scores nearly as well goes
+  // before the answer when the picture's letters are clearly as wide as its own.
+  constexpr size_t kConsidered = 3;
+  constexpr double kNearlyAsWell = 0.9;
+  for (size_t i = 0; i < results.size() && i < kConsidered; ++i)
+    for (size_t j = i + 1; j < results.size() && j < kConsidered; ++j) {
+      if (results[j].score < kNearlyAsWell * results[i].score) continue;
+      const std::string home = family(results[i].fontIndex);
+      if (home.empty() || family(results[j].fontIndex) != home) continue;
+      if (!NearerTheOther(seen, proportion(results[i].fontIndex), proportion(results[j].fontIndex))) continue;
+      const double score = results[i].score;
+      std::swap(results[i], results[j]);
+      results[j].score = std::min(results[j].score, results[i].score);
+      results[i].score = score;
+    }
 }
 
 void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const {

@@ -2,6 +2,7 @@
 // The recognition cache: the recognition network, the optional localisation network, the font
 // table that names the network's classes, and the query from a raster of one line of text.
 #include <array>
+#include <mutex>
 #include <cstdint>
 #include <shared_mutex>
 #include <string>
@@ -130,6 +131,16 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   std::vector<bool> named_;
   /// lineOfFont_ and named_ from installed_, lines_ and entryToFont_. Caller holds lock_ exclusively.
   void MatchLines();
+
+  // Width cuts (letter_proportions.h): whether it is on, the installed fonts' handles (as
+  // installed_), and each one's letter proportion once measured (-1: not yet; 0: none).
+  bool widthCuts_ = false;
+  std::vector<QVFontHandle> handles_;
+  mutable std::vector<double> proportionOf_;
+  mutable std::mutex proportionMutex_;
+  /// Puts a width cut of an answer's family before it where the picture's letter proportion
+  /// `seen` is clearly its. Caller holds lock_.
+  void OrderWidthCutsLocked(std::vector<Result>& results, double seen) const;
 };
 
 }  // namespace fontrix

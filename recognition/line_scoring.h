@@ -56,6 +56,8 @@ std::vector<float> LineCrops(const std::vector<float>& line, int32_t width);
 /// network without a layer of that name.
 struct LineReading {
   std::vector<float> prob, features;
+  /// Width over height of the letters of x-height in the lines read (letter_proportions.h).
+  std::vector<float> letterProportions;
 };
 
 /// Reads the ten crops of a line, run in two batches of five.

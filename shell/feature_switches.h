@@ -31,6 +31,10 @@ constexpr const char* kRecognitionLargestLineSwitch = "Text/FontRecognitionLarge
 /// fonts the network has no class for can be answered (off: the network's answer alone). Read
 /// when the recognition cache loads.
 constexpr const char* kRecognitionInstalledLinesSwitch = "Text/FontRecognitionInstalledLines";
+/// Ours: of two width cuts of one family among the first answers, the one whose letters are as
+/// wide for their height as the picture's goes first (off: the network's order). Read when the
+/// recognition cache loads.
+constexpr const char* kRecognitionWidthCutsSwitch = "Text/FontRecognitionWidthCuts";
 
 /// The service switches, each asked of the host on first use and then kept for the life of
 /// the process.

@@ -208,11 +208,36 @@ class TrainedRecognitionTest(ShippedDataTest):
                 answers.append(f"{font} {page}: {names}")
                 self.assertIn(font, names, answers[-1])
                 first += names[0] == font
-                without = self.recognised(font, text, size, page, data=data, disable="installed-lines")
+                # (The width cuts put a face before its other cut whichever the network knows.)
+                without = self.recognised(font, text, size, page, data=data, disable="installed-lines,width-cuts")
                 self.assertFalse(without and without[0] == font, f"{font} {page} without lines: {without}")
         self.assertGreater(first, 0, answers)
+        # However many faces are installed, the face itself is near the top and before its other
+        # width cut.
         names = self.recognised("DejaVuSans-Bold", text, size, "wide", data=data)
-        self.assertTrue(names and self.drawn_alike("DejaVuSans-Bold", names[0], text, size), names)
+        self.assertIn("DejaVuSans-Bold", names[:3], names)
+        self.assertNotIn("DejaVuSansCondensed-Bold", names[:names.index("DejaVuSans-Bold")], names)
+
+    def test_width_cuts_of_one_family_are_told_apart(self):
+        """The network scores a face and its condensed cut within a hair of each other, so its
+        order between them is a coin's; the letters' width for their height decides which goes
+        first, and is right for most pictures (21 of 24 when last measured; 13 by the network)."""
+        pairs = [p for p in (("DejaVuSans-Bold", "DejaVuSansCondensed-Bold"), ("DejaVuSans", "DejaVuSansCondensed"),
+                             ("DejaVuSerif-Bold", "DejaVuSerifCondensed-Bold"),
+                             ("DejaVuSans-Oblique", "DejaVuSansCondensed-Oblique"),
+                             ("DejaVuSerif", "DejaVuSerifCondensed"), ("DejaVuSerif-Italic", "DejaVuSerifCondensed-Italic"))
+                 if p[0] in self.installed and p[1] in self.installed]
+        if len(pairs) < 3:
+            self.skipTest("the DejaVu faces and their condensed cuts are not installed")
+        right, seen = 0, []
+        for normal, condensed in pairs:
+            for font, other in ((normal, condensed), (condensed, normal)):
+                for text, size in ((LINES[0], 40), (LINES[1], 56)):
+                    names = self.recognised(font, text, size)
+                    self.assertIn(font, names, f"{font} {text}: {names}")
+                    right += other not in names[:names.index(font)]
+                    seen.append(f"{font} {size}: {names[:2]}")
+        self.assertGreaterEqual(right, 0.8 * len(seen), seen)
 
     def test_answers_say_how_sure_they_are(self):
         """Each answer has a confidence between 0 and 1, the first the highest; a clean line of
