@@ -295,6 +295,18 @@ class CliTest(unittest.TestCase):
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertTrue(set(caches) <= set(os.listdir(cache)))
 
+    def test_a_cache_folder_that_cannot_be_made_is_said_and_fails_index(self):
+        blocker = os.path.join(self.tmp.name, "a-file")
+        with open(blocker, "w") as f:
+            f.write("not a folder")
+        cache = os.path.join(blocker, "cache")
+        said = "fontrix: warning: cannot make the cache folder %s (Not a directory): nothing is kept between runs\n" % cache
+        for command, status in (("fonts", 0), ("index", 1)):
+            r = subprocess.run([FONTRIX, "--module", FAKE, "--cache-dir", cache, command], capture_output=True,
+                               text=True, timeout=120, env=self.env, cwd=self.tmp.name)
+            self.assertEqual(r.returncode, status, r.stderr)
+            self.assertTrue(r.stderr.startswith(said), r.stderr)
+
     def test_ctrl_c_while_waiting_shuts_the_module_down_in_order(self):
         report = os.path.join(self.tmp.name, "report.txt")
         tool = subprocess.Popen([FONTRIX, "fonts", "--module", FAKE], stdout=subprocess.PIPE,

@@ -49,6 +49,18 @@ class ModuleCliTest(unittest.TestCase):
         return subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", self.cache, "classes", *args],
                               capture_output=True, text=True, timeout=300, env=self.env)
 
+    def test_without_a_cache_folder_the_module_answers_and_writes_nowhere_else(self):
+        blocker = os.path.join(self.tmp.name, "a-file")
+        with open(blocker, "w") as f:
+            f.write("not a folder")
+        r = subprocess.run([FONTRIX, "--module", MODULE, "--cache-dir", os.path.join(blocker, "cache"), "--disable",
+                            "recognition", "similar", "DejaVuSans", "--limit", "2"],
+                           capture_output=True, text=True, timeout=600, env=self.env, cwd=self.tmp.name)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(len(r.stdout.splitlines()), 2)
+        self.assertEqual(r.stderr.count("\n"), 1, r.stderr)  # said once, by the tool
+        self.assertEqual(sorted(os.listdir(self.tmp.name)), ["a-file"])  # no lock file in the working folder
+
     def test_classes_answer_through_the_feature_suite(self):
         r = self.classes("--json")
         self.assertEqual(r.returncode, 0, r.stderr)
