@@ -28,7 +28,7 @@ class IdentifyFont(fx.FontrixEffect):
             raise inkex.AbortExtension("Identify font works on a bitmap image, and the selection holds none.")
         image = images[0]
         with tempfile.TemporaryDirectory(prefix="fontrix-") as folder:
-            path, _ = fontrix_pictures.shown_picture(self, image, folder)
+            path, _, shown = fontrix_pictures.shown_picture(self, image, folder)
             answer, _ = fx.run_fontrix("recognize", path, "--limit", str(self.options.count))
         if not answer["results"]:
             raise inkex.AbortExtension("Fontrix recognised no installed font in the image: it needs text "
@@ -36,13 +36,14 @@ class IdentifyFont(fx.FontrixEffect):
         sample = " ".join(self.options.sample.split()) or "Handgloves"
         entries = [(label(i, r, answer), sample, fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
 
-        box = fx.query_boxes(self).get(image.get("id"))
-        if not box:
-            b = image.bounding_box(image.getparent().composed_transform())
-            box = (b.left, b.top, b.width, b.height)
-        size = min(max(box[3] * 0.6, box[2] / 40.0), box[2] / 6.0)
+        # Samples about as high as the text the picture shows: a share of the part shown, on the page.
+        matrix = image.composed_transform()
+        scale = abs(matrix.a * matrix.d - matrix.b * matrix.c) ** 0.5 or 1.0
+        width, height = shown[0] * scale, shown[1] * scale
+        size = min(max(height * 0.6, width / 40.0), width / 6.0)
         group = fx.new_group(self.svg, "Fontrix: fonts in " + (image.get("id") or "the image"), "fontrix-identify-")
-        fx.add_board(group, self.svg, "Fonts in the image", entries, box[0], box[1] + box[3] + size * 0.3, size)
+        _, extent = fx.add_board(group, self.svg, "Fonts in the image", entries, size)
+        fx.place_boards(self, [fx.Board(group, extent, anchors=[image.get_id()], side="below", gap=size * 0.3)])
 
 
 def label(index, font, answer):

@@ -5,14 +5,17 @@ Every answer comes from the installed `fontrix --json`; nothing here ranks, clas
 recognises fonts itself. A failure the user can act on is an inkex.AbortExtension carrying one
 sentence, which Inkscape shows in a message box.
 """
+import copy
 import json
 import os
 import re
 import shutil
 import subprocess
+import tempfile
 
 import inkex
 from inkex import Group, TextElement, Transform, Tspan
+from lxml import etree
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -390,6 +393,111 @@ def set_font(element, css, descendants=True):
 
 
 # ---------------------------------------------------------------------------------------------
+# The characters of a text object
+
+# Elements whose text is drawn as part of a text object; another child (a title, a flowed
+# text's region) draws none of it, though the text after it does.
+TEXT_CONTENT = {"text", "tspan", "textPath", "a", "flowRoot", "flowPara", "flowDiv", "flowSpan"}
+KEEP_NEWLINES = {"pre", "pre-wrap", "pre-line", "break-spaces"}
+
+
+def local_name(node):
+    return etree.QName(node).localname if isinstance(node.tag, str) else None
+
+
+def text_pieces(text):
+    """The characters of a text object in the order they are drawn, as (element whose style
+    sets them, string) pairs, with None where a line ends: before a tspan Inkscape writes as a
+    line (sodipodi:role="line") or one placed at a y of its own, before a flowed paragraph, and
+    at a newline where the text's white-space keeps newlines (Inkscape's SVG 2 text). Text
+    after a child element (its tail) is its parent's."""
+    pieces = []
+    keep_newlines = str(text.cascaded_style().get("white-space") or "").strip() in KEEP_NEWLINES
+    line_y = [text.get("y")]
+
+    def add(owner, string):
+        if not string:
+            return
+        for index, part in enumerate(string.split("\n") if keep_newlines else [string]):
+            if index:
+                pieces.append(None)
+            if part:
+                pieces.append((owner, part))
+
+    def walk(node):
+        add(node, node.text)
+        for child in node:
+            name = local_name(child)
+            if name in TEXT_CONTENT:
+                y = child.get("y")
+                if name in ("flowPara", "flowDiv") or name == "tspan" and (
+                        child.get("sodipodi:role") == "line" or y is not None and y != line_y[0]):
+                    pieces.append(None)
+                if y is not None:
+                    line_y[0] = y
+                walk(child)
+            add(node, child.tail)
+
+    walk(text)
+    return pieces
+
+
+def text_lines(text):
+    """The lines of a text object, each its list of (element, string) pieces."""
+    lines = [[]]
+    for piece in text_pieces(text):
+        if piece is None:
+            lines.append([])
+        else:
+            lines[-1].append(piece)
+    return lines
+
+
+def first_line(element, default="Handgloves"):
+    """The first line of a text object with something on it (across its nested tspans or
+    flowed spans), its spaces squeezed, at most 80 characters; `default` when it has none."""
+    for line in text_lines(element):
+        text = " ".join("".join(string for _, string in line).split())
+        if text:
+            return text[:80]
+    return default
+
+
+def first_face_element(text):
+    """The element whose style sets the text object's first characters (the text object itself
+    when it has none)."""
+    return next((piece[0] for piece in text_pieces(text) if piece and piece[1].strip()), text)
+
+
+def set_font_where(text, face, css):
+    """Sets the characters of a text object drawn in `face` in the face `css` gives, leaving
+    the others in theirs: each largest part of the text (the text object itself, a line, a
+    nested tspan) whose every character is in `face` gets `css`, the elements under it losing
+    their own font properties so they inherit it. Returns the elements set."""
+    key = face.key()
+    in_face = {}
+    for piece in text_pieces(text):
+        if piece and piece[1].strip() and piece[0] not in in_face:
+            in_face[piece[0]] = element_face(piece[0]).key() == key
+    changed = []
+
+    def visit(node):
+        inside = [yes for owner, yes in in_face.items() if owner is node or node in owner.iterancestors()]
+        if not inside:
+            return
+        if all(inside):
+            set_font(node, css)
+            changed.append(node)
+            return
+        for child in node:
+            if local_name(child) in TEXT_CONTENT:
+                visit(child)
+
+    visit(text)
+    return changed
+
+
+# ---------------------------------------------------------------------------------------------
 # Sizes and places
 
 def css_length(value, font_size=16.0):
@@ -422,25 +530,210 @@ def visible_font_size(element):
     return size * (scale or 1.0)
 
 
-def query_boxes(extension):
-    """Bounding boxes of every element of the document as Inkscape lays it out (text included),
-    in the document's user units: id -> (x, y, width, height). Empty when Inkscape cannot be
-    asked."""
+def query_boxes(extension, path):
+    """Bounding boxes of the elements of the SVG file `path` as Inkscape lays it out (text
+    included), in the effect's document's user units: id -> (left, top, right, bottom). Empty
+    when Inkscape cannot be asked."""
     try:
-        done = subprocess.run([os.environ.get("INKSCAPE_COMMAND", "inkscape"), "--query-all",
-                               extension.options.input_file], capture_output=True, text=True, timeout=120)
-    except (OSError, subprocess.TimeoutExpired, TypeError):
+        done = subprocess.run([os.environ.get("INKSCAPE_COMMAND", "inkscape"), "--query-all", path],
+                              capture_output=True, text=True, timeout=120)
+    except (OSError, subprocess.TimeoutExpired):
         return {}
+    # Inkscape answers in px from the viewBox's corner.
     px = extension.svg.unittouu("1px")
+    left, top = extension.svg.get_viewbox()[:2]
     boxes = {}
     for line in done.stdout.splitlines():
         parts = line.split(",")
         if len(parts) == 5:
             try:
-                boxes[parts[0]] = tuple(float(v) * px for v in parts[1:])
+                x, y, w, h = (float(v) * px for v in parts[1:])
             except ValueError:
                 continue
+            boxes[parts[0]] = (left + x, top + y, left + x + w, top + y + h)
     return boxes
+
+
+def layout(extension):
+    """The document as the effect has made it, and its boxes as Inkscape lays it out
+    (query_boxes), from a copy in which every element has an id (Inkscape names the others
+    its own way). The copy is written beside the effect's input, where the links Inkscape
+    rewrote for that file still lead to their pictures, else in the temporary folder."""
+    root = copy.deepcopy(extension.svg)
+    taken = {node.get("id") for node in root.iter() if isinstance(node.tag, str)}
+    count = 0
+    for node in root.iter():
+        if isinstance(node.tag, str) and not node.get("id"):
+            count += 1
+            while "fontrix-layout-%d" % count in taken:
+                count += 1
+            node.set("id", "fontrix-layout-%d" % count)
+    source = extension.options.input_file
+    folders = [os.path.dirname(os.path.abspath(source))] if isinstance(source, str) else []
+    for folder in folders + [None]:
+        try:
+            handle, path = tempfile.mkstemp(prefix="fontrix-layout-", suffix=".svg", dir=folder)
+        except OSError:
+            continue
+        try:
+            with os.fdopen(handle, "wb") as stream:
+                etree.ElementTree(root).write(stream)
+            return root, query_boxes(extension, path)
+        finally:
+            try:
+                os.unlink(path)
+            except OSError:
+                pass
+    return root, {}
+
+
+# Where nothing is drawn on the canvas: definitions, and the parts of clips, masks and the like.
+NOT_DRAWN = {"defs", "clipPath", "mask", "marker", "pattern", "symbol", "metadata", "namedview"}
+# Elements whose box is that of what they hold (groups, layers, links).
+CONTAINERS = (inkex.Group, inkex.Anchor, inkex.ClipPath, inkex.Mask, inkex.Marker)
+
+
+def drawn_boxes(root, boxes, leave_out=()):
+    """The boxes (of `boxes`) of what is drawn on the canvas: every visible object but groups
+    (their members count) and the parts of a text (the text counts), and none under the
+    elements whose ids are `leave_out`."""
+    by_id = {node.get("id"): node for node in root.iter() if isinstance(node.tag, str)}
+    hiding = HidingRules(root)
+    drawn = []
+    for element_id, box in boxes.items():
+        element = by_id.get(element_id)
+        if element is None or element is root or isinstance(element, CONTAINERS):
+            continue
+        chain = list(element.iterancestors())[::-1] + [element]
+        if any(local_name(node) in NOT_DRAWN or node.get("id") in leave_out for node in chain):
+            continue
+        if any(isinstance(node, (TextElement, inkex.FlowRoot)) for node in chain[:-1]):
+            continue
+        if hiding.shown(element):
+            drawn.append(box)
+    return drawn
+
+
+class HidingRules:
+    """Whether elements are drawn, as their display and visibility say: from their style
+    attributes, the document's style sheets (each rule matched once: inkex's own cascade
+    matches every rule again for each element, far too slow for a whole document) and their
+    presentation attributes."""
+
+    PROPERTIES = ("display", "visibility")
+
+    def __init__(self, root):
+        self.sheets = {}
+        for sheet in root.stylesheets:
+            for style in sheet:
+                values = {key: str(style.get(key)).strip() for key in self.PROPERTIES if style.get(key)}
+                if not values:
+                    continue
+                for rule, rank in zip(style.to_xpaths(), style.get_specificities()):
+                    for node in root.xpath(rule):
+                        found = self.sheets.setdefault(node, {})
+                        for key, value in values.items():
+                            if key not in found or rank >= found[key][0]:
+                                found[key] = (rank, value)
+        self.known = {}
+
+    def own(self, node, key):
+        value = node.style.get(key) if isinstance(node, inkex.BaseElement) else None
+        if value:
+            return str(value).strip()
+        if key in self.sheets.get(node, {}):
+            return self.sheets[node][key][1]
+        return (node.get(key) or "").strip()
+
+    def state(self, node):
+        """(displayed, visibility) of a node, its ancestors' taken into account."""
+        if node is None or not isinstance(node.tag, str):
+            return True, "visible"
+        if node not in self.known:  # lxml keeps one object per element while it is referred to
+            displayed, visibility = self.state(node.getparent())
+            displayed = displayed and self.own(node, "display") != "none"
+            visibility = self.own(node, "visibility") or visibility
+            self.known[node] = displayed, visibility
+        return self.known[node]
+
+    def shown(self, node):
+        displayed, visibility = self.state(node)
+        return displayed and visibility not in ("hidden", "collapse")
+
+
+def guessed_boxes(root):
+    """Boxes of the document's elements without Inkscape's layout: inkex's, with a generous
+    guess at a text's extent (text has none until it is laid out)."""
+    boxes = {}
+    for element in root.iter():
+        if not isinstance(element, inkex.ShapeElement) or not element.get("id") or element is root:
+            continue
+        try:
+            box = element.bounding_box(element.getparent().composed_transform())
+        except Exception:  # inkex knows no box for some elements
+            continue
+        if not box:
+            continue
+        left, top, right, bottom = box.left, box.top, box.right, box.bottom
+        if isinstance(element, (TextElement, inkex.FlowRoot)):
+            size = visible_font_size(element)
+            lines = ["".join(string for _, string in line) for line in text_lines(element)]
+            right = max(right, left + size * 0.62 * max(len(line) for line in lines))
+            top, bottom = top - size, max(bottom, top - size + size * 1.25 * len(lines))
+        boxes[element.get("id")] = (left, top, right, bottom)
+    return boxes
+
+
+def overlaps(a, b):
+    return min(a[2], b[2]) > max(a[0], b[0]) and min(a[3], b[3]) > max(a[1], b[1])
+
+
+class Board:
+    """A board to place: its group, built from the origin, with its extent as guessed
+    (add_board's); where it should go: to the right of (`side` "right") or under ("below")
+    the objects whose ids are `anchors`, `gap` away, or without them at `point`."""
+
+    def __init__(self, group, extent, anchors=(), side="right", gap=10.0, point=(0.0, 0.0)):
+        self.group, self.extent, self.anchors = group, extent, list(anchors)
+        self.side, self.gap, self.point = side, gap, point
+
+    def wanted(self, boxes):
+        """The top left corner the board should have."""
+        shown = [boxes[i] for i in self.anchors if i in boxes]
+        if not shown:
+            return self.point
+        left, top = min(b[0] for b in shown), min(b[1] for b in shown)
+        right, bottom = max(b[2] for b in shown), max(b[3] for b in shown)
+        return (right + self.gap, top) if self.side == "right" else (left, bottom + self.gap)
+
+
+def place_boards(extension, boards):
+    """Moves each board where it should go, or, where it would overlap something drawn there
+    (or a board placed before it), to the right of everything at that height. Extents are
+    Inkscape's where it can be asked."""
+    root, boxes = layout(extension)
+    measured = bool(boxes)
+    if not measured:
+        boxes = guessed_boxes(root)
+    ids = [board.group.get("id") for board in boards]
+    taken = drawn_boxes(root, boxes, leave_out=set(ids))
+    for board, board_id in zip(boards, ids):
+        extent = boxes.get(board_id) if measured else None
+        extent = extent or (0.0, 0.0) + tuple(board.extent)
+        width, height = extent[2] - extent[0], extent[3] - extent[1]
+        x, y = board.wanted(boxes)
+        if any(overlaps((x, y, x + width, y + height), box) for box in taken):
+            x = max(box[2] for box in taken) + board.gap
+        move(board.group, x - extent[0], y - extent[1])
+        taken.append((x, y, x + width, y + height))
+
+
+def move(group, dx, dy):
+    """Moves a board's texts (which carry their places as x and y)."""
+    for node in group.iter():
+        for key, delta in (("x", dx), ("y", dy)):
+            if isinstance(node.tag, str) and node.get(key) is not None:
+                node.set(key, "%g" % (float(node.get(key)) + delta))
 
 
 def new_group(svg, label, prefix):
@@ -482,40 +775,33 @@ LABEL_CSS = {"font-family": "sans-serif", "font-weight": "normal", "font-style":
              "-inkscape-font-specification": "sans-serif"}
 
 
-def add_board(group, svg, title, entries, x, y, size, bottom=None):
-    """A board: a title, then per entry a label line and a sample line in the entry's face,
-    top-down from (x, y) (the top of the title), in columns that end at `bottom` when given.
-    `entries` are (label, sample text, CSS). Returns the sample text objects."""
+def add_board(group, svg, title, entries, size, column_height=None):
+    """A board from the origin (the top left of its title) down: a title, then per entry a
+    label line and a sample line in the entry's face, in columns at most `column_height` high
+    when given. `entries` are (label, sample text, CSS). Returns the sample text objects and a
+    generous guess at the board's width and height (text has no width until Inkscape lays it
+    out)."""
     label_size = size * 0.36
-    y += label_size * 1.2
+    x, y = 0.0, label_size * 1.2
     add_text(group, svg, title, x, y, label_size * 1.15, dict(LABEL_CSS, **{"font-weight": "bold"}),
              "fontrix-title-")
     top = y
-    # A generous guess at a column's width: text objects have no width until Inkscape lays them out.
     width = max([len(label) * label_size * 0.62 for label, _, _ in entries] +
                 [len(sample) * size * 0.72 for _, sample, _ in entries]) + size
     samples = []
+    right = max(len(title) * label_size * 0.72, width)
+    bottom = y
     for label, sample, css in entries:
-        if bottom is not None and y + label_size * 2.0 + size * 1.35 > bottom and y > top:
+        if column_height is not None and y + label_size * 2.0 + size * 1.35 > column_height and y > top:
             x, y = x + width, top
+            right = x + width
         y += label_size * 2.0
         add_text(group, svg, label, x, y, label_size, LABEL_CSS, "fontrix-label-")
         y += size * 1.15
         samples.append(add_text(group, svg, sample, x, y, size, css, "fontrix-sample-"))
         y += size * 0.2
-    return samples
-
-
-def first_line(element, default="Handgloves"):
-    """The first line of a text object (a <text>'s first line, a flowed text's first paragraph),
-    its spaces squeezed, at most 80 characters; `default` when it has none."""
-    if isinstance(element, TextElement):
-        lines = (element.get_text(sep="\n") or "").split("\n")
-    else:
-        lines = ["".join(p.itertext()) for p in element.iter() if isinstance(p, (inkex.FlowPara, inkex.FlowDiv))]
-        lines = lines or ["".join(element.itertext())]
-    text = next((" ".join(line.split()) for line in lines if line.strip()), "")
-    return text[:80] if text else default
+        bottom = max(bottom, y + size * 0.2)
+    return samples, (right, bottom)
 
 
 def score_text(score):

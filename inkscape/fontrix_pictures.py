@@ -9,6 +9,7 @@ import os
 import re
 import struct
 import urllib.parse
+import urllib.request
 
 import inkex
 from inkex import BoundingBox, Transform
@@ -18,7 +19,7 @@ PICTURE_TYPES = {b"\x89PNG\r\n\x1a\n": ".png", b"\xff\xd8": ".jpg"}
 
 def picture_bytes(extension, image):
     """The bytes of the picture an <image> shows: an embedded data URI or a linked file."""
-    href = image.get("xlink:href") or image.get("href") or ""
+    href = (image.get("xlink:href") or image.get("href") or "").strip()
     if href.startswith("data:"):
         header, _, data = href.partition(",")
         try:
@@ -27,19 +28,62 @@ def picture_bytes(extension, image):
             raise inkex.AbortExtension("The selected image's embedded data cannot be read.")
     if not href:
         raise inkex.AbortExtension("The selected image has no picture (no href).")
-    path = urllib.parse.unquote(urllib.parse.urlparse(href).path) if href.startswith("file:") else href
-    candidates = [path, image.get("sodipodi:absref")]
+    candidates = linked_files(extension, image, href)
     for candidate in candidates:
-        if not candidate:
-            continue
-        try:
-            full = extension.absolute_href(candidate, default=None)
-        except inkex.AbortExtension:
-            full = candidate if os.path.isabs(candidate) else None
-        if full and os.path.isfile(full):
-            with open(full, "rb") as stream:
-                return stream.read()
-    raise inkex.AbortExtension("The picture the selected image links to (%s) cannot be found." % href)
+        if os.path.isfile(candidate):
+            try:
+                with open(candidate, "rb") as stream:
+                    return stream.read()
+            except OSError as err:
+                raise inkex.AbortExtension("The picture the selected image links to cannot be read: %s (%s)."
+                                           % (candidate, err.strerror))
+    raise inkex.AbortExtension("The picture the selected image links to cannot be found: %s." % candidates[0])
+
+
+def linked_files(extension, image, href):
+    """The files a link may mean, most likely first. Inkscape runs an effect on a copy of the
+    document in its temporary folder and rewrites the relative links for that copy (to file://
+    URLs where the two folders share nothing), so a relative link is looked for beside the
+    effect's input first, then beside the document itself (the path Inkscape gives as
+    DOCUMENT_PATH, else sodipodi:docbase or a sodipodi:docname with a folder); last comes the
+    absolute path Inkscape may have kept in sodipodi:absref."""
+    parts = urllib.parse.urlsplit(href)
+    if parts.scheme.lower() == "file":
+        if parts.netloc not in ("", "localhost"):
+            raise inkex.AbortExtension("The selected image links to %s, a file on another computer: embed the "
+                                       "picture or link a file on this one." % href)
+        paths = [urllib.request.url2pathname(parts.path)]
+    elif len(parts.scheme) > 1:  # one letter is a Windows drive
+        raise inkex.AbortExtension("The selected image links to %s, which is not a file: embed the picture or "
+                                   "link a file." % href)
+    else:
+        # A link is a URL: %-escapes are decoded (a name with a real "%" in it is tried as written too).
+        paths = list(dict.fromkeys([urllib.parse.unquote(href), href]))
+    folders = []
+    source = extension.options.input_file
+    if isinstance(source, str) and source:
+        folders.append(os.path.dirname(os.path.abspath(source)))
+    document = extension.document_path()
+    if document:
+        folders.append(os.path.dirname(os.path.abspath(document)))
+    root = extension.svg
+    if root.get("sodipodi:docbase"):
+        folders.append(root.get("sodipodi:docbase"))
+    if os.path.isabs(root.get("sodipodi:docname") or ""):
+        folders.append(os.path.dirname(root.get("sodipodi:docname")))
+    candidates = []
+    for path in paths:
+        path = os.path.expanduser(path)
+        if os.path.isabs(path):
+            candidates.append(path)
+        else:
+            candidates += [os.path.join(folder, path) for folder in folders]
+    if image.get("sodipodi:absref"):
+        candidates.append(os.path.expanduser(image.get("sodipodi:absref")))
+    if not candidates:
+        raise inkex.AbortExtension("The selected image links to %s, relative to the document's folder, which "
+                                   "Inkscape does not say: save the document first." % href)
+    return list(dict.fromkeys(os.path.normpath(c) for c in candidates))
 
 
 def picture_kind(data):
@@ -174,8 +218,8 @@ def as_png(data):
 
 
 def shown_picture(extension, image, folder):
-    """Writes the part of the image the page shows into `folder`; returns the file's path and
-    the pixel box taken."""
+    """Writes the part of the image the page shows into `folder`; returns the file's path, the
+    pixel box taken and that part's width and height in the image's user units."""
     data = picture_bytes(extension, image)
     if not picture_kind(data):
         data = as_png(data)
@@ -186,11 +230,13 @@ def shown_picture(extension, image, folder):
     box = visible_pixels(extension.svg, image, *size)
     if box is None:
         raise inkex.AbortExtension("No part of the selected image shows on the page.")
+    (sx, sy, _, _), _ = placement(image, *size)
+    shown = ((box[2] - box[0]) * sx, (box[3] - box[1]) * sy)
     path = os.path.join(folder, "shown" + suffix)
     if box == (0, 0) + tuple(size):
         with open(path, "wb") as stream:
             stream.write(data)
-        return path, box
+        return path, box, shown
     try:
         from PIL import Image
     except ImportError:
@@ -198,4 +244,4 @@ def shown_picture(extension, image, folder):
                                    "imaging library (Debian: python3-pil).")
     with Image.open(io.BytesIO(data)) as picture:
         picture.crop(box).save(os.path.join(folder, "shown.png"))
-    return os.path.join(folder, "shown.png"), box
+    return os.path.join(folder, "shown.png"), box, shown

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Similar fonts…: a board beside the selected text of the installed fonts most like its font,
-the text set in each."""
+"""Similar fonts…: beside each selected text, a board of the installed fonts most like its font,
+the text's first line set in each."""
 import inkex
 
 import fontrix_ink as fx
@@ -17,34 +17,54 @@ class SimilarFonts(fx.FontrixEffect):
         pars.add_argument("--replace", type=inkex.Boolean, default=False)
 
     def apply(self):
-        texts = [t for t in map(text_object, self.svg.selection.values()) if t is not None]
         if not self.svg.selection:
             raise inkex.AbortExtension("Select a text object first.")
+        texts = []
+        for element in self.svg.selection.values():
+            text = text_object(element)
+            if text is not None and not any(text is seen for seen in texts):
+                texts.append(text)
         if not texts:
             raise inkex.AbortExtension("Similar fonts works on a text object, and the selection holds none.")
-        text = texts[0]
-        face = fx.element_face(first_text_node(text))
+
+        boards, failures = [], []
+        for text in texts:
+            try:
+                boards.append(self.board(text))
+            except fx.FontrixMissing:
+                raise
+            except inkex.AbortExtension as failure:
+                failures.append((text, str(failure)))
+        if not boards:
+            if len({said for _, said in failures}) == 1:  # one text, or the same failure for each
+                raise inkex.AbortExtension(failures[0][1])
+            raise inkex.AbortExtension("No board for any selected text:\n" + "\n".join(
+                "“%s”: %s" % (fx.first_line(text, "(empty)"), said) for text, said in failures))
+        fx.place_boards(self, boards)
+        if failures:  # the boards made are kept; Inkscape shows this beside them
+            inkex.errormsg("No board for %d of the %d selected texts:\n" % (len(failures), len(texts)) + "\n".join(
+                "“%s”: %s" % (fx.first_line(text, "(empty)"), said) for text, said in failures))
+
+    def board(self, text):
+        """The board of the fonts most like the face of the text's first characters, not yet
+        placed; with "replace" those characters, and the others in that face, set in the first."""
+        face = fx.element_face(fx.first_face_element(text))
         answer = self.similar(face)
         if not answer["results"]:
             raise inkex.AbortExtension("Fontrix knows no installed font like %s%s." % (
                 face.description(), " with these options" if self.options.same_class or self.options.other_families else ""))
-
         query = answer["query_family"] + " " + answer["query_style"]
         if not answer["query_installed"]:
             query += " (not installed)"
+        line = fx.first_line(text)
         entries = [("%d. %s %s  %s" % (i + 1, r["family"], r["style"], fx.score_text(r["score"])),
-                    fx.first_line(text), fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
-        box = fx.query_boxes(self).get(text.get("id"))
+                    line, fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
         size = fx.visible_font_size(text)
-        if box:
-            x, y = box[0] + box[2] + size, box[1]
-        else:  # without Inkscape's layout, a generous guess at the text's width
-            origin = text.bounding_box(text.getparent().composed_transform())
-            x, y = origin.left + size * 0.62 * len(fx.first_line(text)) + size, origin.top - size
         group = fx.new_group(self.svg, "Fontrix: fonts like " + query, "fontrix-similar-")
-        fx.add_board(group, self.svg, "Fonts like " + query, entries, x, y, size)
+        _, extent = fx.add_board(group, self.svg, "Fonts like " + query, entries, size)
         if self.options.replace:
-            fx.set_font(text, fx.css_of_result(answer["results"][0]))
+            fx.set_font_where(text, face, fx.css_of_result(answer["results"][0]))
+        return fx.Board(group, extent, anchors=[text.get_id()], side="right", gap=size)
 
     def similar(self, face):
         args = ["similar", face.pattern(), "--limit", str(self.options.count)]
@@ -77,17 +97,6 @@ def text_object(element):
         element = element.getparent() if isinstance(element, (inkex.Tspan, inkex.FlowPara, inkex.FlowSpan,
                                                                 inkex.FlowDiv, inkex.TextPath)) else None
     return element
-
-
-def first_text_node(text):
-    """The element whose style sets the first characters: the first tspan (or flowPara) with
-    text, else the text object itself."""
-    if text.text and text.text.strip():
-        return text
-    for node in text.iterdescendants():
-        if isinstance(node, inkex.BaseElement) and node.text and node.text.strip():
-            return node
-    return text
 
 
 if __name__ == "__main__":

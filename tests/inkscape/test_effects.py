@@ -74,12 +74,13 @@ class EffectsTest(unittest.TestCase):
         """fontrix's own answer, as the test asks it."""
         return json.loads(check(run([self.fontrix, *args, "--json"], env=self.env)).stdout)
 
-    def effect(self, name, document, select=None, home=None, **options):
-        """Runs effect org.fontrix.NAME with OPTIONS in Inkscape on DOCUMENT (SVG text) with
-        SELECT selected; the output document and the extension's runs (arguments, status,
-        standard error: what its message box said)."""
+    def effect(self, name, document, select=None, home=None, folder=None, **options):
+        """Runs effect org.fontrix.NAME with OPTIONS in Inkscape on DOCUMENT (SVG text, saved as
+        FOLDER/in.svg, a new folder by default) with SELECT (ids, comma-separated) selected; the
+        output document and the extension's run (arguments, status, standard error: what its
+        message box said; output: the output document's path)."""
         home = home or self.home
-        folder = tempfile.mkdtemp(dir=self.tmp.name)
+        folder = folder or tempfile.mkdtemp(dir=self.tmp.name)
         source, output = os.path.join(folder, "in.svg"), os.path.join(folder, "out.svg")
         with open(source, "w") as stream:
             stream.write(document)
@@ -100,13 +101,14 @@ class EffectsTest(unittest.TestCase):
         runs = self.runs()[len(before):]
         self.assertEqual(len(runs), 1, "the effect org.fontrix.%s did not run: %s" % (name, done.stderr))
         import inkex
-        return inkex.load_svg(output).getroot(), runs[0]
+        return inkex.load_svg(output).getroot(), dict(runs[0], output=output)
 
-    def script(self, name, document, select=None, extension=None, **options):
+    def script(self, name, document, select=None, extension=None, source=None, env=None, **options):
         """Runs effect NAME's script as Inkscape does, without Inkscape: quicker, for the cases
-        whose box Inkscape shows like any other. Same answer as effect()."""
+        whose box Inkscape shows like any other. Same answer as effect(). SOURCE is where the
+        document is written (a new folder's in.svg by default), ENV more environment."""
         extension = extension or os.path.join(self.home, ".config", "inkscape", "extensions", "fontrix")
-        source = os.path.join(tempfile.mkdtemp(dir=self.tmp.name), "in.svg")
+        source = source or os.path.join(tempfile.mkdtemp(dir=self.tmp.name), "in.svg")
         with open(source, "w") as stream:
             stream.write(document)
         args = ["--id=" + select] if select else []
@@ -114,7 +116,7 @@ class EffectsTest(unittest.TestCase):
                  for key, value in options.items()]
         done = subprocess.run(["/usr/bin/python3", "fontrix_%s.py" % name.replace("-", "_"), *args, source],
                               capture_output=True, cwd=extension, timeout=300,
-                              env=dict(self.env, PYTHONPATH=EXTENSIONS))
+                              env=dict(self.env, PYTHONPATH=EXTENSIONS, **(env or {})))
         import inkex
         out = inkex.load_svg(io.BytesIO(done.stdout or document.encode())).getroot()
         return out, {"status": done.returncode, "stderr": done.stderr.decode()}
@@ -139,10 +141,36 @@ class EffectsTest(unittest.TestCase):
 
     def samples(self, document, board_prefix):
         """The sample text objects of the board whose group's id starts with BOARD_PREFIX."""
-        boards = [g for g in document.iter() if (g.get("id") or "").startswith(board_prefix)]
+        boards = self.boards(document, board_prefix)
         self.assertEqual(len(boards), 1, "one board")
-        return [t for t in boards[0].iter() if (t.get("id") or "").startswith("fontrix-sample-")
+        return self.board_samples(boards[0])
+
+    @staticmethod
+    def boards(document, board_prefix):
+        return [g for g in document.iter() if (g.get("id") or "").startswith(board_prefix)]
+
+    @staticmethod
+    def board_samples(board):
+        return [t for t in board.iter() if (t.get("id") or "").startswith("fontrix-sample-")
                 and t.tag.endswith("}text")]
+
+    def assert_boards_clear(self, record, board_prefix, artwork):
+        """The boards of the output document, as Inkscape lays it out, overlap none of the
+        objects whose ids are ARTWORK, nor each other."""
+        done = check(run(["inkscape", "--query-all", record["output"]], env=self.env))
+        boxes = {}
+        for line in done.stdout.splitlines():
+            parts = line.split(",")
+            if len(parts) == 5:
+                x, y, w, h = map(float, parts[1:])
+                boxes[parts[0]] = (x, y, x + w, y + h)
+        boards = [i for i in boxes if i.startswith(board_prefix)]
+        self.assertTrue(boards, "no board laid out")
+        for index, board in enumerate(boards):
+            for other in list(artwork) + boards[index + 1:]:
+                a, b = boxes[board], boxes[other]
+                overlap = min(a[2], b[2]) - max(a[0], b[0]) > 0.01 and min(a[3], b[3]) - max(a[1], b[1]) > 0.01
+                self.assertFalse(overlap, "%s %s overlaps %s %s" % (board, a, other, b))
 
     def assert_set_in(self, text, font):
         """The text object is set in fontrix's face: its family, and CSS weight and slant."""
@@ -192,6 +220,52 @@ class EffectsTest(unittest.TestCase):
         self.assert_set_in(out.getElementById("t1"), answer["results"][0])
         self.assertIsNone(out.getElementById("t1s").style.get("font-family"))
 
+    def test_similar_fonts_of_several_texts_in_mixed_fonts(self):
+        import fontrix_ink
+        # The first line mixes fonts in nested tspans; its first characters, and a word of the
+        # second line, are DejaVu Sans Mono. A grey block stands where a board beside the first
+        # text would go.
+        document = SVG_HEAD + (
+            '<rect id="wall" x="110" y="0" width="40" height="200" style="fill:#cccccc"/>'
+            '<text id="m" x="12" y="30" xml:space="preserve" style="font-family:\'DejaVu Serif\';font-size:8px">'
+            '<tspan sodipodi:role="line" id="m1" x="12" y="30"><tspan id="m1a" style="font-family:\'DejaVu Sans Mono\'">'
+            'Mono</tspan> and <tspan id="m1b" style="font-weight:bold">bold  serif</tspan></tspan>'
+            '<tspan sodipodi:role="line" id="m2" x="12" y="40">then <tspan id="m2a" '
+            'style="font-family:\'DejaVu Sans Mono\'">mono</tspan> again</tspan></text>'
+            '<text id="s" x="12" y="110" style="font-family:\'DejaVu Sans\';font-size:8px">'
+            '<tspan id="s1" x="12" y="110">Sans text</tspan></text>'
+            '<text id="b" x="12" y="170" style="font-family:\'DejaVu Serif\';font-weight:bold;font-size:8px">'
+            '<tspan id="b1" x="12" y="170">Serif text</tspan></text>') + SVG_TAIL
+        out, record = self.effect("similar", document, "m,s,b", count=3, other_families=True, same_class=False,
+                                  replace=True)
+        self.assertEqual((record["status"], record["stderr"]), (0, ""))
+        queries = (("DejaVu Sans Mono:weight=80:slant=0", "Mono and bold serif"),
+                   ("DejaVu Sans:weight=80:slant=0", "Sans text"),
+                   ("DejaVu Serif:weight=200:slant=0", "Serif text"))
+        answers = [self.tool("similar", pattern, "--other-families", "--limit", "3") for pattern, _ in queries]
+        boards = self.boards(out, "fontrix-similar-")
+        with self.subTest("the board's sample is the text's own first line"):
+            self.assertEqual([t.get_text() for t in self.board_samples(boards[0])], [queries[0][1]] * 3)
+        with self.subTest("only the characters in the font asked about are set in the first answer"):
+            first = answers[0]["results"][0]
+            for element in ("m1a", "m2a"):
+                self.assert_set_in(out.getElementById(element), first)
+            for element, weight in (("m1", 400), ("m1b", 700), ("m2", 400)):
+                face = fontrix_ink.element_face(out.getElementById(element))
+                self.assertEqual((face.family, face.weight), ("DejaVu Serif", weight), element)
+        with self.subTest("a board for each text"):
+            self.assertEqual(len(boards), 3)
+            for board, (_, line), answer, text in zip(boards, queries, answers, "msb"):
+                samples = self.board_samples(board)
+                self.assertEqual(len(samples), len(answer["results"]))
+                for sample, font in zip(samples, answer["results"]):
+                    self.assertEqual(sample.get_text(), line)
+                    self.assert_set_in(sample, font)
+            self.assert_set_in(out.getElementById("s"), answers[1]["results"][0])
+            self.assert_set_in(out.getElementById("b"), answers[2]["results"][0])
+        with self.subTest("the boards overlap nothing"):
+            self.assert_boards_clear(record, "fontrix-similar-", ["wall", "m", "s", "b"])
+
     def test_identify_reads_only_the_part_of_the_picture_the_page_shows(self):
         from PIL import Image
         # Two lines, DejaVu Serif Bold above DejaVu Sans Mono; a clip shows the top one only.
@@ -226,6 +300,53 @@ class EffectsTest(unittest.TestCase):
             self.assertEqual(text.get_text(), "Hamburgefonstiv")
             self.assert_set_in(text, font)
         self.picture(out, "identify")
+
+    def test_identify_reads_linked_pictures(self):
+        import urllib.request
+        folder = tempfile.mkdtemp(dir=self.tmp.name)
+        os.makedirs(os.path.join(folder, "pics"))
+        picture = os.path.join(folder, "pics", "line.png")
+        check(run([self.fontrix, "specimen", "DejaVu Serif:bold", "Handgloves quick brown", "-o", picture,
+                   "--size", "48"], env=self.env))
+        odd = os.path.join(folder, "pics", "a line \u00e9.png")  # a name a link percent-encodes
+        shutil.copy(picture, odd)
+        answer = self.tool("recognize", picture, "--limit", "3")
+        self.assertTrue(answer["results"])
+        from PIL import Image
+        with Image.open(picture) as line:
+            width, height = line.width / 4.0, line.height / 4.0
+        image = ('<image id="img" x="10" y="10" width="%g" height="%g" preserveAspectRatio="none" '
+                 'xlink:href="%%s" %%s/>' % (width, height))
+
+        def found(out, record):
+            self.assertEqual((record["status"], record["stderr"]), (0, ""))
+            samples = self.samples(out, "fontrix-identify-")
+            self.assertEqual(len(samples), len(answer["results"]))
+            for text, font in zip(samples, answer["results"]):
+                self.assert_set_in(text, font)
+
+        # Linked relative to the document, whose copy Inkscape gives the effect is elsewhere; a
+        # block stands under the image, where the board would go.
+        block = '<rect id="under" x="10" y="%g" width="%g" height="30" style="fill:#cccccc"/>' % (height + 11, width)
+        out, record = self.effect("identify", SVG_HEAD + image % ("pics/line.png", "") + block + SVG_TAIL, "img",
+                                  folder=folder, count=3)
+        found(out, record)
+        self.assert_boards_clear(record, "fontrix-identify-", ["img", "under"])
+
+        # The same, run as Inkscape runs the script, on a copy in another folder.
+        elsewhere = os.path.join(tempfile.mkdtemp(dir=self.tmp.name), "copy.svg")
+        for href, more, env in (
+                ("file://" + urllib.request.pathname2url(odd), "", {}),
+                ("pics/a%20line%20%C3%A9.png", "", {"DOCUMENT_PATH": os.path.join(folder, "in.svg")}),
+                ("gone/line.png", 'sodipodi:absref="%s"' % picture, {})):
+            found(*self.script("identify", SVG_HEAD + image % (href, more) + SVG_TAIL, "img", source=elsewhere,
+                               env=env, count=3))
+        out, record = self.script("identify", SVG_HEAD + image % ("pics/none.png", "") + SVG_TAIL, "img",
+                                  source=os.path.join(folder, "in.svg"), count=3)
+        self.assertNotEqual(record["status"], 0)
+        self.assertEqual(record["stderr"], "The picture the selected image links to cannot be found: %s.\n"
+                         % os.path.join(folder, "pics", "none.png"))
+        self.assert_untouched_document(out)
 
     def test_replace_missing_fonts(self):
         installed = {f["family"].lower() for f in self.tool("fonts", "--all")["fonts"]}
@@ -281,19 +402,35 @@ class EffectsTest(unittest.TestCase):
         self.picture(out, "replace")
 
     def test_fonts_by_style(self):
-        out, record = self.effect("by-style", SVG_HEAD + SVG_TAIL, serif=True, sans_serif=False, others=False,
-                                  count=5, sample="Hamburgefonstiv")
+        # A ticked class is one a font has, whatever others it has too. A block stands at the
+        # page's top left, where the board goes without a selection.
+        document = SVG_HEAD + '<rect id="corner" x="0" y="0" width="80" height="50" style="fill:#cccccc"/>' + SVG_TAIL
+        out, record = self.effect("by-style", document, monospace=True, serif=False, count=500,
+                                  sample="Hamburgefonstiv")
         self.assertEqual((record["status"], record["stderr"]), (0, ""))
-        others = [a for c in ("blackletter", "decorative", "handmade", "monospace", "sans-serif", "script",
-                              "slab-serif") for a in ("--not", c)]
-        answer = self.tool("classes", "serif", *others, "--limit", "5")
+        answer = self.tool("classes", "monospace")
+        # DejaVu Sans Mono is sans serif too: the board must not need a font to be monospace only.
+        self.assertTrue([f for f in answer["fonts"] if f["family"] == "DejaVu Sans Mono" and len(f["classes"]) > 1])
         samples = self.samples(out, "fontrix-by-style-")
         self.assertEqual(len(samples), len(answer["fonts"]))
-        self.assertTrue(samples)
         for text, font in zip(samples, answer["fonts"]):
             self.assertEqual(text.get_text(), "Hamburgefonstiv")
             self.assert_set_in(text, font)
+        self.assert_boards_clear(record, "fontrix-by-style-", ["corner"])
         self.picture(out, "by-style")
+
+        # At most COUNT fonts, the board saying how many were left out.
+        out, record = self.script("by-style", SVG_HEAD + SVG_TAIL, serif=True, count=1)
+        self.assertEqual(record["status"], 0, record["stderr"])
+        answer = self.tool("classes", "serif")
+        self.assertGreater(len(answer["fonts"]), 1)  # DejaVu Serif and DejaVu Serif Bold at least
+        samples = self.samples(out, "fontrix-by-style-")
+        self.assertEqual(len(samples), 1)
+        self.assert_set_in(samples[0], answer["fonts"][0])
+        titles = [t.get_text() for t in out.iter() if (t.get("id") or "").startswith("fontrix-title-")
+                  and t.tag.endswith("}text")]
+        self.assertEqual(len(titles), 1)
+        self.assertIn("1 of %d" % len(answer["fonts"]), titles[0])
 
     def test_errors_are_one_sentence_in_a_message_box(self):
         document = SVG_HEAD + ('<text id="t1" x="10" y="20" style="font-size:10px">Words</text>'
@@ -322,8 +459,7 @@ class EffectsTest(unittest.TestCase):
         with open(location) as stream:
             self.assertIn('FONTRIX = "%s"' % self.fontrix, stream.read())
         shutil.copytree(os.path.join(self.home, ".cache"), os.path.join(home, ".cache"))
-        out, record = self.effect("by-style", SVG_HEAD + SVG_TAIL, home=home, monospace=True, serif=False,
-                                  others=True, count=2)
+        out, record = self.effect("by-style", SVG_HEAD + SVG_TAIL, home=home, monospace=True, serif=False, count=2)
         self.assertEqual(record["status"], 0, record["stderr"])
         self.assertEqual(len(self.samples(out, "fontrix-by-style-")), 2)
 

@@ -128,10 +128,23 @@ class CssToFaceTest(unittest.TestCase):
 
 class LabelsTest(unittest.TestCase):
     def test_first_lines_of_texts_and_flowed_texts(self):
-        svg = document('<text id="t"><tspan>  Two   words </tspan><tspan>second</tspan></text><text id="e"/>'
-                       '<flowRoot xmlns="http://www.w3.org/2000/svg" id="f"><flowRegion><rect width="9" height="9"/>'
-                       '</flowRegion><flowPara/><flowPara>Flowed <flowSpan>text</flowSpan></flowPara></flowRoot>')
-        self.assertEqual([fx.first_line(svg.getElementById(i)) for i in "tef"], ["Two words", "Handgloves", "Flowed text"])
+        line = 'sodipodi:role="line" xmlns:sodipodi="http://sodipodi.sourceforge.net/DTD/sodipodi-0.dtd"'
+        svg = document(
+            # Lines Inkscape writes, the first mixing fonts in nested tspans.
+            '<text id="t"><tspan %s> </tspan><tspan %s>  Two <tspan id="n" style="font-weight:bold">  words</tspan> '
+            '</tspan><tspan %s>second</tspan></text>'
+            # Spans on one line; a span at a y of its own; an SVG 2 text whose newlines break lines.
+            '<text id="u" y="5"><tspan>One</tspan> <tspan y="5">line</tspan><tspan y="9">below</tspan></text>'
+            '<text id="p" style="white-space:pre">\nFirst\nSecond</text>'
+            '<text id="w"><title>Tip</title>Shown</text><text id="e"/>'
+            '<flowRoot xmlns="http://www.w3.org/2000/svg" id="f"><flowRegion><rect width="9" height="9"/>'
+            '</flowRegion><flowPara/><flowPara>Flowed <flowSpan>text</flowSpan></flowPara></flowRoot>'
+            % (line, line, line))
+        self.assertEqual([fx.first_line(svg.getElementById(i)) for i in "tupwef"],
+                         ["Two words", "One line", "First", "Shown", "Handgloves", "Flowed text"])
+        # The face asked about is that of the first characters drawn.
+        self.assertIs(fx.first_face_element(svg.getElementById("t")), svg.getElementById("t")[1])
+        self.assertIs(fx.first_face_element(svg.getElementById("e")), svg.getElementById("e"))
 
     def test_candidates_say_how_sure_recognition_is_where_fontrix_says(self):
         font = {"family": "DejaVu Serif", "style": "Bold", "score": 0.8591}
@@ -156,6 +169,33 @@ class ReplacementRulesTest(unittest.TestCase):
         self.assertEqual(fx_replace.upright_like(ranked, fx.Face("X", 700))["name"], "b")
         self.assertEqual(fx_replace.upright_like(ranked, fx.Face("X", 400, "oblique"))["name"], "a")
         self.assertEqual(fx_replace.upright_like(ranked[:1], fx.Face("X"))["name"], "a")
+
+
+class PlacesTest(unittest.TestCase):
+    def test_boards_keep_clear_of_what_is_drawn_only(self):
+        svg = document(
+            '<style>.off { display: none }</style><defs><rect id="d"/></defs>'
+            '<g id="g"><rect id="r"/><rect id="h" style="display:none"/><rect id="c" class="off"/></g>'
+            '<g id="v" visibility="hidden"><rect id="vi"/><rect id="vv" style="visibility:visible"/></g>'
+            '<text id="t"><tspan id="ts">x</tspan></text><g id="board"><rect id="b"/></g>')
+        ids = ["d", "g", "r", "h", "c", "v", "vi", "vv", "t", "ts", "board", "b"]
+        boxes = {i: (n, 0.0, n + 1.0, 1.0) for n, i in enumerate(ids)}
+        drawn = fx.drawn_boxes(svg, boxes, leave_out={"board"})
+        self.assertEqual(sorted(drawn), [boxes[i] for i in ("r", "vv", "t")])
+
+    def test_boards_are_built_from_the_origin(self):
+        svg = document("")
+        group = fx.new_group(svg, "board", "board-")
+        entries = [("label %d" % i, "Sample", {"font-family": "serif"}) for i in range(6)]
+        samples, (width, height) = fx.add_board(group, svg, "Title", entries, 10.0, column_height=60.0)
+        self.assertEqual(len(samples), 6)
+        ys = [float(t.get("y")) for t in samples]
+        xs = sorted({float(t.get("x")) for t in samples})
+        self.assertTrue(len(xs) > 1 and xs[0] == 0.0, xs)  # columns, the first at the origin
+        self.assertTrue(all(0 < y <= 60.0 for y in ys) and max(ys) < height, (ys, height))
+        self.assertGreater(width, xs[-1])
+        fx.move(group, 5.0, 7.0)
+        self.assertEqual([float(t.get("y")) for t in samples], [y + 7.0 for y in ys])
 
 
 class ShownPictureTest(unittest.TestCase):
