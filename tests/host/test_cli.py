@@ -193,6 +193,13 @@ class CliTest(unittest.TestCase):
             if name == "NimbusRoman-Regular":
                 self.assertEqual(status, "used" if where.endswith(".otf:0") else
                                  "a copy of the face in /usr/share/fonts/opentype/urw-base35/NimbusRoman-Regular.otf")
+        # Inter's file with a slant axis names its italic instances as the italic file does, and
+        # draws them as it does, a unit apart here and there: copies, not faces under derived names.
+        inter = {where: status for where, (name, status) in listing.items() if "/inter-vf/Inter" in where}
+        self.assertTrue(inter, "fonts-inter-variable is installed by scripts/setup.sh --tests")
+        used = [n for n, status in listing.values() if status == "used"]
+        self.assertEqual([n for n in used if n.endswith(".var")], [])
+        self.assertIn("a copy of the face in /usr/share/fonts/truetype/inter-vf/Inter-italic.var.ttf", inter.values())
         # Faces whose letter codes hold symbols (Greek letters, dingbats) draw no text: none is used.
         symbols = {where: status for where, (name, status) in listing.items()
                    if name in ("StandardSymbolsPS", "D050000L") and where.endswith(".otf:0")}
