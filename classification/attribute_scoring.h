@@ -15,7 +15,9 @@ extern const double kIntercepts[kLabelCount];
 extern const double kCoefficients[kLabelCount][kFeatureCount];
 
 /// Intercept plus the weighted features, summed in feature order in double precision; the raw
-/// linear value (no squashing). With `debug`, 99 lines describing the sum go to standard output.
+/// linear value (no squashing). With `debug`, 99 lines describing the sum go to standard output:
+/// the scoring's own diagnostic, kept as defined for the module although nothing in it sets the
+/// flag (ClassMask scores with it off), so a host never sees it.
 double ScoreLabel(int32_t n, const FeatureVector& features, bool debug);
 
 /// The bits of the style classes scoring strictly above 0.5.

@@ -122,16 +122,7 @@ FaceCache::Lease FaceCache::Borrow(const std::string& path, int index) {
     face->face = face->file->Open(library_, index);
     if (face->face) RepairNamedInstance(face->face);
   }
-  {
-    std::lock_guard lock(mu_);
-    ++opened_;
-  }
   return Lease(this, std::move(face));
-}
-
-uint64_t FaceCache::Opened() const {
-  std::lock_guard lock(mu_);
-  return opened_;
 }
 
 void FaceCache::Return(std::unique_ptr<Face> face) {

@@ -54,9 +54,6 @@ class FaceCache {
   /// Lends face `index` (FreeType's face index: named instance << 16 | index) of `file`.
   Lease Borrow(const std::string& file, int index);
 
-  /// Faces opened so far (for tests and benchmarks).
-  uint64_t Opened() const;
-
  private:
   void Return(std::unique_ptr<Face> face);
   void Close(std::unique_ptr<Face> face);
@@ -64,9 +61,8 @@ class FaceCache {
   size_t max_idle_;
   FT_Library library_ = nullptr;
   std::mutex library_mu_;                  // FT_Open_Face and FT_Done_Face on library_
-  mutable std::mutex mu_;                  // idle_ and opened_
+  std::mutex mu_;                          // idle_
   std::list<std::unique_ptr<Face>> idle_;  // most recently returned first
-  uint64_t opened_ = 0;
 };
 
 }  // namespace fontrix::host

@@ -41,26 +41,8 @@ std::vector<std::pair<const char*, void**>> Slots(FontEngineProcedures& t) {
 
 }  // namespace
 
-const std::vector<std::string>& FontEngineProcedureNames() {
-  static const std::vector<std::string> names = [] {
-    FontEngineProcedures scratch{};
-    std::vector<std::string> list;
-    for (const auto& [name, slot] : Slots(scratch)) list.push_back(name);
-    return list;
-  }();
-  return names;
-}
-
 const FontEngineProcedures* BoundFontEngine() { return current.load(std::memory_order_acquire); }
 
-void* FontEngineProcedure(const std::string& name) {
-  const FontEngineProcedures* bound = BoundFontEngine();
-  if (!bound) return nullptr;
-  FontEngineProcedures copy = *bound;
-  for (const auto& [slot_name, slot] : Slots(copy))
-    if (name == slot_name) return *slot;
-  return nullptr;
-}
 
 BindResult BindFontEngine() {
   const QVFontGlueSuite* glue = qv::Suites().fontGlue;

@@ -18,9 +18,6 @@ void ReleaseFontEngine();
 /// Whether BindFontEngine succeeded and ReleaseFontEngine has not run since.
 bool FontEngineBound();
 
-/// The names of the procedures the module binds, in binding order.
-const std::vector<std::string>& FontEngineProcedureNames();
-
 /// The engine's procedures, typed, as one binding found them.
 struct FontEngineProcedures {
   QVIsFontUsableProc isFontUsable;
@@ -45,8 +42,5 @@ struct FontEngineProcedures {
 /// The bound procedures, or null while unbound. Workers read them without a lock: binding
 /// happens at start-up and release at shut-down, when no worker runs.
 const FontEngineProcedures* BoundFontEngine();
-
-/// The address bound for procedure `name`, or null while unbound.
-void* FontEngineProcedure(const std::string& name);
 
 }  // namespace fontrix::hostglue

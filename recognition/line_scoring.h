@@ -63,10 +63,5 @@ struct LineReading {
 /// Reads the ten crops of a line, run in two batches of five.
 LineReading ReadLine(const deepnet::layer_model_list& network, const std::vector<float>& line, int32_t width);
 
-/// Mean "prob" over the ten crops.
-inline std::vector<float> ScoreLine(const deepnet::layer_model_list& network, const std::vector<float>& line,
-                                    int32_t width) {
-  return ReadLine(network, line, width).prob;
-}
 
 }  // namespace fontrix

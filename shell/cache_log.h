@@ -23,11 +23,9 @@ class CacheLog {
   /// Level 2 when the host's "TextDebug/DumpDebugInfo" switch is on, else 0.
   void ReadLogSwitch();
   void SetLevel(int level) { level_.store(level); }
-  int LogLevel() const { return level_.load(); }
   /// Puts the log file in `folder`.
   void SetFolder(const std::string& folder);
   std::string Path() const;
-  const char* FileName() const { return file_name_; }
 
   /// Appends the pieces, in order, as one line when `level` is enabled.
   template <typename... Pieces>
