@@ -1,5 +1,10 @@
 #pragma once
 // Runnable layers: one per layer model, sized for one batch, inference only.
+//
+// "test" here is not about testing: the engine's runnable layers are named layer_test_* and
+// their forward pass fprop_test ("test time", inference, as against training), names the
+// module's engine is defined with and error texts carry ("layer_test_conv3d::allocate(): …").
+// They stay; the tests of these layers are in tests/deepnet/.
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
