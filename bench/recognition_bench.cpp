@@ -9,10 +9,10 @@
 #include <filesystem>
 
 #include "deepnet/parallel.h"
-#include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "similarity/font_similar_cache.h"
 #include "tests/recognition/recognition_fixtures.h"
+#include "tests/support/fake_font_access.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include "deepnet/layers/data.h"
 #include "deepnet/model_io.h"
-#include "tests/support/fake_font_access.h"
 #include "similarity/font_similar_cache.h"
+#include "tests/support/fake_font_access.h"
 
 namespace {
 

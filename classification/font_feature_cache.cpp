@@ -194,7 +194,7 @@ void FontFeatureCache::Save() {
   } catch (const std::exception& e) {
     log.Info("Exception while Writing Feature Cache: ", e.what());
     progress_.Report(CacheProgress::kNotSaved, std::string("the feature cache was not saved: ") + e.what() +
-                                                  "; fonts are measured again at every start");
+                                                   "; fonts are measured again at every start");
   }
   log.Info("Cache Saving Ends : time :", HostTime());
 }

@@ -14,8 +14,8 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <initializer_list>
 #include <memory>
 #include <stdexcept>
@@ -94,8 +94,7 @@ void UseFont(const QVFontGlueSuite& glue, QVFontHandle font) {
       hostglue::GlyphPath path;
       if (access.Outline(font, glyph, matrix, path)) {
         if (!path.segments.empty()) FUZZ_CHECK(path.segments.front().kind == hostglue::GlyphPath::kMove);
-        for (const auto& s : path.segments)
-          FUZZ_CHECK(Finite({s.x[0], s.x[1], s.x[2], s.y[0], s.y[1], s.y[2]}));
+        for (const auto& s : path.segments) FUZZ_CHECK(Finite({s.x[0], s.x[1], s.x[2], s.y[0], s.y[1], s.y[2]}));
       }
       hostglue::GlyphBitmap bitmap;
       if (access.Bitmap(font, glyph, matrix, bitmap))
@@ -134,9 +133,8 @@ struct World {
     options.fonts = source;
     options.data_dir = ScratchPath("data");
     options.cache_dir = ScratchPath("cache");
-    options.switches = {{host::kSwitchClassification, false},
-                        {host::kSwitchSimilarity, false},
-                        {host::kSwitchRecognition, false}};
+    options.switches = {
+        {host::kSwitchClassification, false}, {host::kSwitchSimilarity, false}, {host::kSwitchRecognition, false}};
     host = std::make_unique<host::Host>(options);
     host->UseModuleEntry(FontrixPluginMain);  // start-up binds the engine procedures, as in the module
     FUZZ_CHECK(host->Startup() == kQVNoErr);

@@ -20,9 +20,9 @@ namespace {
 using namespace fontrix::host;
 
 bool SameFont(const HostFont& a, const HostFont& b) {
-  return a.file == b.file && a.face_index == b.face_index && a.unique_name == b.unique_name &&
-         a.family == b.family && a.style == b.style && a.bitmap_only == b.bitmap_only && a.symbol == b.symbol &&
-         a.usable == b.usable && a.outline_print == b.outline_print && a.advances == b.advances;
+  return a.file == b.file && a.face_index == b.face_index && a.unique_name == b.unique_name && a.family == b.family &&
+         a.style == b.style && a.bitmap_only == b.bitmap_only && a.symbol == b.symbol && a.usable == b.usable &&
+         a.outline_print == b.outline_print && a.advances == b.advances;
 }
 
 // The end line the host writes after `body`: the FNV-1a sum of the lines before it.

@@ -16,12 +16,12 @@ namespace fontrix::fuzz {
 
 /// An invariant of the code under test: when it fails the input is a finding, so the process
 /// stops as a sanitizer would (libFuzzer then saves the input).
-#define FUZZ_CHECK(condition)                                                                      \
-  do {                                                                                             \
-    if (!(condition)) {                                                                            \
-      std::fprintf(stderr, "%s:%d: invariant failed: %s\n", __FILE__, __LINE__, #condition);     \
-      std::abort();                                                                                \
-    }                                                                                              \
+#define FUZZ_CHECK(condition)                                                                \
+  do {                                                                                       \
+    if (!(condition)) {                                                                      \
+      std::fprintf(stderr, "%s:%d: invariant failed: %s\n", __FILE__, __LINE__, #condition); \
+      std::abort();                                                                          \
+    }                                                                                        \
   } while (0)
 
 /// One scratch folder per process under $TMPDIR (or /tmp), removed at exit. Inputs become files

@@ -14,10 +14,10 @@
 #include "deepnet/layers/softmax.h"
 #include "deepnet/model_io.h"
 #include "fuzz/fuzz_support.h"
-#include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "recognition/line_scoring.h"
 #include "similarity/font_similar_cache.h"
+#include "tests/support/fake_font_access.h"
 
 namespace {
 
@@ -25,8 +25,8 @@ using namespace fontrix;
 using fontrix::fuzz::ScratchPath;
 
 // Names of the seeds' installed fonts: classes of the shipped table, and a few of the seeds' own.
-const char* const kInstalled[] = {"Cabin-Bold", "Cabin-Italic", "DejaVuSans", "DejaVuSerif-Bold",
-                                  "LiberationMono", "F0", "F1", ""};
+const char* const kInstalled[] = {"Cabin-Bold",     "Cabin-Italic", "DejaVuSans", "DejaVuSerif-Bold",
+                                  "LiberationMono", "F0",           "F1",         ""};
 constexpr uint32_t kClasses = 6;
 
 // data -> fully connected to kClasses -> "prob", on 109 x 109 crops.
@@ -80,8 +80,8 @@ struct World {
       features[i * kFeatureDim + kFeatureDim / 2 + i] = 1.0f;
     }
     fuzz::WriteFile(sim.cachedMeta, meta);
-    fuzz::WriteFile(sim.cachedFeature, std::string_view(reinterpret_cast<const char*>(features.data()),
-                                                        features.size() * sizeof(float)));
+    fuzz::WriteFile(sim.cachedFeature,
+                    std::string_view(reinterpret_cast<const char*>(features.data()), features.size() * sizeof(float)));
     auto similar = FontSimilarCache::GetOrCreate();
     FUZZ_CHECK(similar->Load(sim) == kLoadOk);
     similar->Update(installed, 1);

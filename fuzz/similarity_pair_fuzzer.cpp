@@ -90,7 +90,7 @@ void CheckWhole(const SimilarityTable& table, bool shipped) {
     if (AllZero(table.Feature(i)))
       FUZZ_CHECK(status == kStatusUnusable);
     else
-      FUZZ_CHECK(status == (shipped ? ShippedStatus(table.columns[0][i]) : kStatusInstalled));
+      FUZZ_CHECK(status == (shipped ? ShippedStatus(table.columns[kFieldServerId][i]) : kStatusInstalled));
   }
 }
 

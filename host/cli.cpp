@@ -871,10 +871,10 @@ void Recognize(Host& host, const Options& options) {
   HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
   // The name a font points to lasts only as long as the call that gives it: kept as a string.
   std::vector<std::pair<std::string, FontrixRecognizedFont>> answers;
-  FontrixRecognizedFontList list{&answers, [](void* c, const FontrixRecognizedFont* f) {
-                                   static_cast<std::vector<std::pair<std::string, FontrixRecognizedFont>>*>(c)
-                                       ->emplace_back(f->name, *f);
-                                 }};
+  FontrixRecognizedFontList list{
+      &answers, [](void* c, const FontrixRecognizedFont* f) {
+        static_cast<std::vector<std::pair<std::string, FontrixRecognizedFont>>*>(c)->emplace_back(f->name, *f);
+      }};
   double sureAt = -1;
   const QVErr err = text->RecognizeFonts(image->handle(), &list, &sureAt);
   if (err == kQVNotInitialisedErr)
@@ -888,10 +888,9 @@ void Recognize(Host& host, const Options& options) {
     if (answers[i].second.likeness >= 0) rows[i].likeness = answers[i].second.likeness;
   }
   // Sure when the first answer's confidence reaches the module's mark; unsaid without one.
-  const std::optional<bool> sure =
-      sureAt < 0 || answers.empty() || answers[0].second.confidence < 0
-          ? std::nullopt
-          : std::optional<bool>(answers[0].second.confidence >= sureAt);
+  const std::optional<bool> sure = sureAt < 0 || answers.empty() || answers[0].second.confidence < 0
+                                       ? std::nullopt
+                                       : std::optional<bool>(answers[0].second.confidence >= sureAt);
   if (found.empty() && image->width() >= 20 && image->height() >= 20 && !HasText(host, *image))
     throw Failure("no text found");
   if (rows.empty() && !options.json)
@@ -903,7 +902,8 @@ void Recognize(Host& host, const Options& options) {
                  "fontrix: not sure: the first answer is right about %.0f %% of the time at this confidence (sure "
                  "from %.0f %%); the font may not be installed, or the picture too small or unclear\n",
                  100 * answers[0].second.confidence, 100 * sureAt);
-  PrintRows(options, "\"image\": " + JsonString(path) + (sure ? std::string(", \"sure\": ") + (*sure ? "true" : "false") : ""),
+  PrintRows(options,
+            "\"image\": " + JsonString(path) + (sure ? std::string(", \"sure\": ") + (*sure ? "true" : "false") : ""),
             "results", rows, sure ? kRecognitionColumns : kResultColumns);
   if (!options.sheet.empty()) {
     std::vector<Specimen> sheet(1);  // the picture itself on top

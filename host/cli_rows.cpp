@@ -87,9 +87,9 @@ void FoldSameOutlines(std::vector<OutputRow>& rows) {
 }
 
 const std::vector<std::string>& FormatFields() {
-  static const std::vector<std::string> kFields = {"name",  "family", "style", "file",    "index",  "weight",
-                                                   "width", "slant",  "score", "classes", "status", "same_outlines",
-                                                   "confidence", "likeness"};
+  static const std::vector<std::string> kFields = {"name",   "family",        "style",      "file",    "index",
+                                                   "weight", "width",         "slant",      "score",   "classes",
+                                                   "status", "same_outlines", "confidence", "likeness"};
   return kFields;
 }
 

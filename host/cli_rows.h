@@ -21,10 +21,10 @@ struct OutputRow {
   int index = 0, weight = 80, width = 100, slant = 0;  ///< fontconfig's weight, width and slant
   std::optional<double> score;
   std::optional<double> confidence, likeness;  ///< recognize: the chance the answer is right, the line's likeness
-  std::optional<uint32_t> classes;         ///< bit i: kClassLabels[i]
-  std::optional<std::string> status;       ///< "used", or why the services leave the face out
-  std::vector<std::string> same_outlines;  ///< answers folded into this one: the same outlines under other names
-  uint64_t outline_print = 0;              ///< not printed: what tells faces with the same outlines
+  std::optional<uint32_t> classes;             ///< bit i: kClassLabels[i]
+  std::optional<std::string> status;           ///< "used", or why the services leave the face out
+  std::vector<std::string> same_outlines;      ///< answers folded into this one: the same outlines under other names
+  uint64_t outline_print = 0;                  ///< not printed: what tells faces with the same outlines
 };
 
 /// A format error: an unknown field or an unclosed %{.

@@ -76,8 +76,9 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
     if (service.empty()) continue;  // "a,,b" and a trailing comma name nothing more
     auto it = kServices.find(service);
     if (it == kServices.end())
-      throw std::runtime_error("unknown service '" + service +
-                               "' (known: classification, similarity, recognition, class-vote, installed-lines, width-cuts)");
+      throw std::runtime_error(
+          "unknown service '" + service +
+          "' (known: classification, similarity, recognition, class-vote, installed-lines, width-cuts)");
     keys.push_back(it->second);
   }
   return keys;

@@ -5,8 +5,8 @@
 #include <fontconfig/fontconfig.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -100,7 +100,8 @@ void NameFaces(std::vector<HostFont>& fonts) {
 std::string UnusedReason(const HostFont& font) {
   if (!font.duplicate_of.empty()) return "a copy of the face in " + font.duplicate_of;
   if (font.bitmap_only) return "bitmap only (the services need outlines)";
-  if (font.symbol) return "no Latin letters and digits, or symbols in their place (a symbol, dingbat or non-Latin font)";
+  if (font.symbol)
+    return "no Latin letters and digits, or symbols in their place (a symbol, dingbat or non-Latin font)";
   if (font.usable == 0) return "its outlines cannot be loaded";
   return "";
 }

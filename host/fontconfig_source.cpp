@@ -136,7 +136,8 @@ uint64_t OutlinePrint(const std::vector<int16_t>& advances) {
   if (advances.empty()) return 0;
   uint64_t hash = 14695981039346656037ull;
   for (int16_t advance : advances)
-    for (int shift = 0; shift < 16; shift += 8) hash = (hash ^ uint64_t((uint16_t(advance) >> shift) & 0xFF)) * 1099511628211ull;
+    for (int shift = 0; shift < 16; shift += 8)
+      hash = (hash ^ uint64_t((uint16_t(advance) >> shift) & 0xFF)) * 1099511628211ull;
   return hash ? hash : 1;
 }
 

@@ -5,10 +5,10 @@
 #include <elf.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -178,9 +178,11 @@ std::string BuildIdentity(const std::string& bytes) {
     Elf64_Phdr segment;
     if (header.e_phentsize < sizeof segment || at + sizeof segment > bytes.size()) return "";
     std::memcpy(&segment, bytes.data() + at, sizeof segment);
-    if (segment.p_type != PT_NOTE || segment.p_offset > bytes.size() || segment.p_filesz > bytes.size() - segment.p_offset)
+    if (segment.p_type != PT_NOTE || segment.p_offset > bytes.size() ||
+        segment.p_filesz > bytes.size() - segment.p_offset)
       continue;
-    for (uint64_t note = segment.p_offset, end = segment.p_offset + segment.p_filesz; note + sizeof(Elf64_Nhdr) <= end;) {
+    for (uint64_t note = segment.p_offset, end = segment.p_offset + segment.p_filesz;
+         note + sizeof(Elf64_Nhdr) <= end;) {
       Elf64_Nhdr n;
       std::memcpy(&n, bytes.data() + note, sizeof n);
       const uint64_t name = note + sizeof n, desc = name + ((uint64_t(n.n_namesz) + 3) & ~uint64_t(3));
@@ -239,8 +241,8 @@ std::vector<std::string> ModuleStamp(const std::string& module, const std::strin
   auto line = [&](const fs::path& file, bool isModule) {
     const auto size = fs::file_size(file, ec);
     const auto time = fs::last_write_time(file, ec).time_since_epoch().count();
-    const std::string key = file.filename().string() + " " + std::to_string(ec ? 0 : size) + " " +
-                            std::to_string(ec ? 0 : time);
+    const std::string key =
+        file.filename().string() + " " + std::to_string(ec ? 0 : size) + " " + std::to_string(ec ? 0 : time);
     const auto it = known.find(key);
     return key + " " + (it != known.end() ? it->second : ContentOf(file, isModule));
   };

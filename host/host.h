@@ -26,7 +26,8 @@ struct HostFont {
   int face_index = 0;  ///< FreeType's face index: (named instance << 16) | index in the file
   bool bitmap_only = false, symbol = false;
   int usable = -1;  ///< has a usable outline program: 1 yes, 0 no, -1 not known yet (asked of FreeType)
-  int weight = 80, width = 100, slant = 0;  ///< fontconfig's values (regular 80, bold 200; normal width 100; italic 100)
+  int weight = 80, width = 100,
+      slant = 0;               ///< fontconfig's values (regular 80, bold 200; normal width 100; italic 100)
   uint64_t outline_print = 0;  ///< digest of the advances of a-z, A-Z, 0-9: equal for one face in two files; 0 unknown
   /// The advances of a-z, A-Z, 0-9 at 1000 units to the em (-1: no glyph); empty when unknown.
   /// One face in two files has them within a unit or two: the files' rounding differs.
@@ -46,13 +47,12 @@ class FontSource {
 /// by format, file and face index. Faces FreeType cannot open are left out, and so is
 /// fontconfig's pattern of a whole variable font with named instances (it lists each instance
 /// as a face of its own; the default face, index 0, stands for the named instance at the
-/// default coordinates and takes its names). A face without a PostScript name gets "Family-Style" with the spaces removed.
-/// Names are then made unique as NameFaces (host/font_names.h) says: OpenType and TrueType files
-/// come first, so of one face in several formats the OpenType copy is the one used.
-/// Faces read once are remembered in memory by file, modification time and size, so a second
-/// List() only opens new or changed files.
-/// With `listing` (a file path), what was read of each face is kept there too, so a new process
-/// opens only faces whose file is new or changed (by modification time and size).
+/// default coordinates and takes its names). A face without a PostScript name gets "Family-Style" with the spaces
+/// removed. Names are then made unique as NameFaces (host/font_names.h) says: OpenType and TrueType files come first,
+/// so of one face in several formats the OpenType copy is the one used. Faces read once are remembered in memory by
+/// file, modification time and size, so a second List() only opens new or changed files. With `listing` (a file path),
+/// what was read of each face is kept there too, so a new process opens only faces whose file is new or changed (by
+/// modification time and size).
 std::unique_ptr<FontSource> MakeFontconfigSource(const std::string& listing = "");
 
 /// A fixed list of fonts, for tests.

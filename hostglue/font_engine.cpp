@@ -43,7 +43,6 @@ std::vector<std::pair<const char*, void**>> Slots(FontEngineProcedures& t) {
 
 const FontEngineProcedures* BoundFontEngine() { return current.load(std::memory_order_acquire); }
 
-
 BindResult BindFontEngine() {
   const QVFontGlueSuite* glue = qv::Suites().fontGlue;
   void* engine = nullptr;

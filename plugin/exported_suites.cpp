@@ -2,10 +2,10 @@
 
 #include "classification/font_feature_cache.h"
 #include "plugin/class_answers.h"
-#include "shell/feature_switches.h"
 #include "plugin/fontrix.h"
 #include "plugin/tasks.h"
 #include "recognition/font_recognition_cache.h"
+#include "shell/feature_switches.h"
 #include "similarity/font_similar_cache.h"
 
 namespace fontrix {

@@ -1,22 +1,22 @@
 #include "plugin/fontrix.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <new>
 #include <thread>
 
 #include "classification/font_feature_cache.h"
 #include "deepnet/parallel.h"
 #include "hostglue/font_engine.h"
-#include "shell/cache_log.h"
-#include "shell/cancellation.h"
 #include "plugin/class_answers.h"
 #include "plugin/exported_suites.h"
-#include "shell/feature_switches.h"
-#include "shell/qv_error.h"
 #include "plugin/tasks.h"
 #include "recognition/font_recognition_cache.h"
+#include "shell/cache_log.h"
+#include "shell/cancellation.h"
+#include "shell/feature_switches.h"
+#include "shell/qv_error.h"
 #include "similarity/font_similar_cache.h"
 
 namespace fontrix {

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "shell/qv_error.h"
 #include "plugin/string_lists.h"
+#include "shell/qv_error.h"
 
 namespace qv {
 

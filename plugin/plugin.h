@@ -5,8 +5,8 @@
 #include <functional>
 #include <memory>
 
-#include "shell/host_suites.h"
 #include "sdk/qv_plugin.h"
+#include "shell/host_suites.h"
 
 namespace qv {
 

@@ -4,10 +4,10 @@
 
 #include "classification/font_feature_cache.h"
 #include "plugin/class_answers.h"
-#include "shell/cache_log.h"
 #include "plugin/fontrix.h"
-#include "shell/host_suites.h"
 #include "recognition/font_recognition_cache.h"
+#include "shell/cache_log.h"
+#include "shell/host_suites.h"
 #include "similarity/font_similar_cache.h"
 
 namespace fontrix {

@@ -25,8 +25,8 @@ struct AnswerFacts {
 /// The model's inputs, in the file's order: bias, score_ratio (log of score over the first
 /// answer's), first (1 for the first answer), lead (log of the first score over the second, for
 /// the first answer), likeness, likeness_gap (likeness less the best of the answers').
-constexpr std::array<const char*, 6> kConfidenceInputs = {"bias",  "score_ratio", "first",
-                                                          "lead",  "likeness",    "likeness_gap"};
+constexpr std::array<const char*, 6> kConfidenceInputs = {"bias", "score_ratio", "first",
+                                                          "lead", "likeness",    "likeness_gap"};
 std::array<double, 6> ConfidenceInputs(const AnswerFacts& facts);
 
 struct ConfidenceModel {
@@ -48,8 +48,8 @@ struct ConfidenceFileError : std::runtime_error {
 };
 
 /// Reads the file: lines "with_lines|without_lines<TAB>input<TAB>weight" naming every input of
-/// both models once, and "with_lines|without_lines<TAB>sure_at<TAB>value"; "#" lines are comments. Throws ConfidenceFileError
-/// naming the file and line.
+/// both models once, and "with_lines|without_lines<TAB>sure_at<TAB>value"; "#" lines are comments. Throws
+/// ConfidenceFileError naming the file and line.
 ConfidenceModel ReadConfidenceModel(const std::string& path);
 /// Same, from text (the tests).
 ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string& name);

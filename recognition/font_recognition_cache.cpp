@@ -11,6 +11,7 @@
 #include "deepnet/layers/fc.h"
 #include "deepnet/model_io.h"
 #include "deepnet/network.h"
+#include "recognition/letter_proportions.h"
 #include "shell/cache_folder_lock.h"
 #include "shell/cache_log.h"
 #include "shell/cancellation.h"
@@ -18,7 +19,6 @@
 #include "shell/host_suites.h"
 #include "similarity/font_similar_cache.h"
 #include "similarity/similarity_table.h"
-#include "recognition/letter_proportions.h"
 
 namespace fontrix {
 
@@ -136,7 +136,6 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
   return ok;
 }
 
-
 std::string FontRecognitionCache::LoadData(const RecognitionPaths& paths) {
   namespace fs = std::filesystem;
   for (const std::string* file : {&paths.model, &paths.fontTable})
@@ -157,7 +156,7 @@ std::string FontRecognitionCache::LoadData(const RecognitionPaths& paths) {
   if (uint32_t(groups) != classes)
     return "the recognition font table " + paths.fontTable + " lists " + std::to_string(groups) +
            " fonts, but the model " + paths.model + " scores " + std::to_string(classes);
-  for (const auto& id : table_[0]) status_.push_back(ShippedStatus(id));
+  for (const auto& id : table_[kFieldServerId]) status_.push_back(ShippedStatus(id));
   return "";
 }
 
@@ -216,7 +215,8 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
       GreyRaster line;
       LineReading reading;
       try {
-        if (DrawInstalledLine(access, fonts[i], line)) reading = ReadText(line.pixels.data(), line.width, line.height, 1);
+        if (DrawInstalledLine(access, fonts[i], line))
+          reading = ReadText(line.pixels.data(), line.width, line.height, 1);
       } catch (const std::exception& e) {
         log.Info("Installed line of ", names[i], " not read: ", e.what());
       }
@@ -246,7 +246,7 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
   } catch (const std::exception& e) {
     log.Info("Installed lines not saved: ", e.what());
     progress_.Report(CacheProgress::kNotSaved, std::string("the installed fonts' lines were not saved (") + e.what() +
-                                                  "); they are drawn again at the next start");
+                                                   "); they are drawn again at the next start");
   }
   return true;
 }
@@ -265,7 +265,7 @@ void FontRecognitionCache::MatchLines() {
 void FontRecognitionCache::MatchEntries() {
   entryToFont_.assign(status_.size(), -1);
   for (size_t e = 0; e < status_.size(); ++e) {
-    const auto hit = std::find(installed_.begin(), installed_.end(), table_[3][e]);
+    const auto hit = std::find(installed_.begin(), installed_.end(), table_[kFieldName][e]);
     if (hit != installed_.end()) entryToFont_[e] = int32_t(hit - installed_.begin());
   }
 }
@@ -280,15 +280,15 @@ std::vector<FontRecognitionCache::Candidate> FontRecognitionCache::RankClasses(c
   std::vector<Candidate> candidates;
   for (size_t i = 0; i < status_.size() && i < prob.size(); ++i) {
     const int32_t font = entryToFont_[i];
-    if (!tableIndexMode && font == -1 && table_[2][i] == "0") continue;
+    if (!tableIndexMode && font == -1 && table_[kFieldOrigin][i] == "0") continue;
     Candidate c;
     c.score = prob[i];
     c.fontIndex = font;
     c.tableIndex = tableIndexMode ? int32_t(i) : -1;
     c.status = status_[i];
     if (font == -1) {
-      c.fontServerId = table_[0][i];
-      c.name = table_[3][i];
+      c.fontServerId = table_[kFieldServerId][i];
+      c.name = table_[kFieldName][i];
     }
     candidates.push_back(std::move(c));
   }
@@ -389,8 +389,8 @@ std::vector<float> FontRecognitionCache::LikenessLocked(const std::vector<float>
   return likeness;
 }
 
-std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked(const std::vector<Result>& answer,
-                                                                                 const std::vector<float>& likeness) const {
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked(
+    const std::vector<Result>& answer, const std::vector<float>& likeness) const {
   if (std::none_of(likeness.begin(), likeness.end(), [](float l) { return l >= 0; })) return answer;
   std::vector<int32_t> order;
   for (const Result& r : answer) order.push_back(r.fontIndex);

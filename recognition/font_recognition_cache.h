@@ -2,8 +2,8 @@
 // The recognition cache: the recognition network, the optional localisation network, the font
 // table that names the network's classes, and the query from a raster of one line of text.
 #include <array>
-#include <mutex>
 #include <cstdint>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <vector>

@@ -107,7 +107,8 @@ std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_
   std::unordered_set<std::string> names;
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t length = in.Get<uint32_t>("a name");
-    if (length == 0 || length > kLongestName) throw InstalledLinesFileError("a name of " + std::to_string(length) + " bytes");
+    if (length == 0 || length > kLongestName)
+      throw InstalledLinesFileError("a name of " + std::to_string(length) + " bytes");
     InstalledLine line;
     line.name.resize(length);
     in.Take(line.name.data(), length, "a name");
@@ -192,7 +193,8 @@ std::vector<int32_t> MergeInstalledLines(const std::vector<int32_t>& answer, con
   std::vector<int32_t> unnamed;
   for (size_t f = 0; f < likeness.size() && f < named.size(); ++f)
     if (!named[f] && likeness[f] >= 0) unnamed.push_back(int32_t(f));
-  std::stable_sort(unnamed.begin(), unnamed.end(), [&](int32_t a, int32_t b) { return likeness[size_t(a)] > likeness[size_t(b)]; });
+  std::stable_sort(unnamed.begin(), unnamed.end(),
+                   [&](int32_t a, int32_t b) { return likeness[size_t(a)] > likeness[size_t(b)]; });
 
   // Where each unnamed font goes: before answer k, or after the answer (answer.size()). It must
   // match better than every answer from k on: an answer the network ranked high but whose line

@@ -63,5 +63,4 @@ struct LineReading {
 /// Reads the ten crops of a line, run in two batches of five.
 LineReading ReadLine(const deepnet::layer_model_list& network, const std::vector<float>& line, int32_t width);
 
-
 }  // namespace fontrix

@@ -402,7 +402,8 @@ GreyRaster Levelled(const uint8_t* pixels, int32_t width, int32_t height, double
       const int32_t x1 = std::min(width - 1, x0 + 1), y1 = std::min(height - 1, y0 + 1);
       const double fx = sx - x0, fy = sy - y0;
       auto p = [&](int32_t yy, int32_t xx) { return double(pixels[size_t(yy) * size_t(width) + size_t(xx)]); };
-      const double v = (p(y0, x0) * (1 - fx) + p(y0, x1) * fx) * (1 - fy) + (p(y1, x0) * (1 - fx) + p(y1, x1) * fx) * fy;
+      const double v =
+          (p(y0, x0) * (1 - fx) + p(y0, x1) * fx) * (1 - fy) + (p(y1, x0) * (1 - fx) + p(y1, x1) * fx) * fy;
       row[x] = uint8_t(std::lround(v));
     }
   }

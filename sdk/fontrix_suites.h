@@ -60,10 +60,10 @@ enum {
 
 /* How far one service's background work has come. */
 typedef struct FontrixServiceProgress {
-  uint32_t fontsDone;  /* fonts of the current font list the service has handled */
-  uint32_t fontsTotal; /* fonts of the current font list it has to handle */
-  QVBool enabled;      /* the service's feature switch is on */
-  QVBool idle;         /* no background work of the service is queued or running */
+  uint32_t fontsDone;     /* fonts of the current font list the service has handled */
+  uint32_t fontsTotal;    /* fonts of the current font list it has to handle */
+  QVBool enabled;         /* the service's feature switch is on */
+  QVBool idle;            /* no background work of the service is queued or running */
   uint32_t fontsMatched;  /* of the last update: fonts found in the service's cache */
   uint32_t fontsComputed; /* fonts measured or imaged anew */
   uint32_t fontsUnusable; /* fonts that could not be measured or drawn */
@@ -78,8 +78,8 @@ typedef struct FontrixFontHandleList {
 /* Severities of a service's report. */
 enum {
   kFontrixReportNothing = 0,
-  kFontrixReportWarning = 1, /* the service works: a damaged cache was rebuilt, a cache not saved */
-  kFontrixReportFailure = 2, /* the service cannot answer: its data or model cannot be used */
+  kFontrixReportWarning = 1,  /* the service works: a damaged cache was rebuilt, a cache not saved */
+  kFontrixReportFailure = 2,  /* the service cannot answer: its data or model cannot be used */
   kFontrixReportNotSaved = 3, /* the service answers, but what it computed was not kept: a cache
                                  not saved, computed again at the next start */
   kFontrixReportWaiting = 4   /* for as long as it lasts: the service waits for another process
@@ -102,10 +102,10 @@ typedef struct FontrixProgressSuite {
 /* One face of the module's shipped similarity table. The strings are valid only during the
  * append call. */
 typedef struct FontrixTableFont {
-  const char* name;   /* unique name (the PostScript name) */
+  const char* name; /* unique name (the PostScript name) */
   const char* family;
   const char* style;
-  QVBool installed;   /* an installed font of the module's font list matched it by name */
+  QVBool installed; /* an installed font of the module's font list matched it by name */
 } FontrixTableFont;
 
 typedef struct FontrixTableFontList {
@@ -139,9 +139,9 @@ typedef struct FontrixTextLineList {
 
 /* One answer of recognition with what the module knows of it. */
 typedef struct FontrixRecognizedFont {
-  const char* name; /* unique name (the PostScript name) */
-  double score;     /* as the recognition suite gives it */
-  double likeness;  /* 0..1: how alike the picture is to a line the module drew in the font; -1: none */
+  const char* name;  /* unique name (the PostScript name) */
+  double score;      /* as the recognition suite gives it */
+  double likeness;   /* 0..1: how alike the picture is to a line the module drew in the font; -1: none */
   double confidence; /* 0..1: of answers given this confidence, about this share is right; -1:
                         the module has no calibration */
 } FontrixRecognizedFont;

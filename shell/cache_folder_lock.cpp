@@ -52,9 +52,9 @@ CacheFolderLock::CacheFolderLock(const std::string& folder, Mode mode, double ti
     const int cause = errno;
     const auto now = std::chrono::steady_clock::now();
     if ((cause != EWOULDBLOCK && cause != EINTR) || now >= deadline) {
-      error_ = cause == EWOULDBLOCK ? "another process has held " + path + " for " +
-                                          std::to_string(int(timeout_seconds)) + " s"
-                                    : "cannot lock " + path + ": " + std::strerror(cause);
+      error_ = cause == EWOULDBLOCK
+                   ? "another process has held " + path + " for " + std::to_string(int(timeout_seconds)) + " s"
+                   : "cannot lock " + path + ": " + std::strerror(cause);
       ::close(fd);
       if (noticed) notice("");
       return;

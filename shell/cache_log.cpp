@@ -1,8 +1,7 @@
 #include "shell/cache_log.h"
 
-#include <exception>
-
 #include <chrono>
+#include <exception>
 
 #include "shell/feature_switches.h"
 #include "shell/host_suites.h"

@@ -88,8 +88,9 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
       if (!repaired.empty()) log.Info(repaired);
     } else if (!folderPath.empty()) {
       log.Info("Similar Cache Read Only: ", folder.Error());
-      progress_.Report(CacheProgress::kWarning, folder.Error() + "; the similarity cache was read without it, "
-                                                                 "as far as the other process had finished");
+      progress_.Report(CacheProgress::kWarning, folder.Error() +
+                                                    "; the similarity cache was read without it, "
+                                                    "as far as the other process had finished");
     }
     std::lock_guard<std::mutex> lock(mutex_);
     try {
@@ -180,7 +181,7 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
     fontToEntry_.assign(usable.size(), -1);
     // Installed fonts carry the identifier "0", which is never looked up: they match by name,
     // the first equal entry.
-    const auto& entryNames = table_.columns[3];
+    const auto& entryNames = table_.columns[kFieldName];
     for (size_t i = 0; i < usable.size(); ++i) {
       const auto hit = std::find(entryNames.begin(), entryNames.end(), names[i]);
       if (hit != entryNames.end()) {
@@ -308,7 +309,7 @@ std::vector<FontSimilarCache::Scored> FontSimilarCache::RankLocked(int64_t query
     if (byEntry && int64_t(j) == queryEntry) continue;
     const int32_t font = j < entryToFont_.size() ? entryToFont_[j] : -1;
     // An entry computed for a font no longer installed ("0" in field 3) is not offered.
-    if (font == -1 && table_.columns[2][j] == "0") continue;
+    if (font == -1 && table_.columns[kFieldOrigin][j] == "0") continue;
     if (table_.status[j] == kStatusUnusable) continue;
     ranked.push_back({Dot(table_.Feature(j), query, n), uint32_t(j), font});
   }
@@ -325,8 +326,8 @@ std::vector<RankedRecord> FontSimilarCache::Records(const std::vector<Scored>& s
     r.fontIndex = scored[k].fontIndex;
     r.status = table_.status[scored[k].entry];
     if (r.fontIndex == -1) {
-      r.fontServerId = table_.columns[0][scored[k].entry];
-      r.name = table_.columns[3][scored[k].entry];
+      r.fontServerId = table_.columns[kFieldServerId][scored[k].entry];
+      r.name = table_.columns[kFieldName][scored[k].entry];
     }
   }
   return records;
@@ -369,7 +370,7 @@ std::vector<ShippedFace> FontSimilarCache::ShippedFaces() {
   std::vector<ShippedFace> faces;
   for (size_t j = 0; j < table_.Size(); ++j)
     if (IsShipped(table_, j))
-      faces.push_back({table_.columns[3][j], table_.columns[4][j], table_.columns[5][j],
+      faces.push_back({table_.columns[kFieldName][j], table_.columns[kFieldFamily][j], table_.columns[kFieldStyle][j],
                        j < entryToFont_.size() && entryToFont_[j] >= 0});
   return faces;
 }
@@ -377,7 +378,7 @@ std::vector<ShippedFace> FontSimilarCache::ShippedFaces() {
 std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::GetSimilarToShippedFace(
     const std::string& name) {
   std::lock_guard<std::mutex> lock(mutex_);
-  const auto& names = table_.columns[3];
+  const auto& names = table_.columns[kFieldName];
   size_t entry = 0;
   while (entry < table_.Size() && !(IsShipped(table_, entry) && names[entry] == name)) ++entry;
   if (entry == table_.Size()) return std::nullopt;
@@ -419,7 +420,7 @@ std::vector<float> FontSimilarCache::VectorsByName(const std::vector<std::string
   std::lock_guard<std::mutex> lock(mutex_);
   std::unordered_map<std::string, size_t> entryOf;
   for (size_t j = table_.Size(); j-- > 0;)
-    if (table_.status[j] != kStatusUnusable) entryOf[table_.columns[3][j]] = j;  // the first one wins
+    if (table_.status[j] != kStatusUnusable) entryOf[table_.columns[kFieldName][j]] = j;  // the first one wins
   std::vector<float> vectors(names.size() * kFeatureDim, 0.0f);
   found.assign(names.size(), false);
   for (size_t i = 0; i < names.size(); ++i) {

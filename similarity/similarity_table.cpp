@@ -104,7 +104,7 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
     if (IsAllZero(record))
       s = kStatusUnusable;
     else if (!isCache)
-      s = ShippedStatus(index < columns[0].size() ? columns[0][index] : std::string());
+      s = ShippedStatus(index < columns[kFieldServerId].size() ? columns[kFieldServerId][index] : std::string());
     status.push_back(s);
     ++index;
     ++records;
@@ -118,7 +118,7 @@ std::string SimilarityTable::CheckRecords(size_t first, size_t count, bool isCac
   std::set<std::string> names;
   for (size_t i = first; i < first + count; ++i) {
     const float* v = Feature(i);
-    const std::string& name = columns[3][i];
+    const std::string& name = columns[kFieldName][i];
     if (status[i] == kStatusUnusable) {
       ++zeros;
     } else {
@@ -144,8 +144,8 @@ SimilarityTable::SumsCheck SimilarityTable::CheckSums(size_t first, const std::s
   size_t whole = 0;
   const std::vector<std::string> lines = SplitLines(bytes, &whole);
   for (size_t i = first; i < Size() && i - first < whole; ++i) {
-    if (lines[i - first] != SumText(EntrySum(columns[3][i], Feature(i)))) {
-      check.problem = "the entry of " + columns[3][i] + " does not match its check sum";
+    if (lines[i - first] != SumText(EntrySum(columns[kFieldName][i], Feature(i)))) {
+      check.problem = "the entry of " + columns[kFieldName][i] + " does not match its check sum";
       return check;
     }
     ++check.checked;
@@ -228,8 +228,8 @@ int SimilarityTable::Load(const std::string& computedMeta, const std::string& co
     if (const size_t unchecked = Size() - shipped - sums.checked; unchecked > 0) {
       KeepEntries(*this, shipped + sums.checked);
       const std::string cut = CutCachePair(cachedMeta, cachedFeature, sums.checked);
-      note = std::to_string(unchecked) + " entries of the similarity cache " + cachedMeta +
-             " had no check sum (" + CacheSumsPath(cachedMeta) + " lost or cut short): they are computed again" +
+      note = std::to_string(unchecked) + " entries of the similarity cache " + cachedMeta + " had no check sum (" +
+             CacheSumsPath(cachedMeta) + " lost or cut short): they are computed again" +
              (cut.empty() ? "" : "; " + cut);
     }
   }
@@ -255,9 +255,9 @@ size_t SimilarityTable::AddInstalled(const std::vector<float>& feature, uint32_t
   status.push_back(entryStatus);
   features.insert(features.end(), feature.begin(), feature.end());
   features.resize(status.size() * featureDim, 0.0f);
-  columns[3].push_back(uniqueName);
-  columns[4].push_back("userFamily");
-  columns[5].push_back("userSubFamily");
+  columns[kFieldName].push_back(uniqueName);
+  columns[kFieldFamily].push_back("userFamily");
+  columns[kFieldStyle].push_back("userSubFamily");
   for (int c = 0; c < 3; ++c) columns[size_t(c)].push_back("0");
   pending.push_back(Size() - 1);
   return Size() - 1;
@@ -275,7 +275,7 @@ std::string SimilarityTable::Save() {
   disk.featureDim = featureDim;
   const int read = disk.ReadPair(cacheMetaPath, cacheFeaturePath, true);
   SumsCheck sums = disk.CheckSums(0, sumsPath);
-  std::set<std::string> saved(disk.columns[3].begin(), disk.columns[3].end());
+  std::set<std::string> saved(disk.columns[kFieldName].begin(), disk.columns[kFieldName].end());
   // Names twice: saves of two processes interleaved (before they shared a lock), so records and
   // names may no longer belong together.
   if (read != kLoadOk || !sums.problem.empty() || saved.size() != disk.Size()) {
@@ -286,18 +286,19 @@ std::string SimilarityTable::Save() {
     if (std::string cut = CutCachePair(cacheMetaPath, cacheFeaturePath, sums.checked); !cut.empty()) return cut;
     KeepEntries(disk, sums.checked);
   }
-  saved = std::set<std::string>(disk.columns[3].begin(), disk.columns[3].end());
+  saved = std::set<std::string>(disk.columns[kFieldName].begin(), disk.columns[kFieldName].end());
 
   std::vector<size_t> append;
   std::set<std::string> written;
   for (size_t i : pending)
-    if (!saved.count(columns[3][i]) && written.insert(columns[3][i]).second) append.push_back(i);
+    if (!saved.count(columns[kFieldName][i]) && written.insert(columns[kFieldName][i]).second) append.push_back(i);
 
   // The sums first, whole and renamed into place: a save cut short after them leaves entries
   // that either match their lines or are torn and cut back.
   std::string text;
-  for (size_t i = 0; i < disk.Size(); ++i) text += SumText(EntrySum(disk.columns[3][i], disk.Feature(i))) + "\n";
-  for (size_t i : append) text += SumText(EntrySum(columns[3][i], Feature(i))) + "\n";
+  for (size_t i = 0; i < disk.Size(); ++i)
+    text += SumText(EntrySum(disk.columns[kFieldName][i], disk.Feature(i))) + "\n";
+  for (size_t i : append) text += SumText(EntrySum(columns[kFieldName][i], Feature(i))) + "\n";
   const std::string temporary = sumsPath + ".tmp";
   {
     std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
@@ -317,7 +318,10 @@ std::string SimilarityTable::Save() {
     return "cannot write the similarity cache " + (meta ? cacheFeaturePath : cacheMetaPath) + ": " +
            std::strerror(errno) + "; installed fonts are computed again at every start";
   for (size_t i : append) {
-    meta << "0\n0\n0\n" << columns[3][i] << '\n' << columns[4][i] << '\n' << columns[5][i] << '\n';
+    meta << "0\n0\n0\n"
+         << columns[kFieldName][i] << '\n'
+         << columns[kFieldFamily][i] << '\n'
+         << columns[kFieldStyle][i] << '\n';
     feature.write(reinterpret_cast<const char*>(Feature(i)), std::streamsize(featureDim * sizeof(float)));
   }
   meta.flush();

@@ -3,8 +3,7 @@
 // pair of installed fonts (read and appended), and the network.
 //
 // Feature file: records of 768 little-endian floats, no header. Meta file: text, six lines per
-// font: font-server identifier, two reserved fields, unique name, family, style. Record i of
-// the feature file belongs to group i of the meta file.
+// font (MetaField). Record i of the feature file belongs to group i of the meta file.
 #include <array>
 #include <cstdint>
 #include <string>
@@ -19,6 +18,17 @@ constexpr size_t kFeatureRecordBytes = kFeatureDim * sizeof(float);
 /// The shipped pair holds exactly this many fonts; any other count rejects it.
 constexpr int kShippedFontCount = 1864;
 constexpr int kMetaLinesPerFont = 6;
+
+/// The fields of a meta group, in file order; SimilarityTable::columns is indexed by them.
+enum MetaField : size_t {
+  kFieldServerId = 0,  ///< a library face's font-server identifier (its length gives the status); "0" here
+  kFieldUnused = 1,    ///< written "0" by the cache, read by nothing
+  kFieldOrigin = 2,    ///< "0" for an entry computed on the user's machine, never "0" in the shipped pair:
+                       ///< an entry with "0" whose font is no longer installed is not offered
+  kFieldName = 3,      ///< the unique name installed fonts are matched on
+  kFieldFamily = 4,    ///< "userFamily" for entries made on the user's machine
+  kFieldStyle = 5,     ///< "userSubFamily" for entries made on the user's machine
+};
 
 /// Entry status, decided at load in this order: an all-zero vector is unusable; a cache entry
 /// is an installed font; a shipped entry is classed by the length of its identifier only.
@@ -43,7 +53,7 @@ struct SimilarityTable {
   /// The feature vectors, entry after entry, featureDim floats each: one block, so a query
   /// streams through them in order.
   std::vector<float> features;
-  /// Meta fields 1 to 6, one list per field; entry i of every list belongs to feature i.
+  /// The meta fields, one list per MetaField; entry i of every list belongs to feature i.
   std::array<std::vector<std::string>, kMetaLinesPerFont> columns;
   std::vector<uint32_t> status;
   std::vector<size_t> pending;  ///< entries computed since the last save
@@ -69,8 +79,7 @@ struct SimilarityTable {
   /// With kReadOnly the cache pair never fails: the entries that are whole and match their sums,
   /// from the first up to the first that does not, are loaded, and nothing is written.
   int Load(const std::string& computedMeta, const std::string& computedFeature, const std::string& cachedMeta,
-           const std::string& cachedFeature, const std::string& model,
-           CacheAccess access = CacheAccess::kWritable);
+           const std::string& cachedFeature, const std::string& model, CacheAccess access = CacheAccess::kWritable);
   /// Loads one pair; a pair that fails adds nothing, and the entries of earlier pairs stay.
   int ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache);
   /// Appends the file's lines to the columns; the number of whole groups, or -1 when the file

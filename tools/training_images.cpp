@@ -26,8 +26,8 @@
 // picture int32 label, float32 first and last row of the band as fractions of the height, and
 // the picture brought to 109 rows as 109 x 384 bytes (a narrower picture repeated side by side,
 // which keeps its band; a wider one cut at a random column).
-#include <csetjmp>
 #include <cmath>
+#include <csetjmp>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>

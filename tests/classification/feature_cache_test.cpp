@@ -41,12 +41,12 @@ TEST(FeatureCacheFile, RoundTripEmptyAndMalformedFiles) {
   EXPECT_TRUE(LoadFeatureCache((dir / "absent.json").string(), read));  // no file: an empty cache
   // Not a bitmask of the eight classes (a value no module writes would give classes the font does
   // not have), or a font twice: the file has the wrong shape.
-  for (const char* wrong : {R"({"name":"A"})", R"([{"featureValue":1}])", R"([{"name":"A","featureValue":"1"}])",
-                            R"([{"name":"A","featureValue":1e300}])", R"([{"name":"A","featureValue":-5}])",
-                            R"([{"name":"A","featureValue":4294967296}])", R"([{"name":"A","featureValue":4294967295}])",
-                            R"([{"name":"A","featureValue":-0.5}])", R"([{"name":"A","featureValue":2.5}])",
-                            R"([{"name":"A","featureValue":256}])",
-                            R"([{"name":"A","featureValue":1},{"name":"A","featureValue":2}])"}) {
+  for (const char* wrong :
+       {R"({"name":"A"})", R"([{"featureValue":1}])", R"([{"name":"A","featureValue":"1"}])",
+        R"([{"name":"A","featureValue":1e300}])", R"([{"name":"A","featureValue":-5}])",
+        R"([{"name":"A","featureValue":4294967296}])", R"([{"name":"A","featureValue":4294967295}])",
+        R"([{"name":"A","featureValue":-0.5}])", R"([{"name":"A","featureValue":2.5}])",
+        R"([{"name":"A","featureValue":256}])", R"([{"name":"A","featureValue":1},{"name":"A","featureValue":2}])"}) {
     { std::ofstream(path) << wrong; }
     EXPECT_THROW(LoadFeatureCache(path, read), FeatureCacheParameterError) << wrong;
   }

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/support/fake_font_access.h"
 #include "tests/plugin/test_host.h"
+#include "tests/support/fake_font_access.h"
 
 namespace fontrix {
 namespace {

@@ -407,7 +407,7 @@ TEST_F(EngineTest, MetricsStyleUnderlineAndGlyphs) {
       {"DejaVuSansMono", kQVFontFlagNonsymbolic | kQVFontFlagFixedPitch, kQVFontStyleRegular},
       {"DejaVuSerif", kQVFontFlagNonsymbolic | kQVFontFlagSerif, kQVFontStyleRegular},  // PANOSE
       {"LiberationSerif-Italic", kQVFontFlagNonsymbolic | kQVFontFlagSerif | kQVFontFlagItalic,
-       kQVFontStyleItalic},  // sFamilyClass
+       kQVFontStyleItalic},                                              // sFamilyClass
       {"StandardSymbolsPS", kQVFontFlagSymbolic, kQVFontStyleRegular}};  // the Type 1 copy: symbol encoding
   for (const auto& [name, flags, code] : styles) {
     const QVFontStyle style = Get<QVFontStyle>(e_->GetFontStyle, Font(name, flags & kQVFontFlagSymbolic ? ".t1" : ""));

@@ -8,11 +8,16 @@ namespace fontrix::host {
 namespace {
 
 const std::vector<TableFace> kFaces = {
-    {"Averia-Regular", "Averia", "Regular"},         {"Averia-Bold", "Averia", "Bold"},
-    {"Averia-Italic", "Averia", "Italic"},           {"Averia-BoldItalic", "Averia", "Bold Italic"},
-    {"Averia-Light", "Averia", "Light"},             {"Averia-SemiBold", "Averia", "SemiBold"},
-    {"AveriaCond-Bold", "Averia", "Condensed Bold"}, {"Saira-ExtraLightItalic", "Saira Thin", "ExtraLight Italic"},
-    {"Saira-Black", "Saira Thin", "Black"},          {"Averia Serif-Regular", "Averia Serif", "Regular"},
+    {"Averia-Regular", "Averia", "Regular"},
+    {"Averia-Bold", "Averia", "Bold"},
+    {"Averia-Italic", "Averia", "Italic"},
+    {"Averia-BoldItalic", "Averia", "Bold Italic"},
+    {"Averia-Light", "Averia", "Light"},
+    {"Averia-SemiBold", "Averia", "SemiBold"},
+    {"AveriaCond-Bold", "Averia", "Condensed Bold"},
+    {"Saira-ExtraLightItalic", "Saira Thin", "ExtraLight Italic"},
+    {"Saira-Black", "Saira Thin", "Black"},
+    {"Averia Serif-Regular", "Averia Serif", "Regular"},
 };
 
 std::string Resolved(const std::string& typed, const std::string& style = "") {
@@ -25,11 +30,11 @@ TEST(TableNames, StyleNamesGiveWeightSlantAndWidth) {
     const char* style;
     int weight;
     bool italic, narrow_or_wide;
-  } cases[] = {{"Regular", 400, false, false},   {"Book", 400, false, false},
+  } cases[] = {{"Regular", 400, false, false},        {"Book", 400, false, false},
                {"SemiBold Italic", 600, true, false}, {"Semi-Bold", 600, false, false},
-               {"ExtraLight", 200, false, false}, {"UltraBlack", 950, false, false},
-               {"BoldOblique", 700, true, false}, {"Condensed Bold", 700, false, true},
-               {"Black", 900, false, false},      {"Thin Italic", 100, true, false}};
+               {"ExtraLight", 200, false, false},     {"UltraBlack", 950, false, false},
+               {"BoldOblique", 700, true, false},     {"Condensed Bold", 700, false, true},
+               {"Black", 900, false, false},          {"Thin Italic", 100, true, false}};
   for (const Case& c : cases) {
     const StyleTraits t = TraitsOfStyle(c.style);
     EXPECT_EQ(t.weight, c.weight) << c.style;
@@ -42,7 +47,7 @@ TEST(TableNames, UniqueNamesFamiliesAndStyles) {
   EXPECT_EQ(Resolved("Averia-Bold"), "Averia-Bold exact");
   EXPECT_EQ(Resolved("averia-bolditalic"), "Averia-BoldItalic exact");
   EXPECT_EQ(Resolved("Averia-Bold", "italic"), "Averia-Italic exact");  // another face of its family
-  EXPECT_EQ(Resolved("Averia"), "Averia-Regular");  // the regular face, but nothing was asked
+  EXPECT_EQ(Resolved("Averia"), "Averia-Regular");                      // the regular face, but nothing was asked
   EXPECT_EQ(Resolved("averia bold italic"), "Averia-BoldItalic exact");
   EXPECT_EQ(Resolved("Averia", "Bold Italic"), "Averia-BoldItalic exact");
   // The longest family wins: "Averia Serif" is not Averia in the style "Serif".

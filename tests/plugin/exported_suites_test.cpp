@@ -73,7 +73,8 @@ TEST_F(HostTest, SimilarSuiteClearsTheListAndAnswersUnknownFontsWithThemselves) 
 TEST_F(HostTest, TableSuiteAnswersFromTheSimilarityCache) {
   for (const bool similarity : {false, true}) {
     auto& h = Started({{"Text/FontSimilarity", similarity}});
-    const auto* table = static_cast<const FontrixTableSuite*>(h.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+    const auto* table =
+        static_cast<const FontrixTableSuite*>(h.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
     ASSERT_TRUE(table);
     std::vector<std::string> faces;
     FontrixTableFontList sink{&faces, [](void* c, const FontrixTableFont* f) {

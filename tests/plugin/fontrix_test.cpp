@@ -22,10 +22,10 @@ TEST_F(HostTest, StartupRegistersSuitesNotifiersAndAnInactiveTimer) {
   ASSERT_EQ(h.Startup(), kQVNoErr);
   EXPECT_EQ(h.PluginName(), "Fontrix");
   auto suites = h.RegisteredSuites();
-  EXPECT_EQ(suites, (std::vector<std::string>{"QV Font Feature Suite", "QV Font Similar Suite",
-                                              "QV Font Recognition Suite", "QV Fontrix Progress Suite",
-                                              "QV Fontrix Table Suite", "QV Fontrix Text Suite",
-                                              "QV Fontrix Text Suite"}));  // versions 1 and 2
+  EXPECT_EQ(suites,
+            (std::vector<std::string>{"QV Font Feature Suite", "QV Font Similar Suite", "QV Font Recognition Suite",
+                                      "QV Fontrix Progress Suite", "QV Fontrix Table Suite", "QV Fontrix Text Suite",
+                                      "QV Fontrix Text Suite"}));  // versions 1 and 2
   EXPECT_FALSE(h.TimerActive("QV Fontrix Notifier Timer"));
   EXPECT_EQ(h.AccessCount(), 1);  // kept loaded until the application quits
   EXPECT_EQ(h.Globals(), Fontrix::Global());

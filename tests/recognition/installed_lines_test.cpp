@@ -1,5 +1,7 @@
 // Fonts the network has no class for: how their lines join the network's answer, and the file
 // that keeps the lines.
+#include "recognition/installed_lines.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "recognition/installed_lines.h"
 #include "tests/support/fake_font_access.h"
 
 namespace fontrix {
@@ -75,7 +76,7 @@ TEST(InstalledLinesFile, KeepsLinesAndFontsWithoutOneForTheNetworkThatReadThem) 
   EXPECT_TRUE(read[1].features.empty());
   EXPECT_EQ(read[2].name, "Beta");
   EXPECT_TRUE(ReadInstalledLines(path, 8).empty());  // another network read them: read again
-  WriteInstalledLines(path, 7, {lines[1]});           // fonts without lines only
+  WriteInstalledLines(path, 7, {lines[1]});          // fonts without lines only
   EXPECT_EQ(ReadInstalledLines(path, 7).size(), 1u);
   WriteInstalledLines(path, 7, lines);
   EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));

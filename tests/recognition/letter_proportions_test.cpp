@@ -47,7 +47,8 @@ TEST(LetterProportions, ThePicturesXHeightLettersWhateverElseIsThere) {
   for (int y = 0; y < soft.height; ++y)
     for (int x = 1; x + 1 < soft.width; ++x) {
       uint8_t& p = soft.pixels[size_t(y * soft.width + x)];
-      if (p == 255 && (dark.pixels[size_t(y * soft.width + x - 1)] == 0 || dark.pixels[size_t(y * soft.width + x + 1)] == 0))
+      if (p == 255 &&
+          (dark.pixels[size_t(y * soft.width + x - 1)] == 0 || dark.pixels[size_t(y * soft.width + x + 1)] == 0))
         p = 160;
     }
   EXPECT_FLOAT_EQ(float(MedianProportion(XHeightLetterProportions(soft))), 16.0f / 20.0f);

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <random>
 
-#include "tests/support/fake_font_access.h"
 #include "recognition/font_recognition_cache.h"
 #include "recognition/line_scoring.h"
 #include "similarity/font_similar_cache.h"
 #include "tests/recognition/recognition_fixtures.h"
+#include "tests/support/fake_font_access.h"
 
 namespace fontrix {
 namespace {

@@ -1,9 +1,9 @@
 // Finding text by its ink: margins, pages, frames, grain and specks, several lines, the cut.
+#include "recognition/text_lines.h"
+
 #include <gtest/gtest.h>
 
 #include <random>
-
-#include "recognition/text_lines.h"
 
 namespace fontrix {
 namespace {

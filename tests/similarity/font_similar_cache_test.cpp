@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "shell/cache_folder_lock.h"
-#include "tests/support/fake_font_access.h"
 #include "tests/similarity/similarity_fixtures.h"
+#include "tests/support/fake_font_access.h"
 
 namespace fontrix {
 namespace {
@@ -103,10 +103,12 @@ TEST_F(SimilarCacheTest, AReaderThatWaitedInVainNeverCutsAWritersSave) {
   auto writer = std::make_unique<CacheFolderLock>(dir.string(), CacheFolderLock::kExclusive);
   ASSERT_TRUE(writer->Held());
   // The writer has renamed its sums into place and written half of its entry's meta lines.
-  std::ofstream(CacheSumsPath(paths.cachedMeta), std::ios::app) << SumText(EntrySum("Writer-Bold", writers.data()))
-                                                                << '\n';
+  std::ofstream(CacheSumsPath(paths.cachedMeta), std::ios::app)
+      << SumText(EntrySum("Writer-Bold", writers.data())) << '\n';
   std::ofstream(paths.cachedMeta, std::ios::app) << "0\n0\n0\n";
-  const auto sizes = [&] { return std::make_pair(fs::file_size(paths.cachedMeta), fs::file_size(paths.cachedFeature)); };
+  const auto sizes = [&] {
+    return std::make_pair(fs::file_size(paths.cachedMeta), fs::file_size(paths.cachedFeature));
+  };
   const auto before = sizes();
   SetCacheFolderWait(0.3);
   auto cache = Loaded();
@@ -128,7 +130,7 @@ TEST_F(SimilarCacheTest, AReaderThatWaitedInVainNeverCutsAWritersSave) {
             kLoadOk);
   EXPECT_EQ(files.note, "");
   ASSERT_EQ(files.Size(), 1868u);
-  EXPECT_EQ(std::vector<std::string>(files.columns[3].begin() + 1864, files.columns[3].end()),
+  EXPECT_EQ(std::vector<std::string>(files.columns[kFieldName].begin() + 1864, files.columns[kFieldName].end()),
             (std::vector<std::string>{"Alpha-Regular", "Beta-Bold", "Writer-Bold", "Gamma-Regular"}));
   EXPECT_EQ(files.FeatureVector(1864), AxisVector(7));
   EXPECT_EQ(files.FeatureVector(1866), writers);

@@ -86,7 +86,7 @@ TEST_F(SimilarityFiles, StatusFromIdentifierLengthAndZeroVectors) {
   EXPECT_EQ(t.status[5], kStatusUnusable);  // shipped but all zeros
   EXPECT_EQ(t.status[1864], kStatusInstalled);
   EXPECT_EQ(t.status[1865], kStatusUnusable);
-  EXPECT_EQ(t.columns[3][1865], "Mine1");
+  EXPECT_EQ(t.columns[kFieldName][1865], "Mine1");
 }
 
 TEST_F(SimilarityFiles, TornOrMismatchedCacheFailsTheCachePairOnly) {
@@ -129,11 +129,11 @@ TEST_F(SimilarityFiles, SaveAppendsEachNameOnceAndKeepsPendingEntriesWhenItCanno
   SimilarityTable again;
   ASSERT_EQ(Load(again), kLoadOk);
   ASSERT_EQ(again.Size(), 1866u);
-  EXPECT_EQ(again.columns[3][1864], "Mine-Regular");
-  EXPECT_EQ(again.columns[3][1865], "Mine-Bold");
-  EXPECT_EQ(again.columns[4][1864], "userFamily");
-  EXPECT_EQ(again.columns[5][1865], "userSubFamily");
-  EXPECT_EQ(again.columns[2][1864], "0");
+  EXPECT_EQ(again.columns[kFieldName][1864], "Mine-Regular");
+  EXPECT_EQ(again.columns[kFieldName][1865], "Mine-Bold");
+  EXPECT_EQ(again.columns[kFieldFamily][1864], "userFamily");
+  EXPECT_EQ(again.columns[kFieldStyle][1865], "userSubFamily");
+  EXPECT_EQ(again.columns[kFieldOrigin][1864], "0");
   EXPECT_EQ(again.FeatureVector(1865), AxisVector(5));
 
   t.AddInstalled(AxisVector(4), kStatusInstalled, "Later");
@@ -158,7 +158,7 @@ TEST_F(SimilarityFiles, SaveMovesAnInconsistentPairAsideFirst) {
   SimilarityTable again;
   ASSERT_EQ(Load(again), kLoadOk);
   ASSERT_EQ(again.Size(), 1865u);
-  EXPECT_EQ(again.columns[3][1864], "Mine7");
+  EXPECT_EQ(again.columns[kFieldName][1864], "Mine7");
 }
 
 TEST_F(SimilarityFiles, EntriesMovedOrRemovedSinceTheirSaveFailTheirCheckSums) {
@@ -235,7 +235,7 @@ TEST_F(SimilarityFiles, SumsAheadOfTheirEntriesAreNoDamageAndAStaleTemporaryGoes
   EXPECT_FALSE(fs::exists(CacheSumsPath(path("sys.meta")) + ".tmp"));
   ASSERT_EQ(Load(again), kLoadOk);
   ASSERT_EQ(again.Size(), 1866u);
-  EXPECT_EQ(again.columns[3][1865], "Later");
+  EXPECT_EQ(again.columns[kFieldName][1865], "Later");
   std::ifstream sums(CacheSumsPath(path("sys.meta")));
   size_t lines = 0;
   for (std::string line; std::getline(sums, line);) ++lines;
@@ -250,8 +250,8 @@ TEST_F(SimilarityFiles, AReadOnlyLoadReadsTheConsistentEntriesAndWritesNothing) 
       path("sys.meta"), path("sys.fea"), 4, [](size_t) { return std::string("0"); },
       [](size_t i) { return "Mine" + std::to_string(i); }, [](size_t i) { return AxisVector(i); }, "0");
   // The writer's sums cover a fifth entry it is appending: half its meta lines, no record yet.
-  std::ofstream(CacheSumsPath(path("sys.meta")), std::ios::app) << SumText(EntrySum("Mine4", AxisVector(4).data()))
-                                                                 << '\n';
+  std::ofstream(CacheSumsPath(path("sys.meta")), std::ios::app)
+      << SumText(EntrySum("Mine4", AxisVector(4).data())) << '\n';
   std::ofstream(path("sys.meta"), std::ios::app) << "0\n0\n0\nMine4\n";
   // And the third entry's record was changed under its sum.
   {
@@ -265,7 +265,7 @@ TEST_F(SimilarityFiles, AReadOnlyLoadReadsTheConsistentEntriesAndWritesNothing) 
                    CacheAccess::kReadOnly),
             kLoadOk);
   EXPECT_EQ(t.Size(), 1866u);
-  EXPECT_EQ(t.columns[3].back(), "Mine1");
+  EXPECT_EQ(t.columns[kFieldName].back(), "Mine1");
   EXPECT_NE(t.note, "");
   ExpectWhole(t);
   EXPECT_EQ(before, std::make_pair(fs::file_size(path("sys.meta")), fs::file_size(path("sys.fea"))));
@@ -321,7 +321,7 @@ TEST_F(SimilarityFiles, TornTailIsCutBackToTheLastWholeEntry) {
   SimilarityTable t;
   ASSERT_EQ(Load(t), kLoadOk);
   EXPECT_EQ(t.Size(), 1864u + 3u);
-  EXPECT_EQ(t.columns[3].back(), "Mine2");
+  EXPECT_EQ(t.columns[kFieldName].back(), "Mine2");
   // Features written, meta not: the extra record goes.
   {
     std::ofstream(path("sys.fea"), std::ios::app | std::ios::binary)

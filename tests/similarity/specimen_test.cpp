@@ -6,8 +6,8 @@
 
 #include <cmath>
 
-#include "tests/support/fake_font_access.h"
 #include "tests/similarity/similarity_fixtures.h"
+#include "tests/support/fake_font_access.h"
 
 namespace fontrix {
 namespace {
