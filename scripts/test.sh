@@ -25,7 +25,7 @@ sanitized() {
   ctest --test-dir "$folder" --output-on-failure -j"$(nproc)" --timeout 1500
 }
 # Only pointer-overflow is recoverable, so that the one RapidJSON report can be suppressed.
-export ASAN_OPTIONS=detect_leaks=1 TSAN_OPTIONS=second_deadlock_stack=1
+export ASAN_OPTIONS=detect_leaks=1 TSAN_OPTIONS="second_deadlock_stack=1:suppressions=$PWD/scripts/tsan.supp"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:suppressions=$PWD/scripts/ubsan.supp"
 sanitized build-asan "-fsanitize=address,undefined -fno-sanitize-recover=all -fsanitize-recover=pointer-overflow \
   -fno-omit-frame-pointer"

@@ -212,7 +212,9 @@ class DamagedFilesTest(ShippedDataTest):
                 for _ in range(3)]
         for run in runs:
             out, err = run.communicate(timeout=900)
-            self.assertEqual((run.returncode, err), (0, ""))
+            # A process may wait for another's save, and says so; nothing else is said.
+            said = [line for line in err.splitlines() if not line.startswith("fontrix: waiting for another fontrix")]
+            self.assertEqual((run.returncode, said), (0, []), err)
         names, _ = read_cache(self.folder)
         self.assertEqual(len(names), len(set(names)))
         with open(os.path.join(self.folder, "FontFeatureCache.json")) as f:
