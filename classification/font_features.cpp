@@ -13,7 +13,7 @@ namespace {
 using hostglue::FontAccess;
 using hostglue::GlyphBitmap;
 using hostglue::GlyphPath;
-using namespace features;
+using namespace glyph_geometry;
 
 static_assert(kPi == double(float(3.14159265358979323846)), "pi must be the single-precision value");
 static_assert(kTwoPi == 2 * kPi, "two pi must be the single-precision value doubled");
@@ -282,7 +282,7 @@ void WriteDebugRaster(const std::string& folder, const std::string& suffix, cons
   }
 }
 
-namespace features {
+namespace glyph_geometry {
 
 std::vector<Polyline> ResamplePath(const GlyphPath& path, double spacing, double scale) {
   std::vector<Polyline> lines;
@@ -443,5 +443,5 @@ bool ComputeRasterRates(const GlyphBitmap& bitmap, RasterRates& rates) {
   return true;
 }
 
-}  // namespace features
+}  // namespace glyph_geometry
 }  // namespace fontrix

@@ -19,8 +19,9 @@ bool ComputeFontFeatures(hostglue::FontAccess& fonts, QVFontHandle font, std::ar
 /// Writes `bitmap` as a plain PGM ("Raster" + suffix + ".pgm" in `folder`); silently skipped when it cannot be opened.
 void WriteDebugRaster(const std::string& folder, const std::string& suffix, const hostglue::GlyphBitmap& bitmap);
 
-// The building blocks of the outline and raster features.
-namespace features {
+// The building blocks of the outline and raster features: glyph outlines resampled, their
+// curvature and direction, raster runs.
+namespace glyph_geometry {
 
 /// Pi as the model's trainer had it: the single-precision value, widened.
 constexpr double kPi = 3.1415927410125732;
@@ -67,5 +68,5 @@ struct RasterRates {
 /// False for a raster whose rows are too short for its width.
 bool ComputeRasterRates(const hostglue::GlyphBitmap& bitmap, RasterRates& rates);
 
-}  // namespace features
+}  // namespace glyph_geometry
 }  // namespace fontrix

@@ -1,6 +1,8 @@
 #pragma once
 // Access to the host's suites: the process-wide basic suite and the holder of the suites the
-// module keeps acquired while it runs.
+// module keeps acquired while it runs. Namespace qv holds what faces the host (its suites, its
+// feature switches, its error codes as exceptions, and the plug-in object in plugin/): the name
+// the host interface gives its helpers, kept wherever they live.
 #include <string>
 
 #include "sdk/fontrix_suites.h"

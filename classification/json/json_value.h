@@ -1,7 +1,8 @@
 #pragma once
 // A small owning tree of JSON values over RapidJSON: typed accessors that fail loudly, bounded
 // parsing (nesting and array-length limits) and equality. The feature cache file is read and
-// written through it.
+// written through it. Its namespace, corvid::serialize, and its error texts are those the module
+// is defined with (the utility library of the host's maker), not ours to rename.
 #include <cstdint>
 #include <istream>
 #include <map>

@@ -15,7 +15,7 @@
 namespace fontrix {
 namespace {
 
-using namespace features;
+using namespace glyph_geometry;
 using hostglue::GlyphPath;
 
 TEST(PrincipalAxes, AnglesLieInZeroToPiAndFewPointsGiveZeros) {
