@@ -131,6 +131,10 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
   return result;
 }
 
+// The log's labels are the module's fixed log lines, named after where entries come from:
+// "Fontstream" counts kStatusIdentifier7 (library faces), "BXR" kStatusIdentifier12, "System"
+// kStatusIdentifierOther (the shipped common system faces), "User" kStatusInstalled (computed on
+// this machine); unusable entries count in the total only.
 void FontSimilarCache::LogFontCounts() {
   size_t total = 0, counts[4] = {0, 0, 0, 0};
   {
