@@ -18,8 +18,7 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import reference_net  # noqa: E402
+import reference_net
 
 BATCHES = (5, 10)
 THREADS = (1, 2)

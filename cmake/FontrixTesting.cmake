@@ -10,3 +10,9 @@ function(fontrix_add_test name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} DISCOVERY_TIMEOUT 60)
 endfunction()
+
+# fontrix_python_tests(NAME...) gives Python tests the import path they share: the training
+# package (training/) and the tests' own helpers (tests/), set here once rather than in each file.
+function(fontrix_python_tests)
+  set_tests_properties(${ARGN} PROPERTIES ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}/training:${PROJECT_SOURCE_DIR}/tests")
+endfunction()

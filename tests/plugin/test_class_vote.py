@@ -15,9 +15,8 @@ import sys
 
 import numpy as np
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-import shipped_data_tool  # noqa: E402
-from shipped_data_tool import ShippedDataTest, main  # noqa: E402
+import shipped_data_tool
+from shipped_data_tool import ShippedDataTest, main
 
 CLASSES = ("fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace", "fs_sans_serif", "fs_script",
            "fs_serif", "fs_slab_serif")

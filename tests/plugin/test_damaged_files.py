@@ -11,11 +11,9 @@ import os
 import shutil
 import struct
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-import shipped_data_tool  # noqa: E402
-from shipped_data_tool import ShippedDataTest, main  # noqa: E402
+import shipped_data_tool
+from shipped_data_tool import ShippedDataTest, main
 
 RECORD = 768 * 4
 # Holds a cache folder's lock as a writer does, naming itself in it, for argv[2] seconds.

@@ -8,17 +8,13 @@ when installed, and so is a face no class of the network names, by the line draw
 
 Usage: test_trained_recognition.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/data
 """
-import io
 import json
 import os
-import shutil
 import struct
-import sys
 import zlib
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-import shipped_data_tool  # noqa: E402
-from shipped_data_tool import ShippedDataTest, main  # noqa: E402
+import shipped_data_tool
+from shipped_data_tool import ShippedDataTest, main
 
 # Installed by scripts/setup.sh, in the recognition font table, and of different designs.
 FONTS = ("DejaVuSerif", "DejaVuSans-Bold", "LiberationMono", "Cantarell-Regular", "C059-Italic",

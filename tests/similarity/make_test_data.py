@@ -12,8 +12,7 @@ import sys
 
 import numpy as np
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "training"))
-from fontrix_training import dnm  # noqa: E402
+from fontrix_training import dnm
 
 
 def trunk(rng):

@@ -6,11 +6,8 @@ faces of other designs, whatever else is installed.
 Usage: test_trained_similarity.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/data
 """
 import json
-import os
-import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-from shipped_data_tool import ShippedDataTest, main  # noqa: E402
+from shipped_data_tool import ShippedDataTest, main
 
 
 class TrainedSimilarityTest(ShippedDataTest):

@@ -3,14 +3,13 @@ limits, and the data file the module reads."""
 import math
 import os
 import tempfile
-import sys
 import unittest
 
 import numpy as np
 
-TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 from fontrix_training import fit_class_vote as vote
+
+TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 
 SLAB = vote.CLASSES.index("fs_slab_serif")
 

@@ -2,13 +2,11 @@
 families are split. Fonts are made on the spot with fontTools; nothing is fetched."""
 import os
 import tempfile
-import sys
 import unittest
 
 from fontTools.fontBuilder import FontBuilder
 from fontTools.pens.ttGlyphPen import TTGlyphPen
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 from fontrix_training.corpus import build_manifest
 from fontrix_training.corpus import fetch
 from fontrix_training.corpus import labels

@@ -1,11 +1,8 @@
-import os
 import struct
-import sys
 import unittest
 
 import numpy as np
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 from fontrix_training import dnm
 
 try:

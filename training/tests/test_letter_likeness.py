@@ -12,9 +12,9 @@ import unittest
 
 import numpy as np
 
-TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 from fontrix_training import letter_likeness as ll
+
+TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 
 # Faces every machine set up by scripts/setup.sh has, by PostScript name.
 INSTALLED = ("DejaVuSans", "DejaVuSans-Bold", "LiberationSans", "NimbusSans-Regular", "NimbusSans-Bold",

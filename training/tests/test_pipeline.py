@@ -7,7 +7,6 @@ import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 from fontrix_training import pipeline
 
 

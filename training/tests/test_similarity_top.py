@@ -6,23 +6,21 @@ import io
 import os
 import struct
 import tempfile
-import sys
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 try:
-    import torch  # noqa: E402
-    import torch.nn.functional as F  # noqa: E402
+    import torch
+    import torch.nn.functional as F
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
     raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
-from fontrix_training import fontnet
-from fontrix_training import images
-from fontrix_training.corpus import splits as corpus_splits
-from fontrix_training import train_similarity_top as top
+from fontrix_training import fontnet  # noqa: E402 (after the PyTorch check)
+from fontrix_training import images  # noqa: E402 (after the PyTorch check)
+from fontrix_training.corpus import splits as corpus_splits  # noqa: E402 (after the PyTorch check)
+from fontrix_training import train_similarity_top as top  # noqa: E402 (after the PyTorch check)
 
 
 def small_net(seed=3):

@@ -7,29 +7,27 @@ import os
 import shutil
 import struct
 import tempfile
-import sys
 import unittest
 
 import numpy as np
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # training/: the package's parent
 try:
-    import torch  # noqa: E402
+    import torch
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
     raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
-from fontrix_training import dnm
-from fontrix_training import evaluate
-from fontrix_training import export_networks
-from fontrix_training import fit_classification
-from fontrix_training import fontnet
-from fontrix_training import images
-from fontrix_training import locnet
-from fontrix_training import make_tables
-from fontrix_training import prepare_training_data
-from fontrix_training.corpus import splits as corpus_splits
-from fontrix_training import train_networks
+from fontrix_training import dnm  # noqa: E402 (after the PyTorch check)
+from fontrix_training import evaluate  # noqa: E402 (after the PyTorch check)
+from fontrix_training import export_networks  # noqa: E402 (after the PyTorch check)
+from fontrix_training import fit_classification  # noqa: E402 (after the PyTorch check)
+from fontrix_training import fontnet  # noqa: E402 (after the PyTorch check)
+from fontrix_training import images  # noqa: E402 (after the PyTorch check)
+from fontrix_training import locnet  # noqa: E402 (after the PyTorch check)
+from fontrix_training import make_tables  # noqa: E402 (after the PyTorch check)
+from fontrix_training import prepare_training_data  # noqa: E402 (after the PyTorch check)
+from fontrix_training.corpus import splits as corpus_splits  # noqa: E402 (after the PyTorch check)
+from fontrix_training import train_networks  # noqa: E402 (after the PyTorch check)
 
 DEJAVU = "/usr/share/fonts/truetype/dejavu"
 
