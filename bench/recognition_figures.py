@@ -57,6 +57,7 @@ def same_face(a, b):
     return (abs(a["weight"] - b["weight"]) <= 20 and (a["slant"] > 0) == (b["slant"] > 0)
             and abs(a["width"] - b["width"]) <= 15)
 
+
 TEXTS = {
     "fit": ("Sphinx of black quartz, judge", "my vow: the five boxing", "wizards jump quickly at",
             "dawn and Jack, 1984."),
@@ -219,7 +220,8 @@ def blanks(rng):
 
 def run(fontrix, path, disable, env):
     started = time.monotonic()
-    r = subprocess.run([fontrix, "recognize", path, "--json", "--limit", "40"] + (["--disable", disable] if disable else []),
+    switches = ["--disable", disable] if disable else []
+    r = subprocess.run([fontrix, "recognize", path, "--json", "--limit", "40"] + switches,
                        capture_output=True, text=True, env=env)
     took = time.monotonic() - started
     answer = json.loads(r.stdout) if r.returncode == 0 and r.stdout.strip() else {"results": []}
@@ -299,7 +301,8 @@ def main():
     print("group\tkind\tpictures\ttop-1\ttop-5\tfamily top-5")
 
     def row(group, kind, t):
-        print(f"{group}\t{kind}\t{t[0]}\t{100 * t[1] / t[0]:.0f} %\t{100 * t[2] / t[0]:.0f} %\t{100 * t[3] / t[0]:.0f} %")
+        shares = "\t".join(f"{100 * right / t[0]:.0f} %" for right in t[1:4])
+        print(f"{group}\t{kind}\t{t[0]}\t{shares}")
 
     for group in ("table", "outside", "absent"):
         for kind in CLEAN + DEGRADED:

@@ -49,8 +49,8 @@ def main():
     print(f"indexed in {time.time() - started:.1f} s")
     fonts = json.loads(tool("--json", "fonts").stdout)["fonts"]
 
-    drawn, cells, advances, _ = letter_likeness.draw_faces([f["name"] for f in fonts],
-                                                          os.path.join(args.build, "lib", "libfontrix_host.so"))
+    host = os.path.join(args.build, "lib", "libfontrix_host.so")
+    drawn, cells, advances, _ = letter_likeness.draw_faces([f["name"] for f in fonts], host)
     vectors = letter_likeness.letter_vectors(cells, advances)
     vectors -= vectors.mean(0)
     row = {n: i for i, n in enumerate(drawn)}

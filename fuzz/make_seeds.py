@@ -154,7 +154,8 @@ def rec_font_table():
              table_group(b"7118a6580fcd", b"Cabin-Italic", b"Cabin", b"Italic", end=b"\r\n"))
     write("rec_font_table", "installed_names.bin", small)
     write("rec_font_table", "torn.bin", small[:-7])
-    write("rec_font_table", "repeated_name.bin", small + table_group(b"abcdefg", b"DejaVuSans", b"DejaVu Sans", b"Book"))
+    repeated = table_group(b"abcdefg", b"DejaVuSans", b"DejaVu Sans", b"Book")
+    write("rec_font_table", "repeated_name.bin", small + repeated)
     write("rec_font_table", "empty.bin", b"")
 
 
@@ -164,9 +165,11 @@ def font_listing():
     # A flags byte first: 1 has the target end the listing with its sum, 0 takes it as it is.
     header = b"fontrix font listing 4\n"
     lines = [
-        b"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf\t0\t1678443600\t0\t759720\t1\tDejaVuSans\tDejaVu Sans\tBook\t0\t0\t1\t11400714819323198485\t"
+        b"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf\t0\t1678443600\t0\t759720\t1\tDejaVuSans\tDejaVu Sans\tBook"
+        b"\t0\t0\t1\t11400714819323198485\t"
         + b",".join(b"%d" % (500 + i) for i in range(62)),
-        b"/usr/share/fonts/truetype/inter-vf/Inter.var.ttf\t65536\t1666569600\t123456789\t805360\t1\tInter-Thin\tInter\tThin\t0\t0\t-1\t42\t-1,600,-1",
+        b"/usr/share/fonts/truetype/inter-vf/Inter.var.ttf\t65536\t1666569600\t123456789\t805360\t1\tInter-Thin\tInter"
+        b"\tThin\t0\t0\t-1\t42\t-1,600,-1",
         b"/fonts/tab\\there\\nand\\\\back.otb\t3\t1\t2\t3\t1\tName\\twith tab\tFam\\\\ily\tSty\\nle\t1\t1\t0\t0\t",
         b"/fonts/unreadable.pfb\t0\t5\t6\t7\t0\t\t\t\t0\t0\t-1\t0\t",
     ]
@@ -298,7 +301,8 @@ def recognition_picture():
     bars = bytes(255 if (x // 3) % 2 else 0 for x in range(24))
     write("recognition_picture", "tall_narrow.bin", picture(24, 512, bars))
     write("recognition_picture", "smallest.bin", picture(20, 20, bars[:20]))
-    write("recognition_picture", "one_dark_row.bin", picture(400, 120, bytes(255 for _ in range(400 * 60)) + bytes(400)))
+    half_white = bytes(255 for _ in range(400 * 60))
+    write("recognition_picture", "one_dark_row.bin", picture(400, 120, half_white + bytes(400)))
     write("recognition_picture", "white.bin", picture(300, 109, b""))
 
 

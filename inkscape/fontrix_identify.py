@@ -19,8 +19,11 @@ class IdentifyFont(fx.FontrixEffect):
 
     def apply(self):
         # An image, or the first a selected group holds (a clipped image is often grouped).
-        images = [e if isinstance(e, inkex.Image) else next((d for d in e.descendants() if isinstance(d, inkex.Image)),
-                                                             None) for e in self.svg.selection.values()]
+        def image_in(e):
+            if isinstance(e, inkex.Image):
+                return e
+            return next((d for d in e.descendants() if isinstance(d, inkex.Image)), None)
+        images = [image_in(e) for e in self.svg.selection.values()]
         images = [e for e in images if e is not None]
         if not self.svg.selection:
             raise inkex.AbortExtension("Select an image of text first.")

@@ -51,8 +51,9 @@ class SimilarFonts(fx.FontrixEffect):
         face = fx.element_face(fx.first_face_element(text))
         answer = self.similar(face)
         if not answer["results"]:
+            narrowed = self.options.same_class or self.options.other_families
             raise inkex.AbortExtension("Fontrix knows no installed font like %s%s." % (
-                face.description(), " with these options" if self.options.same_class or self.options.other_families else ""))
+                face.description(), " with these options" if narrowed else ""))
         query = answer["query_family"] + " " + answer["query_style"]
         if not answer["query_installed"]:
             query += " (not installed)"
@@ -94,8 +95,8 @@ def text_object(element):
     if isinstance(element, inkex.Group):
         return next((d for d in element.descendants() if isinstance(d, (inkex.TextElement, inkex.FlowRoot))), None)
     while element is not None and not isinstance(element, (inkex.TextElement, inkex.FlowRoot)):
-        element = element.getparent() if isinstance(element, (inkex.Tspan, inkex.FlowPara, inkex.FlowSpan,
-                                                                inkex.FlowDiv, inkex.TextPath)) else None
+        inner = (inkex.Tspan, inkex.FlowPara, inkex.FlowSpan, inkex.FlowDiv, inkex.TextPath)
+        element = element.getparent() if isinstance(element, inner) else None
     return element
 
 

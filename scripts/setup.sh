@@ -17,7 +17,7 @@ packages=(
 )
 tests=(
   git libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev clang-format
+  clang libclang-rt-14-dev clang-format flake8
   python3 python3-numpy python3-fonttools
   # Fonts the host's tests read: DejaVu's obliques and condensed faces (in -extra), TrueType,
   # CFF and Type 1 outlines, a collection (.ttc), a variable font with named instances (Debian

@@ -6,10 +6,11 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh --tests
-# The C and C++ sources keep the project's .clang-format: a file that drifts fails the run
-# (in a checkout; a copy without git's index is not checked).
+# The C and C++ sources keep the project's .clang-format, the Python ones .flake8: a file that
+# drifts fails the run (in a checkout; a copy without git's index is not checked).
 if git rev-parse --git-dir >/dev/null 2>&1; then
   git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+  git ls-files '*.py' | xargs /usr/bin/python3 -m flake8
 fi
 scripts/build.sh
 status=0

@@ -33,4 +33,5 @@ class ShippedDataTest(unittest.TestCase):
 def main():
     global FONTRIX, MODULE, DATA
     FONTRIX, MODULE, DATA = sys.argv[1:4]
-    unittest.main(module="__main__", argv=sys.argv[:1] + sys.argv[4:], verbosity=2)  # the log says why a test was skipped
+    # Verbose, so that the log says why a test was skipped.
+    unittest.main(module="__main__", argv=sys.argv[:1] + sys.argv[4:], verbosity=2)

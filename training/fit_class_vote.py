@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Fits the class vote that stands beside the linear class rows and writes its data file. (fontrix_training/fit_class_vote.py)"""
+"""Fits the class vote that stands beside the linear class rows and writes its data file.
+(fontrix_training/fit_class_vote.py)"""
 import sys
 
 from fontrix_training.fit_class_vote import main

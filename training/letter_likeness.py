@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Letter likeness: how alike two faces' letters look, measured on the letters themselves; the (fontrix_training/letter_likeness.py)"""
+"""Letter likeness: how alike two faces' letters look, measured on the letters themselves; the
+(fontrix_training/letter_likeness.py)"""
 import sys
 
 from fontrix_training.letter_likeness import main

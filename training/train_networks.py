@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Trains the network shared by similarity and recognition (fontnet.py) on the CPU. (fontrix_training/train_networks.py)"""
+"""Trains the network shared by similarity and recognition (fontnet.py) on the CPU.
+(fontrix_training/train_networks.py)"""
 import sys
 
 from fontrix_training.train_networks import main

@@ -64,8 +64,8 @@ class SimilarFontsExampleTest(unittest.TestCase):
     def test_the_cmake_package_names_the_installed_module(self):
         module = re.search(r"Fontrix module: (\S+)", self.configured.stdout)
         self.assertIsNotNone(module, self.configured.stdout)
-        self.assertEqual(os.path.realpath(module.group(1)), os.path.join(os.path.realpath(self.prefix), "lib",
-                                                                          "libfontrix.so"))
+        installed = os.path.join(os.path.realpath(self.prefix), "lib", "libfontrix.so")
+        self.assertEqual(os.path.realpath(module.group(1)), installed)
 
     def test_both_builds_list_fonts_like_dejavu_sans(self):
         for binary in (self.by_cmake, self.by_pkg_config):

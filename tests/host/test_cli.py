@@ -63,7 +63,8 @@ class CliTest(unittest.TestCase):
             "size not a number": ["specimen", "DejaVuSans", "Abc", "-o", "a.png", "--size=big"],
         }
         r = self.run_tool("--module", FAKE, "simlar", "DejaVuSans")
-        self.assertEqual((r.returncode, r.stderr.splitlines()[0]), (2, "fontrix: unknown command 'simlar' (did you mean 'similar'?)"))
+        self.assertEqual((r.returncode, r.stderr.splitlines()[0]),
+                         (2, "fontrix: unknown command 'simlar' (did you mean 'similar'?)"))
         for what, args in cases.items():
             r = self.run_tool("--module", FAKE, *args)
             self.assertEqual(r.returncode, 2, what + ": " + r.stderr)
@@ -114,7 +115,7 @@ class CliTest(unittest.TestCase):
         # On a terminal a header line comes first.
         leader, follower = pty.openpty()
         with subprocess.Popen([FONTRIX, "fonts", "--module", FAKE], stdout=follower, stderr=subprocess.PIPE,
-                              env=self.env) as tool:
+                              env=self.env):
             os.close(follower)
             seen = b""
             while True:
@@ -163,20 +164,23 @@ class CliTest(unittest.TestCase):
     def test_names_people_type_resolve_as_fc_match_does(self):
         bold = self.fc_match("DejaVu Sans:bold")
         exact = {("DejaVuSans",): "DejaVuSans", ("dejavusans-bold",): "DejaVuSans-Bold",
-                 ("DejaVu Sans Bold",): "DejaVuSans-Bold", ("dejavu sans", "-s", "Bold Oblique"): "DejaVuSans-BoldOblique",
+                 ("DejaVu Sans Bold",): "DejaVuSans-Bold",
+                 ("dejavu sans", "-s", "Bold Oblique"): "DejaVuSans-BoldOblique",
                  ("DejaVuSans", "--style=bold"): "DejaVuSans-Bold", (bold.rsplit(":", 1)[0],): "DejaVuSans-Bold"}
         for typed, face in exact.items():
             self.assertEqual(self.resolve(*typed), (face, ""), typed)
         # A choice among several faces, or a substitute: fc-match's face, said on stderr.
         listing = self.listing()
-        for typed in ("DejaVu Sans", "DejaVu Sans:bold", "Liberation Mono", "Nimbus Roman", "Inter", "Helvetica", "serif"):
+        for typed in ("DejaVu Sans", "DejaVu Sans:bold", "Liberation Mono", "Nimbus Roman", "Inter", "Helvetica",
+                      "serif"):
             face, said = self.resolve(typed)
             self.assertEqual(face, listing[self.fc_match(typed)][0], typed)
             self.assertTrue(said.startswith("fontrix: ") and face in said and said.count("\n") == 1, said)
         # Unknown names fail with close names, a family's regular face among them.
         face, said = self.resolve("DejaVu Sanz")
         self.assertIsNone(face)
-        self.assertTrue(said.startswith("fontrix: no installed font is named 'DejaVu Sanz'; close names: DejaVuSans"), said)
+        self.assertTrue(said.startswith("fontrix: no installed font is named 'DejaVu Sanz'; close names: DejaVuSans"),
+                        said)
         self.assertEqual(self.resolve("NoSuchFamilyAnywhere")[0], None)
         self.assertEqual(self.resolve("DejaVuSans-Bol")[0], None)  # not a family and a size
 
@@ -220,11 +224,13 @@ class CliTest(unittest.TestCase):
         r = self.run_tool("--module", FAKE, "fonts", "DejaVu Serif:bold", "--format", "%{family}|%{weight}|%{slant};")
         self.assertEqual(set(r.stdout.rstrip(";").split(";")), {"DejaVu Serif|200|0", "DejaVu Serif|200|100"})
         r = self.run_tool("--module", FAKE, "similar", "DejaVuSans", "--limit", "100")
-        self.assertEqual(r.stderr.splitlines()[0], "fontrix: similar answers at most 80 fonts, so --limit 100 shows at most 80")
+        self.assertEqual(r.stderr.splitlines()[0],
+                         "fontrix: similar answers at most 80 fonts, so --limit 100 shows at most 80")
 
     def test_what_a_service_reports_is_said_and_fails_the_commands_that_need_it(self):
         r = self.run_tool("--module", FAKE, "fonts", FAKE_MODULE_SAY="1:the cache file X was damaged; it is rebuilt")
-        self.assertEqual((r.returncode, r.stderr), (0, "fontrix: warning: the cache file X was damaged; it is rebuilt\n"))
+        self.assertEqual((r.returncode, r.stderr),
+                         (0, "fontrix: warning: the cache file X was damaged; it is rebuilt\n"))
         failure = "2:the similarity model /d/NQ_sim_model.dnm cannot be used: it ends inside a layer"
         for args, status in ((["fonts"], 0), (["similar", "DejaVuSans"], 1), (["index"], 1)):
             r = self.run_tool("--module", FAKE, *args, FAKE_MODULE_SAY=failure)
@@ -243,7 +249,7 @@ class CliTest(unittest.TestCase):
         self.assertEqual(r.returncode, 0, r.stderr)
         with open(report) as f:
             lines = f.read().splitlines()
-        self.assertEqual([l for l in lines if l.startswith("message ")], [
+        self.assertEqual([line for line in lines if line.startswith("message ")], [
             "message KP Interface/Startup",
             "message QV Application Started Notifier",
             "message QV Font List Changed Notifier",
@@ -294,7 +300,8 @@ class CliTest(unittest.TestCase):
         # The same module and data copied elsewhere, as an installed tool has them: kept.
         fill()
         run()
-        module, copied = os.path.join(self.tmp.name, "lib", os.path.basename(FAKE)), os.path.join(self.tmp.name, "share")
+        module = os.path.join(self.tmp.name, "lib", os.path.basename(FAKE))
+        copied = os.path.join(self.tmp.name, "share")
         os.makedirs(os.path.dirname(module))
         shutil.copyfile(FAKE, module)
         shutil.copytree(data, copied, copy_function=shutil.copyfile)
@@ -307,7 +314,8 @@ class CliTest(unittest.TestCase):
         with open(blocker, "w") as f:
             f.write("not a folder")
         cache = os.path.join(blocker, "cache")
-        said = "fontrix: warning: cannot make the cache folder %s (Not a directory): nothing is kept between runs\n" % cache
+        said = ("fontrix: warning: cannot make the cache folder %s (Not a directory): nothing is kept between runs\n"
+                % cache)
         for command, status in (("fonts", 0), ("index", 1)):
             r = subprocess.run([FONTRIX, "--module", FAKE, "--cache-dir", cache, command], capture_output=True,
                                text=True, timeout=120, env=self.env, cwd=self.tmp.name)
@@ -328,7 +336,7 @@ class CliTest(unittest.TestCase):
         self.assertEqual((tool.returncode, out, err), (130, "", "fontrix: interrupted\n"))
         with open(report) as f:
             lines = f.read().splitlines()
-        messages = [l for l in lines if l.startswith("message ")]
+        messages = [line for line in lines if line.startswith("message ")]
         self.assertEqual(messages[-2:], ["message QV Application Shutdown Notifier", "message KP Interface/Shutdown"])
 
     def test_specimen_writes_the_ink_box_as_png(self):

@@ -9,7 +9,6 @@ LOG is the file the extensions' interpreter (the tests' logging wrapper of Pytho
 JSON line to per run; a run that wrote to standard error means a box to close. Inkscape is
 stopped after SECONDS (exit status 124)."""
 import json
-import os
 import subprocess
 import sys
 import time

@@ -84,8 +84,10 @@ class EffectsTest(unittest.TestCase):
         source, output = os.path.join(folder, "in.svg"), os.path.join(folder, "out.svg")
         with open(source, "w") as stream:
             stream.write(document)
-        prefs = " ".join('org.fontrix.%s.%s="%s"' % (name, key, str(value).lower() if isinstance(value, bool)
-                                                       else value) for key, value in options.items())
+
+        def pref(value):
+            return str(value).lower() if isinstance(value, bool) else value
+        prefs = " ".join('org.fontrix.%s.%s="%s"' % (name, key, pref(value)) for key, value in options.items())
         os.makedirs(os.path.join(home, ".config", "inkscape"), exist_ok=True)
         with open(os.path.join(home, ".config", "inkscape", "preferences.xml"), "w") as stream:
             stream.write('<?xml version="1.0" encoding="UTF-8" standalone="no"?>\n<inkscape version="1">'
@@ -228,7 +230,8 @@ class EffectsTest(unittest.TestCase):
         document = SVG_HEAD + (
             '<rect id="wall" x="110" y="0" width="40" height="200" style="fill:#cccccc"/>'
             '<text id="m" x="12" y="30" xml:space="preserve" style="font-family:\'DejaVu Serif\';font-size:8px">'
-            '<tspan sodipodi:role="line" id="m1" x="12" y="30"><tspan id="m1a" style="font-family:\'DejaVu Sans Mono\'">'
+            '<tspan sodipodi:role="line" id="m1" x="12" y="30">'
+            '<tspan id="m1a" style="font-family:\'DejaVu Sans Mono\'">'
             'Mono</tspan> and <tspan id="m1b" style="font-weight:bold">bold  serif</tspan></tspan>'
             '<tspan sodipodi:role="line" id="m2" x="12" y="40">then <tspan id="m2a" '
             'style="font-family:\'DejaVu Sans Mono\'">mono</tspan> again</tspan></text>'

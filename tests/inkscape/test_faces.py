@@ -241,7 +241,8 @@ class ShownPictureTest(unittest.TestCase):
 
 if __name__ == "__main__":
     if not os.path.isfile(os.path.join(EXTENSIONS, "inkex", "__init__.py")):
-        print("skipped: Inkscape's inkex is not installed in %s (scripts/setup.sh --tests installs inkscape)" % EXTENSIONS)
+        print("skipped: Inkscape's inkex is not installed in %s (scripts/setup.sh --tests installs inkscape)"
+              % EXTENSIONS)
         sys.exit(SKIP)
     sys.path[:0] = [EXTENSIONS, os.path.join(os.getcwd(), "inkscape")]
     import fontrix_ink as fx  # noqa: E402

@@ -99,7 +99,8 @@ class ModuleCliTest(unittest.TestCase):
 
         # An empty answer is said, not left to look like a failure to answer.
         r = self.classes("serif", "--not", "serif")
-        self.assertEqual((r.returncode, r.stdout, r.stderr), (0, "", "fontrix: no installed font is classed serif and not serif\n"))
+        self.assertEqual((r.returncode, r.stdout, r.stderr),
+                         (0, "", "fontrix: no installed font is classed serif and not serif\n"))
 
         r = self.classes("gothic")
         self.assertEqual(r.returncode, 2)

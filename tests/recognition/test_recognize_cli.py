@@ -32,7 +32,8 @@ class RecognizeCliTest(unittest.TestCase):
         cls.env["FONTRIX_DISABLE"] = "class-vote"
         cls.line = os.path.join(cls.tmp.name, "line.png")
         cls.tiny = os.path.join(cls.tmp.name, "tiny.png")
-        assert cls.run_tool("specimen", "DejaVuSerif", "Handgloves quick brown", "-o", cls.line, "--size", "48").returncode == 0
+        drawn = cls.run_tool("specimen", "DejaVuSerif", "Handgloves quick brown", "-o", cls.line, "--size", "48")
+        assert drawn.returncode == 0
         assert cls.run_tool("specimen", "DejaVuSerif", "i", "-o", cls.tiny, "--size", "12").returncode == 0
 
     @classmethod
@@ -77,7 +78,8 @@ class RecognizeCliTest(unittest.TestCase):
         r = self.run_piped(self.encoded(self.page(228, frame=True), "JPEG", quality=70), "recognize", "-", "--json")
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertTrue(json.loads(r.stdout)["results"])
-        for data, why in ((b"GIF89a not a picture", "it is a GIF image, and only PNG and JPEG images can be read"), (b"", "nothing came"),
+        for data, why in ((b"GIF89a not a picture", "it is a GIF image, and only PNG and JPEG images can be read"),
+                          (b"", "nothing came"),
                           (png[:len(png) // 2], "the file ends before its PNG image does")):
             r = self.run_piped(data, "recognize", "-")
             self.assertEqual(r.returncode, 1)

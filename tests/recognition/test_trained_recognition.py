@@ -221,7 +221,8 @@ class TrainedRecognitionTest(ShippedDataTest):
         pairs = [p for p in (("DejaVuSans-Bold", "DejaVuSansCondensed-Bold"), ("DejaVuSans", "DejaVuSansCondensed"),
                              ("DejaVuSerif-Bold", "DejaVuSerifCondensed-Bold"),
                              ("DejaVuSans-Oblique", "DejaVuSansCondensed-Oblique"),
-                             ("DejaVuSerif", "DejaVuSerifCondensed"), ("DejaVuSerif-Italic", "DejaVuSerifCondensed-Italic"))
+                             ("DejaVuSerif", "DejaVuSerifCondensed"),
+                             ("DejaVuSerif-Italic", "DejaVuSerifCondensed-Italic"))
                  if p[0] in self.installed and p[1] in self.installed]
         if len(pairs) < 3:
             self.skipTest("the DejaVu faces and their condensed cuts are not installed")

@@ -101,7 +101,8 @@ class SimilarCliTest(unittest.TestCase):
         classes = json.loads(self.run_tool("classes", "--json").stdout)["fonts"]
         serif = {f["name"] for f in classes if "fs_serif" in f["classes"]}
         mono = {f["name"] for f in classes if "fs_monospace" in f["classes"]}
-        for wanted, kept in ((["--class", "serif"], serif), (["--class", "monospace", "--class", "serif"], serif & mono)):
+        for wanted, kept in ((["--class", "serif"], serif),
+                             (["--class", "monospace", "--class", "serif"], serif & mono)):
             answer = self.similar("DejaVuSans", *wanted)[0]["results"]
             self.assertEqual([x["name"] for x in answer], [n for n in names if n in kept], wanted)
             if wanted == ["--class", "serif"]:

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Writes training/corpus/manifest.tsv from the fetched corpus. (fontrix_training/corpus/build_manifest.py)"""
+"""Writes training/corpus/manifest.tsv from the fetched corpus.
+(fontrix_training/corpus/build_manifest.py)"""
 import os
 import sys
 

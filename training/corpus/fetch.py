@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Fetches the font corpus named in packages.tsv into a cache folder outside the repository. (fontrix_training/corpus/fetch.py)"""
+"""Fetches the font corpus named in packages.tsv into a cache folder outside the repository.
+(fontrix_training/corpus/fetch.py)"""
 import os
 import sys
 

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Writes training/corpus/labels.tsv: the style classes of every face in manifest.tsv. (fontrix_training/corpus/labels.py)"""
+"""Writes training/corpus/labels.tsv: the style classes of every face in manifest.tsv.
+(fontrix_training/corpus/labels.py)"""
 import os
 import sys
 

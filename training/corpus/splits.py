@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Writes training/corpus/splits.tsv: every family of the corpus in train, validation or test. (fontrix_training/corpus/splits.py)"""
+"""Writes training/corpus/splits.tsv: every family of the corpus in train, validation or test.
+(fontrix_training/corpus/splits.py)"""
 import os
 import sys
 

@@ -442,9 +442,9 @@ def main(argv=None):
     if crossing:
         half, quarter = np.quantile([scores[t, b] for t, b in crossing], [0.5, 0.25])
         near = [(t, b) for t, b in crossing if b in designs[t]]
-        out += ["", f"Of the {len(crossing)} wrong first answers of another family, half score {half:.2f} or more against "
-                    f"the right class in the similarity table and three quarters {quarter:.2f} or more; two classes "
-                    f"picked at random score {np.nanmedian(scores[np.triu_indices(len(scores), 1)]):.2f}."]
+        out += ["", f"Of the {len(crossing)} wrong first answers of another family, half score {half:.2f} or more "
+                    f"against the right class in the similarity table and three quarters {quarter:.2f} or more; "
+                    f"two classes picked at random score {np.nanmedian(scores[np.triu_indices(len(scores), 1)]):.2f}."]
         out[-1] += (f" {len(near)} of them are another cut of the right class's design, whose letters differ "
                     f"from its own by {np.median([distances[min(t, b), max(t, b)] for t, b in near]):.1f} "
                     "grey levels (median)." if near else "")

@@ -88,7 +88,8 @@ def main(argv=None):
     crops = sample_crops(args.work, lines="recognition" in wanted)
     with torch.no_grad():
         x = torch.from_numpy(crops)
-        expected = {"pool4": sim_net.pool4(x).numpy(), "prob": torch.softmax(rec_net.rec_scores(rec_net.pool4(x)), 1).numpy()}
+        expected = {"pool4": sim_net.pool4(x).numpy(),
+                    "prob": torch.softmax(rec_net.rec_scores(rec_net.pool4(x)), 1).numpy()}
     for file_name, net, with_prob, layer in (("NQ_sim_model.dnm", sim_net, False, "pool4"),
                                              ("NQ_rec_model.dnm", rec_net, True, "prob")):
         if ("similarity" if layer == "pool4" else "recognition") not in wanted:

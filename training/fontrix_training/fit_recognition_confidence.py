@@ -16,8 +16,9 @@ the answers of the run without them (the likeness inputs then 0).
 
 sure_at is the first-answer confidence from which "sure" agrees best with the first answer being
 right, over the fit pictures: those of installed faces and those of faces that are not installed
-(bench/recognition_figures.py --absent), whose first answer is never right. The figures of the "test" set (other text, other draws) are what
-bench/recognition_figures.py prints: how often answers of each confidence are right.
+(bench/recognition_figures.py --absent), whose first answer is never right. The figures of the
+"test" set (other text, other draws) are what bench/recognition_figures.py prints: how often
+answers of each confidence are right.
 """
 import argparse
 import json
@@ -127,7 +128,8 @@ def main():
           f"{100 * y[first][sure].mean():.0f} % of them right; {100 * y[first][~sure].mean():.0f} % of the others")
     sure = confidence(xp, w_plain)[firstp] >= sure_at_plain
     print(f"without lines, sure_at {sure_at_plain:.3f}: {int(sure.sum())} of {int(firstp.sum())} first answers "
-          f"sure, {100 * yp[firstp][sure].mean():.0f} % of them right; {100 * yp[firstp][~sure].mean():.0f} % of the others")
+          f"sure, {100 * yp[firstp][sure].mean():.0f} % of them right; "
+          f"{100 * yp[firstp][~sure].mean():.0f} % of the others")
     if args.write:
         with open(args.to, "w") as f:
             f.write("# How sure recognition is of an answer: written by training/fit_recognition_confidence.py\n"

@@ -21,9 +21,10 @@ Writes into DIR:
   pictures of yet another seed, on which choices about the recognition head are made, so the
   report's pictures stay unseen by every choice),
   lines_clean_train.bin (clean ones, for training: clean pictures are not merely the mildest
-  degraded ones, as their narrower margins and sizes showed), lines_heldout.bin (other degraded pictures, for the report), lines_clean.bin (clean ones) and
-  lines_tall.bin (lines in tall pictures, each also cut to its band), and bands.bin (pictures of
-  lines of training faces, half in tall pictures, with their bands: for the localisation network).
+  degraded ones, as their narrower margins and sizes showed), lines_heldout.bin (other degraded
+  pictures, for the report), lines_clean.bin (clean ones) and lines_tall.bin (lines in tall
+  pictures, each also cut to its band), and bands.bin (pictures of lines of training faces, half
+  in tall pictures, with their bands: for the localisation network).
 The pictures are the same on every run, so a picture file is kept when present: remove it to
 remake it.
 """
@@ -113,7 +114,8 @@ def main(argv=None):
     parser.add_argument("--work", required=True)
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--lines-per-font", type=int, default=60)
-    parser.add_argument("--only-lists", action="store_true", help="stop after the specimens, the name lists and the table")
+    parser.add_argument("--only-lists", action="store_true",
+                        help="stop after the specimens, the name lists and the table")
     parser.add_argument("--only", nargs="+", metavar="FILE",
                         help="make only these picture files")
     args = parser.parse_args(argv)

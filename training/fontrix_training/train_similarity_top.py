@@ -54,6 +54,7 @@ NEAR_POOL = 12  # a seed's batch companions come from its teacher's nearest trai
 NEAR_ENOUGH = 15.0  # teacher units beyond which its order is not followed
 TEACHER_KEEP = 50  # the teacher's neighbours a hard negative must lie beyond
 
+
 class TrunkSplit:
     """A network's trunk cut after its first `fixed` convolutions (with their pooling): the lower
     part is computed once (and cached, unless it is empty), the upper part is what training
@@ -172,8 +173,6 @@ def embed(split, features, which, crops=None, batch=128):
         x = torch.from_numpy(np.asarray(x, np.float32)).flatten(0, 1)
         out.append(fontnet.FontNet.reduce(split.upper(x), len(rows)))
     return torch.cat(out)
-
-
 
 
 def fontconfig_weight(os2):
@@ -348,7 +347,8 @@ def main(argv=None):
     parser.add_argument("--work", required=True)
     parser.add_argument("--init", required=True, help="weights of the similarity network to start from")
     parser.add_argument("--save-to", required=True)
-    parser.add_argument("--fixed", type=int, default=5, help="convolutions of the trunk that stay fixed (5: conv1 to conv5; 0: none)")
+    parser.add_argument("--fixed", type=int, default=5,
+                        help="convolutions of the trunk that stay fixed (5: conv1 to conv5; 0: none)")
     parser.add_argument("--steps", type=int, default=3000)
     parser.add_argument("--seeds", type=int, default=16, help="seed faces a step")
     parser.add_argument("--near", type=int, default=3, help="teacher neighbours of a seed in its batch")
@@ -358,7 +358,8 @@ def main(argv=None):
     parser.add_argument("--lr", type=float, default=3e-4)
     parser.add_argument("--mine-every", type=int, default=500)
     parser.add_argument("--judge-every", type=int, default=500)
-    parser.add_argument("--teacher", help="a letters file of letter_likeness.py (default: DIR/teacher, made if missing)")
+    parser.add_argument("--teacher",
+                        help="a letters file of letter_likeness.py (default: DIR/teacher, made if missing)")
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
     args = parser.parse_args(argv)
@@ -386,8 +387,8 @@ def main(argv=None):
     validation, test = faces.rows("validation"), faces.rows("test")
     print(f"{len(train)} training faces of {len(faces.names)} with a teacher "
           f"({time.time() - started:.0f} s)", flush=True)
-    print(f"teacher's own order on the validation families: {format_figures(dict(teacher_figures(faces, teacher, validation), agreement=1))}",
-          flush=True)
+    own = format_figures(dict(teacher_figures(faces, teacher, validation), agreement=1))
+    print(f"teacher's own order on the validation families: {own}", flush=True)
 
     optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
     best, every, hard, window = None, None, {}, []
@@ -442,6 +443,6 @@ def main(argv=None):
         with torch.no_grad():
             final = judge(face_vectors(split, features, faces), faces, teacher, test)
         print(f"test families: {format_figures(final)}", flush=True)
-        print(f"test families, the teacher's own order: {format_figures(dict(teacher_figures(faces, teacher, test), agreement=1))}",
-              flush=True)
+        own = format_figures(dict(teacher_figures(faces, teacher, test), agreement=1))
+        print(f"test families, the teacher's own order: {own}", flush=True)
     return 0

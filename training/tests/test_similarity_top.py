@@ -92,7 +92,8 @@ class TeacherObjective(unittest.TestCase):
             # Faces 0-5; the teacher's nearest of each (face 5 is not a training face).
             names = [str(i) for i in range(6)]
             near = [[1, 5], [0], [3], [2], [0], [0]]
-        vectors = F.normalize(torch.tensor([[1.0, 0.0], [0.9, 0.1], [0.8, 0.2], [0.0, 1.0], [0.1, 0.9], [1.0, 0.0]]), dim=1)
+        vectors = F.normalize(torch.tensor([[1.0, 0.0], [0.9, 0.1], [0.8, 0.2], [0.0, 1.0], [0.1, 0.9], [1.0, 0.0]]),
+                              dim=1)
         train = np.arange(5)
         hard = top.mine(vectors, Toy, train, count=2, looked=3)
         for face, negatives in hard.items():
@@ -143,7 +144,8 @@ class ScriptOnAToyWorkFolder(unittest.TestCase):
             torch.save({"net": net.state_dict(), "step": 9, "rec_classes": 4}, init)
             out = os.path.join(work, "out")
             arguments = ["--work", work, "--init", init, "--save-to", out, "--fixed", "4", "--steps", "3",
-                         "--seeds", "2", "--mine-every", "2", "--judge-every", "2", "--threads", "1", "--teacher", letters]
+                         "--seeds", "2", "--mine-every", "2", "--judge-every", "2", "--threads", "1",
+                         "--teacher", letters]
             with contextlib.redirect_stdout(io.StringIO()) as printed:
                 top.main(arguments)
             self.assertIn(f"{len(training)} training faces of {len(names)} with a teacher", printed.getvalue())

@@ -146,7 +146,8 @@ class TrainingBatches(TemporaryFiles):
             prepare_training_data.write_lines(os.path.join(work, name), lines)
         self.lines_file("lines.bin", [0, 1, 1, 0])
         strip = bytes(range(200)) * 109
-        self.path("specimens.bin", b"FXSPEC01" + b"".join(struct.pack("<iii", k, 200, 200) + strip * 2 for k in range(3)))
+        records = b"".join(struct.pack("<iii", k, 200, 200) + strip * 2 for k in range(3))
+        self.path("specimens.bin", b"FXSPEC01" + records)
         start = fontnet.FontNet(2)
         init = os.path.join(work, "start.pt")
         torch.save({"net": start.state_dict(), "step": 0, "rec_classes": 2}, init)
