@@ -1,8 +1,8 @@
 """Fontrix's training: the networks, their export, the pictures, the corpus, the teacher, the
-fits of the shipped tables and the pipeline that runs them in order (training/pipeline.py).
+fits of the shipped tables and the pipeline that runs them in order (training/run pipeline).
 
-The entry points are the short scripts in training/; running one puts training/ on the path,
-which is all this package needs."""
+Every stage and tool is a module run as `training/run MODULE` (python3 -m fontrix_training.MODULE
+with training/ on the path, which is all this package needs)."""
 import os
 
 TRAINING = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))

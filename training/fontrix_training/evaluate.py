@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Judges the trained network on what it did not learn from; prints Markdown for REPORT.md.
 
-    /usr/bin/python3 training/evaluate.py --work DIR [--recognition-from FILE] [--tables data]
+    training/run evaluate --work DIR [--recognition-from FILE] [--tables data]
         [--similarity-only]
 
 - Recognition, on pictures drawn with other seeds than training's (DIR/lines_heldout.bin,
@@ -24,6 +24,7 @@
   test families, since the module ranks installed fonts alone; and the nearest neighbours of
   well-known fonts.
 """
+import sys
 import argparse
 import collections
 import os
@@ -453,3 +454,7 @@ def main(argv=None):
         out += similarity(args.work)
     print("\n".join(out))
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

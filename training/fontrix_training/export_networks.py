@@ -2,7 +2,7 @@
 """Exports the trained network as the module's two model files, after checking that the C++
 engine and PyTorch agree on them.
 
-    /usr/bin/python3 training/export_networks.py --work DIR [--out data]
+    training/run export_networks --work DIR [--out data]
         [--recognition-from FILE] [--similarity-from FILE] [--only similarity|recognition]
 
 Writes OUT/NQ_sim_model.dnm (the trunk up to "pool4") and OUT/NQ_rec_model.dnm (the trunk,
@@ -12,6 +12,7 @@ real crops from DIR (specimen crops and recognition crops); the largest differen
 PyTorch's output, relative to the output's largest magnitude, must be at most 1e-4, or
 nothing is written.
 """
+import sys
 import argparse
 import os
 import subprocess
@@ -104,3 +105,7 @@ def main(argv=None):
         print(f"{file_name}: {os.path.getsize(target)} bytes, engine and PyTorch agree on {layer} "
               f"to {error:.1e} of its largest value", flush=True)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Fits the class vote that stands beside the linear class rows and writes its data file.
 
-    /usr/bin/python3 training/fit_class_vote.py [--work DIR] [--linear-settings FILE]
+    training/run fit_class_vote [--work DIR] [--linear-settings FILE]
                                                 [--write [--to FILE]] [--report FILE]
 
 The module's linear rows (data/classification_weights.tsv) class a font from its 96 measured
@@ -34,6 +34,7 @@ table faces of the query's family left out.
 one rule line per class) and the classes of every table face as a bit mask (bit n for class n of
 the label table), in table order. Run it again whenever the shipped pair or the class rows change.
 """
+import sys
 import argparse
 import math
 import os
@@ -215,7 +216,7 @@ def format_rule(low, high):
 def write_file(path, k, temperature, rules, identifiers, names, masks):
     with open(path + ".tmp", "w", encoding="utf-8") as f:
         f.write("# The style classes of the shipped similarity table's faces and the class vote fitted on them\n"
-                "# (training/fit_class_vote.py). rule: class, low, high: the class is set when the linear row\n"
+                "# (training/run fit_class_vote). rule: class, low, high: the class is set when the linear row\n"
                 "# sets it and its support among the k nearest faces is at least low, or the support is at\n"
                 "# least high. face: identifier, unique name, class mask (bit n for class n), in table order.\n")
         f.write(f"k\t{k}\ntemperature\t{temperature:g}\n")
@@ -331,3 +332,7 @@ def main(argv=None):
         write_file(args.to, k, temperature, rules, identifiers, table_names, table_masks)
         print(f"wrote {args.to}")
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

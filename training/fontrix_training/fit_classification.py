@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Fits the eight style-class rows of data/classification_weights.tsv.
 
-    /usr/bin/python3 training/fit_classification.py FEATURES.tsv [--write [--to FILE]] [--report FILE]
+    training/run fit_classification FEATURES.tsv [--write [--to FILE]] [--report FILE]
 
 FEATURES.tsv is what `font-features --all` prints with the corpus as the machine's fonts
 (training/corpus/with-corpus-fonts build/bin/font-features --all > FEATURES.tsv). Each class
@@ -22,6 +22,7 @@ families with the kept setting, its threshold moved to 0.5 (a logistic row also 
 so its scores keep a range like a least-squares row's), turned back into weights of the raw
 features and judged on the test families. The 31 attribute rows are left as they are.
 """
+import sys
 import argparse
 import collections
 import hashlib
@@ -262,3 +263,7 @@ def main(argv=None):
                 f.write(line)
         os.replace(args.to + ".tmp", args.to)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """Fits how sure recognition is of its answers and writes data/recognition_confidence.tsv.
 
-    bench/recognition_figures.py --set fit --dump fit-lines.jsonl
-    bench/recognition_figures.py --set fit --disable installed-lines --dump fit-plain.jsonl
-    /usr/bin/python3 training/fit_recognition_confidence.py fit-lines.jsonl fit-plain.jsonl [--write]
+    training/run recognition_figures --set fit --dump fit-lines.jsonl
+    training/run recognition_figures --set fit --disable installed-lines --dump fit-plain.jsonl
+    training/run fit_recognition_confidence fit-lines.jsonl fit-plain.jsonl [--write]
 
-The pictures are those of bench/recognition_figures.py's "fit" set: lines PIL draws from the
+The pictures are those of recognition_figures's "fit" set: lines PIL draws from the
 files of installed fonts, clean and degraded, of faces the recognition network has a class for
 and faces it has none for. Every answer of every picture (up to 40) is one example, right when
 it shows the picture's face (or an outline twin). A logistic regression over the inputs the
@@ -16,8 +16,8 @@ the answers of the run without them (the likeness inputs then 0).
 
 sure_at is the first-answer confidence from which "sure" agrees best with the first answer being
 right, over the fit pictures: those of installed faces and those of faces that are not installed
-(bench/recognition_figures.py --absent), whose first answer is never right. The figures of the
-"test" set (other text, other draws) are what bench/recognition_figures.py prints: how often
+(recognition_figures --absent), whose first answer is never right. The figures of the
+"test" set (other text, other draws) are what recognition_figures prints: how often
 answers of each confidence are right.
 """
 import argparse
@@ -132,8 +132,8 @@ def main():
           f"{100 * yp[firstp][~sure].mean():.0f} % of the others")
     if args.write:
         with open(args.to, "w") as f:
-            f.write("# How sure recognition is of an answer: written by training/fit_recognition_confidence.py\n"
-                    "# from the fit pictures of bench/recognition_figures.py.\n")
+            f.write("# How sure recognition is of an answer: written by training/run fit_recognition_confidence\n"
+                    "# from the fit pictures of training/run recognition_figures.\n")
             for name, w, at in (("with_lines", w_lines, sure_at), ("without_lines", w_plain, sure_at_plain)):
                 for n, v in zip(INPUTS, w):
                     f.write(f"{name}\t{n}\t{v:.6f}\n")

@@ -2,8 +2,8 @@
 """Letter likeness: how alike two faces' letters look, measured on the letters themselves; the
 teacher that similarity training is to follow instead of family membership.
 
-    /usr/bin/python3 training/letter_likeness.py [--work DIR] [--keep K] [--jobs N]
-    /usr/bin/python3 training/letter_likeness.py [--work DIR] [--sheet FILE.png [NAME ...]] [--validate]
+    training/run letter_likeness [--work DIR] [--keep K] [--jobs N]
+    training/run letter_likeness [--work DIR] [--sheet FILE.png [NAME ...]] [--validate]
 
 Every face of the corpus manifest is drawn by the reference host's font engine, through the
 same glue procedures the module binds (DrawText into a raster port), with the corpus as the
@@ -84,7 +84,17 @@ TWIN_WIDTH = 0.03
 TWIN_GREY = 4
 # Distance bands for the figures (the teacher's units: see REPORT.md).
 DISTANCE_BANDS = ((0, 1), (1, 5), (5, 10), (10, 15), (15, 20), (20, 30), (30, np.inf))
-ENTRY_POINT = os.path.join(TRAINING, "letter_likeness.py")  # runs main() in the drawing processes
+# The drawing processes run this module's main(), with the package's folder on their path.
+ENTRY_POINT = ["-m", "fontrix_training.letter_likeness"]
+
+
+def drawing_environment(env=None):
+    """`env` (or this process's) with training/ first on Python's path."""
+    env = dict(os.environ if env is None else env)
+    env["PYTHONPATH"] = TRAINING + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
+    return env
+
+
 SPECIMEN_TOOL = os.path.join(BIN, "training-images")
 # Version of the drawing and of the files' layout; part of every digest.
 FORMAT = "letters-1"
@@ -380,8 +390,9 @@ def draw_corpus(names, out, jobs, library):
         with open(listing, "w", encoding="utf-8") as f:
             f.write("".join(n + "\n" for n in names))
         parts = [os.path.join(tmp, f"part{k}.npz") for k in range(jobs)]
-        procs = [subprocess.Popen([WITH_CORPUS, sys.executable, ENTRY_POINT, "--draw-part",
-                                   f"{k}/{jobs}", listing, parts[k], "--host-library", library])
+        procs = [subprocess.Popen([WITH_CORPUS, sys.executable, *ENTRY_POINT, "--draw-part",
+                                   f"{k}/{jobs}", listing, parts[k], "--host-library", library],
+                                  env=drawing_environment())
                  for k in range(jobs)]
         if any(p.wait() != 0 for p in procs):
             raise RuntimeError("drawing the corpus's letters failed")
@@ -458,8 +469,8 @@ def corpus_samples(names, library=HOST_LIBRARY):
         listing, out = os.path.join(tmp, "names.txt"), os.path.join(tmp, "samples.npy")
         with open(listing, "w", encoding="utf-8") as f:
             f.write("".join(n + "\n" for n in names))
-        subprocess.run([WITH_CORPUS, sys.executable, ENTRY_POINT, "--draw-samples", listing, out,
-                        "--host-library", library], check=True)
+        subprocess.run([WITH_CORPUS, sys.executable, *ENTRY_POINT, "--draw-samples", listing, out,
+                        "--host-library", library], check=True, env=drawing_environment())
         return np.load(out)
 
 
@@ -662,3 +673,7 @@ def main(argv=None):
         drawing = drawing_digest(corpus_labels.MANIFEST, args.host_library)
         print("\n".join(validate(result, os.path.join(args.work, "teacher", f"letters-{drawing}.npz"))))
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

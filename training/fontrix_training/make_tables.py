@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Makes the shipped similarity pair and the recognition font table with the module's own code.
 
-    /usr/bin/python3 training/make_tables.py --work DIR [--out data]
+    training/run make_tables --work DIR [--out data]
 
 1. Runs `fontrix index` with the corpus as the machine's fonts and a data folder holding the new
    similarity network (and a stand-in shipped pair that matches no font), so the module's
@@ -13,6 +13,7 @@
 3. Writes OUT/NQ_rec_font.bin: the same six lines for each recognition class (DIR/rec_classes.txt,
    the table's system faces), in the network's class order.
 """
+import sys
 import argparse
 import os
 import shutil
@@ -99,3 +100,7 @@ def main(argv=None):
     write_meta(classes, os.path.join(args.out, "NQ_rec_font.bin"))
     print(f"{len(rows)} faces in the shipped similarity pair, {len(classes)} in the recognition font table", flush=True)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

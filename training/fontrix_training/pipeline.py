@@ -8,7 +8,9 @@ commands and inputs are unchanged and its outputs exist. Inputs are files other 
 and the checked-in corpus files, not the code: after a change of code, run the stage with
 --force. Small files are fingerprinted by their contents, large ones (the pictures) by size
 and time. The training commands go on from their checkpoints (--resume), so a stage that was
-interrupted is simply run again.
+interrupted is simply run again. Since the stages run the package's modules (`-m
+fontrix_training.MODULE`) rather than a script each, a work folder stamped before reads every
+stage as changed: `training/run pipeline stamp STAGE ...` records the stages it holds as current.
 """
 import argparse
 import glob
@@ -30,12 +32,14 @@ HASHED_UP_TO = 64 << 20  # bytes: larger files are fingerprinted by size and tim
 Stage = namedtuple("Stage", "name makes commands inputs outputs")
 
 
-def py(script, *args):
-    return [PYTHON, "{training}/" + script, *args]
+def py(module, *args):
+    """A module of this package run with Debian's Python (the package's folder is put on the
+    path of every command the pipeline runs)."""
+    return [PYTHON, "-m", "fontrix_training." + module, *args]
 
 
 def train(*args):
-    return py("train_networks.py", "--work", "{work}", "--resume", *args)
+    return py("train_networks", "--work", "{work}", "--resume", *args)
 
 
 RECOGNITION = ["--sim-batch", "0", "--rec-batch", "64"]
@@ -58,16 +62,16 @@ def pictures(*names):
 
 STAGES = [
     Stage("corpus", "the pinned font corpus (about 15 minutes, 0.5 GB)",
-          [py("corpus/fetch.py")], ["{training}/corpus/packages.tsv"], ["{corpus}/fonts"]),
+          [py("corpus.fetch")], ["{training}/corpus/packages.tsv"], ["{corpus}/fonts"]),
     Stage("features", "the 96 features of every corpus face, measured by the module",
           [[WITH_CORPUS, "{bin}/font-features", "--all", ">", "{work}/features.tsv"]],
           ["{corpus}/fonts", "{training}/corpus/manifest.tsv"], ["{work}/features.tsv"]),
     Stage("classification", "the style-class rows of classification_weights.tsv (9 minutes)",
-          [py("fit_classification.py", "{work}/features.tsv", "--write", "--to", "{data}/classification_weights.tsv",
+          [py("fit_classification", "{work}/features.tsv", "--write", "--to", "{data}/classification_weights.tsv",
               "--report", "{work}/fit-cv.md")],
           ["{work}/features.tsv"] + CORPUS_FILES, ["{data}/classification_weights.tsv", "{work}/fit-cv.md"]),
     Stage("pictures", "the table's faces, specimens and training pictures (about 25 minutes, 20 GB)",
-          [py("prepare_training_data.py", "--work", "{work}")],
+          [py("prepare_training_data", "--work", "{work}")],
           ["{corpus}/fonts", "{training}/words.txt"] + CORPUS_FILES, LISTS + pictures(*PICTURES)),
     Stage("stage1-start", "the first stage's first 5,750 steps, on a 30,000-step schedule (1 hour)",
           [train("--steps", "30000", "--stop-at", "5750", "--sim-batch", "12", "--lines", "lines_first.bin",
@@ -103,50 +107,50 @@ STAGES = [
                                                               "lines_fourth.bin", "lines_clean_train.bin"),
           ["{work}/recognition3/fontnet.pt"]),
     Stage("localisation", "the localisation network, NQ_loc_model.dnm (6 minutes)",
-          [py("train_localisation.py", "--work", "{work}", "--resume", "--out", "{data}")],
+          [py("train_localisation", "--work", "{work}", "--resume", "--out", "{data}")],
           pictures("bands.bin"), ["{data}/NQ_loc_model.dnm"]),
     Stage("teacher", "the letter-likeness teacher: every face's 50 nearest (3 minutes)",
-          [py("letter_likeness.py", "--work", "{work}")],
+          [py("letter_likeness", "--work", "{work}")],
           ["{corpus}/fonts", "{training}/corpus/manifest.tsv"], ["{work}/teacher/neighbours-*.npz"]),
     Stage("simfamily", "the similarity top trained on hard negatives, where the teacher's training starts",
           [["git", "-C", "{repo}", "show", FAMILY_TOP, ">", "{work}/simfamily/fontnet.pt"]],
           [], ["{work}/simfamily/fontnet.pt"]),
     Stage("simteach1", "conv6 and conv7 trained towards the teacher (40 minutes)",
-          [py("train_similarity_top.py", "--work", "{work}", "--init", "{work}/simfamily/fontnet.pt", "--steps", "3000",
+          [py("train_similarity_top", "--work", "{work}", "--init", "{work}/simfamily/fontnet.pt", "--steps", "3000",
               "--save-to", "{work}/simteach1")],
           ["{work}/simfamily/fontnet.pt", "{work}/teacher/neighbours-*.npz"] + pictures("specimens.bin"),
           ["{work}/simteach1/fontnet.pt"]),
     Stage("simteach2", "conv5 to conv7 on towards the teacher (60 minutes): the shipped similarity network",
-          [py("train_similarity_top.py", "--work", "{work}", "--init", "{work}/simteach1/fontnet.pt", "--fixed", "4",
+          [py("train_similarity_top", "--work", "{work}", "--init", "{work}/simteach1/fontnet.pt", "--fixed", "4",
               "--steps", "2000", "--near", "5", "--teacher-scale", "6", "--near-enough", "30",
               "--save-to", "{work}/simteach2")],
           ["{work}/simteach1/fontnet.pt", "{work}/teacher/neighbours-*.npz"] + pictures("specimens.bin"),
           ["{work}/simteach2/fontnet.pt"]),
     Stage("export", "NQ_sim_model.dnm and NQ_rec_model.dnm, checked against PyTorch",
-          [py("export_networks.py", "--work", "{work}", "--recognition-from", "{work}/recognition3/fontnet.pt",
+          [py("export_networks", "--work", "{work}", "--recognition-from", "{work}/recognition3/fontnet.pt",
               "--similarity-from", "{work}/simteach2/fontnet.pt", "--out", "{data}")],
           ["{work}/recognition3/fontnet.pt", "{work}/simteach2/fontnet.pt"],
           ["{data}/NQ_sim_model.dnm", "{data}/NQ_rec_model.dnm"]),
     Stage("tables", "the similarity pair and the recognition font table, computed by the module (3 minutes)",
-          [py("make_tables.py", "--work", "{work}", "--out", "{data}")],
+          [py("make_tables", "--work", "{work}", "--out", "{data}")],
           ["{data}/NQ_sim_model.dnm", "{work}/table.tsv", "{work}/rec_classes.txt"], TABLES),
     Stage("class-vote", "similarity_table_classes.tsv: the table faces' classes and the vote's rules (2 minutes)",
-          [py("fit_class_vote.py", "--work", "{work}", "--data", "{data}", "--write",
+          [py("fit_class_vote", "--work", "{work}", "--data", "{data}", "--write",
               "--to", "{data}/similarity_table_classes.tsv")],
           ["{work}/features.tsv", "{work}/fit-cv.md", "{data}/NQ_sim_fea_fs.bin", "{data}/NQ_sim_meta_fs.bin"]
           + CORPUS_FILES, ["{data}/similarity_table_classes.tsv"]),
     Stage("confidence", "recognition_confidence.tsv, fitted on the installed fonts' fit pictures",
-          [[PYTHON, "{repo}/bench/recognition_figures.py", "--fontrix", "{bin}/fontrix", "--data", "{data}",
-            "--set", "fit", "--absent", "{corpus}/fonts", "--dump", "{work}/confidence/fit-lines.jsonl"],
-           [PYTHON, "{repo}/bench/recognition_figures.py", "--fontrix", "{bin}/fontrix", "--data", "{data}",
-            "--set", "fit", "--absent", "{corpus}/fonts", "--disable", "installed-lines",
-            "--dump", "{work}/confidence/fit-plain.jsonl"],
-           py("fit_recognition_confidence.py", "{work}/confidence/fit-lines.jsonl",
+          [py("recognition_figures", "--fontrix", "{bin}/fontrix", "--data", "{data}",
+              "--set", "fit", "--absent", "{corpus}/fonts", "--dump", "{work}/confidence/fit-lines.jsonl"),
+           py("recognition_figures", "--fontrix", "{bin}/fontrix", "--data", "{data}",
+              "--set", "fit", "--absent", "{corpus}/fonts", "--disable", "installed-lines",
+              "--dump", "{work}/confidence/fit-plain.jsonl"),
+           py("fit_recognition_confidence", "{work}/confidence/fit-lines.jsonl",
               "{work}/confidence/fit-plain.jsonl", "--write", "--to", "{data}/recognition_confidence.tsv")],
           NETWORKS + TABLES + ["{data}/classification_weights.tsv", "{data}/similarity_table_classes.tsv"],
           ["{data}/recognition_confidence.tsv"]),
     Stage("figures", "the report's recognition, localisation and similarity figures (not shipped; 6 minutes)",
-          [py("evaluate.py", "--work", "{work}", "--recognition-from", "{work}/recognition3/fontnet.pt",
+          [py("evaluate", "--work", "{work}", "--recognition-from", "{work}/recognition3/fontnet.pt",
               "--tables", "{data}", "--localisation", "{data}/NQ_loc_model.dnm", ">", "{work}/figures.md")],
           ["{work}/recognition3/fontnet.pt"] + NETWORKS + TABLES
           + pictures("lines_heldout.bin", "lines_clean.bin", "lines_tall.bin"), ["{work}/figures.md"]),
@@ -226,6 +230,10 @@ class Pipeline:
         print(f"{name}: {why}; running", file=out, flush=True)
         for path in self.paths(self.stages[name].outputs):
             os.makedirs(os.path.dirname(path), exist_ok=True)
+        # The package's modules run as `python3 -m fontrix_training.MODULE`: its folder goes on the
+        # path of every command, once, here.
+        path = os.environ.get("PYTHONPATH")
+        env = dict(os.environ, PYTHONPATH=self.places["training"] + (os.pathsep + path if path else ""))
         for command in self.stages[name].commands:
             words = [self.expand(w) for w in command]
             target = None
@@ -234,10 +242,10 @@ class Pipeline:
             print("  " + self.command_line(command), file=out, flush=True)
             if target:
                 with open(target + ".tmp", "wb") as f:
-                    subprocess.run(words, stdout=f, check=True)
+                    subprocess.run(words, stdout=f, check=True, env=env)
                 os.replace(target + ".tmp", target)
             else:
-                subprocess.run(words, check=True)
+                subprocess.run(words, check=True, env=env)
         self.stamp(name)
         return True
 
@@ -296,3 +304,7 @@ def main(argv=None, stages=STAGES):
     for name in chosen:
         pipeline.run(name, force=args.force)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -2,7 +2,7 @@
 """Chooses the shipped table's faces and makes the training pictures, through the reference
 host with the corpus as its fonts.
 
-    /usr/bin/python3 training/prepare_training_data.py --work DIR [--jobs 2] [--lines-per-font 60] [--only FILE ...]
+    training/run prepare_training_data --work DIR [--jobs 2] [--lines-per-font 60] [--only FILE ...]
 
 Writes into DIR:
 - names.txt: every face of the manifest (a specimens record's label is its line here);
@@ -28,6 +28,7 @@ Writes into DIR:
 The pictures are the same on every run, so a picture file is kept when present: remove it to
 remake it.
 """
+import sys
 import argparse
 import hashlib
 import os
@@ -160,3 +161,7 @@ def main(argv=None):
         if not os.path.exists(out(file)):  # deterministic: a file is only remade when removed
             run_parts(args.work, args.jobs, [mode, fonts, WORDS] + options, out(file))
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Trains the localisation network on DIR/bands.bin and exports it as NQ_loc_model.dnm.
 
-    /usr/bin/python3 training/train_localisation.py --work DIR [--steps 3000] [--threads 1]
+    training/run train_localisation --work DIR [--steps 3000] [--threads 1]
                                                     [--resume] [--out data]
 
 Every 20th training face is held out. A checkpoint (DIR/locnet.pt) is written every 250 steps
@@ -9,6 +9,7 @@ and at the end; --resume goes on from it. At the end the network is written to
 OUT/NQ_loc_model.dnm only if build/bin/dnm-run and PyTorch agree on "detections" (relative
 error at most 1e-4) for pictures of two widths.
 """
+import sys
 import argparse
 import math
 import os
@@ -130,3 +131,7 @@ def main(argv=None):
                   f"edges close {holds:.3f} {time.time() - started:.0f} s", flush=True)
     export(net, pictures, args.out)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Trains the network shared by similarity and recognition (fontnet.py) on the CPU.
 
-    /usr/bin/python3 training/train_networks.py --work DIR [--steps N] [--resume]
+    training/run train_networks --work DIR [--steps N] [--resume]
         [--lines lines.bin lines_clean_train.bin] [--sim-queue 384] [--save-to DIR2]
 
 DIR holds what prepare_training_data.py made: specimens.bin (every corpus face), the picture
@@ -27,6 +27,7 @@ is meant for one model alone: the other (and, for recognition, the shipped table
 the similarity model) stays with the weights the branch came from (export_networks.py
 --recognition-from, --similarity-from).
 """
+import sys
 import argparse
 import collections
 import math
@@ -273,3 +274,7 @@ def main(argv=None):
                os.path.join(save_to, "fontnet.pt"))
     print(f"done: {step} steps in {time.time() - started:.0f} s", flush=True)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -3,7 +3,7 @@
 vectors rank faces as the letter-likeness teacher does, over the lower trunk's output of every
 specimen crop computed once.
 
-    /usr/bin/python3 training/train_similarity_top.py --work DIR --init FILE --save-to DIR2
+    training/run train_similarity_top --work DIR --init FILE --save-to DIR2
         [--fixed 5] [--steps 3000] [--seeds 16] [--near 3] [--lr 3e-4] [--teacher-scale 4]
         [--near-enough 15] [--mine-every 500] [--judge-every 500] [--teacher LETTERS.npz]
 
@@ -32,6 +32,7 @@ figures on the test families are printed at the end.
 With --fixed 0 nothing stays fixed: the whole trunk trains on the crops' pixels (held in memory,
 not cached), its normalisation statistics kept as they are.
 """
+import sys
 import argparse
 import hashlib
 import math
@@ -446,3 +447,7 @@ def main(argv=None):
         own = format_figures(dict(teacher_figures(faces, teacher, test), agreement=1))
         print(f"test families, the teacher's own order: {own}", flush=True)
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

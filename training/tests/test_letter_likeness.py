@@ -92,7 +92,8 @@ class DrawnFaces(unittest.TestCase):
         with open(listing, "w", encoding="utf-8") as f:
             f.write("\n".join(cls.names) + "\n")
         env = dict(os.environ, FONTCONFIG_FILE=conf, FONTRIX_CACHE_DIR=os.path.join(cls.tmp.name, "cache"))
-        subprocess.run([sys.executable, ll.ENTRY_POINT, "--draw-part", "0/1", listing, out], env=env, check=True)
+        subprocess.run([sys.executable, *ll.ENTRY_POINT, "--draw-part", "0/1", listing, out],
+                       env=ll.drawing_environment(env), check=True)
         with np.load(out) as drawn:
             cls.drawn, cls.failed = [str(n) for n in drawn["names"]], list(drawn["failed"])
             cls.cells, cls.advances = drawn["cells"], drawn["advances"]

@@ -6,6 +6,7 @@ import os
 import sys
 import tempfile
 import unittest
+import unittest.mock
 
 from fontrix_training import pipeline
 
@@ -104,6 +105,26 @@ class ShippedStages(unittest.TestCase):
             words = chain[stage].commands[0]
             init = words[words.index("--init") + 1]
             self.assertIn(init, chain[start].outputs, stage)
+
+    def test_every_module_a_stage_runs_is_one_of_the_package_and_runs_from_any_folder(self):
+        """A stage's command `python3 -m fontrix_training.X` needs no path of the caller's: the
+        pipeline puts the package's folder on it, and each module runs as __main__."""
+        import importlib.util
+        for stage in pipeline.STAGES:
+            for words in stage.commands:
+                if "-m" in words:
+                    module = words[words.index("-m") + 1]
+                    self.assertIsNotNone(importlib.util.find_spec(module), f"{stage.name}: {module}")
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        p = pipeline.Pipeline([pipeline.Stage("help", "a module's help", [
+            pipeline.py("corpus.fetch", "--help", ">", "{work}/help.txt")], [], ["{work}/help.txt"])],
+            work=folder.name, data=os.path.join(folder.name, "data"))
+        outside = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
+        with unittest.mock.patch.dict(os.environ, outside, clear=True), contextlib.redirect_stdout(io.StringIO()):
+            self.assertTrue(p.run("help"))
+        with open(os.path.join(folder.name, "help.txt")) as f:
+            self.assertIn("usage:", f.read())
 
 
 if __name__ == "__main__":

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Writes training/corpus/manifest.tsv from the fetched corpus.
 
-    /usr/bin/python3 training/corpus/build_manifest.py [--cache DIR] [--rejects FILE]
+    training/run corpus.build_manifest [--cache DIR] [--rejects FILE]
 
 Every face in DIR/fonts is named as the reference host names it (build/bin/fontrix fonts over
 the corpus; fontconfig's scan where the host is not built), and kept when it
@@ -14,6 +14,7 @@ the corpus; fontconfig's scan where the host is not built), and kept when it
 - has a unique name not already taken: Debian packages are read first (they are what
   Linux desktops install), then npm packages in listed order.
 """
+import sys
 import argparse
 import concurrent.futures
 import json
@@ -241,3 +242,7 @@ def main(argv=None):
     print(f"{len(kept)} faces from {len(families)} families kept; {len(rejected)} left out "
           f"(reasons in {args.rejects})")
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

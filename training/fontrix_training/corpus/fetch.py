@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Fetches the font corpus named in packages.tsv into a cache folder outside the repository.
 
-    /usr/bin/python3 training/corpus/fetch.py [--cache DIR] [--jobs N] [--pin]
+    training/run corpus.fetch [--cache DIR] [--jobs N] [--pin]
 
 Debian packages come through `apt-get download` and `dpkg-deb -x`; npm packages through
 `npm pack`. Only font files are kept, under DIR/fonts/<source>/<package>/; of a web-font
@@ -211,3 +211,7 @@ def main(argv=None):
             print(f"not fetched, left out of the list: {' '.join(p for _, p, _ in dropped)}", flush=True)
     print(f"done: {len(todo) - len(failures)} fetched, {len(failures)} failed", flush=True)
     return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

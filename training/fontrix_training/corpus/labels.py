@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Writes training/corpus/labels.tsv: the style classes of every face in manifest.tsv.
 
-    /usr/bin/python3 training/corpus/labels.py [--cache DIR]
+    training/run corpus.labels [--cache DIR]
 
 One line a face: unique name, its classes (label strings, the primary class first), where
 they came from, and the family it belongs to (for a web font its catalogue family, since the
@@ -248,3 +248,7 @@ def main(argv=None):
     if unlabelled:
         print(f"{len(unlabelled)} families unlabelled: " + ", ".join(sorted(unlabelled)))
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

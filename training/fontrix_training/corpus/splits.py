@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Writes training/corpus/splits.tsv: every family of the corpus in train, validation or test.
 
-    /usr/bin/python3 training/corpus/splits.py
+    training/run corpus.splits
 
 Faces are split by family, so no family is seen in training and judged in testing. Width and
 optical-size relatives ("Roboto Condensed", "Playfair Display", "Lobster Two") count as the
@@ -10,6 +10,7 @@ the order of a hash of the family key, every tenth family from the fourth goes t
 every tenth from the eighth to validation, so even a thin class (blackletter) is in all three.
 The hash makes the split independent of the corpus order and stable as families are added.
 """
+import sys
 import collections
 import hashlib
 import os
@@ -95,3 +96,7 @@ def main():
     os.replace(SPLITS + ".tmp", SPLITS)
     print(collections.Counter(splits.values()))
     return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

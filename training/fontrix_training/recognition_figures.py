@@ -15,7 +15,7 @@ Two picture sets that share no text, no random draw and no absent family: "fit" 
 settings and fit the confidence on) and "test" (the figures). --dump writes one JSON line per
 picture.
 
-Usage: recognition_figures.py [--fontrix PATH] [--set fit|test] [--disable installed-lines]
+Usage: training/run recognition_figures [--fontrix PATH] [--set fit|test] [--disable installed-lines]
                               [--absent DIR] [--dump FILE] [--keep DIR]
 """
 import argparse
@@ -25,11 +25,14 @@ import os
 import random
 import statistics
 import subprocess
+import sys
 import tempfile
 import time
 import zlib
 
 from PIL import Image, ImageDraw, ImageFilter, ImageFont
+
+from fontrix_training import BIN, DATA
 
 # Families drawn from the same outlines (clones, metric-compatible recuts, one family under two
 # names): a picture cannot tell their faces of one style apart. Carlito is Lato's letters with
@@ -230,9 +233,8 @@ def run(fontrix, path, disable, env):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    here = os.path.dirname(os.path.abspath(__file__))
-    parser.add_argument("--fontrix", default=os.path.join(here, "..", "build", "bin", "fontrix"))
-    parser.add_argument("--data", default=os.path.join(here, "..", "data"), help="the data folder fontrix uses")
+    parser.add_argument("--fontrix", default=os.path.join(BIN, "fontrix"))
+    parser.add_argument("--data", default=DATA, help="the data folder fontrix uses")
     parser.add_argument("--set", default="test", choices=sorted(TEXTS))
     parser.add_argument("--disable", default="", help="passed to fontrix --disable (installed-lines)")
     parser.add_argument("--absent", help="a folder of font files, some of families that are not installed")
@@ -333,4 +335,4 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

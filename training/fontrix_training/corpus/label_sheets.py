@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Contact sheets of labelled corpus faces, to look at what a style class holds.
 
-    /usr/bin/python3 training/corpus/label_sheets.py CLASS OUT.png [--count N] [--seed S]
+    training/run corpus.label_sheets CLASS OUT.png [--count N] [--seed S]
         [--primary] [--families FAMILY ...] [--cache DIR]
 
 Each row is one face: a sample line drawn from its font file, then family, style, its classes
@@ -18,10 +18,9 @@ import sys
 
 from PIL import Image, ImageDraw, ImageFont
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # the package's parent, training/
-from fontrix_training.corpus import fetch  # noqa: E402
-from fontrix_training.corpus import labels as corpus_labels  # noqa: E402
-from fontrix_training.corpus import splits as corpus_splits  # noqa: E402
+from fontrix_training.corpus import fetch
+from fontrix_training.corpus import labels as corpus_labels
+from fontrix_training.corpus import splits as corpus_splits
 
 SAMPLE = "Handgloves Quick Brown Fox 1234"
 ROW, SIZE, WIDTH, CAPTION = 40, 28, 640, 300
