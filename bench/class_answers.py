@@ -25,13 +25,13 @@ import subprocess
 import sys
 import tempfile
 
+from fontrix_training import tab_rows
+from fontrix_training.fit_class_vote import read_rows as read_weights
+from fontrix_training.fit_classification import CLASSES, CONTRADICTIONS
+
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EXPECTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "class_answers.tsv")
-sys.path.insert(0, os.path.join(REPO, "training"))
 # The classes, and those a face of the first class should never also be given, as the fit judges the corpus.
-from fontrix_training import tab_rows  # noqa: E402
-from fontrix_training.fit_class_vote import read_rows as read_weights  # noqa: E402
-from fontrix_training.fit_classification import CLASSES, CONTRADICTIONS  # noqa: E402
 
 
 def read_expected(path):

@@ -10,13 +10,12 @@ Usage: reference_net.py --export PATH
 
 import argparse
 import os
-import sys
 
 import numpy as np
 
+from fontrix_training import dnm
+
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(REPO, "training"))
-from fontrix_training import dnm  # noqa: E402
 
 INPUT_SIZE = 109
 SEED = 109

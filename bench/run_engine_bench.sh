@@ -12,6 +12,7 @@ cd "$(dirname "$0")/.."
 scripts/build.sh >/dev/null
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
+export PYTHONPATH="$PWD/training${PYTHONPATH:+:$PYTHONPATH}"  # the training package's model writer
 /usr/bin/python3 bench/reference_net.py --export "$tmp/reference_net.dnm" >/dev/null
 export FONTRIX_BENCH_MODEL="$tmp/reference_net.dnm"
 

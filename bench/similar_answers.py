@@ -21,9 +21,9 @@ import time
 
 import numpy as np
 
+from fontrix_training import letter_likeness
+
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(REPO, "training"))
-from fontrix_training import letter_likeness  # noqa: E402
 
 TWIN = 1.0  # teacher units: the same letters under another name
 

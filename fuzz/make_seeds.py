@@ -20,10 +20,10 @@ import zlib
 
 import numpy as np
 
+from fontrix_training import dnm
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.join(HERE, "..")
-sys.path.insert(0, os.path.join(ROOT, "training"))
-from fontrix_training import dnm  # noqa: E402
 
 SEEDS = os.path.join(HERE, "seeds")
 OUT = os.path.join(SEEDS, "dnm_reader")
