@@ -119,7 +119,7 @@ class CssToFaceTest(unittest.TestCase):
             css = {"bold italic": ("font-weight:bold;font-style:italic", 200, True),
                    "oblique": ("font-style:oblique", 80, True),
                    "600": ("font-weight:600", 200, False),  # no semi-bold: the bold is nearer
-                   "spec": ("-inkscape-font-specification:'DejaVu Sans, Bold'", 200, False),
+                   "Pango description": ("-inkscape-font-specification:'DejaVu Sans, Bold'", 200, False),
                    "normal": ("font-weight:normal", 80, False)}
             for what, (style, weight, slant) in css.items():
                 face = self.face("font-family:'DejaVu Sans';" + style)
