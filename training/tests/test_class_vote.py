@@ -2,12 +2,15 @@
 limits, and the data file the module reads."""
 import math
 import os
+import sys
 import tempfile
 import unittest
 
 import numpy as np
 
-from fontrix_training import fit_class_vote as vote
+# Discovered without -t (from training/tests), the package's parent is not on the path.
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from fontrix_training import fit_class_vote as vote  # noqa: E402
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 

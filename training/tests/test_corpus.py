@@ -1,16 +1,19 @@
 """The corpus scripts' rules: which files and faces are kept, how faces are labelled, how
 families are split. Fonts are made on the spot with fontTools; nothing is fetched."""
 import os
+import sys
 import tempfile
 import unittest
 
 from fontTools.fontBuilder import FontBuilder
 from fontTools.pens.ttGlyphPen import TTGlyphPen
 
-from fontrix_training.corpus import build_manifest
-from fontrix_training.corpus import fetch
-from fontrix_training.corpus import labels
-from fontrix_training.corpus import splits
+# Discovered without -t (from training/tests), the package's parent is not on the path.
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from fontrix_training.corpus import build_manifest  # noqa: E402
+from fontrix_training.corpus import fetch  # noqa: E402
+from fontrix_training.corpus import labels  # noqa: E402
+from fontrix_training.corpus import splits  # noqa: E402
 
 ALNUM = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
 

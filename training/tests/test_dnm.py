@@ -1,9 +1,13 @@
+import os
 import struct
+import sys
 import unittest
 
 import numpy as np
 
-from fontrix_training import dnm
+# Discovered without -t (from training/tests), the package's parent is not on the path.
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from fontrix_training import dnm  # noqa: E402
 
 try:
     import torch

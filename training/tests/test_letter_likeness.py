@@ -12,7 +12,9 @@ import unittest
 
 import numpy as np
 
-from fontrix_training import letter_likeness as ll
+# Discovered without -t (from training/tests), the package's parent is not on the path.
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from fontrix_training import letter_likeness as ll  # noqa: E402
 
 TRAINING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 

@@ -8,7 +8,9 @@ import tempfile
 import unittest
 import unittest.mock
 
-from fontrix_training import pipeline
+# Discovered without -t (from training/tests), the package's parent is not on the path.
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from fontrix_training import pipeline  # noqa: E402
 
 
 def stub(name, inputs, outputs, text):

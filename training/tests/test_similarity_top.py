@@ -5,6 +5,7 @@ import contextlib
 import io
 import os
 import struct
+import sys
 import tempfile
 import unittest
 
@@ -17,6 +18,8 @@ try:
 except ImportError:  # a fresh machine: only `scripts/setup.sh --training` installs PyTorch
     raise unittest.SkipTest("PyTorch is not installed (scripts/setup.sh --training installs it)")
 
+# Discovered without -t (from training/tests), the package's parent is not on the path.
+sys.path.insert(0, TRAINING)
 from fontrix_training import fontnet  # noqa: E402 (after the PyTorch check)
 from fontrix_training import images  # noqa: E402 (after the PyTorch check)
 from fontrix_training.corpus import splits as corpus_splits  # noqa: E402 (after the PyTorch check)
