@@ -227,26 +227,23 @@ std::string ContentOf(const std::filesystem::path& file, bool module) {
 // build tree's share them); the time only spares reading a file that has not changed since
 // `previous` was written.
 std::vector<std::string> ModuleStamp(const std::string& module, const std::string& data_dir,
-                                     const std::string& previous) {
+                                     const std::vector<std::string>& previous) {
   namespace fs = std::filesystem;
   std::map<std::string, std::string> known;  // "name size time" -> content, from the previous stamp
-  for (size_t start = 0; start < previous.size();) {
-    const size_t end = std::min(previous.find('\n', start), previous.size());
-    const std::string line = previous.substr(start, end - start);
+  for (const std::string& line : previous)
     if (const size_t space = line.rfind(' '); space != std::string::npos)
       known[line.substr(0, space)] = line.substr(space + 1);
-    start = end + 1;
-  }
-  std::error_code ec;
   auto line = [&](const fs::path& file, bool isModule) {
-    const auto size = fs::file_size(file, ec);
-    const auto time = fs::last_write_time(file, ec).time_since_epoch().count();
-    const std::string key =
-        file.filename().string() + " " + std::to_string(ec ? 0 : size) + " " + std::to_string(ec ? 0 : time);
+    std::error_code size_error, time_error;  // a file that cannot be measured reads as 0 0
+    const auto size = fs::file_size(file, size_error);
+    const auto time = fs::last_write_time(file, time_error).time_since_epoch().count();
+    const std::string key = file.filename().string() + " " + std::to_string(size_error ? 0 : size) + " " +
+                            std::to_string(time_error ? 0 : time);
     const auto it = known.find(key);
     return key + " " + (it != known.end() ? it->second : ContentOf(file, isModule));
   };
   std::vector<std::string> lines{line(module, true)};
+  std::error_code ec;
   for (fs::directory_iterator it(data_dir, ec), end; !ec && it != end; it.increment(ec))
     if (it->is_regular_file(ec)) lines.push_back(line(it->path(), false));
   std::sort(lines.begin() + 1, lines.end());
@@ -281,16 +278,16 @@ void Host::ForgetCachesOfOtherModules(const std::string& module) {
     for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) previous.append(buffer, n);
     std::fclose(f);
   }
-  const std::vector<std::string> lines = ModuleStamp(module, impl_->data_dir, previous);
-  std::string stamp;
-  for (const std::string& l : lines) stamp += l + "\n";
-  if (previous == stamp) return;
   std::vector<std::string> before;
   for (size_t start = 0; start < previous.size();) {
     const size_t end = std::min(previous.find('\n', start), previous.size());
     before.push_back(previous.substr(start, end - start));
     start = end + 1;
   }
+  const std::vector<std::string> lines = ModuleStamp(module, impl_->data_dir, before);
+  std::string stamp;
+  for (const std::string& l : lines) stamp += l + "\n";
+  if (previous == stamp) return;
   std::error_code ec;
   // The same module and data copied elsewhere keep the caches; only the times are written anew.
   if (Identity(before) != Identity(lines))
