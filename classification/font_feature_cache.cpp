@@ -88,8 +88,7 @@ bool FontFeatureCache::Load() {
   {
     // Another process may be saving into the same folder: read only what it has finished.
     // The file is replaced whole by a rename, so reading it without the lock is safe too.
-    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kShared, CacheFolderWait(),
-                           [this](const std::string& waiting) { progress_.Waiting(waiting); });
+    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kShared, progress_);
     std::unique_lock<std::shared_mutex> lock(lock_);
     std::vector<FeatureRecord> read;
     std::string damage;
@@ -185,8 +184,7 @@ void FontFeatureCache::Save() {
   log.Info("Cache Saving Start : time :", HostTime());
   log.Info("Writing Feature Cache Info Starts");
   try {
-    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kExclusive, CacheFolderWait(),
-                           [this](const std::string& waiting) { progress_.Waiting(waiting); });
+    CacheFolderLock folder(CacheFolderLock::FolderOf(CacheFilePath()), CacheFolderLock::kExclusive, progress_);
     if (!folder.Held()) throw std::runtime_error(folder.Error());
     std::shared_lock<std::shared_mutex> lock(lock_);
     SaveFeatureCache(CacheFilePath(), records_);

@@ -238,8 +238,7 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
   log.Info("Installed lines read: ", drawn.size(), ", kept: ", kept.size());
   if (linesPath_.empty()) return true;
   // Another process may be saving into the same folder; queries go on meanwhile.
-  CacheFolderLock folder(CacheFolderLock::FolderOf(linesPath_), CacheFolderLock::kExclusive, CacheFolderWait(),
-                         [this](const std::string& waiting) { progress_.Waiting(waiting); });
+  CacheFolderLock folder(CacheFolderLock::FolderOf(linesPath_), CacheFolderLock::kExclusive, progress_);
   try {
     if (!folder.Held()) throw std::runtime_error(folder.Error());
     WriteInstalledLines(linesPath_, networkFingerprint_, kept);

@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "shell/cache_progress.h"
+
 namespace fontrix {
 
 /// Seconds a service waits for another process's hold on its cache folder before it reads
@@ -24,6 +26,10 @@ class CacheFolderLock {
   /// An empty folder (no cache folder could be made) is never locked: nothing may be written.
   CacheFolderLock(const std::string& folder, Mode mode, double timeout_seconds = CacheFolderWait(),
                   const WaitNotice& notice = {});
+  /// A service's lock: waits CacheFolderWait() and says a long wait through its `progress`.
+  CacheFolderLock(const std::string& folder, Mode mode, CacheProgress& progress)
+      : CacheFolderLock(folder, mode, CacheFolderWait(),
+                        [&progress](const std::string& waiting) { progress.Waiting(waiting); }) {}
   ~CacheFolderLock();
   CacheFolderLock(const CacheFolderLock&) = delete;
   CacheFolderLock& operator=(const CacheFolderLock&) = delete;

@@ -78,8 +78,7 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
     // Another process may be saving into the same folder. Only with the lock may this one
     // change the files; without it (the other is slow or stopped) it reads what is consistent.
     const std::string folderPath = CacheFolderLock::FolderOf(paths.cachedMeta);
-    CacheFolderLock folder(folderPath, CacheFolderLock::kExclusive, CacheFolderWait(),
-                           [this](const std::string& waiting) { progress_.Waiting(waiting); });
+    CacheFolderLock folder(folderPath, CacheFolderLock::kExclusive, progress_);
     const CacheAccess access = folder.Held() ? CacheAccess::kWritable : CacheAccess::kReadOnly;
     if (access == CacheAccess::kWritable) {
       RemoveStaleSumsFile(paths.cachedMeta);
@@ -262,8 +261,7 @@ void FontSimilarCache::SaveCache() {
   CacheLog& log = SimilarityLog();
   log.Info("Cache Saving Start : time :", HostTime());
   if (!table_.pending.empty() && !table_.cacheMetaPath.empty()) {
-    CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive,
-                           CacheFolderWait(), [this](const std::string& waiting) { progress_.Waiting(waiting); });
+    CacheFolderLock folder(CacheFolderLock::FolderOf(table_.cacheMetaPath), CacheFolderLock::kExclusive, progress_);
     const std::string problem = folder.Held() ? table_.Save()
                                               : "the similarity cache was not saved: " + folder.Error() +
                                                     "; installed fonts are computed again at every start";
