@@ -10,7 +10,7 @@
 #include <random>
 #include <string>
 
-#include "deepnet/blas.h"
+#include "bench/reference_blas.h"
 #include "deepnet/layers/activation.h"
 #include "deepnet/layers/conv3d.h"
 #include "deepnet/layers/data.h"

@@ -7,8 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "deepnet/blas.h"
-
 namespace deepnet {
 
 namespace {
@@ -112,7 +110,6 @@ worker_pool& pool() {
 void deepnet_set_num_threads(int n) {
   n = std::max(1, n);
   std::lock_guard<std::mutex> lock(config_mutex);
-  openblas_set_num_threads(1);
   if (thread_count.load() != n) pool().resize(n - 1);
   thread_count.store(n);
 }

@@ -1,14 +1,14 @@
 #pragma once
 // Work splitting for the engine. Layers split their batch into contiguous chunks of samples;
 // each chunk runs as one task with its own scratch, so results do not depend on the number of
-// threads. The tasks run on the engine's own worker threads plus the caller's; the BLAS itself
-// runs single-threaded inside each task.
+// threads. The tasks run on the engine's own worker threads plus the caller's; each matrix
+// product runs on the thread of its task.
 #include <cstdint>
 #include <functional>
 
 namespace deepnet {
 
-/// Threads the engine uses for one forward pass (default 1). Also pins the BLAS to one thread.
+/// Threads the engine uses for one forward pass (default 1).
 void deepnet_set_num_threads(int n);
 int deepnet_num_threads();
 

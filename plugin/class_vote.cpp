@@ -8,7 +8,7 @@
 #include <sstream>
 #include <utility>
 
-#include "deepnet/blas.h"
+#include "deepnet/gemm.h"
 #include "shell/file_bytes.h"
 #include "shell/tab_fields.h"
 
@@ -183,8 +183,8 @@ std::vector<uint32_t> ClassVote::Masks(const std::vector<std::string>& names, co
   for (size_t first = 0; first < names.size(); first += kBlock) {
     const size_t count = std::min(kBlock, names.size() - first);
     scores.assign(count * faces, 0.0f);
-    deepnet::sgemm('t', 'n', int(faces), int(count), int(dim), 1.0f, voters, int(dim), vectors + first * dim, int(dim),
-                   0.0f, scores.data(), int(faces));
+    // Row-major: scores (count × faces) = vectors (count × dim) · votersᵀ, voters holding a row per face.
+    deepnet::gemm(count, faces, dim, vectors + first * dim, dim, voters, dim, true, scores.data(), faces, false);
     for (size_t i = 0; i < count; ++i)
       masks[first + i] = Combine(linear[first + i], Support(scores.data() + i * faces, voting, names[first + i]));
   }

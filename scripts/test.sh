@@ -9,7 +9,7 @@ scripts/setup.sh --tests
 # The C and C++ sources keep the project's .clang-format, the Python ones .flake8: a file that
 # drifts fails the run (in a checkout; a copy without git's index is not checked).
 if git rev-parse --git-dir >/dev/null 2>&1; then
-  git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+  git ls-files '*.c' '*.cpp' '*.h' '*.inc' | xargs clang-format --dry-run --Werror
   git ls-files '*.py' | xargs /usr/bin/python3 -m flake8
 fi
 scripts/build.sh

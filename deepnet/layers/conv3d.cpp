@@ -1,28 +1,31 @@
 #include "deepnet/layers/conv3d.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <string>
 
-#include "deepnet/blas.h"
 #include "deepnet/byte_io.h"
+#include "deepnet/gemm.h"
 #include "deepnet/parallel.h"
 
 namespace deepnet {
 
 namespace {
 // The input is unfolded a block of input channels at a time, each block followed by its share
-// of the product (the shares accumulate). Blocks of about this many kernel taps (product depth)
-// keep the unfolded rows in the core's cache until the product reads them, and OpenBLAS runs
-// such depths faster than whole kernels of a thousand taps or more (about 190 against 145
-// GFLOP/s here for the second layer of the reference network).
+// of the product (the shares accumulate). Blocks of about this many kernel taps (product depth,
+// one block of the product's own) keep the unfolded rows in the core's cache until the product
+// reads them.
 constexpr uint64_t kTargetBlockDepth = 256;
+std::atomic<bool> winograd_allowed{true};
 // Planes of fewer output positions than this are unfolded for several samples side by side,
 // so one product is wide enough to run at full speed; larger planes already are.
 constexpr uint64_t kWideProductPositions = 512;
 }  // namespace
+
+void conv3d_allow_winograd(bool allowed) { winograd_allowed = allowed; }
 
 uint64_t layer_model_conv3d::weight_count() const {
   // Every factor is 32-bit, so the three-term product fits in 96 bits; done in steps that
@@ -96,16 +99,30 @@ void layer_test_conv3d::allocate(const layer_model_base& model) {
 
   chunks_ = deepnet_chunk_count(batch);
   const uint64_t per_chunk = (batch + chunks_ - 1) / chunks_;
-  samples_per_product_ =
-      direct_ ? 1 : std::clamp<uint64_t>((kWideProductPositions + M - 1) / M, 1, std::max<uint64_t>(1, per_chunk));
+  samples_per_product_ = std::clamp<uint64_t>((kWideProductPositions + M - 1) / M, 1, std::max<uint64_t>(1, per_chunk));
   const uint64_t taps = uint64_t(m.kernel_w) * m.kernel_h;
   channels_per_block_ = direct_ ? std::max<uint64_t>(1, in_c_ / m.group)
                                 : std::clamp<uint64_t>(kTargetBlockDepth / std::max<uint64_t>(1, taps), 1,
                                                        std::max<uint64_t>(1, in_c_ / m.group));
+  winograd_.reset();
+  if (winograd_allowed && m.group == 1 && m.kernel_w == m.kernel_h && m.stride_w == 1 && m.stride_h == 1) {
+    const winograd_shape shape{m.kernel_w, in_w_,        in_h_,         in_c_,        out_w_,
+                               out_h_,     m.num_output, m.pad_w_begin, m.pad_h_begin};
+    if (const auto kind = choose_winograd(shape)) {
+      deepnet_checked_size({per_chunk, in_w_ + 8, in_h_ + 8, in_c_ + 16}, who);
+      winograd_.emplace();
+      winograd_->prepare(
+          shape, m.winograd_cache.get(*kind, in_c_, m.num_output, m.weights.data(), m.biases.data(), active_kernels()));
+    }
+  }
   scratch_.clear();
   scratch_.resize(chunks_);
   for (auto& s : scratch_) {
-    if (!direct_)
+    if (winograd_) {
+      winograd_->reserve(s.winograd, per_chunk);
+      continue;
+    }
+    if (!direct_ || samples_per_product_ > 1)
       s.unfolded.resize_uninitialized(
           deepnet_checked_size({std::min(K, channels_per_block_ * taps), M, samples_per_product_}, who));
     if (samples_per_product_ > 1)
@@ -191,6 +208,10 @@ void layer_test_conv3d::run_samples(const layer_model_conv3d& m, uint64_t first,
   // outputs are their biases.
   const uint64_t groups = (K == 0 || M == 0 || Og == 0) ? 0 : G;
   const uint64_t taps = m.kernel_w * m.kernel_h;
+  if (winograd_) {
+    winograd_->run(x + first * in_c_ * plane_in, last - first, y.data() + first * O * M, s.winograd);
+    return;
+  }
   for (uint64_t b = first; b < last; b += samples_per_product_) {
     const uint64_t n = std::min(samples_per_product_, last - b);
     const uint64_t ld = n * M;
@@ -200,16 +221,16 @@ void layer_test_conv3d::run_samples(const layer_model_conv3d& m, uint64_t first,
       // One sample writes straight into its output planes; several write side by side into
       // the product buffer, per output channel, and are moved into place afterwards.
       float* out = n == 1 ? y.data() + b * O * M + g * Og * M : s.product.data();
-      if (direct_) {
-        sgemm('n', 'n', int(M), int(Og), int(K), 1.0f, planes, int(M), w, int(K), 0.0f, out, int(M));
+      // Row-major: out (Og × ld) = w (Og × K) · unfolded (K × ld).
+      if (direct_ && n == 1) {
+        gemm(Og, M, K, w, K, planes, M, false, out, M, false);
         continue;
       }
       for (uint64_t c0 = 0; c0 < Cg; c0 += channels_per_block_) {
         const uint64_t nc = std::min(channels_per_block_, Cg - c0);
         for (uint64_t i = 0; i < n; ++i)
           unfold(m, planes + i * in_c_ * plane_in + c0 * plane_in, nc, s.unfolded.data() + i * M, ld);
-        sgemm('n', 'n', int(ld), int(Og), int(nc * taps), 1.0f, s.unfolded.data(), int(ld), w + c0 * taps, int(K),
-              c0 == 0 ? 0.0f : 1.0f, out, int(ld));
+        gemm(Og, ld, nc * taps, w + c0 * taps, K, s.unfolded.data(), ld, false, out, ld, c0 != 0);
       }
       if (n > 1)
         for (uint64_t o = 0; o < Og; ++o)

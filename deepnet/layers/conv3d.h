@@ -1,5 +1,8 @@
 #pragma once
+#include <optional>
+
 #include "deepnet/layer_test.h"
+#include "deepnet/winograd.h"
 
 namespace deepnet {
 
@@ -15,6 +18,9 @@ class layer_model_conv3d : public layer_model_base {
 
   /// kernel_h × num_input × kernel_w / group × num_output, as the file sizes it.
   uint64_t weight_count() const;
+  /// The weights transformed for Winograd tiles, made when a network first runs this layer on
+  /// them (the weights must not change after that).
+  winograd_weight_cache winograd_cache;
   void deserialize(byte_reader& in, const layer_model_list& layers) override;
   void serialize(byte_writer& out) const override;
 };
@@ -24,9 +30,14 @@ class layer_model_conv3d : public layer_model_base {
 uint64_t conv_output_extent(uint64_t in, uint64_t pad_begin, uint64_t pad_end, uint64_t kernel, uint64_t stride,
                             bool ceil, const char* who);
 
+/// Whether layers allocated from now on may compute 3×3 and 5×5 stride-1 convolutions on
+/// Winograd tiles (the default); tests and benchmarks compare both paths.
+void conv3d_allow_winograd(bool allowed);
+
 /// Convolution as unfolding plus matrix products per group: the input channels are unfolded in
 /// blocks whose products accumulate, and small planes are unfolded for several samples side by
-/// side so that one product covers them all.
+/// side so that one product covers them all. Stride-1 3×3 and 5×5 kernels of one group run on
+/// Winograd tiles instead where that needs fewer multiplies.
 class layer_test_conv3d : public layer_test_base<float> {
  public:
   void allocate(const layer_model_base& model) override;
@@ -36,6 +47,7 @@ class layer_test_conv3d : public layer_test_base<float> {
   struct scratch {
     aligned_buffer<float> unfolded;  ///< one channel block's rows of (samples × M) values
     aligned_buffer<float> product;   ///< Og rows of (samples × M) values, when samples > 1
+    winograd_scratch winograd;
   };
   void run_samples(const layer_model_conv3d& m, uint64_t first, uint64_t last, scratch& s);
   void unfold(const layer_model_conv3d& m, const float* planes, uint64_t channels, float* out, uint64_t ld) const;
@@ -46,6 +58,7 @@ class layer_test_conv3d : public layer_test_base<float> {
   bool direct_ = false;              ///< 1×1 kernel, stride 1, no padding: the input already is unfolded
   uint64_t chunks_ = 1;
   std::vector<scratch> scratch_;
+  std::optional<winograd_conv> winograd_;
 };
 
 }  // namespace deepnet

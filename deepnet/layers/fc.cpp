@@ -4,8 +4,8 @@
 #include <limits>
 #include <stdexcept>
 
-#include "deepnet/blas.h"
 #include "deepnet/byte_io.h"
+#include "deepnet/gemm.h"
 
 namespace deepnet {
 
@@ -55,7 +55,8 @@ void layer_test_fc::fprop_test(uint64_t batch_count, const layer_model_base& mod
   const float* w = m.weights.data();
   for (const auto* in : inputs) {
     const uint64_t Nk = in->y_size_1d();
-    sgemm('t', 'n', int(N), int(B), int(Nk), 1.0f, w, int(Nk), in->y.data(), int(Nk), 1.0f, y.data(), int(N));
+    // Row-major: y (B × N) += x (B × Nk) · wᵀ, w holding N rows of Nk.
+    gemm(B, N, Nk, in->y.data(), Nk, w, Nk, true, y.data(), N, true);
     w += N * Nk;
   }
   for (uint64_t b = 0; b < B; ++b)

@@ -1,5 +1,6 @@
 #pragma once
-// The BLAS routines the engine uses (OpenBLAS, Fortran calling convention, 32-bit sizes).
+// The reference BLAS the engine's own products are measured against (OpenBLAS, Fortran calling
+// convention, 32-bit sizes).
 extern "C" {
 void sgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k, const float* alpha,
             const float* a, const int* lda, const float* b, const int* ldb, const float* beta, float* c,
