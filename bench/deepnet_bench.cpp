@@ -11,6 +11,7 @@
 #include <string>
 
 #include "bench/reference_blas.h"
+#include "deepnet/gemm.h"
 #include "deepnet/layers/activation.h"
 #include "deepnet/layers/conv3d.h"
 #include "deepnet/layers/data.h"
@@ -156,6 +157,31 @@ void BM_ReferenceNetByLayer(benchmark::State& state) {
   for (const auto& [type, s] : seconds)
     if (names.count(type)) state.counters[names.at(type)] = s * 1e3 / double(state.iterations());
 }
+
+// Each layer's milliseconds at batch 10 on one thread, the convolutions by path: "winograd" as
+// shipped, "unfolded" with the Winograd tiles turned off.
+void BM_ReferenceNetLayers(benchmark::State& state) {
+  const bool winograd = state.range(0) != 0;
+  conv3d_allow_winograd(winograd);
+  deepnet_set_num_threads(1);
+  const uint64_t batch = 10;
+  const auto& models = reference_net();
+  const auto input = pixels(batch);
+  input_view view{kSide, kSide, 1, batch, input.data()};
+  layer_test_list tests;
+  deepnet_construct_layer_test(tests, models, view, batch);
+  std::map<std::string, double> seconds;
+  for (auto _ : state)
+    for (size_t j = 0; j < models.size(); ++j) {
+      const auto t0 = std::chrono::steady_clock::now();
+      tests[j]->fprop_test(batch, *models[j]);
+      seconds[models[j]->name] += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    }
+  for (const auto& [name, s] : seconds) state.counters[name + "_ms"] = s * 1e3 / double(state.iterations());
+  state.SetLabel(winograd ? "winograd" : "unfolded");
+  conv3d_allow_winograd(true);
+}
+BENCHMARK(BM_ReferenceNetLayers)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ReferenceNetByLayer)->ArgNames({"batch"})->Arg(10)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The convolutions' matrix products alone, with the shapes the engine gives them at batch 10
@@ -184,13 +210,32 @@ void BM_ReferenceNetProductsOnly(benchmark::State& state) {
       largest = std::max(largest, size_t(M) * samples * std::max(K, int(c.num_output)));
     }
   std::vector<float> a(largest, 0.5f), b(largest, 0.25f), c(largest);
+  const bool own = state.range(0) != 0;
+  double flops = 0;
+  for (const auto& p : products) flops += 2.0 * p.m * p.n * double(p.k) * p.repeats;
   for (auto _ : state)
     for (const auto& p : products)
-      for (int r = 0; r < p.repeats; ++r)
-        deepnet::sgemm('n', 'n', p.m, p.n, p.k, 1.0f, a.data(), p.m, b.data(), p.k, 0.0f, c.data(), p.m);
+      for (int r = 0; r < p.repeats; ++r) {
+        // The same column-major product: C (positions × outputs) = unfolded · weights.
+        if (own)
+          gemm(uint64_t(p.n), uint64_t(p.m), uint64_t(p.k), b.data(), uint64_t(p.k), a.data(), uint64_t(p.m), false,
+               c.data(), uint64_t(p.m), false);
+        else
+          deepnet::sgemm('n', 'n', p.m, p.n, p.k, 1.0f, a.data(), p.m, b.data(), p.k, 0.0f, c.data(), p.m);
+      }
+  state.counters["GFLOP/s"] = benchmark::Counter(flops * 1e-9, benchmark::Counter::kIsIterationInvariantRate);
+  state.SetLabel(own ? std::string("engine (") + active_kernels().name + ")" : "reference BLAS");
 }
-BENCHMARK(BM_ReferenceNetProductsOnly)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ReferenceNetProductsOnly)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  // The reference BLAS runs on one thread, as each of the engine's products does.
+  openblas_set_num_threads(1);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -103,22 +103,6 @@ winograd_weights::winograd_weights(winograd_kind kind_, uint64_t in_c, uint64_t 
   std::copy(biases_, biases_ + out_c, biases.data());
 }
 
-winograd_weight_cache& winograd_weight_cache::operator=(const winograd_weight_cache&) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  entries_.clear();
-  return *this;
-}
-
-std::shared_ptr<const winograd_weights> winograd_weight_cache::get(winograd_kind kind, uint64_t in_c, uint64_t out_c,
-                                                                   const float* weights, const float* biases,
-                                                                   const isa_kernels& kernels) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& e : entries_)
-    if (e->kind == kind && e->kernels == &kernels) return e;
-  entries_.push_back(std::make_shared<const winograd_weights>(kind, in_c, out_c, weights, biases, kernels));
-  return entries_.back();
-}
-
 void winograd_conv::prepare(const winograd_shape& shape, std::shared_ptr<const winograd_weights> weights) {
   const tile_geometry g = geometry(weights->kind);
   if (g.r != shape.kernel) throw std::logic_error("winograd_conv::prepare(): kernel size does not fit the tiles");
@@ -135,7 +119,8 @@ void winograd_conv::prepare(const winograd_shape& shape, std::shared_ptr<const w
 void winograd_conv::reserve(winograd_scratch& s, uint64_t max_samples) const {
   const uint64_t xis = n_ * n_;
   const uint64_t block = std::min(kTileBlock, round_up(max_samples * tiles_x_ * tiles_y_, 12));
-  s.input.resize_uninitialized(max_samples * padded_w_ * padded_h_ * weights_->in_channels);
+  // The padding and the padded channels are zeros that runs never overwrite.
+  s.input.assign_zero(max_samples * padded_w_ * padded_h_ * weights_->in_channels);
   s.transformed.resize_uninitialized(xis * block * weights_->in_channels);
   s.products.resize_uninitialized(xis * block * weights_->out_channels);
 }
@@ -149,17 +134,20 @@ void winograd_conv::run(const float* input, uint64_t samples, float* output, win
   const uint64_t block = s.transformed.size() / (xis * Cp);
   const uint64_t in_plane = sh.in_w * sh.in_h, out_plane = sh.out_w * sh.out_h;
 
-  // Channel-last copy with the padding and the partial last tiles as zeros.
+  // Channel-last copy into the zeros of the padding and the partial last tiles. Sixteen channels
+  // are moved at a time, so the reads run along sixteen rows and the writes are contiguous.
   float* buf = s.input.data();
-  std::fill(buf, buf + samples * sample_stride, 0.0f);
+  // Input rows and columns that no tile reads (past the padded extent) are skipped.
+  const uint64_t width = std::min(sh.in_w, padded_w_ - std::min(padded_w_, sh.pad_w));
+  const uint64_t height = std::min(sh.in_h, padded_h_ - std::min(padded_h_, sh.pad_h));
   for (uint64_t b = 0; b < samples; ++b)
-    for (uint64_t c = 0; c < sh.in_c; ++c) {
-      const float* plane = input + (b * sh.in_c + c) * in_plane;
-      // Input rows and columns that no tile reads (past the padded extent) are skipped.
-      const uint64_t width = std::min(sh.in_w, padded_w_ - std::min(padded_w_, sh.pad_w));
-      for (uint64_t y = 0; y < sh.in_h && y + sh.pad_h < padded_h_; ++y) {
-        float* row = buf + b * sample_stride + (y + sh.pad_h) * row_stride + sh.pad_w * Cp + c;
-        for (uint64_t x = 0; x < width; ++x) row[x * Cp] = plane[y * sh.in_w + x];
+    for (uint64_t y = 0; y < height; ++y) {
+      float* row = buf + b * sample_stride + (y + sh.pad_h) * row_stride + sh.pad_w * Cp;
+      for (uint64_t c0 = 0; c0 < sh.in_c; c0 += kChannelAlign) {
+        const uint64_t channels = std::min(kChannelAlign, sh.in_c - c0);
+        const float* src = input + (b * sh.in_c + c0) * in_plane + y * sh.in_w;
+        for (uint64_t x = 0; x < width; ++x)
+          for (uint64_t c = 0; c < channels; ++c) row[x * Cp + c0 + c] = src[c * in_plane + x];
       }
     }
 

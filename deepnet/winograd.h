@@ -5,7 +5,6 @@
 // with its padding, so the tile transforms read whole vectors of channels.
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -28,7 +27,7 @@ std::optional<winograd_kind> choose_winograd(const winograd_shape& shape);
 
 /// Per-thread working space of winograd_conv::run.
 struct winograd_scratch {
-  aligned_buffer<float> input;        ///< the samples channel-last, padded to whole tiles
+  aligned_buffer<float> input;        ///< the samples channel-last, padded to whole tiles with zeros
   aligned_buffer<float> transformed;  ///< n² rows of tiles × channels
   aligned_buffer<float> products;     ///< n² rows of tiles × output channels
 };
@@ -43,23 +42,6 @@ struct winograd_weights {
   uint64_t in_channels, out_channels;  ///< in_c and out_c rounded up to 16
   std::vector<packed_rhs> matrices;    ///< n² matrices of in_channels × out_channels
   aligned_buffer<float> biases;        ///< out_channels values, zeros past out_c
-};
-
-/// The transformed weights of one layer model, made when a network first needs them and shared
-/// by every network built from the model after (a query builds its network afresh). Copies
-/// start empty, as the weights they are copied with may then change.
-class winograd_weight_cache {
- public:
-  winograd_weight_cache() = default;
-  winograd_weight_cache(const winograd_weight_cache&) {}
-  winograd_weight_cache& operator=(const winograd_weight_cache&);
-  /// The cached transform for (kind, kernels), made from `weights` and `biases` if missing.
-  std::shared_ptr<const winograd_weights> get(winograd_kind kind, uint64_t in_c, uint64_t out_c, const float* weights,
-                                              const float* biases, const isa_kernels& kernels) const;
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::vector<std::shared_ptr<const winograd_weights>> entries_;
 };
 
 class winograd_conv {

@@ -19,6 +19,9 @@ struct isa_kernels {
   /// c[i·ldc + j] = (accumulate ? c[i·ldc + j] : 0) + Σ_p a[p·mr + i] · b[p·nr + j] for the whole
   /// mr × nr tile: `a` and `b` are packed panels, b aligned to 64 bytes.
   void (*micro_kernel)(uint64_t kc, const float* a, const float* b, float* c, uint64_t ldc, bool accumulate);
+  /// The same with A unpacked: value (i, p) at a[i·lda + p].
+  void (*micro_kernel_rows)(uint64_t kc, const float* a, uint64_t lda, const float* b, float* c, uint64_t ldc,
+                            bool accumulate);
 
   /// Transforms the n×n input tile at `src` (channel-last: value (y, x, c) at
   /// src[y·row_stride + x·channels + c]) into n² rows dst[ξ·xi_stride + c], ξ = i·n + j.
@@ -31,6 +34,19 @@ struct isa_kernels {
   /// channel o < channels at dst[o·plane + y·width + x]. `bias` holds a multiple of 16 values.
   void (*winograd_output)(winograd_kind kind, const float* src, uint64_t xi_stride, uint64_t channels,
                           const float* bias, float* dst, uint64_t plane, uint64_t width, uint64_t rows, uint64_t cols);
+
+  /// Cross-channel normalisation with exponent 0.75, in place over n values:
+  /// sum[p] = x[p] · (k + scale · sum[p])^−0.75, and 0 where x[p] is 0.
+  void (*normalise_075)(const float* x, float* sum, uint64_t n, float k, float scale);
+
+  /// Max pooling's horizontal pass: dst[o] = max over kx < kernel of base[o·stride + kx], in
+  /// that order, a value replacing the running one only when greater.
+  void (*max_pool_row)(const float* base, uint64_t n, uint64_t stride, uint64_t kernel, float* dst);
+  /// Max pooling's vertical pass: running[p] = running[p] ≥ row[p] ? running[p] : row[p].
+  void (*max_pool_combine)(float* running, const float* row, uint64_t n);
+  /// Max pooling of `planes` whole width × height planes into one value each, as the two passes
+  /// above would compute it.
+  void (*max_pool_planes)(const float* x, uint64_t planes, uint64_t width, uint64_t height, float* out);
 };
 
 extern const isa_kernels kernels_sse2;

@@ -93,7 +93,7 @@ void layer_test_conv3d::allocate(const layer_model_base& model) {
   const uint64_t Og = m.num_output / m.group;
   direct_ = m.kernel_w == 1 && m.kernel_h == 1 && m.stride_w == 1 && m.stride_h == 1 && m.pad_w_begin == 0 &&
             m.pad_w_end == 0 && m.pad_h_begin == 0 && m.pad_h_end == 0;
-  // Sizes passed to the BLAS are 32-bit.
+  // Unfolded buffers stay under 2^31 values.
   if (deepnet_checked_size({M, std::max<uint64_t>(K, Og)}, who) > uint64_t{std::numeric_limits<int>::max()})
     throw std::runtime_error(std::string(who) + ": buffer too large");
 
@@ -111,9 +111,33 @@ void layer_test_conv3d::allocate(const layer_model_base& model) {
     if (const auto kind = choose_winograd(shape)) {
       deepnet_checked_size({per_chunk, in_w_ + 8, in_h_ + 8, in_c_ + 16}, who);
       winograd_.emplace();
-      winograd_->prepare(
-          shape, m.winograd_cache.get(*kind, in_c_, m.num_output, m.weights.data(), m.biases.data(), active_kernels()));
+      const isa_kernels& kernels = active_kernels();
+      winograd_->prepare(shape, m.winograd_cache.get(
+                                    [&](const winograd_weights& w) { return w.kind == *kind && w.kernels == &kernels; },
+                                    [&] {
+                                      return std::make_shared<const winograd_weights>(
+                                          *kind, in_c_, m.num_output, m.weights.data(), m.biases.data(), kernels);
+                                    }));
     }
+  }
+  packed_.reset();
+  if (!winograd_ && K > 0 && Og > 0) {
+    const isa_kernels& kernels = active_kernels();
+    const uint64_t cpb = channels_per_block_, Cg = in_c_ / m.group;
+    packed_ = m.packed_cache.get(
+        [&](const layer_model_conv3d::packed_weights& p) {
+          return p.kernels == &kernels && p.channels_per_block == cpb;
+        },
+        [&] {
+          auto p = std::make_shared<layer_model_conv3d::packed_weights>();
+          p->kernels = &kernels;
+          p->channels_per_block = cpb;
+          for (uint64_t g = 0; g < m.group; ++g)
+            for (uint64_t c0 = 0; c0 < Cg; c0 += cpb)
+              p->blocks.emplace_back(Og, std::min(cpb, Cg - c0) * taps, m.weights.data() + g * Og * K + c0 * taps, K,
+                                     kernels);
+          return std::shared_ptr<const layer_model_conv3d::packed_weights>(std::move(p));
+        });
   }
   scratch_.clear();
   scratch_.resize(chunks_);
@@ -216,21 +240,21 @@ void layer_test_conv3d::run_samples(const layer_model_conv3d& m, uint64_t first,
     const uint64_t n = std::min(samples_per_product_, last - b);
     const uint64_t ld = n * M;
     for (uint64_t g = 0; g < groups; ++g) {
-      const float* w = m.weights.data() + g * Og * K;
       const float* planes = x + b * in_c_ * plane_in + g * Cg * plane_in;
       // One sample writes straight into its output planes; several write side by side into
       // the product buffer, per output channel, and are moved into place afterwards.
       float* out = n == 1 ? y.data() + b * O * M + g * Og * M : s.product.data();
       // Row-major: out (Og × ld) = w (Og × K) · unfolded (K × ld).
+      const packed_lhs* blocks = packed_->blocks.data() + g * ((Cg + channels_per_block_ - 1) / channels_per_block_);
       if (direct_ && n == 1) {
-        gemm(Og, M, K, w, K, planes, M, false, out, M, false);
+        gemm(blocks[0], M, planes, M, out, M, false);
         continue;
       }
       for (uint64_t c0 = 0; c0 < Cg; c0 += channels_per_block_) {
         const uint64_t nc = std::min(channels_per_block_, Cg - c0);
         for (uint64_t i = 0; i < n; ++i)
           unfold(m, planes + i * in_c_ * plane_in + c0 * plane_in, nc, s.unfolded.data() + i * M, ld);
-        gemm(Og, ld, nc * taps, w + c0 * taps, K, s.unfolded.data(), ld, false, out, ld, c0 != 0);
+        gemm(blocks[c0 / channels_per_block_], ld, s.unfolded.data(), ld, out, ld, c0 != 0);
       }
       if (n > 1)
         for (uint64_t o = 0; o < Og; ++o)

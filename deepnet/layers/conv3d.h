@@ -1,6 +1,7 @@
 #pragma once
 #include <optional>
 
+#include "deepnet/derived_cache.h"
 #include "deepnet/layer_test.h"
 #include "deepnet/winograd.h"
 
@@ -18,9 +19,15 @@ class layer_model_conv3d : public layer_model_base {
 
   /// kernel_h × num_input × kernel_w / group × num_output, as the file sizes it.
   uint64_t weight_count() const;
-  /// The weights transformed for Winograd tiles, made when a network first runs this layer on
-  /// them (the weights must not change after that).
-  winograd_weight_cache winograd_cache;
+  /// The weights transformed for Winograd tiles, per tile size and kernels.
+  derived_cache<winograd_weights> winograd_cache;
+  /// The weights packed for the unfolded products, per kernels and channel block.
+  struct packed_weights {
+    const isa_kernels* kernels;
+    uint64_t channels_per_block;
+    std::vector<packed_lhs> blocks;  ///< group after group, channel block after channel block
+  };
+  derived_cache<packed_weights> packed_cache;
   void deserialize(byte_reader& in, const layer_model_list& layers) override;
   void serialize(byte_writer& out) const override;
 };
@@ -59,6 +66,7 @@ class layer_test_conv3d : public layer_test_base<float> {
   uint64_t chunks_ = 1;
   std::vector<scratch> scratch_;
   std::optional<winograd_conv> winograd_;
+  std::shared_ptr<const layer_model_conv3d::packed_weights> packed_;  ///< when not on Winograd tiles
 };
 
 }  // namespace deepnet

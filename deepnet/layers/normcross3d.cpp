@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 
 #include "deepnet/byte_io.h"
+#include "deepnet/gemm.h"
 #include "deepnet/parallel.h"
 
 namespace deepnet {
@@ -39,22 +39,8 @@ void layer_test_normcross3d::allocate(const layer_model_base&) {
 
 namespace {
 
-// s^-0.75 as two square roots: vectorises, and stays within a few ulp of powf.
-inline float inverse_pow_075(float s) {
-  const float r = std::sqrt(s);
-  return 1.0f / (r * std::sqrt(r));
-}
-
-// v, or 0 where the input x is 0 (where k + scale * sum may be 0 and v NaN). A bit mask rather
-// than a select of floats: GCC vectorises the mask on any x86-64 processor, the select only with
-// newer instruction sets.
-inline float zero_where_zero(float x, float v) {
-  uint32_t bits;
-  std::memcpy(&bits, &v, sizeof bits);
-  bits &= x == 0.0f ? 0u : ~0u;
-  std::memcpy(&v, &bits, sizeof v);
-  return v;
-}
+// v, or 0 where the input x is 0 (where k + scale * sum may be 0 and v NaN).
+inline float zero_where_zero(float x, float v) { return x == 0.0f ? 0.0f : v; }
 
 }  // namespace
 
@@ -65,6 +51,7 @@ void layer_test_normcross3d::fprop_test(uint64_t batch_count, const layer_model_
   const float scale = m.alpha / static_cast<float>(m.local_size);
   const float k = m.k, beta = m.beta;
   const uint64_t count = std::min(batch_count, batch);
+  const isa_kernels& kernels = active_kernels();
 
   deepnet_parallel_chunks(count, chunks_, [&](uint64_t chunk, uint64_t first, uint64_t last) {
     float* __restrict sq = squares_[chunk].data();
@@ -86,10 +73,7 @@ void layer_test_normcross3d::fprop_test(uint64_t batch_count, const layer_model_
           for (uint64_t p = 0; p < P; ++p) sum[p] += s[p];
         }
         if (beta == 0.75f) {
-          for (uint64_t p = 0; p < P; ++p) {
-            const float v = xc[p] * inverse_pow_075(k + scale * sum[p]);
-            sum[p] = zero_where_zero(xc[p], v);
-          }
+          kernels.normalise_075(xc, sum, P, k, scale);
         } else {
           for (uint64_t p = 0; p < P; ++p) {
             const float v = xc[p] / std::pow(k + scale * sum[p], beta);

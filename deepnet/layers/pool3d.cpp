@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "deepnet/byte_io.h"
+#include "deepnet/gemm.h"
 #include "deepnet/layers/conv3d.h"
 #include "deepnet/parallel.h"
 
@@ -50,16 +51,9 @@ void layer_test_pool_3d_base<T, pool_type>::allocate(const layer_model_base& mod
     s.resize_uninitialized(deepnet_checked_size({ow, in->dims[1]}, "layer_test_pool_3d_base::allocate()"));
 }
 
-namespace {
-
-// Running maximum as pooling defines it: a row's value replaces the running one unless the
-// running one is already greater or equal (so a NaN row value wins, a NaN running value loses).
-template <typename T>
-inline T take_max(T running, T v) {
-  return running >= v ? running : v;
-}
-
-}  // namespace
+// Rows of at least this many outputs go to the vectorised kernels; shorter ones (a 6 × 6 window
+// over a 6 × 6 plane) cost less inline than the call.
+constexpr int64_t kWideRow = 8;
 
 // Separable pooling: a horizontal pass reduces each input row over every output column's window
 // into the scratch (output width × input height), then a vertical pass combines the rows of each
@@ -78,11 +72,19 @@ void layer_test_pool_3d_base<T, pool_type>::fprop_test(uint64_t batch_count, con
   const T area = T(m.kernel_w) * T(m.kernel_h);
   const T empty = is_max ? -std::numeric_limits<T>::max() : T(0);
   const uint64_t count = std::min(batch_count, this->batch);
+  const isa_kernels& kernels = active_kernels();
   // Output columns [ox_lo, ox_hi) have windows wholly inside the row.
   const int64_t ox_lo = std::min(oW, (pw + sw - 1) / sw);
   const int64_t ox_hi = std::max(ox_lo, std::min(oW, W - kw + pw >= 0 ? (W - kw + pw) / sw + 1 : 0));
 
+  // One window over each whole plane, the last layer of many networks: planes side by side.
+  const bool whole_planes = is_max && oW == 1 && oH == 1 && pw == 0 && ph == 0 && kw >= W && kh >= H;
   deepnet_parallel_chunks(count, chunks_, [&](uint64_t chunk, uint64_t first, uint64_t last) {
+    if (whole_planes) {
+      kernels.max_pool_planes(in->y.data() + first * C * uint64_t(W * H), (last - first) * C, uint64_t(W), uint64_t(H),
+                              this->y.data() + first * C);
+      return;
+    }
     T* __restrict rows = scratch_[chunk].data();
     for (uint64_t plane = first * C; plane < last * C; ++plane) {
       const T* __restrict x = in->y.data() + plane * uint64_t(W) * uint64_t(H);
@@ -100,12 +102,17 @@ void layer_test_pool_3d_base<T, pool_type>::fprop_test(uint64_t batch_count, con
         };
         for (int64_t ox = 0; ox < ox_lo; ++ox) dst[ox] = edge(ox);
         const T* __restrict base = row + ox_lo * sw - pw;
-        for (int64_t ox = ox_lo; ox < ox_hi; ++ox) dst[ox] = base[(ox - ox_lo) * sw];
-        for (int64_t kx = 1; kx < kw; ++kx)
-          for (int64_t ox = ox_lo; ox < ox_hi; ++ox) {
-            const T v = base[(ox - ox_lo) * sw + kx];
-            dst[ox] = is_max ? (v > dst[ox] ? v : dst[ox]) : dst[ox] + v;
-          }
+        if constexpr (is_max) {
+          if (ox_hi > ox_lo)
+            kernels.max_pool_row(base, uint64_t(ox_hi - ox_lo), uint64_t(sw), uint64_t(kw), dst + ox_lo);
+        } else {
+          for (int64_t ox = ox_lo; ox < ox_hi; ++ox) dst[ox] = base[(ox - ox_lo) * sw];
+          for (int64_t kx = 1; kx < kw; ++kx)
+            for (int64_t ox = ox_lo; ox < ox_hi; ++ox) {
+              const T v = base[(ox - ox_lo) * sw + kx];
+              dst[ox] = is_max ? (v > dst[ox] ? v : dst[ox]) : dst[ox] + v;
+            }
+        }
         for (int64_t ox = ox_hi; ox < oW; ++ox) dst[ox] = edge(ox);
       }
       for (int64_t oy = 0; oy < oH; ++oy, out += oW) {
@@ -117,7 +124,11 @@ void layer_test_pool_3d_base<T, pool_type>::fprop_test(uint64_t batch_count, con
         for (int64_t ox = 0; ox < oW; ++ox) out[ox] = empty;
         for (int64_t r = h0; r < rows_end; ++r) {
           const T* __restrict src = rows + r * oW;
-          for (int64_t ox = 0; ox < oW; ++ox) out[ox] = is_max ? take_max(out[ox], src[ox]) : out[ox] + src[ox];
+          if (is_max && oW >= kWideRow)
+            kernels.max_pool_combine(out, src, uint64_t(oW));
+          else
+            for (int64_t ox = 0; ox < oW; ++ox)
+              out[ox] = is_max ? (out[ox] >= src[ox] ? out[ox] : src[ox]) : out[ox] + src[ox];
         }
         if (!is_max)
           for (int64_t ox = 0; ox < oW; ++ox) out[ox] /= area;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cfloat>
+#include <cmath>
 
 #include "deepnet/parallel.h"
 #include "tests/deepnet/net_builder.h"
@@ -86,6 +87,43 @@ TEST(Pool3d, MatchesDirectPoolingOverManyShapes) {
       for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(got[i], want[i], 1e-5f) << "trial " << trial;
     }
   }
+  deepnet_set_num_threads(1);
+}
+
+// A window over each whole plane (the last pooling of the shipped networks) takes its own path,
+// many planes at once: the same values as the row-by-row passes, NaN included: within a row a
+// value replaces the running one only when greater (a NaN first in its row stays), and a row's
+// result replaces the plane's unless the plane's is greater or equal.
+TEST(Pool3d, WholePlaneWindowsOverManyPlanes) {
+  for (int threads : {1, 2})
+    for (const auto& [W, H] : {std::pair<uint32_t, uint32_t>{6, 6}, {5, 3}, {1, 1}}) {
+      deepnet_set_num_threads(threads);
+      const uint64_t B = 3, C = 37;
+      auto x = random_values(B * C * W * H, W * H, -5.0f, 5.0f);
+      for (uint64_t p = 0; p < B * C; p += 5) x[p * W * H + (p % 3) * W * (H > 1)] = NAN;  // first of a row
+      for (uint64_t p = 1; p < B * C; p += 7) x[p * W * H + W * H - 1] = NAN;              // last of the plane
+      layer_model_poolmax3d m;
+      m.kernel_w = W;
+      m.kernel_h = H;
+      m.stride_w = W;
+      m.stride_h = H;
+      fixed_input in(B, {W, H, C}, x);
+      layer_test_poolmax3d pool;
+      const auto got = run_layer(pool, m, {&in}, B);
+      ASSERT_EQ(got.size(), B * C);
+      for (uint64_t p = 0; p < B * C; ++p) {
+        float plane = -FLT_MAX;
+        for (uint32_t y = 0; y < H; ++y) {
+          float row = x[p * W * H + y * W];
+          for (uint32_t i = 1; i < W; ++i) row = x[p * W * H + y * W + i] > row ? x[p * W * H + y * W + i] : row;
+          plane = plane >= row ? plane : row;
+        }
+        if (std::isnan(plane))
+          EXPECT_TRUE(std::isnan(got[p])) << W << "x" << H << " plane " << p;
+        else
+          EXPECT_EQ(got[p], plane) << W << "x" << H << " plane " << p;
+      }
+    }
   deepnet_set_num_threads(1);
 }
 
