@@ -62,10 +62,25 @@ def two_branches(rng):
     ]
 
 
+def winograd_tiles(rng):
+    """Stride-1 3x3 and 5x5 convolutions with channels enough for the engine to run them on
+    Winograd tiles (F(4,3) and F(2,5) on the 11 x 7 input)."""
+    return [
+        dnm.Data("data"),
+        dnm.Conv("widen", "data", values(rng, 16 * 9), values(rng, 16), num_input=1, num_output=16,
+                 kernel_w=3, kernel_h=3, pad_w_begin=1, pad_w_end=1, pad_h_begin=1, pad_h_end=1),
+        dnm.Conv("tiles3", "widen", values(rng, 16 * 16 * 9), values(rng, 16), num_input=16, num_output=16,
+                 kernel_w=3, kernel_h=3, pad_w_begin=1, pad_w_end=1, pad_h_begin=1, pad_h_end=1),
+        dnm.Conv("tiles5", "tiles3", values(rng, 16 * 16 * 25), values(rng, 16), num_input=16, num_output=16,
+                 kernel_w=5, kernel_h=5, pad_w_begin=2, pad_w_end=2, pad_h_begin=2, pad_h_end=2),
+    ]
+
+
 def dnm_reader():
     os.makedirs(OUT, exist_ok=True)
     rng = np.random.RandomState(20261122)
-    for name, layers in (("every_layer.dnm", every_layer(rng)), ("two_branches.dnm", two_branches(rng))):
+    for name, layers in (("every_layer.dnm", every_layer(rng)), ("two_branches.dnm", two_branches(rng)),
+                         ("winograd_tiles.dnm", winograd_tiles(rng))):
         dnm.write_model(os.path.join(OUT, name), layers)
 
 
