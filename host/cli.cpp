@@ -32,6 +32,7 @@
 #include "host/host.h"
 #include "host/image.h"
 #include "host/json.h"
+#include "host/serve.h"
 #include "host/specimen.h"
 #include "host/table_names.h"
 #include "host/tool.h"
@@ -83,6 +84,12 @@ const char* const kHelp =
     "                      draws TEXT in the installed font NAME into the PNG FILE, N pixels to\n"
     "                      the em (1 to 2000, default 200), as the module draws text; at most\n"
     "                      1000 characters and a picture of 64 megapixels\n"
+    "  serve [--port N] [--listen ADDR] [--open]\n"
+    "                      a web page over the same services: identify the font of a picture,\n"
+    "                      alternatives to a font, fonts by style, and the JSON API it uses;\n"
+    "                      on 127.0.0.1 port N (default 8470; 0: a free port), or on ADDR\n"
+    "                      (then open to others); --open shows it in the desktop's browser.\n"
+    "                      Prints the page's address; Ctrl-C stops it\n"
     "\n"
     "NAME is what you would give fc-match: a PostScript name (any case), a family (\"Open Sans\"),\n"
     "a family and style (\"Open Sans Bold\", \"Open Sans:bold\"), a fontconfig pattern or a font\n"
@@ -130,6 +137,7 @@ struct Options {
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
   bool largest_line = false;             // recognize: --largest-line
+  ServeOptions serve;                    // serve: --port, --listen, --open
   bool limit_given = false;
   std::string command;
   std::vector<std::string> args;
@@ -147,7 +155,8 @@ struct Command {
 };
 constexpr size_t kAny = std::numeric_limits<size_t>::max();
 const Command kCommands[] = {{"fonts", 0, 1, kAny},   {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
-                             {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny}};
+                             {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny},
+                             {"serve", 0, 0, kAny}};
 
 size_t CodePoints(const std::string& text) {
   size_t count = 0;
@@ -162,6 +171,13 @@ double ParseSize(const std::string& text) {
     throw UsageError("--size needs a number of pixels from 1 to " + std::to_string(int(kLargestSpecimenSize)) +
                      ", not '" + text + "'");
   return size;
+}
+
+int ParsePort(const std::string& text) {
+  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoul(text) > 65535)
+    throw UsageError("--port needs a port number from 0 to 65535, not '" + text + "'");
+  return int(std::stoul(text));
 }
 
 size_t ParseLimit(const std::string& text) {
@@ -190,7 +206,8 @@ Options Parse(int argc, char** argv) {
     const bool inline_value = equals != std::string::npos;
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
         name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet" ||
-        name == "--not" || name == "--class" || name == "-s" || name == "--style" || name == "--format") {
+        name == "--not" || name == "--class" || name == "-s" || name == "--style" || name == "--format" ||
+        name == "--port" || name == "--listen") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -211,6 +228,8 @@ Options Parse(int argc, char** argv) {
       if (name == "--class") options.classes.push_back(value);
       if (name == "-s" || name == "--style") options.style = value;
       if (name == "--format") options.format = value;
+      if (name == "--port") options.serve.port = ParsePort(value);
+      if (name == "--listen") options.serve.listen = value, options.serve.listen_given = true;
       if (name == "-o" || name == "--output") options.output = value;
       if (name == "--size") options.size = ParseSize(value);
       if (name == "--sheet") options.sheet = value;
@@ -225,6 +244,7 @@ Options Parse(int argc, char** argv) {
                  : name == "--all"            ? &options.all
                  : name == "--other-families" ? &options.other_families
                  : name == "--largest-line"   ? &options.largest_line
+                 : name == "--open"           ? &options.serve.open
                                               : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
     if (inline_value) throw UsageError(name + " takes no value");
@@ -270,6 +290,9 @@ Options Parse(int argc, char** argv) {
   if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
   if (options.largest_line && options.command != "recognize") throw UsageError("--largest-line is for recognize only");
+  if ((options.serve.port != ServeOptions().port || options.serve.listen_given || options.serve.open) &&
+      options.command != "serve")
+    throw UsageError("--port, --listen and --open are for serve only");
   if (!options.style.empty() && options.command != "similar" && options.command != "specimen")
     throw UsageError("--style is for similar and specimen only");
   const bool rows = options.command == "fonts" || options.command == "classes" || options.command == "similar" ||
@@ -724,6 +747,7 @@ int RunCommand(const Options& options) {
   if (QVErr err = host.Startup()) throw Failure("the Fontrix module failed to start (error " + ErrorText(err) + ")");
   interrupted = 0;
   std::signal(SIGINT, OnInterrupt);
+  if (options.command == "serve") std::signal(SIGTERM, OnInterrupt);
 
   // Without a cache folder the module still answers, but keeps nothing: every command computes
   // every font again.
@@ -744,6 +768,11 @@ int RunCommand(const Options& options) {
     Check(host.FontListChanged(), "the module's font list notification");
     if (options.command == "specimen") {
       DrawSpecimenFile(host, options);
+    } else if (options.command == "serve") {
+      // The page shows the module's progress itself while it takes in the fonts.
+      status = Serve(host, options.serve, interrupted);
+      progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+      reports.emplace(**progress);
     } else {
       progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
       reports.emplace(**progress);
@@ -794,6 +823,7 @@ int RunCommand(const Options& options) {
   progress.reset();
   const QVErr shut = host.Shutdown();
   std::signal(SIGINT, SIG_DFL);
+  std::signal(SIGTERM, SIG_DFL);
   if ((notified || shut) && status == 0) {
     std::fprintf(stderr, "fontrix: the Fontrix module did not shut down cleanly (error %s)\n",
                  ErrorText(notified ? notified : shut).c_str());
