@@ -38,8 +38,9 @@ class Server:
         return json.loads(done.stdout)
 
     def start(self):
-        self.process = subprocess.Popen([self.fontrix, "serve", "--port", "0", *self.args], stdout=subprocess.PIPE,
-                                         stderr=subprocess.PIPE, text=True, env=self.env)
+        command = [self.fontrix, "serve", "--port", "0", *self.args]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                        env=self.env)
         line = self.process.stdout.readline().strip()
         if not line.startswith("http://"):
             self.process.kill()

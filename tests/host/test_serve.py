@@ -64,8 +64,8 @@ class ServeApiTest(unittest.TestCase):
         self.assertEqual(similar["results"], tool["results"])
         self.assertEqual(similar["query"], tool["query"])
 
-        status, classes = self.server.get_json("/api/classes", **{"class": "serif", "not": "slab-serif",
-                                                                   "offset": 2, "limit": 5})
+        query = {"class": "serif", "not": "slab-serif", "offset": 2, "limit": 5}
+        status, classes = self.server.get_json("/api/classes", **query)
         tool = self.server.tool("classes", "serif", "--not", "slab-serif")["fonts"]
         self.assertEqual((status, classes["total"]), (200, len(tool)))
         self.assertEqual(classes["fonts"], tool[2:7])
