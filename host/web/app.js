@@ -88,7 +88,7 @@ function faceCard(row, { extra = [], before = null, heading = "h3" } = {}) {
   } else {
     li.append(element("img", {
       class: "specimen", src: specimenUrl(row.name), alt: title + ": " + sampleText(),
-      "data-specimen": row.name, loading: "lazy",
+      "data-specimen": row.name,
     }));
   }
   li.append(element("p", {}, element("a", {
