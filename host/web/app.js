@@ -42,6 +42,16 @@ async function api(path, options = {}) {
   return body;
 }
 
+// The API's answer, or null once its failure is shown in the element `messageId`.
+async function answerOrSay(path, messageId) {
+  try {
+    return await api(path);
+  } catch (e) {
+    $(messageId).textContent = e.message;
+    return null;
+  }
+}
+
 function sampleText() {
   return $("sample").value.trim() || "Handgloves";
 }
@@ -259,13 +269,8 @@ async function findAlternatives() {
   const params = new URLSearchParams({ name, limit: 24 });
   if ($("other-families").checked) params.set("other_families", "1");
   if ($("similar-class").value) params.set("class", $("similar-class").value);
-  let answer;
-  try {
-    answer = await api("/api/similar?" + params);
-  } catch (e) {
-    $("similar-message").textContent = e.message;
-    return;
-  }
+  const answer = await answerOrSay("/api/similar?" + params, "similar-message");
+  if (!answer) return;
   const query = { name: answer.query, family: answer.query_family, style: answer.query_style, installed: answer.query_installed };
   const queryList = element("ul", { class: "cards", "aria-label": "The font asked about" });
   queryList.append(faceCard(query, { extra: answer.notes }));
@@ -331,13 +336,8 @@ async function browse(offset) {
     if (how) params.append(how, value);
   }
   $("browse-message").textContent = "";
-  let answer;
-  try {
-    answer = await api("/api/classes?" + params);
-  } catch (e) {
-    $("browse-message").textContent = e.message;
-    return;
-  }
+  const answer = await answerOrSay("/api/classes?" + params, "browse-message");
+  if (!answer) return;
   browseOffset = answer.offset;
   $("browse-results").replaceChildren(...answer.fonts.map((row) => faceCard(row)));
   const pages = Math.max(1, Math.ceil(answer.total / PAGE_SIZE));
