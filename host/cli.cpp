@@ -32,8 +32,10 @@
 #include "host/host.h"
 #include "host/image.h"
 #include "host/json.h"
+#include "host/serve.h"
 #include "host/specimen.h"
 #include "host/table_names.h"
+#include "host/tool.h"
 #include "sdk/fontrix_suites.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
@@ -82,6 +84,12 @@ const char* const kHelp =
     "                      draws TEXT in the installed font NAME into the PNG FILE, N pixels to\n"
     "                      the em (1 to 2000, default 200), as the module draws text; at most\n"
     "                      1000 characters and a picture of 64 megapixels\n"
+    "  serve [--port N] [--listen ADDR] [--open]\n"
+    "                      a web page over the same services: identify the font of a picture,\n"
+    "                      alternatives to a font, fonts by style, and the JSON API it uses;\n"
+    "                      on 127.0.0.1 port N (default 8470; 0: a free port), or on ADDR\n"
+    "                      (then open to others); --open shows it in the desktop's browser.\n"
+    "                      Prints the page's address; Ctrl-C stops it\n"
     "\n"
     "NAME is what you would give fc-match: a PostScript name (any case), a family (\"Open Sans\"),\n"
     "a family and style (\"Open Sans Bold\", \"Open Sans:bold\"), a fontconfig pattern or a font\n"
@@ -114,10 +122,6 @@ const char* const kHelp =
     "  --limit N           at most N results\n"
     "  --help, --version\n";
 
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 struct Options {
   std::string module, data_dir, cache_dir;
   std::vector<std::string> disabled;  // switch keys
@@ -133,23 +137,11 @@ struct Options {
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
   bool largest_line = false;             // recognize: --largest-line
+  ServeOptions serve;                    // serve: --port, --listen, --open
   bool limit_given = false;
   std::string command;
   std::vector<std::string> args;
 };
-
-// The bit of a class given as its label string or short form ("-" and "_" alike); throws a
-// usage error listing the classes.
-int32_t ClassIndex(const std::string& text) {
-  std::string wanted = text.rfind("fs_", 0) == 0 ? text.substr(3) : text;
-  std::replace(wanted.begin(), wanted.end(), '_', '-');
-  for (int32_t i = 0; i < 8; ++i)
-    if (wanted == kClassShortNames[i]) return i;
-  std::string names;
-  for (const char* c : kClassShortNames) names += std::string(names.empty() ? "" : ", ") + c;
-  throw UsageError("no style class is named '" + text + "'; the classes are " + names +
-                   " (or their label strings, such as fs_slab_serif)");
-}
 
 // What specimen draws is bounded, so no text makes it run long or take much memory: at most
 // this size and this many characters (and, in DrawSpecimen, 64 megapixels).
@@ -163,7 +155,8 @@ struct Command {
 };
 constexpr size_t kAny = std::numeric_limits<size_t>::max();
 const Command kCommands[] = {{"fonts", 0, 1, kAny},   {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
-                             {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny}};
+                             {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny},
+                             {"serve", 0, 0, kAny}};
 
 size_t CodePoints(const std::string& text) {
   size_t count = 0;
@@ -178,6 +171,13 @@ double ParseSize(const std::string& text) {
     throw UsageError("--size needs a number of pixels from 1 to " + std::to_string(int(kLargestSpecimenSize)) +
                      ", not '" + text + "'");
   return size;
+}
+
+int ParsePort(const std::string& text) {
+  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoul(text) > 65535)
+    throw UsageError("--port needs a port number from 0 to 65535, not '" + text + "'");
+  return int(std::stoul(text));
 }
 
 size_t ParseLimit(const std::string& text) {
@@ -206,7 +206,8 @@ Options Parse(int argc, char** argv) {
     const bool inline_value = equals != std::string::npos;
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
         name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet" ||
-        name == "--not" || name == "--class" || name == "-s" || name == "--style" || name == "--format") {
+        name == "--not" || name == "--class" || name == "-s" || name == "--style" || name == "--format" ||
+        name == "--port" || name == "--listen") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -227,6 +228,8 @@ Options Parse(int argc, char** argv) {
       if (name == "--class") options.classes.push_back(value);
       if (name == "-s" || name == "--style") options.style = value;
       if (name == "--format") options.format = value;
+      if (name == "--port") options.serve.port = ParsePort(value);
+      if (name == "--listen") options.serve.listen = value, options.serve.listen_given = true;
       if (name == "-o" || name == "--output") options.output = value;
       if (name == "--size") options.size = ParseSize(value);
       if (name == "--sheet") options.sheet = value;
@@ -241,6 +244,7 @@ Options Parse(int argc, char** argv) {
                  : name == "--all"            ? &options.all
                  : name == "--other-families" ? &options.other_families
                  : name == "--largest-line"   ? &options.largest_line
+                 : name == "--open"           ? &options.serve.open
                                               : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
     if (inline_value) throw UsageError(name + " takes no value");
@@ -286,6 +290,9 @@ Options Parse(int argc, char** argv) {
   if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
   if (options.largest_line && options.command != "recognize") throw UsageError("--largest-line is for recognize only");
+  if ((options.serve.port != ServeOptions().port || options.serve.listen_given || options.serve.open) &&
+      options.command != "serve")
+    throw UsageError("--port, --listen and --open are for serve only");
   if (!options.style.empty() && options.command != "similar" && options.command != "specimen")
     throw UsageError("--style is for similar and specimen only");
   const bool rows = options.command == "fonts" || options.command == "classes" || options.command == "similar" ||
@@ -357,14 +364,6 @@ class ProgressBar {
   uint64_t done_ = 0, total_ = 0;
 };
 
-struct Failure : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-void Check(QVErr err, const std::string& what) {
-  if (err) throw Failure(what + " failed (error " + ErrorText(err) + ")");
-}
-
 // What the services report, on stderr, each sentence once: a wait for another process while it
 // lasts (also while the module shuts down and saves), warnings, failures and saves not made.
 // Safe to call from a watching thread beside the host's.
@@ -434,61 +433,6 @@ bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceRe
   return !interrupted;
 }
 
-// A suite of the host or the module, released when it goes.
-template <typename Suite>
-class HeldSuite {
- public:
-  HeldSuite(Host& host, const char* name, int32_t version)
-      : host_(host),
-        name_(name),
-        version_(version),
-        suite_(static_cast<const Suite*>(host.AcquireSuite(name, version))) {
-    if (!suite_) throw Failure(std::string("there is no suite \"") + name + "\"");
-  }
-  ~HeldSuite() { host_.ReleaseSuite(name_, version_); }
-  HeldSuite(const HeldSuite&) = delete;
-  HeldSuite& operator=(const HeldSuite&) = delete;
-  const Suite& operator*() const { return *suite_; }
-  const Suite* operator->() const { return suite_; }
-
- private:
-  Host& host_;
-  const char* name_;
-  int32_t version_;
-  const Suite* suite_;
-};
-
-// The faces the module uses, in its order: its font list, through its progress suite.
-std::vector<const HostFont*> ModuleFonts(Host& host) {
-  HeldSuite<FontrixProgressSuite> progress(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
-  std::vector<QVFontHandle> handles;
-  FontrixFontHandleList list{&handles, [](void* context, QVFontHandle font) {
-                               static_cast<std::vector<QVFontHandle>*>(context)->push_back(font);
-                             }};
-  uint32_t generation = 0;
-  Check(progress->GetFontList(&list, &generation), "listing the module's fonts");
-  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
-  std::map<std::pair<std::string, int>, const HostFont*> by_face;
-  for (const HostFont& f : host.Fonts()) by_face.emplace(std::make_pair(f.file, f.face_index), &f);
-  std::vector<const HostFont*> used;
-  for (QVFontHandle handle : handles) {
-    const char* file = nullptr;
-    int32_t index = 0;
-    if (fonts->GetFontFile(handle, &file, &index))
-      throw Failure("the module listed a font handle the host does not know");
-    const auto found = by_face.find({file, index});
-    if (found != by_face.end()) used.push_back(found->second);
-  }
-  return used;
-}
-
-// The face the module uses under `name`, if any.
-const HostFont* UsedFont(const std::vector<const HostFont*>& used, const std::string& name) {
-  for (const HostFont* f : used)
-    if (f->unique_name == name) return f;
-  return nullptr;
-}
-
 // What the user typed, resolved among the faces the services use (the host's, so that
 // specimen needs nothing of the module); a choice is said on stderr.
 const HostFont& ResolveUsedFont(Host& host, const std::string& typed, const std::string& style) {
@@ -504,30 +448,6 @@ const HostFont& ResolveUsedFont(Host& host, const std::string& typed, const std:
   }
 }
 
-OutputRow RowOf(const HostFont& f) {
-  OutputRow row;
-  row.name = f.unique_name;
-  row.family = f.family;
-  row.style = f.style;
-  row.file = f.file;
-  row.index = f.face_index;
-  row.weight = f.weight;
-  row.width = f.width;
-  row.slant = f.slant;
-  row.outline_print = f.outline_print;
-  return row;
-}
-
-// By family (in any case), then weight, width and slant, as a type specimen book orders them.
-void SortByFamily(std::vector<const HostFont*>& fonts) {
-  auto key = [](const HostFont* f) {
-    std::string family = f->family;
-    for (char& c : family) c = char(std::tolower(static_cast<unsigned char>(c)));
-    return std::make_tuple(family, f->weight, f->width, f->slant, f->unique_name);
-  };
-  std::stable_sort(fonts.begin(), fonts.end(), [&](const HostFont* a, const HostFont* b) { return key(a) < key(b); });
-}
-
 // Writes rows in the tool's one convention: JSON (`head` opens the object, "results" or
 // "fonts" holds the rows), --format lines, or tab-separated columns of `columns` with a header
 // line when standard output is a terminal.
@@ -535,9 +455,7 @@ void PrintRows(const Options& options, const std::string& head, const std::strin
                const std::vector<OutputRow>& rows, const std::string& columns) {
   std::string out;
   if (options.json) {
-    out = "{" + head + (head.empty() ? "" : ", ") + JsonString(key) + ": [";
-    for (size_t i = 0; i < rows.size(); ++i) out += (i ? ",\n  " : "\n  ") + JsonRow(rows[i]);
-    out += rows.empty() ? "]}\n" : "\n]}\n";
+    out = JsonAnswer(head, key, rows);
   } else {
     // A --format ends its lines itself, as fc-list -f does.
     const std::string format = options.format.empty() ? columns + "\\n" : options.format;
@@ -546,29 +464,6 @@ void PrintRows(const Options& options, const std::string& head, const std::strin
   }
   std::fwrite(out.data(), 1, out.size(), stdout);
   std::fflush(stdout);
-}
-
-FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
-  return {&found, [](void* c) { static_cast<std::vector<std::pair<std::string, double>>*>(c)->clear(); },
-          [](void* c, const FontrixFontResult* f) {
-            static_cast<std::vector<std::pair<std::string, double>>*>(c)->emplace_back(f->name, f->score);
-          }};
-}
-
-// The style classes of every font the module uses, as its feature suite answers them,
-// exactly as another plug-in asks: by unique name, bit i for kClassLabels[i].
-std::map<std::string, uint32_t> ClassMasks(Host& host) {
-  HeldSuite<FontrixFeatureSuite> feature(host, kFontrixFeatureSuite, kFontrixFeatureSuiteVersion);
-  std::map<std::string, uint32_t> masks;
-  for (int32_t i = 0; i < 8; ++i) {
-    std::vector<std::pair<std::string, double>> found;
-    FontrixFontList list = Collector(found);
-    const QVErr err = feature->GetFontsWithLabel(&i, &list);
-    if (err == kQVNotInitialisedErr) throw Failure("the classification service is not running (switched off)");
-    Check(err, "the class query");
-    for (const auto& f : found) masks[f.first] |= 1u << i;
-  }
-  return masks;
 }
 
 // The fonts the module uses (or, with --all, every face the host lists, with why one is left
@@ -672,23 +567,6 @@ void WriteSheet(const std::string& path, const std::vector<Specimen>& rows) {
   WritePng(path, QVGreyPixels{width, height, width, sheet.data()});
 }
 
-// Rows of the fonts a suite answered, at most `limit`, with what the host knows of each.
-std::vector<OutputRow> ResultRows(Host& host, const std::vector<std::pair<std::string, double>>& found, size_t limit) {
-  const std::vector<const HostFont*> used = ModuleFonts(host);
-  std::vector<OutputRow> rows;
-  for (const auto& [result, score] : found) {
-    if (rows.size() >= limit) break;
-    OutputRow row;
-    if (const HostFont* f = UsedFont(used, result))
-      row = RowOf(*f);
-    else
-      row.name = result;
-    row.score = score;
-    rows.push_back(std::move(row));
-  }
-  return rows;
-}
-
 constexpr const char* kResultColumns = "%{score}\\t%{name}\\t%{family}\\t%{style}";
 constexpr const char* kRecognitionColumns = "%{score}\\t%{confidence}\\t%{name}\\t%{family}\\t%{style}";
 
@@ -716,140 +594,29 @@ void WriteResultSheet(Host& host, const std::string& path, std::vector<Specimen>
   }
 }
 
-// The faces of the module's shipped similarity table, through its table suite; none when the
-// module publishes no such suite (an older module) or its similarity service is not running, and
-// the similar-font query then says why.
-std::vector<TableFace> TableFaces(Host& host) {
-  std::vector<TableFace> faces;
-  const auto* table =
-      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
-  if (!table) return faces;
-  FontrixTableFontList list{
-      &faces, [](void* c, const FontrixTableFont* f) {
-        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
-      }};
-  const QVErr err = table->GetTableFonts(&list);
-  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
-  if (err) faces.clear();
-  return faces;
-}
-
-std::string LowerCase(std::string text) {
-  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
-// The face `similar` asks about: installed, or a face of the shipped table the machine lacks.
-struct SimilarQuery {
-  std::string name, family, style;
-  bool installed = true;
-};
-
-// NAME as `similar` reads it. A face of the shipped table that is not installed answers when no
-// installed face does, when fontconfig would substitute another family, or when the table has
-// the style asked for and the installed family lacks it: its own vector says more than a
-// stand-in's. The choice is said on stderr.
-SimilarQuery ResolveSimilarQuery(Host& host, const Options& options) {
-  const std::string& typed = options.args[0];
-  std::vector<const HostFont*> usable;
-  for (const HostFont& f : host.Fonts())
-    if (UnusedReason(f).empty()) usable.push_back(&f);
-  std::optional<ResolvedFont> installed;
-  std::string unknown;
-  try {
-    installed = ResolveFont(usable, typed, options.style);
-  } catch (const UnknownFont& e) {
-    unknown = e.what();
-  }
-  if (!installed || !installed->note.empty()) {
-    std::vector<TableFace> missing = TableFaces(host);
-    missing.erase(std::remove_if(missing.begin(), missing.end(), [](const TableFace& f) { return f.installed; }),
-                  missing.end());
-    const TableMatch table = ResolveTableFace(missing, typed, options.style);
-    if (table.face &&
-        (!installed || table.exact || LowerCase(installed->font->family) != LowerCase(table.face->family))) {
-      std::fprintf(
-          stderr, "fontrix: '%s' is not installed; answering for %s (%s %s), a face of the module's similarity table\n",
-          typed.c_str(), table.face->name.c_str(), table.face->family.c_str(), table.face->style.c_str());
-      return {table.face->name, table.face->family, table.face->style, false};
-    }
-  }
-  if (!installed) throw Failure(unknown);
-  if (!installed->note.empty()) std::fprintf(stderr, "fontrix: %s\n", installed->note.c_str());
-  return {installed->font->unique_name, installed->font->family, installed->font->style, true};
-}
-
 // Asks the module's similar-font suite, exactly as another plug-in would (its table suite for a
 // face that is not installed).
 void Similar(Host& host, const Options& options) {
-  const SimilarQuery query = ResolveSimilarQuery(host, options);
-  std::vector<std::pair<std::string, double>> found;
-  FontrixFontList list = Collector(found);
-  QVErr err = kQVNoErr;
-  if (query.installed) {
-    HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
-    err = similar->GetSimilarFontNames(query.name.c_str(), &list);
-  } else {
-    HeldSuite<FontrixTableSuite> table(host, kFontrixTableSuite, kFontrixTableSuiteVersion);
-    err = table->GetSimilarToTableFont(query.name.c_str(), &list);
-  }
-  if (err == kQVNotInitialisedErr)
-    throw Failure("the similarity service is not running (switched off, or its data is missing)");
-  Check(err, "the similar-font query");
-  // A font the service could not image answers with itself alone: nothing is like it.
-  if (found.size() == 1 && found[0].first == query.name) found.clear();
-  // The filters run over the module's whole answer, so --limit counts the fonts they keep.
-  std::vector<OutputRow> rows = ResultRows(host, found, kAny);
-  FoldSameOutlines(rows);
-  uint32_t wanted = 0;
-  for (const std::string& c : options.classes) wanted |= 1u << ClassIndex(c);
-  const std::map<std::string, uint32_t> masks = wanted ? ClassMasks(host) : std::map<std::string, uint32_t>();
-  rows.erase(std::remove_if(rows.begin(), rows.end(),
-                            [&](OutputRow& r) {
-                              if (options.other_families && LowerCase(r.family) == LowerCase(query.family)) return true;
-                              if (!wanted) return false;
-                              const auto mask = masks.find(r.name);
-                              if (mask == masks.end() || (mask->second & wanted) != wanted) return true;
-                              r.classes = mask->second;
-                              return false;
-                            }),
-             rows.end());
-  if (rows.size() > options.limit) rows.resize(options.limit);
-  if (rows.empty() && !options.json) {
-    if (found.empty())
-      std::fprintf(stderr, "fontrix: no font is known to be like %s (the similarity service could not image it)\n",
-                   query.name.c_str());
-    else
-      std::fprintf(stderr, "fontrix: none of the %zu fonts most like %s is %s\n", found.size(), query.name.c_str(),
-                   wanted && options.other_families ? "of another family and of those classes"
-                   : wanted                         ? "of those classes"
-                                                    : "of another family");
-  }
-  PrintRows(options,
-            "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
-                ", \"query_style\": " + JsonString(query.style) +
-                ", \"query_installed\": " + (query.installed ? "true" : "false"),
-            "results", rows,
-            std::string(kResultColumns) + (wanted ? "\\t%{classes}" : "") +
+  SimilarRequest request{options.args[0], options.style, options.other_families, 0, options.limit};
+  for (const std::string& c : options.classes) request.classes |= 1u << ClassIndex(c);
+  const SimilarAnswer answer = FindSimilar(host, request);
+  for (const std::string& note : answer.notes) std::fprintf(stderr, "fontrix: %s\n", note.c_str());
+  const std::vector<OutputRow>& rows = answer.rows;
+  if (rows.empty() && !options.json)
+    std::fprintf(stderr, "fontrix: %s\n", answer.EmptyReason(options.other_families, request.classes).c_str());
+  PrintRows(options, answer.JsonHead(), "results", rows,
+            std::string(kResultColumns) + (request.classes ? "\\t%{classes}" : "") +
                 (std::any_of(rows.begin(), rows.end(), [](const OutputRow& r) { return !r.same_outlines.empty(); })
                      ? "\\t%{same_outlines}"
                      : ""));
   if (!options.sheet.empty()) {
     HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
     QVFontHandle face = nullptr;
+    const SimilarQuery& query = answer.query;
     if (query.installed) Check(fonts->FindFontByName(query.name.c_str(), &face), "finding the font");
     std::vector<Specimen> sheet;
     WriteResultSheet(host, options.sheet, sheet, rows, {query.family + " " + query.style + " (query)", face});
   }
-}
-
-// Whether the module's recognition finds any line of text in the picture.
-bool HasText(Host& host, const ImageRaster& image) {
-  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
-  size_t lines = 0;
-  FontrixTextLineList list{&lines, [](void* context, const FontrixTextLine*) { ++*static_cast<size_t*>(context); }};
-  Check(text->FindTextLines(image.handle(), &list), "the text query");
-  return lines > 0;
 }
 
 // Asks the module's recognition suite about a picture, exactly as another plug-in would.
@@ -867,32 +634,9 @@ void Recognize(Host& host, const Options& options) {
   } catch (const std::runtime_error& e) {
     throw Failure(e.what());
   }
-  // The text suite gives the recognition suite's answers with their likeness and confidence.
-  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
-  // The name a font points to lasts only as long as the call that gives it: kept as a string.
-  std::vector<std::pair<std::string, FontrixRecognizedFont>> answers;
-  FontrixRecognizedFontList list{
-      &answers, [](void* c, const FontrixRecognizedFont* f) {
-        static_cast<std::vector<std::pair<std::string, FontrixRecognizedFont>>*>(c)->emplace_back(f->name, *f);
-      }};
-  double sureAt = -1;
-  const QVErr err = text->RecognizeFonts(image->handle(), &list, &sureAt);
-  if (err == kQVNotInitialisedErr)
-    throw Failure("the recognition service is not running (switched off, or its data is missing)");
-  Check(err, "the recognition query");
-  std::vector<std::pair<std::string, double>> found;
-  for (const auto& [name, a] : answers) found.emplace_back(name, a.score);
-  std::vector<OutputRow> rows = ResultRows(host, found, options.limit);
-  for (size_t i = 0; i < rows.size(); ++i) {
-    if (answers[i].second.confidence >= 0) rows[i].confidence = answers[i].second.confidence;
-    if (answers[i].second.likeness >= 0) rows[i].likeness = answers[i].second.likeness;
-  }
-  // Sure when the first answer's confidence reaches the module's mark; unsaid without one.
-  const std::optional<bool> sure = sureAt < 0 || answers.empty() || answers[0].second.confidence < 0
-                                       ? std::nullopt
-                                       : std::optional<bool>(answers[0].second.confidence >= sureAt);
-  if (found.empty() && image->width() >= 20 && image->height() >= 20 && !HasText(host, *image))
-    throw Failure("no text found");
+  const RecognizeAnswer answer = RecognizeRaster(host, *image, options.limit);
+  const std::vector<OutputRow>& rows = answer.rows;
+  const std::optional<bool>& sure = answer.sure;
   if (rows.empty() && !options.json)
     std::fprintf(stderr,
                  "fontrix: no installed font recognised: the picture shows no line of text the service can read (it "
@@ -901,7 +645,7 @@ void Recognize(Host& host, const Options& options) {
     std::fprintf(stderr,
                  "fontrix: not sure: the first answer is right about %.0f %% of the time at this confidence (sure "
                  "from %.0f %%); the font may not be installed, or the picture too small or unclear\n",
-                 100 * answers[0].second.confidence, 100 * sureAt);
+                 100 * answer.first_confidence, 100 * answer.sure_at);
   PrintRows(options,
             "\"image\": " + JsonString(path) + (sure ? std::string(", \"sure\": ") + (*sure ? "true" : "false") : ""),
             "results", rows, sure ? kRecognitionColumns : kResultColumns);
@@ -919,20 +663,10 @@ void Recognize(Host& host, const Options& options) {
 // module uses with its classes; with classes, the fonts that have all of them and none of the
 // --not ones.
 void Classes(Host& host, const Options& options) {
-  const std::map<std::string, uint32_t> masks = ClassMasks(host);
   uint32_t all = 0, none = 0;
   for (const std::string& c : options.args) all |= 1u << ClassIndex(c);
   for (const std::string& c : options.not_classes) none |= 1u << ClassIndex(c);
-  std::vector<const HostFont*> fonts = ModuleFonts(host);
-  SortByFamily(fonts);
-  std::vector<OutputRow> rows;
-  for (const HostFont* font : fonts) {
-    const auto found = masks.find(font->unique_name);
-    const uint32_t mask = found == masks.end() ? 0 : found->second;
-    if ((mask & all) != all || (mask & none) || rows.size() >= options.limit) continue;
-    rows.push_back(RowOf(*font));
-    rows.back().classes = mask;
-  }
+  const std::vector<OutputRow> rows = ClassRows(host, all, none, 0, options.limit);
   PrintRows(options, "", "fonts", rows, "%{name}\\t%{family}\\t%{style}\\t%{classes}");
   if (rows.empty() && (all || none)) {
     // An empty answer is said in words, so it is not taken for a failure to answer.
@@ -1013,6 +747,7 @@ int RunCommand(const Options& options) {
   if (QVErr err = host.Startup()) throw Failure("the Fontrix module failed to start (error " + ErrorText(err) + ")");
   interrupted = 0;
   std::signal(SIGINT, OnInterrupt);
+  if (options.command == "serve") std::signal(SIGTERM, OnInterrupt);
 
   // Without a cache folder the module still answers, but keeps nothing: every command computes
   // every font again.
@@ -1033,6 +768,11 @@ int RunCommand(const Options& options) {
     Check(host.FontListChanged(), "the module's font list notification");
     if (options.command == "specimen") {
       DrawSpecimenFile(host, options);
+    } else if (options.command == "serve") {
+      // The page shows the module's progress itself while it takes in the fonts.
+      status = Serve(host, options.serve, interrupted);
+      progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+      reports.emplace(**progress);
     } else {
       progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
       reports.emplace(**progress);
@@ -1083,6 +823,7 @@ int RunCommand(const Options& options) {
   progress.reset();
   const QVErr shut = host.Shutdown();
   std::signal(SIGINT, SIG_DFL);
+  std::signal(SIGTERM, SIG_DFL);
   if ((notified || shut) && status == 0) {
     std::fprintf(stderr, "fontrix: the Fontrix module did not shut down cleanly (error %s)\n",
                  ErrorText(notified ? notified : shut).c_str());

@@ -386,8 +386,10 @@ std::unique_ptr<ImageRaster> LoadImageRasterFromDescriptor(int fd, const std::st
 
 namespace {
 
+// Where the PNG goes: a file, or bytes in memory when `file` is null.
 struct PngOutput {
   std::FILE* file;
+  std::string* bytes;
   char message[256];
   std::jmp_buf jump;
 };
@@ -412,7 +414,15 @@ bool EncodePng(PngOutput& out, PngWriteStructs& s, const QVGreyPixels& pixels) {
   if (!s.png) throw std::bad_alloc();
   s.info = png_create_info_struct(s.png);
   if (!s.info) throw std::bad_alloc();
-  png_init_io(s.png, out.file);
+  if (out.file)
+    png_init_io(s.png, out.file);
+  else
+    png_set_write_fn(
+        s.png, out.bytes,
+        [](png_structp png, png_bytep data, size_t size) {
+          static_cast<std::string*>(png_get_io_ptr(png))->append(reinterpret_cast<const char*>(data), size);
+        },
+        nullptr);
   png_set_IHDR(s.png, s.info, png_uint_32(pixels.width), png_uint_32(pixels.height), 8, PNG_COLOR_TYPE_GRAY,
                PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_write_info(s.png, s.info);
@@ -431,7 +441,7 @@ void WritePng(const std::string& path, const QVGreyPixels& pixels) {
     fail("a PNG image needs at least one pixel");
   std::FILE* file = std::fopen(path.c_str(), "wb");
   if (!file) fail(std::strerror(errno));
-  PngOutput out{file, {}, {}};
+  PngOutput out{file, nullptr, {}, {}};
   bool ok = false;
   {
     PngWriteStructs structs;
@@ -442,6 +452,17 @@ void WritePng(const std::string& path, const QVGreyPixels& pixels) {
   const bool closed = std::fclose(file) == 0;
   if (!ok) fail(out.message);
   if (!flushed || !closed) fail(std::strerror(flushed ? errno : flush_errno));
+}
+
+std::string PngBytes(const QVGreyPixels& pixels) {
+  if (pixels.width <= 0 || pixels.height <= 0 || !pixels.pixels || pixels.rowBytes < pixels.width)
+    throw std::runtime_error("cannot make a PNG image: it needs at least one pixel");
+  std::string bytes;
+  PngOutput out{nullptr, &bytes, {}, {}};
+  PngWriteStructs structs;
+  if (!EncodePng(out, structs, pixels))
+    throw std::runtime_error(std::string("cannot make a PNG image: ") + out.message);
+  return bytes;
 }
 
 // The engine's GetRasterPixels (declared in host/engine.h, which lists it in the engine's table).

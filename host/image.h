@@ -57,4 +57,7 @@ std::unique_ptr<ImageRaster> LoadImageRasterFromMemory(const void* data, size_t 
 /// the reason when it cannot.
 void WritePng(const std::string& path, const QVGreyPixels& pixels);
 
+/// The same PNG as bytes in memory; throws std::runtime_error saying why it cannot.
+std::string PngBytes(const QVGreyPixels& pixels);
+
 }  // namespace fontrix::host

@@ -28,6 +28,8 @@ tests=(
   # (Debian only recommends them), PIL to cut pictures, and a virtual display for the tests that
   # run Inkscape with its window up (xdotool closes the message boxes an effect raises).
   inkscape python3-lxml python3-cssselect python3-pil xvfb xauth xdotool
+  # fontrix serve's page, tested in a real browser driven through WebDriver.
+  chromium chromium-driver python3-selenium
 )
 for option in "$@"; do
   case "$option" in

@@ -1,0 +1,298 @@
+// What the tool's commands and its web server share: the module's suites asked as another
+// plug-in asks them, answers as rows.
+#include "host/tool.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "host/font_names.h"
+#include "host/json.h"
+#include "host/table_names.h"
+#include "sdk/qv_font_suites.h"
+#include "sdk/qv_host_suites.h"
+
+namespace fontrix::host {
+namespace {
+
+// The face the module uses under `name`, if any.
+const HostFont* UsedFont(const std::vector<const HostFont*>& used, const std::string& name) {
+  for (const HostFont* f : used)
+    if (f->unique_name == name) return f;
+  return nullptr;
+}
+
+FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
+  return {&found, [](void* c) { static_cast<std::vector<std::pair<std::string, double>>*>(c)->clear(); },
+          [](void* c, const FontrixFontResult* f) {
+            static_cast<std::vector<std::pair<std::string, double>>*>(c)->emplace_back(f->name, f->score);
+          }};
+}
+
+// The faces of the module's shipped similarity table, through its table suite; none when the
+// module publishes no such suite (an older module) or its similarity service is not running, and
+// the similar-font query then says why.
+std::vector<TableFace> TableFaces(Host& host) {
+  std::vector<TableFace> faces;
+  const auto* table =
+      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+  if (!table) return faces;
+  FontrixTableFontList list{
+      &faces, [](void* c, const FontrixTableFont* f) {
+        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
+      }};
+  const QVErr err = table->GetTableFonts(&list);
+  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
+  if (err) faces.clear();
+  return faces;
+}
+
+// NAME as `similar` reads it. A face of the shipped table that is not installed answers when no
+// installed face does, when fontconfig would substitute another family, or when the table has
+// the style asked for and the installed family lacks it: its own vector says more than a
+// stand-in's. The choice is added to `notes`.
+SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std::vector<std::string>& notes) {
+  const std::string& typed = request.name;
+  std::vector<const HostFont*> usable;
+  for (const HostFont& f : host.Fonts())
+    if (UnusedReason(f).empty()) usable.push_back(&f);
+  std::optional<ResolvedFont> installed;
+  std::string unknown;
+  try {
+    installed = ResolveFont(usable, typed, request.style);
+  } catch (const UnknownFont& e) {
+    unknown = e.what();
+  }
+  if (!installed || !installed->note.empty()) {
+    std::vector<TableFace> missing = TableFaces(host);
+    missing.erase(std::remove_if(missing.begin(), missing.end(), [](const TableFace& f) { return f.installed; }),
+                  missing.end());
+    const TableMatch table = ResolveTableFace(missing, typed, request.style);
+    if (table.face &&
+        (!installed || table.exact || LowerCase(installed->font->family) != LowerCase(table.face->family))) {
+      notes.push_back("'" + typed + "' is not installed; answering for " + table.face->name + " (" +
+                      table.face->family + " " + table.face->style + "), a face of the module's similarity table");
+      return {table.face->name, table.face->family, table.face->style, false};
+    }
+  }
+  if (!installed) throw Failure(unknown);
+  if (!installed->note.empty()) notes.push_back(installed->note);
+  return {installed->font->unique_name, installed->font->family, installed->font->style, true};
+}
+
+}  // namespace
+
+// The bit of a class given as its label string or short form ("-" and "_" alike); throws a
+// UsageError listing the classes.
+int32_t ClassIndex(const std::string& text) {
+  std::string wanted = text.rfind("fs_", 0) == 0 ? text.substr(3) : text;
+  std::replace(wanted.begin(), wanted.end(), '_', '-');
+  for (int32_t i = 0; i < 8; ++i)
+    if (wanted == kClassShortNames[i]) return i;
+  std::string names;
+  for (const char* c : kClassShortNames) names += std::string(names.empty() ? "" : ", ") + c;
+  throw UsageError("no style class is named '" + text + "'; the classes are " + names +
+                   " (or their label strings, such as fs_slab_serif)");
+}
+
+void Check(QVErr err, const std::string& what) {
+  if (err) throw Failure(what + " failed (error " + ErrorText(err) + ")");
+}
+
+// The faces the module uses, in its order: its font list, through its progress suite.
+std::vector<const HostFont*> ModuleFonts(Host& host) {
+  HeldSuite<FontrixProgressSuite> progress(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+  std::vector<QVFontHandle> handles;
+  FontrixFontHandleList list{&handles, [](void* context, QVFontHandle font) {
+                               static_cast<std::vector<QVFontHandle>*>(context)->push_back(font);
+                             }};
+  uint32_t generation = 0;
+  Check(progress->GetFontList(&list, &generation), "listing the module's fonts");
+  HeldSuite<QVFontSuite> fonts(host, kQVFontSuite, kQVFontSuiteVersion);
+  std::map<std::pair<std::string, int>, const HostFont*> by_face;
+  for (const HostFont& f : host.Fonts()) by_face.emplace(std::make_pair(f.file, f.face_index), &f);
+  std::vector<const HostFont*> used;
+  for (QVFontHandle handle : handles) {
+    const char* file = nullptr;
+    int32_t index = 0;
+    if (fonts->GetFontFile(handle, &file, &index))
+      throw Failure("the module listed a font handle the host does not know");
+    const auto found = by_face.find({file, index});
+    if (found != by_face.end()) used.push_back(found->second);
+  }
+  return used;
+}
+
+OutputRow RowOf(const HostFont& f) {
+  OutputRow row;
+  row.name = f.unique_name;
+  row.family = f.family;
+  row.style = f.style;
+  row.file = f.file;
+  row.index = f.face_index;
+  row.weight = f.weight;
+  row.width = f.width;
+  row.slant = f.slant;
+  row.outline_print = f.outline_print;
+  return row;
+}
+
+// By family (in any case), then weight, width and slant, as a type specimen book orders them.
+void SortByFamily(std::vector<const HostFont*>& fonts) {
+  auto key = [](const HostFont* f) {
+    std::string family = f->family;
+    for (char& c : family) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return std::make_tuple(family, f->weight, f->width, f->slant, f->unique_name);
+  };
+  std::stable_sort(fonts.begin(), fonts.end(), [&](const HostFont* a, const HostFont* b) { return key(a) < key(b); });
+}
+
+// The style classes of every font the module uses, as its feature suite answers them,
+// exactly as another plug-in asks: by unique name, bit i for kClassLabels[i].
+std::map<std::string, uint32_t> ClassMasks(Host& host) {
+  HeldSuite<FontrixFeatureSuite> feature(host, kFontrixFeatureSuite, kFontrixFeatureSuiteVersion);
+  std::map<std::string, uint32_t> masks;
+  for (int32_t i = 0; i < 8; ++i) {
+    std::vector<std::pair<std::string, double>> found;
+    FontrixFontList list = Collector(found);
+    const QVErr err = feature->GetFontsWithLabel(&i, &list);
+    if (err == kQVNotInitialisedErr) throw Failure("the classification service is not running (switched off)");
+    Check(err, "the class query");
+    for (const auto& f : found) masks[f.first] |= 1u << i;
+  }
+  return masks;
+}
+
+// Rows of the fonts a suite answered, at most `limit`, with what the host knows of each.
+std::vector<OutputRow> ResultRows(Host& host, const std::vector<std::pair<std::string, double>>& found, size_t limit) {
+  const std::vector<const HostFont*> used = ModuleFonts(host);
+  std::vector<OutputRow> rows;
+  for (const auto& [result, score] : found) {
+    if (rows.size() >= limit) break;
+    OutputRow row;
+    if (const HostFont* f = UsedFont(used, result))
+      row = RowOf(*f);
+    else
+      row.name = result;
+    row.score = score;
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+std::vector<OutputRow> ClassRows(Host& host, uint32_t all, uint32_t none, uint32_t any, size_t limit) {
+  const std::map<std::string, uint32_t> masks = ClassMasks(host);
+  std::vector<const HostFont*> fonts = ModuleFonts(host);
+  SortByFamily(fonts);
+  std::vector<OutputRow> rows;
+  for (const HostFont* font : fonts) {
+    const auto found = masks.find(font->unique_name);
+    const uint32_t mask = found == masks.end() ? 0 : found->second;
+    if ((mask & all) != all || (mask & none) || (any && !(mask & any))) continue;
+    if (rows.size() >= limit) break;
+    rows.push_back(RowOf(*font));
+    rows.back().classes = mask;
+  }
+  return rows;
+}
+
+std::string SimilarAnswer::JsonHead() const {
+  return "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
+         ", \"query_style\": " + JsonString(query.style) +
+         ", \"query_installed\": " + (query.installed ? "true" : "false");
+}
+
+SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
+  SimilarAnswer answer;
+  const SimilarQuery query = answer.query = ResolveSimilarQuery(host, request, answer.notes);
+  std::vector<std::pair<std::string, double>> found;
+  FontrixFontList list = Collector(found);
+  QVErr err = kQVNoErr;
+  if (query.installed) {
+    HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
+    err = similar->GetSimilarFontNames(query.name.c_str(), &list);
+  } else {
+    HeldSuite<FontrixTableSuite> table(host, kFontrixTableSuite, kFontrixTableSuiteVersion);
+    err = table->GetSimilarToTableFont(query.name.c_str(), &list);
+  }
+  if (err == kQVNotInitialisedErr)
+    throw Failure("the similarity service is not running (switched off, or its data is missing)");
+  Check(err, "the similar-font query");
+  // A font the service could not image answers with itself alone: nothing is like it.
+  if (found.size() == 1 && found[0].first == query.name) found.clear();
+  answer.found = found.size();
+  // The filters run over the module's whole answer, so the limit counts the fonts they keep.
+  std::vector<OutputRow> rows = ResultRows(host, found, SIZE_MAX);
+  FoldSameOutlines(rows);
+  const uint32_t wanted = request.classes;
+  const std::map<std::string, uint32_t> masks = wanted ? ClassMasks(host) : std::map<std::string, uint32_t>();
+  rows.erase(std::remove_if(rows.begin(), rows.end(),
+                            [&](OutputRow& r) {
+                              if (request.other_families && LowerCase(r.family) == LowerCase(query.family)) return true;
+                              if (!wanted) return false;
+                              const auto mask = masks.find(r.name);
+                              if (mask == masks.end() || (mask->second & wanted) != wanted) return true;
+                              r.classes = mask->second;
+                              return false;
+                            }),
+             rows.end());
+  if (rows.size() > request.limit) rows.resize(request.limit);
+  answer.rows = std::move(rows);
+  return answer;
+}
+
+std::string SimilarAnswer::EmptyReason(bool other_families, bool classes) const {
+  if (!rows.empty()) return "";
+  if (!found) return "no font is known to be like " + query.name + " (the similarity service could not image it)";
+  return "none of the " + std::to_string(found) + " fonts most like " + query.name + " is " +
+         (classes && other_families ? "of another family and of those classes"
+          : classes                 ? "of those classes"
+                                    : "of another family");
+}
+
+std::vector<FontrixTextLine> TextLines(Host& host, const ImageRaster& image) {
+  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
+  std::vector<FontrixTextLine> lines;
+  FontrixTextLineList list{&lines, [](void* context, const FontrixTextLine* line) {
+                             static_cast<std::vector<FontrixTextLine>*>(context)->push_back(*line);
+                           }};
+  Check(text->FindTextLines(image.handle(), &list), "the text query");
+  return lines;
+}
+
+RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t limit) {
+  // The text suite gives the recognition suite's answers with their likeness and confidence.
+  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
+  // The name a font points to lasts only as long as the call that gives it: kept as a string.
+  std::vector<std::pair<std::string, FontrixRecognizedFont>> answers;
+  FontrixRecognizedFontList list{
+      &answers, [](void* c, const FontrixRecognizedFont* f) {
+        static_cast<std::vector<std::pair<std::string, FontrixRecognizedFont>>*>(c)->emplace_back(f->name, *f);
+      }};
+  RecognizeAnswer answer;
+  const QVErr err = text->RecognizeFonts(image.handle(), &list, &answer.sure_at);
+  if (err == kQVNotInitialisedErr)
+    throw Failure("the recognition service is not running (switched off, or its data is missing)");
+  Check(err, "the recognition query");
+  std::vector<std::pair<std::string, double>> found;
+  for (const auto& [name, a] : answers) found.emplace_back(name, a.score);
+  answer.rows = ResultRows(host, found, limit);
+  for (size_t i = 0; i < answer.rows.size(); ++i) {
+    if (answers[i].second.confidence >= 0) answer.rows[i].confidence = answers[i].second.confidence;
+    if (answers[i].second.likeness >= 0) answer.rows[i].likeness = answers[i].second.likeness;
+  }
+  // Sure when the first answer's confidence reaches the module's mark; unsaid without one.
+  if (!answers.empty()) answer.first_confidence = answers[0].second.confidence;
+  if (answer.sure_at >= 0 && answer.first_confidence >= 0) answer.sure = answer.first_confidence >= answer.sure_at;
+  if (found.empty() && image.width() >= 20 && image.height() >= 20 && TextLines(host, image).empty())
+    throw Failure("no text found");
+  return answer;
+}
+
+std::string JsonAnswer(const std::string& head, const std::string& key, const std::vector<OutputRow>& rows) {
+  std::string out = "{" + head + (head.empty() ? "" : ", ") + JsonString(key) + ": [";
+  for (size_t i = 0; i < rows.size(); ++i) out += (i ? ",\n  " : "\n  ") + JsonRow(rows[i]);
+  out += rows.empty() ? "]}\n" : "\n]}\n";
+  return out;
+}
+
+}  // namespace fontrix::host
