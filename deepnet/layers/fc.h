@@ -1,4 +1,8 @@
 #pragma once
+#include <memory>
+
+#include "deepnet/derived_cache.h"
+#include "deepnet/gemm.h"
 #include "deepnet/layer_test.h"
 
 namespace deepnet {
@@ -14,6 +18,14 @@ class layer_model_fc : public layer_model_base {
   std::vector<float> biases;
   void deserialize(byte_reader& in, const layer_model_list& layers) override;
   void serialize(byte_writer& out) const override;
+
+  /// The weights packed for the products, per kernels and actual input sizes.
+  struct packed_weights {
+    const isa_kernels* kernels;
+    std::vector<uint64_t> input_sizes;
+    std::vector<packed_rhs> blocks;  ///< one per input: its size × num_output
+  };
+  derived_cache<packed_weights> packed_cache;
 };
 
 /// One matrix product per input for the whole batch. The products use the inputs' actual
@@ -22,6 +34,9 @@ class layer_test_fc : public layer_test_base<float> {
  public:
   void allocate(const layer_model_base& model) override;
   void fprop_test(uint64_t batch_count, const layer_model_base& model) override;
+
+ private:
+  std::shared_ptr<const layer_model_fc::packed_weights> packed_;
 };
 
 }  // namespace deepnet

@@ -72,6 +72,8 @@ TEST(Winograd, EveryTileSizeAndKernelFamilyMatchesTheDefinition) {
                      std::make_shared<const winograd_weights>(kind, s.in_c, s.out_c, w.data(), bias.data(), kernels));
         winograd_scratch scratch;
         conv.reserve(scratch, samples);
+        // Scratch comes recycled: whatever it held must not reach the outputs.
+        std::fill(scratch.input.begin(), scratch.input.end(), NAN);
         std::vector<float> y(samples * s.out_c * s.out_w * s.out_h, NAN);
         conv.run(x.data(), samples, y.data(), scratch);
         const auto want = naive(s, samples, x, w, bias);
