@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "deepnet/layers/fc.h"
+#include "deepnet/model_io.h"
 #include "deepnet/parallel.h"
 #include "recognition/font_recognition_cache.h"
 #include "similarity/font_similar_cache.h"
@@ -44,7 +46,16 @@ void BM_RecognizeLine1000(benchmark::State& state) {
   FontSimilarCache::Instance()->Update(installed, 1);
 
   std::string model = std::getenv("FONTRIX_BENCH_REC_MODEL") ? std::getenv("FONTRIX_BENCH_REC_MODEL") : "";
-  const uint32_t classes = 100;
+  // The font table names one font per class of the network: as many as its last product gives
+  // (a table of another length is refused and every query would answer nothing).
+  uint32_t classes = 100;
+  if (!model.empty()) {
+    deepnet::layer_model_list layers;
+    deepnet::deepnet_load_model(model, layers);
+    for (const auto& layer : layers)
+      if (layer->type == deepnet::layer_type_fc)
+        classes = static_cast<const deepnet::layer_model_fc&>(*layer).num_output;
+  }
   if (model.empty()) {
     model = p("rec.dnm");
     deepnet::deepnet_save_model(model, testing::RecognitionNetwork(classes));
