@@ -152,12 +152,8 @@ void winograd_conv::run(const float* input, uint64_t samples, float* output, win
       row += left * Cp;
       for (uint64_t c0 = 0; c0 < Cp; c0 += kChannelAlign) {
         const uint64_t channels = std::min(kChannelAlign, sh.in_c - std::min(sh.in_c, c0));
-        const float* src = input + (b * sh.in_c + c0) * in_plane + y * sh.in_w;
-        for (uint64_t x = 0; x < width; ++x) {
-          float* dst = row + x * Cp + c0;
-          for (uint64_t c = 0; c < channels; ++c) dst[c] = src[c * in_plane + x];
-          for (uint64_t c = channels; c < kChannelAlign; ++c) dst[c] = 0.0f;
-        }
+        w.kernels->channels_last_row(input + (b * sh.in_c + c0) * in_plane + y * sh.in_w, in_plane, channels, width,
+                                     row + c0, Cp);
       }
     }
   }

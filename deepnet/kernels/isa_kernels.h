@@ -35,6 +35,20 @@ struct isa_kernels {
   void (*winograd_output)(winograd_kind kind, const float* src, uint64_t xi_stride, uint64_t channels,
                           const float* bias, float* dst, uint64_t plane, uint64_t width, uint64_t rows, uint64_t cols);
 
+  /// For each of `width` columns x, 16 values at dst[x·stride]: src[c·plane + x] for c <
+  /// channels (at most 16), then zeros.
+  void (*channels_last_row)(const float* src, uint64_t plane, uint64_t channels, uint64_t width, float* dst,
+                            uint64_t stride);
+  /// dst[i] = src[i·stride] for i < n.
+  void (*strided_copy)(const float* src, uint64_t stride, uint64_t n, float* dst);
+
+  /// y[i] = max(x[i], 0) over n values (NaN stays NaN).
+  void (*rectify)(const float* x, float* y, uint64_t n);
+  /// y[i] = x[i]² over n values.
+  void (*square)(const float* x, float* y, uint64_t n);
+  /// sum[i] += x[i] over n values.
+  void (*add_to)(float* sum, const float* x, uint64_t n);
+
   /// Cross-channel normalisation with exponent 0.75, in place over n values:
   /// sum[p] = x[p] · (k + scale · sum[p])^−0.75, and 0 where x[p] is 0.
   void (*normalise_075)(const float* x, float* sum, uint64_t n, float k, float scale);

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "deepnet/byte_io.h"
+#include "deepnet/gemm.h"
 
 namespace deepnet {
 
@@ -27,9 +28,7 @@ void layer_test_activation::fprop_test(uint64_t batch_count, const layer_model_b
   if (m.activation_type != 0)
     throw std::runtime_error("layer_test_activation::fprop_test(): Unsupported activation type");
   const uint64_t n = std::min(batch_count, batch) * y_size_1d();
-  const float* x = inputs[0]->y.data();
-  float* out = y.data();
-  for (uint64_t i = 0; i < n; ++i) out[i] = x[i] < 0.0f ? 0.0f : x[i];
+  active_kernels().rectify(inputs[0]->y.data(), y.data(), n);
 }
 
 }  // namespace deepnet

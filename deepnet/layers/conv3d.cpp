@@ -188,6 +188,7 @@ void layer_test_conv3d::unfold(const layer_model_conv3d& m, const float* planes,
   const int64_t oW = static_cast<int64_t>(out_w_), oH = static_cast<int64_t>(out_h_);
   const int64_t sw = m.stride_w, sh = m.stride_h, pw = m.pad_w_begin, ph = m.pad_h_begin;
   const int64_t Cg = static_cast<int64_t>(channels);
+  const isa_kernels& kernels = active_kernels();
   for (int64_t c = 0; c < Cg; ++c) {
     const float* plane = planes + c * W * H;
     for (int64_t ky = 0; ky < m.kernel_h; ++ky) {
@@ -214,7 +215,7 @@ void layer_test_conv3d::unfold(const layer_model_conv3d& m, const float* planes,
           if (sw == 1) {
             if (hi > lo) std::memcpy(dst + lo, src + lo + shift, sizeof(float) * (hi - lo));
           } else {
-            for (int64_t ox = lo; ox < hi; ++ox) dst[ox] = src[ox * sw + shift];
+            if (hi > lo) kernels.strided_copy(src + lo * sw + shift, uint64_t(sw), uint64_t(hi - lo), dst + lo);
           }
           std::memset(dst + hi, 0, sizeof(float) * (oW - hi));
         }
@@ -231,7 +232,6 @@ void layer_test_conv3d::run_samples(const layer_model_conv3d& m, uint64_t first,
   // With no input channel per group (group > channels) there is nothing to multiply: the
   // outputs are their biases.
   const uint64_t groups = (K == 0 || M == 0 || Og == 0) ? 0 : G;
-  const uint64_t taps = m.kernel_w * m.kernel_h;
   if (winograd_) {
     winograd_->run(x + first * in_c_ * plane_in, last - first, y.data() + first * O * M, s.winograd);
     return;

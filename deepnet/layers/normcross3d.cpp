@@ -58,7 +58,7 @@ void layer_test_normcross3d::fprop_test(uint64_t batch_count, const layer_model_
     for (uint64_t b = first; b < last; ++b) {
       const float* __restrict x = inputs[0]->y.data() + b * C * P;
       float* __restrict out = y.data() + b * C * P;
-      for (uint64_t i = 0; i < C * P; ++i) sq[i] = x[i] * x[i];
+      kernels.square(x, sq, C * P);
       for (uint64_t c = 0; c < C; ++c) {
         const uint64_t lo = uint64_t(std::max<int64_t>(0, int64_t(c) - half));
         const uint64_t hi = uint64_t(std::min<int64_t>(int64_t(C) - 1, int64_t(c) + half));
@@ -68,10 +68,7 @@ void layer_test_normcross3d::fprop_test(uint64_t batch_count, const layer_model_
         float* __restrict sum = out + c * P;
         const float* __restrict xc = x + c * P;
         std::copy(sq + lo * P, sq + lo * P + P, sum);
-        for (uint64_t j = lo + 1; j <= hi; ++j) {
-          const float* __restrict s = sq + j * P;
-          for (uint64_t p = 0; p < P; ++p) sum[p] += s[p];
-        }
+        for (uint64_t j = lo + 1; j <= hi; ++j) kernels.add_to(sum, sq + j * P, P);
         if (beta == 0.75f) {
           kernels.normalise_075(xc, sum, P, k, scale);
         } else {
