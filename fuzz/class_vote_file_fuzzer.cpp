@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "classification/class_vote.h"
 #include "fuzz/fuzz_support.h"
-#include "plugin/class_vote.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));

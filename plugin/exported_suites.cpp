@@ -1,7 +1,7 @@
 #include "plugin/exported_suites.h"
 
+#include "classification/class_answers.h"
 #include "classification/font_feature_cache.h"
-#include "plugin/class_answers.h"
 #include "plugin/fontrix.h"
 #include "plugin/tasks.h"
 #include "recognition/font_recognition_cache.h"

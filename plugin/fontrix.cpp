@@ -6,10 +6,10 @@
 #include <new>
 #include <thread>
 
+#include "classification/class_answers.h"
 #include "classification/font_feature_cache.h"
 #include "deepnet/parallel.h"
 #include "hostglue/font_engine.h"
-#include "plugin/class_answers.h"
 #include "plugin/exported_suites.h"
 #include "plugin/tasks.h"
 #include "recognition/font_recognition_cache.h"

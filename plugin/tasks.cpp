@@ -2,8 +2,8 @@
 
 #include <atomic>
 
+#include "classification/class_answers.h"
 #include "classification/font_feature_cache.h"
-#include "plugin/class_answers.h"
 #include "plugin/fontrix.h"
 #include "recognition/font_recognition_cache.h"
 #include "shell/cache_log.h"

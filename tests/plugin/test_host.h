@@ -11,9 +11,9 @@
 #include <set>
 #include <string>
 
+#include "classification/class_answers.h"
 #include "classification/font_feature_cache.h"
 #include "host/host.h"
-#include "plugin/class_answers.h"
 #include "plugin/dispatch.h"
 #include "plugin/fontrix.h"
 #include "plugin/plugin.h"

@@ -1,4 +1,4 @@
-#include "plugin/class_vote.h"
+#include "classification/class_vote.h"
 
 #include <algorithm>
 #include <cerrno>

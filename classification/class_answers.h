@@ -1,7 +1,7 @@
 #pragma once
 // The style classes the feature suite answers. They are the feature cache's masks (the linear
 // rows' classes, kept in "FontFeatureCache.json" and never changed here), joined with the class
-// vote of plugin/class_vote.h when the switch "Text/FontClassVote" and similarity are on: the
+// vote of classification/class_vote.h when the switch "Text/FontClassVote" and similarity are on: the
 // vote needs the similarity cache's vectors of the fonts and of the shipped table's faces, so it
 // lives above both caches. Joined masks are worked out on the first question after either cache
 // changed and kept until the next change. Without the vote's data file, with a damaged one or

@@ -1,6 +1,6 @@
 // The class vote: its data file, the vote on a small hand-made table, and the feature suite's
 // answers joined with it through the module, with the switch, a damaged file and no similarity.
-#include "plugin/class_vote.h"
+#include "classification/class_vote.h"
 
 #include <cmath>
 #include <fstream>
@@ -8,7 +8,7 @@
 #include <set>
 #include <sstream>
 
-#include "plugin/class_answers.h"
+#include "classification/class_answers.h"
 #include "tests/plugin/test_host.h"
 
 namespace fontrix {

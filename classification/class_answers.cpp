@@ -1,11 +1,11 @@
-#include "plugin/class_answers.h"
+#include "classification/class_answers.h"
 
 #include <mutex>
 #include <set>
 #include <unordered_set>
 
+#include "classification/class_vote.h"
 #include "classification/font_feature_cache.h"
-#include "plugin/class_vote.h"
 #include "shell/cache_log.h"
 #include "shell/feature_switches.h"
 #include "shell/host_suites.h"
