@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "host/host.h"
-#include "host/json.h"
+#include "host/tool/json.h"
 #include "hostglue/font_access.h"
 #include "plugin/dispatch.h"
 #include "sdk/qv_font_suites.h"

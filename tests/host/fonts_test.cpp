@@ -1,5 +1,4 @@
-// The font suites over a memory font list, the fontconfig source on this machine, and the
-// tool's JSON strings.
+// The font suites over a memory font list, and the fontconfig source on this machine.
 #include <fontconfig/fontconfig.h>
 #include <gtest/gtest.h>
 
@@ -14,7 +13,6 @@
 
 #include "host/fontconfig_source.h"
 #include "host/host.h"
-#include "host/json.h"
 #include "host_test_support.h"
 #include "sdk/qv_font_suites.h"
 
@@ -254,17 +252,6 @@ TEST(FontconfigSource, UniqueNamesArePostScriptNames) {
   std::printf("%zu faces named as fontconfig names them, %zu faces of variable fonts\n", compared, variable);
   EXPECT_GT(compared, 100u);  // DejaVu, Liberation, URW (OpenType and Type 1), TeX Gyre, a collection
   EXPECT_GT(variable, 10u);   // Inter
-}
-
-TEST(JsonString, EscapesAndRepairsText) {
-  EXPECT_EQ(JsonString("DejaVu Sans"), "\"DejaVu Sans\"");
-  EXPECT_EQ(JsonString("a\"b\\c\n\t\x01\x7f"), "\"a\\\"b\\\\c\\n\\t\\u0001\\u007f\"");
-  EXPECT_EQ(JsonString("Caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"), "\"Caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80\"");
-  const std::string replacement = "\xEF\xBF\xBD";
-  EXPECT_EQ(JsonString("\xE9t\xC3"), "\"" + replacement + "t" + replacement + "\"");  // Latin-1, cut sequence
-  EXPECT_EQ(JsonString("\xC0\xAF"), "\"" + replacement + replacement + "\"");         // overlong '/'
-  EXPECT_EQ(JsonString("\xED\xA0\x80"), "\"" + replacement + replacement + replacement + "\"");  // surrogate
-  EXPECT_EQ(JsonString(std::string("a\0b", 3)), "\"a\\u0000b\"");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Names of the shipped table's faces resolved as the names of installed faces are, without
 // fontconfig's matching (it knows only installed faces): styles are compared by what their
 // names say of weight, slant and width.
-#include "host/table_names.h"
+#include "host/tool/table_names.h"
 
 #include <fontconfig/fontconfig.h>
 

@@ -1,6 +1,6 @@
 // Names of the shipped table's faces: resolved as installed faces' names are, with styles
 // compared by what their names say.
-#include "host/table_names.h"
+#include "host/tool/table_names.h"
 
 #include <gtest/gtest.h>
 

@@ -1,13 +1,13 @@
 // What the tool's commands and its web server share: the module's suites asked as another
 // plug-in asks them, answers as rows.
-#include "host/tool.h"
+#include "host/tool/queries.h"
 
 #include <algorithm>
 #include <cctype>
 
 #include "host/font_names.h"
-#include "host/json.h"
-#include "host/table_names.h"
+#include "host/tool/json.h"
+#include "host/tool/table_names.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
 

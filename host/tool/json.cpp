@@ -1,4 +1,4 @@
-#include "host/json.h"
+#include "host/tool/json.h"
 
 #include <cstdio>
 

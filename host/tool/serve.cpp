@@ -1,7 +1,7 @@
 // fontrix serve: HTTP over Boost.Beast on a few network threads; every call into the host and
 // the module runs on the host's own thread (the one that called Serve), one at a time, as the
 // tool makes them, between the idle ticks that let the module's background work go on.
-#include "host/serve.h"
+#include "host/tool/serve.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -38,9 +38,9 @@
 
 #include "host/font_names.h"
 #include "host/image.h"
-#include "host/json.h"
 #include "host/specimen.h"
-#include "host/tool.h"
+#include "host/tool/json.h"
+#include "host/tool/queries.h"
 #include "sdk/fontrix_suites.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"

@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "host/cli_rows.h"
 #include "host/host.h"
 #include "host/image.h"
+#include "host/tool/rows.h"
 #include "sdk/fontrix_suites.h"
 
 namespace fontrix::host {

@@ -1,5 +1,5 @@
 // The tool's rows through --format, headers and JSON.
-#include "host/cli_rows.h"
+#include "host/tool/rows.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include "host/cli_rows.h"
+#include "host/tool/rows.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
 
-#include "host/json.h"
+#include "host/tool/json.h"
 
 namespace fontrix::host {
 namespace {

@@ -1,0 +1,51 @@
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/font_names.h"
+#include "host/tool/commands.h"
+#include "host/tool/output.h"
+#include "host/tool/queries.h"
+
+namespace fontrix::host {
+
+// The fonts the module uses (or, with --all, every face the host lists, with why one is left
+// out), by family, kept by PATTERN and --class.
+void Fonts(Host& host, const Options& options) {
+  const std::vector<const HostFont*> used = ModuleFonts(host);
+  std::vector<const HostFont*> fonts = used;
+  if (options.all) {
+    fonts.clear();
+    for (const HostFont& f : host.Fonts()) fonts.push_back(&f);
+  }
+  if (!options.args.empty()) {
+    const FontFilter filter(options.args[0]);
+    fonts.erase(std::remove_if(fonts.begin(), fonts.end(), [&](const HostFont* f) { return !filter(*f); }),
+                fonts.end());
+  }
+  std::map<std::string, uint32_t> masks;
+  uint32_t wanted = 0;
+  for (const std::string& c : options.classes) wanted |= 1u << ClassIndex(c);
+  if (wanted) masks = ClassMasks(host);
+  SortByFamily(fonts);
+  std::vector<OutputRow> rows;
+  for (const HostFont* f : fonts) {
+    if (rows.size() >= options.limit) break;
+    const bool is_used = std::find(used.begin(), used.end(), f) != used.end();
+    const auto mask = masks.find(f->unique_name);
+    if (wanted && (!is_used || mask == masks.end() || (mask->second & wanted) != wanted)) continue;
+    OutputRow row = RowOf(*f);
+    if (wanted) row.classes = mask->second;
+    if (options.all) {
+      const std::string reason = UnusedReason(*f);
+      row.status = is_used ? "used" : reason.empty() ? "left out by the module" : reason;
+    }
+    rows.push_back(std::move(row));
+  }
+  PrintRows(options, "", "fonts", rows,
+            std::string("%{name}\\t%{family}\\t%{style}") + (wanted ? "\\t%{classes}" : "") +
+                (options.all ? "\\t%{status}" : ""));
+}
+
+}  // namespace fontrix::host

@@ -1,0 +1,54 @@
+#pragma once
+// What the tool says while the module works: a bar of the fonts taken in, the services' reports
+// on standard error, and Ctrl-C.
+#include <csignal>
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "host/host.h"
+#include "sdk/fontrix_suites.h"
+
+namespace fontrix::host {
+
+/// Set by the first Ctrl-C (and SIGTERM while serving): the command stops and the module shuts
+/// down in order; a second Ctrl-C ends the process at once.
+extern volatile std::sig_atomic_t interrupted;
+extern "C" void OnInterrupt(int);
+
+/// Seconds on a steady clock.
+double Seconds();
+
+// What the services report, on stderr, each sentence once: a wait for another process while it
+// lasts (also while the module shuts down and saves), warnings, failures and saves not made.
+// Safe to call from a watching thread beside the host's.
+class ServiceReports {
+ public:
+  explicit ServiceReports(const FontrixProgressSuite& progress) : progress_(progress) {}
+
+  /// Says a wait going on now that was not said yet.
+  void SayWaits() { Say(true); }
+  /// Says every report not said yet; returns the services that cannot answer, bit per
+  /// kFontrixService value.
+  uint32_t SayNew() { return Say(false); }
+  /// Whether a service said that what it computed was not kept.
+  bool NotSaved() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return not_saved_;
+  }
+
+ private:
+  uint32_t Say(bool waits_only);
+
+  const FontrixProgressSuite& progress_;
+  mutable std::mutex mutex_;
+  std::set<std::string> said_;
+  bool not_saved_ = false;
+};
+
+/// Idle ticks until every enabled service is idle, with a progress bar on a terminal; false when
+/// interrupted.
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports);
+
+}  // namespace fontrix::host
