@@ -105,6 +105,16 @@ double flops_per_sample(const layer_model_list& models, const layer_test_list& t
   return flops;
 }
 
+// The network built once for a batch of crops, as the benchmarks of its parts run it.
+struct built_net {
+  explicit built_net(uint64_t batch) : input(pixels(batch)) {
+    input_view view{kSide, kSide, 1, batch, input.data()};
+    deepnet_construct_layer_test(tests, reference_net(), view, batch);
+  }
+  std::vector<float> input;
+  layer_test_list tests;
+};
+
 void BM_ReferenceNet(benchmark::State& state) {
   const uint64_t batch = uint64_t(state.range(0));
   deepnet_set_num_threads(int(state.range(1)));
@@ -138,10 +148,8 @@ void BM_ReferenceNetByLayer(benchmark::State& state) {
   const uint64_t batch = uint64_t(state.range(0));
   deepnet_set_num_threads(1);
   const auto& models = reference_net();
-  const auto input = pixels(batch);
-  input_view view{kSide, kSide, 1, batch, input.data()};
-  layer_test_list tests;
-  deepnet_construct_layer_test(tests, models, view, batch);
+  built_net net(batch);
+  layer_test_list& tests = net.tests;
   std::map<uint32_t, double> seconds;
   for (auto _ : state)
     for (size_t j = 0; j < models.size(); ++j) {
@@ -166,10 +174,8 @@ void BM_ReferenceNetLayers(benchmark::State& state) {
   deepnet_set_num_threads(1);
   const uint64_t batch = 10;
   const auto& models = reference_net();
-  const auto input = pixels(batch);
-  input_view view{kSide, kSide, 1, batch, input.data()};
-  layer_test_list tests;
-  deepnet_construct_layer_test(tests, models, view, batch);
+  built_net net(batch);
+  layer_test_list& tests = net.tests;
   std::map<std::string, double> seconds;
   for (auto _ : state)
     for (size_t j = 0; j < models.size(); ++j) {
@@ -190,10 +196,8 @@ void BM_ReferenceNetProductsOnly(benchmark::State& state) {
   deepnet_set_num_threads(1);
   const uint64_t batch = 10;
   const auto& models = reference_net();
-  const auto input = pixels(batch);
-  input_view view{kSide, kSide, 1, batch, input.data()};
-  layer_test_list tests;
-  deepnet_construct_layer_test(tests, models, view, batch);
+  built_net net(batch);
+  layer_test_list& tests = net.tests;
   struct product {
     int m, n, k, repeats;
   };
