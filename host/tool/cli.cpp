@@ -41,13 +41,19 @@ std::string FindModule(const std::string& option) {
                            " and " + candidates[1].string() + "); give its path with --module or FONTRIX_MODULE");
 }
 
-// The services a command cannot answer without, bit per kFontrixService value. Recognition is
-// steered by the similarity vectors, so it needs both.
+// The services a command cannot answer without, bit per kFontrixService value: what it waits
+// for on a first run, while the module takes in the fonts. Recognition is steered by the
+// similarity vectors, and the classes the module answers join the class vote over them, so both
+// need similarity too. Listing fonts needs no service; index waits for every one.
 uint32_t ServicesNeeded(const Options& options) {
+  constexpr uint32_t kClasses = 1u << kFontrixServiceClassification, kSimilar = 1u << kFontrixServiceSimilarity,
+                     kRecognize = 1u << kFontrixServiceRecognition;
   const std::string& c = options.command;
-  if (c == "classes" || (c == "fonts" && !options.classes.empty())) return 1u << kFontrixServiceClassification;
-  if (c == "similar") return 1u << kFontrixServiceSimilarity;
-  if (c == "recognize") return (1u << kFontrixServiceSimilarity) | (1u << kFontrixServiceRecognition);
+  if (c == "index") return kClasses | kSimilar | kRecognize;
+  if (c == "classes") return kClasses | kSimilar;
+  if (c == "fonts") return options.classes.empty() ? 0 : kClasses | kSimilar;
+  if (c == "similar") return kSimilar | (options.classes.empty() ? 0 : kClasses);
+  if (c == "recognize") return kSimilar | kRecognize;
   return 0;
 }
 
@@ -94,7 +100,7 @@ int RunCommand(const Options& options) {
     } else {
       progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
       reports.emplace(**progress);
-      if (!WaitForServices(host, **progress, *reports)) {
+      if (!WaitForServices(host, **progress, *reports, ServicesNeeded(options))) {
         std::fprintf(stderr, "fontrix: interrupted\n");
         status = 130;
       } else if (const uint32_t failed = reports->SayNew(); failed & ServicesNeeded(options)) {

@@ -34,6 +34,7 @@ class ProgressBar {
   }
   void Show(uint64_t done, uint64_t total) {
     const double now = Seconds();
+    if (first_done_ == kNone) first_done_ = done, first_seen_ = now;
     if (!enabled_ || now - start_ < 1.0 || now - drawn_ < 0.1 || (shown_ && done == done_ && total == total_)) return;
     drawn_ = now;
     done_ = done;
@@ -41,16 +42,28 @@ class ProgressBar {
     shown_ = true;
     constexpr int kWidth = 30;
     const int filled = total ? int(kWidth * std::min(done, total) / total) : 0;
-    std::fprintf(stderr, "\rfontrix: updating caches [%s%s] %llu/%llu fonts\033[K",
+    // The time left at the pace since the bar started, once the pace is known.
+    std::string left;
+    if (done > first_done_ && done < total && now - first_seen_ >= 2.0) {
+      const double seconds = (now - first_seen_) / double(done - first_done_) * double(total - done);
+      char text[48];
+      if (seconds < 90)
+        std::snprintf(text, sizeof text, ", about %.0f s left", seconds);
+      else
+        std::snprintf(text, sizeof text, ", about %.0f min left", seconds / 60);
+      left = text;
+    }
+    std::fprintf(stderr, "\rfontrix: updating caches [%s%s] %llu/%llu fonts%s\033[K",
                  std::string(size_t(filled), '#').c_str(), std::string(size_t(kWidth - filled), '.').c_str(),
-                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(total));
+                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(total), left.c_str());
     std::fflush(stderr);
   }
 
  private:
+  static constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
   bool enabled_, shown_ = false;
-  double start_, drawn_ = 0;
-  uint64_t done_ = 0, total_ = 0;
+  double start_, drawn_ = 0, first_seen_ = 0;
+  uint64_t done_ = 0, total_ = 0, first_done_ = kNone;
 };
 
 }  // namespace
@@ -75,26 +88,54 @@ uint32_t ServiceReports::Say(bool waits_only) {
   return failed;
 }
 
-// The bar counts fonts: a font is done when every enabled service is done with it.
-bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports) {
+// The bar counts fonts: a font is done when every service waited for is done with it.
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services) {
+  static const char* const kNames[] = {"classification", "similarity", "recognition"};
   ProgressBar bar;
-  bool idle = false;
+  const double start = Seconds();
+  bool idle = false, said = false;
   auto check = [&] {
     reports.SayWaits();
     uint64_t done = std::numeric_limits<uint64_t>::max(), total = 0;
+    std::string waiting;
+    bool held = false;
     idle = true;
     for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
       FontrixServiceProgress p{};
       Check(progress.GetServiceProgress(service, &p), "reading the module's progress");
-      if (!p.enabled) continue;
+      if (!p.enabled || !(services & (1u << service))) continue;
       idle = idle && p.idle;
       total = std::max<uint64_t>(total, p.fontsTotal);
       done = std::min<uint64_t>(done, p.idle ? p.fontsTotal : p.fontsDone);
+      if (!p.idle) waiting += std::string(waiting.empty() ? "" : " and ") + kNames[service];
+      // A service waiting for another process's hold on the cache folder says so itself.
+      int32_t severity = kFontrixReportNothing;
+      char text[8];
+      if (!progress.GetServiceReport(service, &severity, text, sizeof text) && severity == kFontrixReportWaiting)
+        held = true;
+    }
+    // A wait that lasts is a first run (or many new fonts): said once, so nobody takes it for a
+    // hang, also where no bar is drawn.
+    if (!idle && !said && !held && done < total && Seconds() - start >= 2.0) {
+      said = true;
+      std::fprintf(stderr,
+                   "%sfontrix: the module is taking in %llu installed fonts for %s (once: later runs answer at "
+                   "once); the answer follows\n",
+                   isatty(STDERR_FILENO) == 1 ? "\r\033[K" : "", static_cast<unsigned long long>(total),
+                   waiting.c_str());
     }
     bar.Show(std::min(done, total), total);
   };
   check();
-  host.RunUntil([&] { return idle || interrupted; }, std::numeric_limits<double>::infinity(), check);
+  // Whatever the command needs, the module's font list comes first: it is made when the module
+  // takes the host's font list notification, which may come an idle tick after start-up.
+  auto ready = [&] {
+    uint32_t generation = 0;
+    FontrixFontHandleList none{nullptr, [](void*, QVFontHandle) {}};
+    Check(progress.GetFontList(&none, &generation), "reading the module's font list");
+    return idle && generation != 0;
+  };
+  host.RunUntil([&] { return ready() || interrupted; }, std::numeric_limits<double>::infinity(), check);
   return !interrupted;
 }
 

@@ -47,8 +47,10 @@ class ServiceReports {
   bool not_saved_ = false;
 };
 
-/// Idle ticks until every enabled service is idle, with a progress bar on a terminal; false when
-/// interrupted.
-bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports);
+/// Idle ticks until the enabled services of `services` (bit per kFontrixService value) are idle,
+/// the others working on meanwhile; false when interrupted. A wait of more than a moment is
+/// said once on standard error, what for and for how many fonts, and shown on a terminal as a
+/// bar with the time left.
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services);
 
 }  // namespace fontrix::host

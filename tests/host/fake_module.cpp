@@ -60,7 +60,10 @@ QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* progress) {
 
 QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
   if (!state) return kQVNotInitialisedErr;
-  for (QVFontHandle font : state->done) out->append(out->context, font);
+  // The qualifying fonts, as the module lists them from the moment it has its font list,
+  // whether or not its services are done with them.
+  for (const auto* fonts : {&state->done, &state->pending})
+    for (QVFontHandle font : *fonts) out->append(out->context, font);
   if (generation) *generation = state->generation;
   return kQVNoErr;
 }

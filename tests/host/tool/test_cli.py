@@ -324,7 +324,8 @@ class CliTest(unittest.TestCase):
 
     def test_ctrl_c_while_waiting_shuts_the_module_down_in_order(self):
         report = os.path.join(self.tmp.name, "report.txt")
-        tool = subprocess.Popen([FONTRIX, "fonts", "--module", FAKE], stdout=subprocess.PIPE,
+        # index waits for every service; listing fonts would not wait for them at all.
+        tool = subprocess.Popen([FONTRIX, "index", "--module", FAKE], stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True,
                                 env={**self.env, "FAKE_MODULE_STALL": "1", "FAKE_MODULE_REPORT": report})
         for _ in range(600):  # the tool handles Ctrl-C once the application has started
