@@ -178,15 +178,15 @@ def rec_font_table():
 
 def font_listing():
     # A flags byte first: 1 has the target end the listing with its sum, 0 takes it as it is.
-    header = b"fontrix font listing 4\n"
+    header = b"fontrix font listing 5\n"
     lines = [
         b"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf\t0\t1678443600\t0\t759720\t1\tDejaVuSans\tDejaVu Sans\tBook"
         b"\t0\t0\t1\t11400714819323198485\t"
-        + b",".join(b"%d" % (500 + i) for i in range(62)),
+        + b",".join(b"%d" % (500 + i) for i in range(62)) + b"\t6253",
         b"/usr/share/fonts/truetype/inter-vf/Inter.var.ttf\t65536\t1666569600\t123456789\t805360\t1\tInter-Thin\tInter"
-        b"\tThin\t0\t0\t-1\t42\t-1,600,-1",
-        b"/fonts/tab\\there\\nand\\\\back.otb\t3\t1\t2\t3\t1\tName\\twith tab\tFam\\\\ily\tSty\\nle\t1\t1\t0\t0\t",
-        b"/fonts/unreadable.pfb\t0\t5\t6\t7\t0\t\t\t\t0\t0\t-1\t0\t",
+        b"\tThin\t0\t0\t-1\t42\t-1,600,-1\t2548",
+        b"/fonts/tab\\there\\nand\\\\back.otb\t3\t1\t2\t3\t1\tName\\twith tab\tFam\\\\ily\tSty\\nle\t1\t1\t0\t0\t\t0",
+        b"/fonts/unreadable.pfb\t0\t5\t6\t7\t0\t\t\t\t0\t0\t-1\t0\t\t0",
     ]
     listing = header + b"\n".join(lines) + b"\n"
     sealed, raw = b"\x01", b"\x00"
@@ -199,7 +199,7 @@ def font_listing():
           sealed + header + lines[0] + b"\n" + lines[1].replace(b"\t65536\t", b"\tx\t") + b"\n")
     write("font_listing", "other_header.txt", sealed + b"fontrix font listing 3\n" + lines[0] + b"\n")
     write("font_listing", "number_forms.txt", sealed + header +
-          b"/f\t 12\t-0\t+3\t99999999999999999999\t1\tN\tF\tS\t1\t0\t7\t-1\t 3,+4,,x\n")
+          b"/f\t 12\t-0\t+3\t99999999999999999999\t1\tN\tF\tS\t1\t0\t7\t-1\t 3,+4,,x\t-5\n")
 
 
 # ---- font_file: subsets of installed fonts (fontTools), so mutations start from small files

@@ -76,8 +76,20 @@ void NameFaces(std::vector<HostFont>& fonts) {
     const auto copied =
         std::find_if(earlier.begin(), earlier.end(), [&](size_t k) { return SameFace(fonts[k], font); });
     if (copied != earlier.end()) {
-      font.unique_name = fonts[*copied].unique_name;
-      font.duplicate_of = fonts[*copied].file;
+      HostFont& kept = fonts[*copied];
+      font.unique_name = kept.unique_name;
+      // A clearly fuller file of one face is the one used (a whole system file over a web subset
+      // of its Latin letters): it takes the name, and the copies listed so far point to it. Copies
+      // about as full keep the listing's order, which puts OpenType before Type 1.
+      if (font.glyphs <= kept.glyphs + kept.glyphs / 4) {
+        font.duplicate_of = kept.file;
+        continue;
+      }
+      for (HostFont& other : fonts)
+        if (&other != &kept && other.duplicate_of == kept.file && other.unique_name == kept.unique_name)
+          other.duplicate_of = font.file;
+      kept.duplicate_of = font.file;
+      *copied = i;
       continue;
     }
     if (!earlier.empty()) {

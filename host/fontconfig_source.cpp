@@ -197,6 +197,7 @@ FaceResult ReadFace(FT_Library library, const std::string& path, int index, bool
                   face->glyph->format == FT_GLYPH_FORMAT_OUTLINE;
     font.advances = LatinAdvances(face);
     font.outline_print = OutlinePrint(font.advances);
+    font.glyphs = int(face->num_glyphs);
     if (!font.unique_name.empty()) result = std::move(font);
   }
   FT_Done_Face(face);
@@ -312,7 +313,7 @@ std::vector<std::string> Split(const std::string& line) {
   return fields;
 }
 
-constexpr const char* kListingHeader = "fontrix font listing 4";
+constexpr const char* kListingHeader = "fontrix font listing 5";
 
 }  // namespace
 
@@ -342,7 +343,7 @@ FontListing ReadFontListing(std::istream& in) {
     }
     body += line + '\n';
     const auto f = Split(line);
-    if (f.size() != 14) return {};
+    if (f.size() != 15) return {};
     try {
       ListedFaceResult r;
       r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
@@ -358,6 +359,7 @@ FontListing ReadFontListing(std::istream& in) {
         font.usable = std::stoi(f[11]);
         font.outline_print = std::stoull(f[12]);
         font.advances = ParseAdvances(f[13]);
+        font.glyphs = std::stoi(f[14]);
         r.result = font;
       }
       listing[Unescape(f[0]) + '\n' + f[1]] = r;
@@ -378,9 +380,10 @@ void WriteFontListing(std::ostream& out, const FontListing& listing) {
     if (r.result)
       body << '\t' << Escape(r.result->unique_name) << '\t' << Escape(r.result->family) << '\t'
            << Escape(r.result->style) << '\t' << int(r.result->bitmap_only) << '\t' << int(r.result->symbol) << '\t'
-           << r.result->usable << '\t' << r.result->outline_print << '\t' << AdvancesText(r.result->advances);
+           << r.result->usable << '\t' << r.result->outline_print << '\t' << AdvancesText(r.result->advances) << '\t'
+           << r.result->glyphs;
     else
-      body << "\t\t\t\t0\t0\t-1\t0\t";
+      body << "\t\t\t\t0\t0\t-1\t0\t\t0";
     body << '\n';
   }
   char sum[17];

@@ -32,7 +32,8 @@ struct HostFont {
   /// The advances of a-z, A-Z, 0-9 at 1000 units to the em (-1: no glyph); empty when unknown.
   /// One face in two files has them within a unit or two: the files' rounding differs.
   std::vector<int16_t> advances{};
-  std::string duplicate_of{};  ///< file of the face listed earlier under this name whose copy this is; empty if none
+  int glyphs = 0;              ///< glyphs in the face: of two copies of one face, the fuller file is the one used
+  std::string duplicate_of{};  ///< file of the copy of this face used under its name; empty if none
 };
 
 /// Where the host's font list comes from.

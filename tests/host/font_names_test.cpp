@@ -45,6 +45,22 @@ TEST(NameFaces, CopiesKeepTheNameOtherFacesGetDerivedOnes) {
   EXPECT_EQ(UnusedReason(fonts[0]), "");
 }
 
+// Of copies of one face, a file with clearly more glyphs is used whatever the listing order (a
+// whole system file over a web subset of its Latin letters); copies about as full keep the first.
+TEST(NameFaces, TheFullerCopyIsUsed) {
+  auto face = [](const std::string& file, int glyphs) {
+    HostFont f = Face("Lato-Regular", "Lato", "Regular", file, 5);
+    f.glyphs = glyphs;
+    return f;
+  };
+  std::vector<HostFont> fonts = {face("/web/lato-latin-400.woff2", 220), face("/otf/Lato-Regular.otf", 2164),
+                                 face("/t1/Lato-Regular.t1", 2300), face("/web2/lato-latin-400.woff", 220)};
+  NameFaces(fonts);
+  EXPECT_EQ(Names(fonts), std::vector<std::string>(4, "Lato-Regular"));
+  EXPECT_EQ(fonts[1].duplicate_of, "");
+  for (size_t i : {0, 2, 3}) EXPECT_EQ(fonts[i].duplicate_of, "/otf/Lato-Regular.otf") << i;
+}
+
 TEST(NameFaces, DerivedNamesNeverTakeANameAFaceCarries) {
   // "Sans-Bold" is the second face's family-style name, but the third face carries it.
   std::vector<HostFont> fonts = {Face("Sans", "Sans", "Regular", "/a.ttf", 1),
