@@ -62,6 +62,17 @@ int RunCommand(const Options& options) {
   host_options.data_dir = options.data_dir;
   host_options.cache_dir = options.cache_dir;
   for (const std::string& key : options.disabled) host_options.switches[key] = false;
+  // A command starts only the services it asks: the others' caches are neither read nor
+  // brought up to date, so a question costs what it needs whatever else is installed (index
+  // and the web server run them all).
+  if (options.command != "index" && options.command != "serve") {
+    const uint32_t needed = ServicesNeeded(options);
+    const std::pair<int32_t, const char*> services[] = {{kFontrixServiceClassification, kSwitchClassification},
+                                                        {kFontrixServiceSimilarity, kSwitchSimilarity},
+                                                        {kFontrixServiceRecognition, kSwitchRecognition}};
+    for (const auto& [service, key] : services)
+      if (!(needed & (1u << service))) host_options.switches[key] = false;
+  }
   if (options.debug_log) host_options.switches[kSwitchDumpDebugInfo] = true;
   if (options.largest_line) host_options.switches[kSwitchRecognitionLargestLine] = true;
   const double started = Seconds();

@@ -228,14 +228,17 @@ class CliTest(unittest.TestCase):
                          "fontrix: similar answers at most 80 fonts, so --limit 100 shows at most 80")
 
     def test_what_a_service_reports_is_said_and_fails_the_commands_that_need_it(self):
-        r = self.run_tool("--module", FAKE, "fonts", FAKE_MODULE_SAY="1:the cache file X was damaged; it is rebuilt")
-        self.assertEqual((r.returncode, r.stderr),
-                         (0, "fontrix: warning: the cache file X was damaged; it is rebuilt\n"))
+        r = self.run_tool("--module", FAKE, "index", FAKE_MODULE_SAY="1:the cache file X was damaged; it is rebuilt")
+        self.assertEqual((r.returncode, r.stderr.splitlines()[0]),
+                         (0, "fontrix: warning: the cache file X was damaged; it is rebuilt"))
         failure = "2:the similarity model /d/NQ_sim_model.dnm cannot be used: it ends inside a layer"
-        for args, status in ((["fonts"], 0), (["similar", "DejaVuSans"], 1), (["index"], 1)):
+        for args, status in ((["similar", "DejaVuSans"], 1), (["index"], 1)):
             r = self.run_tool("--module", FAKE, *args, FAKE_MODULE_SAY=failure)
             self.assertEqual(r.returncode, status, args)
             self.assertEqual(r.stderr.splitlines()[0], "fontrix: " + failure[2:], args)
+        # A command starts only the services it asks: listing fonts never meets the broken model.
+        r = self.run_tool("--module", FAKE, "fonts", FAKE_MODULE_SAY=failure)
+        self.assertEqual((r.returncode, r.stderr), (0, ""))
         # A service switched off reports nothing.
         r = self.run_tool("--module", FAKE, "--disable", "similarity", "index", FAKE_MODULE_SAY=failure)
         self.assertEqual((r.returncode, r.stderr.count("cannot be used")), (0, 0), r.stderr)
@@ -243,7 +246,7 @@ class CliTest(unittest.TestCase):
     def test_lifecycle_folders_and_switches_reach_the_module(self):
         report = os.path.join(self.tmp.name, "report.txt")
         cache = os.path.join(self.tmp.name, "my cache")
-        r = self.run_tool("fonts", "--module", FAKE, "--data-dir", self.tmp.name, "--cache-dir", cache,
+        r = self.run_tool("index", "--module", FAKE, "--data-dir", self.tmp.name, "--cache-dir", cache,
                           "--disable", "similarity", "--disable=recognition", "--debug-log",
                           FAKE_MODULE_REPORT=report)
         self.assertEqual(r.returncode, 0, r.stderr)
@@ -264,12 +267,21 @@ class CliTest(unittest.TestCase):
         self.assertIn("switch TextDebug/DumpDebugInfo 1", lines)
 
         # The environment disables services too.
-        self.run_tool("fonts", "--module", FAKE, FAKE_MODULE_REPORT=report, FONTRIX_DISABLE="classification")
+        self.run_tool("index", "--module", FAKE, FAKE_MODULE_REPORT=report, FONTRIX_DISABLE="classification")
         with open(report) as f:
             lines = f.read().splitlines()
         self.assertIn("switch Text/FontClassification 0", lines)
         self.assertIn("switch Text/FontSimilarity 1", lines)
         self.assertIn("cache " + self.env["FONTRIX_CACHE_DIR"], lines)
+
+        # A question starts only the services it asks.
+        for args, on in ((["fonts"], set()), (["similar", "DejaVuSans"], {"Text/FontSimilarity"}),
+                         (["recognize", "picture.png"], {"Text/FontSimilarity", "TextDebug/FontRecognition"}),
+                         (["classes"], {"Text/FontClassification", "Text/FontSimilarity"})):
+            self.run_tool(*args, "--module", FAKE, FAKE_MODULE_REPORT=report)
+            with open(report) as f:
+                switches = [line.split() for line in f.read().splitlines() if line.startswith("switch ")]
+            self.assertEqual({key for _, key, value in switches if value == "1" and "Font" in key}, on, args)
 
     def test_caches_of_another_module_or_other_data_are_forgotten(self):
         data, cache = os.path.join(self.tmp.name, "data"), os.path.join(self.tmp.name, "cache")
