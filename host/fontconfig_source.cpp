@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <optional>
@@ -31,21 +30,25 @@
 namespace fontrix::host {
 namespace {
 
-struct ListedFace {
-  std::string file;
-  int index;
-  bool variable;  // fontconfig's pattern of a whole variable font (its default instance)
-  int weight, width, slant;
-};
-
 // OpenType and TrueType before the older formats that often hold a copy of the same face.
+// Decided once per face from the name's last dot (the sort below compares it often).
 int FormatRank(const std::string& file) {
-  std::string extension = std::filesystem::path(file).extension().string();
+  const size_t dot = file.rfind('.'), slash = file.rfind('/');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return 1;
+  std::string extension = file.substr(dot);
   for (char& c : extension) c = char(std::tolower(static_cast<unsigned char>(c)));
   for (const char* modern : {".otf", ".ttf", ".ttc", ".otc", ".woff", ".woff2"})
     if (extension == modern) return 0;
   return 1;
 }
+
+struct ListedFace {
+  std::string file;
+  int index;
+  bool variable;  // fontconfig's pattern of a whole variable font (its default instance)
+  int weight, width, slant;
+  int rank = FormatRank(file);
+};
 
 using FaceResult = std::optional<HostFont>;
 
@@ -235,8 +238,8 @@ std::vector<ListedFace> ListFaces() {
   // fontconfig's order follows its caches; sorting makes the list, and so which face of a
   // repeated unique name comes first, the same on every run.
   std::sort(faces.begin(), faces.end(), [](const ListedFace& a, const ListedFace& b) {
-    return std::make_tuple(FormatRank(a.file), std::cref(a.file), a.index, a.variable) <
-           std::make_tuple(FormatRank(b.file), std::cref(b.file), b.index, b.variable);
+    return std::make_tuple(a.rank, std::cref(a.file), a.index, a.variable) <
+           std::make_tuple(b.rank, std::cref(b.file), b.index, b.variable);
   });
   faces.erase(
       std::unique(faces.begin(), faces.end(),
