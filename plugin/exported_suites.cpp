@@ -126,7 +126,26 @@ extern "C" QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
   return kQVNoErr;
 }
 
-const FontrixProgressSuite kProgressSuite = {GetServiceProgress, GetFontList, GetServiceReport};
+extern "C" QVErr GetUnusableFonts(int32_t service, FontrixUnusableFontList* out) {
+  if (!out || !out->append || service < 0 || service >= kFontrixServiceCount) return kQVBadParameterErr;
+  return Answer([&] {
+    std::vector<std::string> names;
+    const char* reason = "";
+    // Classification keeps no mark of a font it could not measure (it has no class), so it
+    // names none.
+    if (service == kFontrixServiceSimilarity && SimilarityEnabled()) {
+      if (auto c = FontSimilarCache::Instance()) names = c->UnusableFonts();
+      reason = "similarity could not draw its specimens";
+    } else if (service == kFontrixServiceRecognition && RecognitionEnabled()) {
+      if (auto c = FontRecognitionCache::Instance()) names = c->UnusableFonts();
+      reason = "recognition could not draw and read a line in it";
+    }
+    for (const std::string& name : names) out->append(out->context, name.c_str(), reason);
+    return kQVNoErr;
+  });
+}
+
+const FontrixProgressSuite kProgressSuite = {GetServiceProgress, GetFontList, GetServiceReport, GetUnusableFonts};
 
 extern "C" QVErr GetTableFonts(FontrixTableFontList* out) {
   auto cache = FontSimilarCache::Instance();

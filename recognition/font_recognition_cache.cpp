@@ -522,4 +522,12 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
   return GetRecognizedFontList(pixels.pixels.data(), pixels.width, pixels.height);
 }
 
+std::vector<std::string> FontRecognitionCache::UnusableFonts() {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  std::vector<std::string> names;
+  for (size_t f = 0; f < installed_.size() && f < lineOfFont_.size(); ++f)
+    if (lineOfFont_[f] >= 0 && lines_[size_t(lineOfFont_[f])].features.empty()) names.push_back(installed_[f]);
+  return names;
+}
+
 }  // namespace fontrix

@@ -67,6 +67,9 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// the switch "Text/FontRecognitionInstalledLines" is on, reads the line of every installed
   /// font not kept yet (saved in the user's cache folder). True when lines were read.
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
+  /// The installed fonts in which no line could be drawn and read, by unique name (none while
+  /// the installed lines are off).
+  std::vector<std::string> UnusableFonts();
 
   /// The installed fonts most likely shown in `height` rows of `width` grey bytes, best first,
   /// at most 40: the network's best classes steer a weighted similar-font query.

@@ -86,8 +86,15 @@ enum {
                                  that holds its cache folder */
 };
 
+/* Receives the fonts a service could not use, one per call: the font's unique name and why, one
+ * sentence. The strings are valid only during the call. */
+typedef struct FontrixUnusableFontList {
+  void* context;
+  void (*append)(void* context, const char* name, const char* reason);
+} FontrixUnusableFontList;
+
 #define kFontrixProgressSuite "QV Fontrix Progress Suite"
-#define kFontrixProgressSuiteVersion 2
+#define kFontrixProgressSuiteVersion 3
 typedef struct FontrixProgressSuite {
   /* Progress of service `service` (a kFontrixService value). */
   QVErr (*GetServiceProgress)(int32_t service, FontrixServiceProgress* progress);
@@ -97,6 +104,9 @@ typedef struct FontrixProgressSuite {
    * `text` (cut to `capacity` bytes, NUL included; "" when nothing), and its severity (a
    * kFontrixReport value). */
   QVErr (*GetServiceReport)(int32_t service, int32_t* severity, char* text, size_t capacity);
+  /* The fonts of the current font list that service `service` could not use, and why; fonts it
+   * has not come to yet are not named. */
+  QVErr (*GetUnusableFonts)(int32_t service, FontrixUnusableFontList* out);
 } FontrixProgressSuite;
 
 /* One face of the module's shipped similarity table. The strings are valid only during the

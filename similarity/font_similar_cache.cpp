@@ -256,6 +256,17 @@ void FontSimilarCache::StoreFont(size_t fontIndex, int drawResult, const Specime
   (status == kStatusUnusable ? progress_.unusable : progress_.computed)++;
 }
 
+std::vector<std::string> FontSimilarCache::UnusableFonts() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> names;
+  for (size_t i = 0; i < installedNames_.size(); ++i) {
+    const int32_t entry = i < fontToEntry_.size() ? fontToEntry_[i] : -1;
+    if ((entry >= 0 && table_.status[size_t(entry)] == kStatusUnusable) || unusableThisRun_.count(installedNames_[i]))
+      names.push_back(installedNames_[i]);
+  }
+  return names;
+}
+
 void FontSimilarCache::SaveCache() {
   std::lock_guard<std::mutex> lock(mutex_);
   CacheLog& log = SimilarityLog();

@@ -61,6 +61,8 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   bool Update(const std::vector<QVFontHandle>& fonts, uint32_t fontServerId);
   /// Appends the entries computed since the last save to the cache files.
   void SaveCache();
+  /// The installed fonts whose specimens could not be drawn or drew nothing, by unique name.
+  std::vector<std::string> UnusableFonts();
   void LogFontCounts();
 
   /// Scores every entry by dot product with the query vector, best first. `queryEntry` (a

@@ -44,14 +44,17 @@ std::string FindModule(const std::string& option) {
 // The services a command cannot answer without, bit per kFontrixService value: what it waits
 // for on a first run, while the module takes in the fonts. Recognition is steered by the
 // similarity vectors, and the classes the module answers join the class vote over them, so both
-// need similarity too. Listing fonts needs no service; index waits for every one.
+// need similarity too. Listing fonts needs no service (but --all names what each could not
+// use); index waits for every one.
 uint32_t ServicesNeeded(const Options& options) {
   constexpr uint32_t kClasses = 1u << kFontrixServiceClassification, kSimilar = 1u << kFontrixServiceSimilarity,
                      kRecognize = 1u << kFontrixServiceRecognition;
   const std::string& c = options.command;
   if (c == "index") return kClasses | kSimilar | kRecognize;
   if (c == "classes") return kClasses | kSimilar;
-  if (c == "fonts") return options.classes.empty() ? 0 : kClasses | kSimilar;
+  // fonts --all also names the fonts a service could not use, so it runs them all.
+  if (c == "fonts")
+    return options.all ? kClasses | kSimilar | kRecognize : options.classes.empty() ? 0 : kClasses | kSimilar;
   if (c == "similar") return kSimilar | (options.classes.empty() ? 0 : kClasses);
   if (c == "recognize") return kSimilar | kRecognize;
   return 0;

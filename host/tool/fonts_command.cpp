@@ -7,6 +7,7 @@
 #include "host/tool/commands.h"
 #include "host/tool/output.h"
 #include "host/tool/queries.h"
+#include "sdk/fontrix_suites.h"
 
 namespace fontrix::host {
 
@@ -29,6 +30,18 @@ void Fonts(Host& host, const Options& options) {
   for (const std::string& c : options.classes) wanted |= 1u << ClassIndex(c);
   if (wanted) masks = ClassMasks(host);
   SortByFamily(fonts);
+  // Fonts a service could not use, by unique name: what each service said.
+  std::map<std::string, std::string> not_used_by;
+  if (options.all) {
+    HeldSuite<FontrixProgressSuite> progress(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
+    FontrixUnusableFontList list{&not_used_by, [](void* context, const char* name, const char* reason) {
+                                   std::string& said =
+                                       (*static_cast<std::map<std::string, std::string>*>(context))[name];
+                                   said += (said.empty() ? "" : " and ") + std::string(reason);
+                                 }};
+    for (int32_t service = 0; service < kFontrixServiceCount; ++service)
+      Check(progress->GetUnusableFonts(service, &list), "reading the fonts the module could not use");
+  }
   std::vector<OutputRow> rows;
   for (const HostFont* f : fonts) {
     if (rows.size() >= options.limit) break;
@@ -40,6 +53,9 @@ void Fonts(Host& host, const Options& options) {
     if (options.all) {
       const std::string reason = UnusedReason(*f);
       row.status = is_used ? "used" : reason.empty() ? "left out by the module" : reason;
+      // A font the module uses that a service could not: which, and why.
+      if (const auto it = not_used_by.find(f->unique_name); is_used && it != not_used_by.end())
+        *row.status += "; but " + it->second;
     }
     rows.push_back(std::move(row));
   }

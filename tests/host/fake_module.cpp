@@ -78,7 +78,9 @@ QVErr GetServiceReport(int32_t service, int32_t* severity, char* text, size_t ca
   return kQVNoErr;
 }
 
-const FontrixProgressSuite kProgress = {GetServiceProgress, GetFontList, GetServiceReport};
+QVErr GetUnusableFonts(int32_t, FontrixUnusableFontList* out) { return out ? kQVNoErr : kQVBadParameterErr; }
+
+const FontrixProgressSuite kProgress = {GetServiceProgress, GetFontList, GetServiceReport, GetUnusableFonts};
 
 QVErr Startup(QVMessageData* message) {
   const char* fail = std::getenv("FAKE_MODULE_FAIL");

@@ -121,6 +121,17 @@ TEST_F(HostTest, ProgressSuiteReportsServicesAndTheFontList) {
   ASSERT_EQ(progress->GetFontList(&sink, &generation), kQVNoErr);
   EXPECT_EQ(fonts.size(), 2u);
   EXPECT_EQ(generation, 1u);
+  // Fonts a service could not use: none here; a service switched off names none; bad requests
+  // are refused.
+  std::vector<std::string> unusable;
+  FontrixUnusableFontList named{&unusable, [](void* c, const char* name, const char* reason) {
+                                  static_cast<std::vector<std::string>*>(c)->push_back(std::string(name) + reason);
+                                }};
+  for (int32_t service = 0; service < kFontrixServiceCount; ++service)
+    EXPECT_EQ(progress->GetUnusableFonts(service, &named), kQVNoErr) << service;
+  EXPECT_TRUE(unusable.empty());
+  EXPECT_EQ(progress->GetUnusableFonts(kFontrixServiceCount, &named), kQVBadParameterErr);
+  EXPECT_EQ(progress->GetUnusableFonts(kFontrixServiceSimilarity, nullptr), kQVBadParameterErr);
 }
 
 // The text suite answers as the recognition suite does, name for name and score for score, and

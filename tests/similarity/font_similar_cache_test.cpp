@@ -77,6 +77,7 @@ TEST_F(SimilarCacheTest, UpdateMatchesByNameComputesTheRestAndSavesOnTermination
   EXPECT_EQ(cache->Progress().computed.load(), 1u);
   EXPECT_EQ(cache->Progress().unusable.load(), 1u);
   EXPECT_EQ(cache->InstalledFonts(), (std::vector<std::string>{"Alpha-Regular", "Beta-Bold", "Delta-Regular"}));
+  EXPECT_EQ(cache->UnusableFonts(), std::vector<std::string>{"Delta-Regular"});  // named, for fonts --all
 
   EXPECT_FALSE(cache->Update({alpha, beta, delta}, 1));  // same generation: matched again, nothing new
   EXPECT_EQ(cache->Size(), 1867u);
@@ -89,6 +90,9 @@ TEST_F(SimilarCacheTest, UpdateMatchesByNameComputesTheRestAndSavesOnTermination
   EXPECT_EQ(reloaded->Entry(1866).second, kStatusUnusable);
   EXPECT_FALSE(reloaded->Update({alpha, beta, delta}, 2));  // all matched by name
   EXPECT_EQ(reloaded->Size(), 1867u);
+  EXPECT_EQ(reloaded->UnusableFonts(), std::vector<std::string>{"Delta-Regular"});  // also when read from the files
+  EXPECT_FALSE(reloaded->Update({alpha, beta}, 3));  // no longer installed: no longer named
+  EXPECT_TRUE(reloaded->UnusableFonts().empty());
 }
 
 // A save that outlasts a reader's wait (a slow disk, a stopped process): the reader reads what
