@@ -136,24 +136,36 @@ ClassVote::ClassVote(ClassVoteTable table) : table_(std::move(table)) {
 ClassSupport ClassVote::Support(const float* scores, const std::vector<bool>& voting, const std::string& self) const {
   const auto selfIt = faceOf_.find(self);
   const size_t own = selfIt == faceOf_.end() ? table_.faces.size() : selfIt->second;
-  std::vector<std::pair<float, size_t>> candidates;
-  candidates.reserve(table_.faces.size());
-  for (size_t j = 0; j < table_.faces.size(); ++j)
-    if (j != own && j < voting.size() && voting[j]) candidates.emplace_back(scores[j], j);
-  ClassSupport support{};
-  if (candidates.empty()) return support;
-  const size_t k = std::min(candidates.size(), size_t(table_.neighbours));
-  const auto better = [](const std::pair<float, size_t>& a, const std::pair<float, size_t>& b) {
+  // The `neighbours` best-scoring voting faces, kept in a heap whose top is the worst kept: one
+  // pass over the faces, most of them turned away by a single compare (the vote runs for every
+  // installed font at every query for classes).
+  const size_t neighbours = size_t(std::max(1, table_.neighbours));
+  const auto worse_first = [](const std::pair<float, size_t>& a, const std::pair<float, size_t>& b) {
     return a.first > b.first;
   };
-  std::nth_element(candidates.begin(), candidates.begin() + std::ptrdiff_t(k - 1), candidates.end(), better);
-  double best = -std::numeric_limits<double>::infinity();
-  for (size_t i = 0; i < k; ++i) best = std::max(best, double(candidates[i].first));
+  std::vector<std::pair<float, size_t>> best;
+  best.reserve(neighbours);
+  const size_t faces = std::min(table_.faces.size(), voting.size());
+  for (size_t j = 0; j < faces; ++j) {
+    if (j == own || !voting[j]) continue;
+    if (best.size() < neighbours) {
+      best.emplace_back(scores[j], j);
+      std::push_heap(best.begin(), best.end(), worse_first);
+    } else if (scores[j] > best.front().first) {
+      std::pop_heap(best.begin(), best.end(), worse_first);
+      best.back() = {scores[j], j};
+      std::push_heap(best.begin(), best.end(), worse_first);
+    }
+  }
+  ClassSupport support{};
+  if (best.empty()) return support;
+  double top = -std::numeric_limits<double>::infinity();
+  for (const auto& [score, face] : best) top = std::max(top, double(score));
   double total = 0;
-  for (size_t i = 0; i < k; ++i) {
-    const double w = std::exp((double(candidates[i].first) - best) / table_.temperature);
+  for (const auto& [score, face] : best) {
+    const double w = std::exp((double(score) - top) / table_.temperature);
     total += w;
-    const uint32_t mask = table_.faces[candidates[i].second].mask;
+    const uint32_t mask = table_.faces[face].mask;
     for (int c = 0; c < kStyleClassCount; ++c)
       if (mask & kClassBits[c].bit) support[size_t(c)] += w;
   }
