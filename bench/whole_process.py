@@ -22,14 +22,14 @@ import time
 
 def environments(args):
     envs = {}
-    for spec in args.env or []:
-        name, _, assignments = spec.partition("=")
+    for given in args.env or []:
+        name, _, assignments = given.partition("=")
         env = envs.setdefault(name, dict(os.environ))
         for assignment in filter(None, assignments.split(",")):
             var, _, value = assignment.partition("=")
             env[var] = value
-    for spec in args.unset or []:
-        name, _, names = spec.partition("=")
+    for given in args.unset or []:
+        name, _, names = given.partition("=")
         env = envs.setdefault(name, dict(os.environ))
         for var in filter(None, names.split(",")):
             env.pop(var, None)
