@@ -22,6 +22,7 @@ extern const char* const kHelp =
     "                      fc-list takes it (\"Open Sans\", :weight=bold, \"DejaVu Sans:italic\"),\n"
     "                      or text in the name or family; --class keeps fonts of those classes;\n"
     "                      --all lists every face fontconfig lists, with why one is left out\n"
+    "                      or which service could not use it\n"
     "  classes [CLASS ...] [--not CLASS ...] [--sheet FILE]\n"
     "                      every installed font with its style classes; with classes, the fonts\n"
     "                      that have all of them and none of the --not ones (blackletter,\n"
