@@ -724,9 +724,11 @@ int Serve(Host& host, const ServeOptions& options, const volatile std::sig_atomi
     }
   }
   std::fprintf(stderr, "fontrix: stopping the server\n");
-  acceptor.close(error);
+  // The network threads stop first: the acceptor is theirs while they run, and closing it from
+  // this thread meanwhile would race with their accept handler.
   io.stop();
   for (std::thread& thread : threads) thread.join();
+  acceptor.close(error);
   server.Jobs().Clear();
   return 0;
 }

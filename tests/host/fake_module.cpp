@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ struct State {
   const QVFeatureManagerSuite* features = nullptr;
   const QVFoldersSuite* folders = nullptr;
   QVTimerHandle work = nullptr;
+  // The progress suite may be asked from a watching thread while the host's thread works.
+  std::mutex mutex;
   std::vector<QVFontHandle> pending, done;
   uint32_t generation = 0;
   std::vector<std::string> messages;
@@ -52,6 +55,7 @@ QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* progress) {
   if (!state) return kQVNotInitialisedErr;
   if (service < 0 || service >= kFontrixServiceCount || !progress) return kQVBadParameterErr;
   progress->enabled = Enabled(kServiceSwitches[service]);
+  std::lock_guard<std::mutex> lock(state->mutex);
   progress->idle = state->pending.empty() || !progress->enabled;
   progress->fontsDone = uint32_t(state->done.size());
   progress->fontsTotal = uint32_t(state->done.size() + state->pending.size());
@@ -60,6 +64,7 @@ QVErr GetServiceProgress(int32_t service, FontrixServiceProgress* progress) {
 
 QVErr GetFontList(FontrixFontHandleList* out, uint32_t* generation) {
   if (!state) return kQVNotInitialisedErr;
+  std::lock_guard<std::mutex> lock(state->mutex);
   // The qualifying fonts, as the module lists them from the moment it has its font list,
   // whether or not its services are done with them.
   for (const auto* fonts : {&state->done, &state->pending})
@@ -112,6 +117,7 @@ QVErr Startup(QVMessageData* message) {
 
 void FontListChanged() {
   State& s = *state;
+  std::lock_guard<std::mutex> lock(s.mutex);
   s.pending.clear();
   s.done.clear();
   ++s.generation;
@@ -132,6 +138,7 @@ void FontListChanged() {
 void Work() {
   State& s = *state;
   if (std::getenv("FAKE_MODULE_STALL")) return;
+  std::lock_guard<std::mutex> lock(s.mutex);
   for (int n = 0; n < 2 && !s.pending.empty(); ++n) {
     s.done.push_back(s.pending.front());
     s.pending.erase(s.pending.begin());
