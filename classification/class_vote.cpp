@@ -192,11 +192,13 @@ std::vector<uint32_t> ClassVote::Masks(const std::vector<std::string>& names, co
   const size_t faces = table_.faces.size();
   std::vector<uint32_t> masks(names.size());
   std::vector<float> scores;
+  // Row-major: scores (count × faces) = vectors (count × dim) · votersᵀ, voters holding a row per
+  // face, packed once for every block of fonts.
+  const deepnet::packed_rhs packed(dim, faces, voters, dim, true);
   for (size_t first = 0; first < names.size(); first += kBlock) {
     const size_t count = std::min(kBlock, names.size() - first);
     scores.assign(count * faces, 0.0f);
-    // Row-major: scores (count × faces) = vectors (count × dim) · votersᵀ, voters holding a row per face.
-    deepnet::gemm(count, faces, dim, vectors + first * dim, dim, voters, dim, true, scores.data(), faces, false);
+    deepnet::gemm(count, vectors + first * dim, dim, packed, scores.data(), faces, false);
     for (size_t i = 0; i < count; ++i)
       masks[first + i] = Combine(linear[first + i], Support(scores.data() + i * faces, voting, names[first + i]));
   }
