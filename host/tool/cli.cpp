@@ -70,11 +70,8 @@ int RunCommand(const Options& options) {
   // and the web server run them all).
   if (options.command != "index" && options.command != "serve") {
     const uint32_t needed = ServicesNeeded(options);
-    const std::pair<int32_t, const char*> services[] = {{kFontrixServiceClassification, kSwitchClassification},
-                                                        {kFontrixServiceSimilarity, kSwitchSimilarity},
-                                                        {kFontrixServiceRecognition, kSwitchRecognition}};
-    for (const auto& [service, key] : services)
-      if (!(needed & (1u << service))) host_options.switches[key] = false;
+    for (int32_t service = 0; service < kFontrixServiceCount; ++service)
+      if (!(needed & (1u << service))) host_options.switches[ServiceSwitch(service)] = false;
   }
   if (options.debug_log) host_options.switches[kSwitchDumpDebugInfo] = true;
   if (options.largest_line) host_options.switches[kSwitchRecognitionLargestLine] = true;

@@ -12,7 +12,6 @@ namespace fontrix::host {
 // What the module's background work did, per service, as its progress suite tells it; the
 // seconds taken go to standard error in text mode, so the columns stay columns.
 void Index(const FontrixProgressSuite& progress, const Options& options, double seconds) {
-  static const char* const kNames[] = {"classification", "similarity", "recognition"};
   std::string out = options.json                 ? "{\"services\": ["
                     : isatty(STDOUT_FILENO) == 1 ? "SERVICE\tFONTS\tCACHED\tCOMPUTED\tUNUSABLE\tNOTE\n"
                                                  : "";
@@ -30,10 +29,10 @@ void Index(const FontrixProgressSuite& progress, const Options& options, double 
       std::snprintf(line, sizeof line,
                     "%s{\"service\": \"%s\", \"enabled\": %s, \"fonts\": %u, \"matched\": %u, "
                     "\"computed\": %u, \"unusable\": %u, \"note\": %s}",
-                    service ? ", " : "", kNames[service], p.enabled ? "true" : "false", p.fontsTotal, p.fontsMatched,
-                    p.fontsComputed, p.fontsUnusable, JsonString(note).c_str());
+                    service ? ", " : "", ServiceName(service), p.enabled ? "true" : "false", p.fontsTotal,
+                    p.fontsMatched, p.fontsComputed, p.fontsUnusable, JsonString(note).c_str());
     } else {
-      std::snprintf(line, sizeof line, "%s\t%u\t%u\t%u\t%u\t%s\n", kNames[service], p.fontsTotal, p.fontsMatched,
+      std::snprintf(line, sizeof line, "%s\t%u\t%u\t%u\t%u\t%s\n", ServiceName(service), p.fontsTotal, p.fontsMatched,
                     p.fontsComputed, p.fontsUnusable, note);
     }
     out += line;

@@ -83,6 +83,15 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
 
 // The bit of a class given as its label string or short form ("-" and "_" alike); throws a
 // UsageError listing the classes.
+namespace {
+// In kFontrixService order.
+constexpr std::pair<const char*, const char*> kServices[kFontrixServiceCount] = {
+    {"classification", kSwitchClassification}, {"similarity", kSwitchSimilarity}, {"recognition", kSwitchRecognition}};
+}  // namespace
+
+const char* ServiceName(int32_t service) { return kServices[service].first; }
+const char* ServiceSwitch(int32_t service) { return kServices[service].second; }
+
 int32_t ClassIndex(const std::string& text) {
   std::string wanted = text.rfind("fs_", 0) == 0 ? text.substr(3) : text;
   std::replace(wanted.begin(), wanted.end(), '_', '-');

@@ -55,6 +55,11 @@ class HeldSuite {
   const Suite* suite_;
 };
 
+/// A service (a kFontrixService value) as the tool names it, as --disable takes it.
+const char* ServiceName(int32_t service);
+/// The feature switch that turns a service (a kFontrixService value) on or off.
+const char* ServiceSwitch(int32_t service);
+
 /// The bit of a class given as its label string or short form ("-" and "_" alike); throws a
 /// UsageError listing the classes.
 int32_t ClassIndex(const std::string& text);

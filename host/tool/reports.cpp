@@ -68,7 +68,7 @@ class ProgressBar {
 
 }  // namespace
 
-uint32_t ServiceReports::Say(bool waits_only) {
+uint32_t ServiceReports::Say(bool waits_only, bool* waiting) {
   std::lock_guard<std::mutex> lock(mutex_);
   uint32_t failed = 0;
   for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
@@ -79,6 +79,7 @@ uint32_t ServiceReports::Say(bool waits_only) {
         progress_.GetServiceReport(service, &severity, text, sizeof text) || severity == kFontrixReportNothing)
       continue;
     if (severity == kFontrixReportFailure) failed |= 1u << service;
+    if (severity == kFontrixReportWaiting && waiting) *waiting = true;
     if (severity == kFontrixReportNotSaved) not_saved_ = true;
     if ((severity == kFontrixReportWaiting) != waits_only || !said_.insert(text).second) continue;
     // A line of its own, over the progress bar if one is drawn.
@@ -90,15 +91,14 @@ uint32_t ServiceReports::Say(bool waits_only) {
 
 // The bar counts fonts: a font is done when every service waited for is done with it.
 bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services) {
-  static const char* const kNames[] = {"classification", "similarity", "recognition"};
   ProgressBar bar;
   const double start = Seconds();
   bool idle = false, said = false;
   auto check = [&] {
-    reports.SayWaits();
+    // A service waiting for another process's hold on the cache folder says so itself.
+    const bool held = reports.SayWaits();
     uint64_t done = std::numeric_limits<uint64_t>::max(), total = 0;
     std::string waiting;
-    bool held = false;
     idle = true;
     for (int32_t service = 0; service < kFontrixServiceCount; ++service) {
       FontrixServiceProgress p{};
@@ -107,12 +107,7 @@ bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceRe
       idle = idle && p.idle;
       total = std::max<uint64_t>(total, p.fontsTotal);
       done = std::min<uint64_t>(done, p.idle ? p.fontsTotal : p.fontsDone);
-      if (!p.idle) waiting += std::string(waiting.empty() ? "" : " and ") + kNames[service];
-      // A service waiting for another process's hold on the cache folder says so itself.
-      int32_t severity = kFontrixReportNothing;
-      char text[8];
-      if (!progress.GetServiceReport(service, &severity, text, sizeof text) && severity == kFontrixReportWaiting)
-        held = true;
+      if (!p.idle) waiting += std::string(waiting.empty() ? "" : " and ") + ServiceName(service);
     }
     // A wait that lasts is a first run (or many new fonts): said once, so nobody takes it for a
     // hang, also where no bar is drawn.

@@ -27,11 +27,16 @@ class ServiceReports {
  public:
   explicit ServiceReports(const FontrixProgressSuite& progress) : progress_(progress) {}
 
-  /// Says a wait going on now that was not said yet.
-  void SayWaits() { Say(true); }
+  /// Says a wait going on now that was not said yet; returns whether a service is waiting for
+  /// another process now.
+  bool SayWaits() {
+    bool waiting = false;
+    Say(true, &waiting);
+    return waiting;
+  }
   /// Says every report not said yet; returns the services that cannot answer, bit per
   /// kFontrixService value.
-  uint32_t SayNew() { return Say(false); }
+  uint32_t SayNew() { return Say(false, nullptr); }
   /// Whether a service said that what it computed was not kept.
   bool NotSaved() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -39,7 +44,7 @@ class ServiceReports {
   }
 
  private:
-  uint32_t Say(bool waits_only);
+  uint32_t Say(bool waits_only, bool* waiting);
 
   const FontrixProgressSuite& progress_;
   mutable std::mutex mutex_;

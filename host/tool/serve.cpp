@@ -251,7 +251,6 @@ class SpecimenCache {
 class ProgressView {
  public:
   void Update(const FontrixProgressSuite& progress) {
-    static const char* const kNames[] = {"classification", "similarity", "recognition"};
     uint64_t done = std::numeric_limits<uint64_t>::max(), total = 0;
     bool idle = true;
     std::string services, messages;
@@ -261,7 +260,7 @@ class ProgressView {
       char line[256];
       std::snprintf(line, sizeof line,
                     "%s{\"service\": \"%s\", \"enabled\": %s, \"fonts\": %u, \"done\": %u, \"idle\": %s}",
-                    services.empty() ? "" : ", ", kNames[service], p.enabled ? "true" : "false", p.fontsTotal,
+                    services.empty() ? "" : ", ", ServiceName(service), p.enabled ? "true" : "false", p.fontsTotal,
                     p.idle ? p.fontsTotal : p.fontsDone, p.idle ? "true" : "false");
       services += line;
       if (!p.enabled) continue;
