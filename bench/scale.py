@@ -20,9 +20,9 @@ import shutil
 import statistics
 import subprocess
 import sys
-import time
 
 from fontrix_training.corpus import fetch
+from whole_process import timed  # bench/ is this script's own folder
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SAMPLE = os.path.join(REPO, "data", "samples", "line-liberation-serif-bold.png")
@@ -74,8 +74,10 @@ def fetch_until(root, faces, jobs):
     return [f for f in folders if os.path.isdir(f)]
 
 
-def system_faces():
-    out = subprocess.run(["fc-list", "--format", "%{file}\n"], capture_output=True, text=True, check=True).stdout
+def listed_faces(env=None):
+    """How many faces fontconfig lists (with the environment's configuration)."""
+    out = subprocess.run(["fc-list", "--format", "%{file}\n"], env=env, capture_output=True, text=True,
+                         check=True).stdout
     return len(out.split())
 
 
@@ -100,24 +102,12 @@ def prepare_size(root, size, folders, own):
     return conf, count
 
 
-def timed(argv, env):
-    """Wall seconds and peak resident MB of one whole process."""
-    start = time.monotonic()
-    process = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-    _, status, usage = os.wait4(process.pid, 0)
-    wall = time.monotonic() - start
-    err = process.stderr.read().decode("utf-8", "replace")
-    process.stderr.close()
-    return wall, usage.ru_maxrss / 1024.0, os.waitstatus_to_exitcode(status), err
-
-
 def measure(fontrix, conf, cache, runs):
     env = dict(os.environ, FONTCONFIG_FILE=conf)
     subprocess.run(["fc-list"], env=env, stdout=subprocess.DEVNULL, check=True)  # fontconfig's own cache
     shutil.rmtree(cache, ignore_errors=True)
     base = [fontrix, "--cache-dir", cache]
-    listed = len(subprocess.run(["fc-list", "--format", "%{file}\n"], env=env, capture_output=True, text=True,
-                                check=True).stdout.split())
+    listed = listed_faces(env)
     wall, peak, status, err = timed(base + ["index"], env)
     if status != 0:
         sys.exit("scale: index failed (%d): %s" % (status, err[-500:]))
@@ -143,7 +133,7 @@ def main():
     parser.add_argument("--fontrix", default=os.path.join(REPO, "build", "bin", "fontrix"))
     args = parser.parse_args()
     sizes = [int(s) for s in args.sizes.split(",")]
-    own = system_faces()
+    own = listed_faces()
     os.makedirs(args.dir, exist_ok=True)
     folders = fetch_until(args.dir, max(sizes) - own, args.jobs)
     print("scale: this machine lists %d faces; %d packages fetched" % (own, len(folders)), flush=True)

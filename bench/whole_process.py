@@ -36,18 +36,28 @@ def environments(args):
     return envs or {"as is": dict(os.environ)}
 
 
+def timed(argv, env):
+    """Wall seconds, peak resident MB, exit status and standard error of one whole process.
+    Standard error goes through a file, so a process that says a lot never blocks on a pipe."""
+    with tempfile.TemporaryFile() as err:
+        start = time.monotonic()
+        process = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=err)
+        _, status, usage = os.wait4(process.pid, 0)
+        wall = time.monotonic() - start
+        err.seek(0)
+        said = err.read().decode("utf-8", "replace")
+    return wall, usage.ru_maxrss / 1024.0, os.waitstatus_to_exitcode(status), said
+
+
 def run_once(command, env, fresh_cache):
     folder = tempfile.mkdtemp(prefix="fontrix-bench-") if fresh_cache else None
     argv = [command[0]] + (["--cache-dir", folder] if folder else []) + command[1:]
-    start = time.monotonic()
-    process = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    _, status, usage = os.wait4(process.pid, 0)
-    wall = time.monotonic() - start
+    wall, peak, status, _ = timed(argv, env)
     if folder:
         shutil.rmtree(folder, ignore_errors=True)
-    if os.waitstatus_to_exitcode(status) != 0:
-        sys.exit("%s failed (exit %d)" % (" ".join(argv), os.waitstatus_to_exitcode(status)))
-    return wall, usage.ru_maxrss / 1024.0
+    if status != 0:
+        sys.exit("%s failed (exit %d)" % (" ".join(argv), status))
+    return wall, peak
 
 
 def main():
