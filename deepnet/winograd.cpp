@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "deepnet/layer_test.h"
+
 namespace deepnet {
 
 namespace {
@@ -119,9 +121,11 @@ void winograd_conv::prepare(const winograd_shape& shape, std::shared_ptr<const w
 void winograd_conv::reserve(winograd_scratch& s, uint64_t max_samples) const {
   const uint64_t xis = n_ * n_;
   const uint64_t block = std::min(kTileBlock, round_up(max_samples * tiles_x_ * tiles_y_, 12));
-  s.input.resize_uninitialized(max_samples * padded_w_ * padded_h_ * weights_->in_channels);
-  s.transformed.resize_uninitialized(xis * block * weights_->in_channels);
-  s.products.resize_uninitialized(xis * block * weights_->out_channels);
+  // Shapes a model asks for are bounded as every layer's buffers are.
+  const char* who = "winograd_conv::reserve()";
+  s.input.resize_uninitialized(deepnet_checked_size({max_samples, padded_w_, padded_h_, weights_->in_channels}, who));
+  s.transformed.resize_uninitialized(deepnet_checked_size({xis, block, weights_->in_channels}, who));
+  s.products.resize_uninitialized(deepnet_checked_size({xis, block, weights_->out_channels}, who));
 }
 
 void winograd_conv::run(const float* input, uint64_t samples, float* output, winograd_scratch& s) const {

@@ -109,7 +109,6 @@ void layer_test_conv3d::allocate(const layer_model_base& model) {
     const winograd_shape shape{m.kernel_w, in_w_,        in_h_,         in_c_,        out_w_,
                                out_h_,     m.num_output, m.pad_w_begin, m.pad_h_begin};
     if (const auto kind = choose_winograd(shape)) {
-      deepnet_checked_size({per_chunk, in_w_ + 8, in_h_ + 8, in_c_ + 16}, who);
       winograd_.emplace();
       const isa_kernels& kernels = active_kernels();
       winograd_->prepare(shape, m.winograd_cache.get(

@@ -100,6 +100,27 @@ TEST(Winograd, TileSizeFollowsTheShape) {
   EXPECT_EQ(choose(7, 27, 64, 64), std::nullopt);
 }
 
+// The tile buffers are bounded like every layer's: a shape whose channel-last copy would pass
+// the engine's limit is refused when the network is built, not allocated.
+TEST(Winograd, TileBuffersPastTheLimitAreRefused) {
+  layer_model_conv3d m;
+  m.num_input = 17;  // padded to 32 channels in the tiles' copy
+  m.num_output = 16;
+  m.kernel_w = m.kernel_h = 3;
+  m.pad_w_begin = m.pad_w_end = m.pad_h_begin = m.pad_h_end = 1;
+  m.weights = random_values(m.weight_count(), 1);
+  m.biases = random_values(16, 2);
+  ASSERT_TRUE(choose_winograd({3, 64, 64, 17, 64, 64, 16, 1, 1}));
+  const uint64_t batch = 20;  // the copy: 20 × 66 × 66 × 32 floats; outputs 20 × 16 × 64 × 64
+  const auto x = random_values(batch * 17 * 64 * 64, 3);
+  const uint64_t limit = deepnet_max_buffer_floats();
+  deepnet_set_max_buffer_floats(2000000);
+  testing::fixed_input in(batch, {64, 64, 17}, x);
+  layer_test_conv3d conv;
+  EXPECT_EQ(testing::error_text([&] { testing::run_layer(conv, m, {&in}, batch); }).rfind("winograd_conv", 0), 0u);
+  deepnet_set_max_buffer_floats(limit);
+}
+
 // Through the convolution layer: the Winograd and unfolded paths give the same outputs for the
 // shapes of the shipped networks, in one chunk and two.
 TEST(Winograd, LayerPathsAgree) {
