@@ -126,7 +126,7 @@ void run(uint64_t m, uint64_t n, uint64_t k, const float* a, uint64_t lda, const
   const uint64_t mr = kernels.mr, nr = kernels.nr;
   const uint64_t mc_max = std::max(mr, kMc / mr * mr);
   packing_space& space = thread_packing_space();
-  if (space.lhs.size() < mc_max * kKc) space.lhs.resize_uninitialized(mc_max * kKc);
+  if (!packed_a && space.lhs.size() < mc_max * kKc) space.lhs.resize_uninitialized(mc_max * kKc);
   if (!packed && space.rhs.size() < kNc * kKc) space.rhs.resize_uninitialized(kNc * kKc);
   for (uint64_t jc = 0; jc < n; jc += kNc) {
     const uint64_t nc = std::min(kNc, n - jc);

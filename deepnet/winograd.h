@@ -52,7 +52,6 @@ class winograd_conv {
   void reserve(winograd_scratch& scratch, uint64_t max_samples) const;
   /// Convolves `samples` planar inputs (in_c planes each) into planar outputs (out_c planes each).
   void run(const float* input, uint64_t samples, float* output, winograd_scratch& scratch) const;
-  winograd_kind kind() const { return weights_->kind; }
 
  private:
   winograd_shape shape_;

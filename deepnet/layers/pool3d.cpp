@@ -102,9 +102,8 @@ void layer_test_pool_3d_base<T, pool_type>::fprop_test(uint64_t batch_count, con
         };
         for (int64_t ox = 0; ox < ox_lo; ++ox) dst[ox] = edge(ox);
         const T* __restrict base = row + ox_lo * sw - pw;
-        if constexpr (is_max) {
-          if (ox_hi > ox_lo)
-            kernels.max_pool_row(base, uint64_t(ox_hi - ox_lo), uint64_t(sw), uint64_t(kw), dst + ox_lo);
+        if (is_max && ox_hi - ox_lo >= kWideRow) {
+          kernels.max_pool_row(base, uint64_t(ox_hi - ox_lo), uint64_t(sw), uint64_t(kw), dst + ox_lo);
         } else {
           for (int64_t ox = ox_lo; ox < ox_hi; ++ox) dst[ox] = base[(ox - ox_lo) * sw];
           for (int64_t kx = 1; kx < kw; ++kx)

@@ -4,6 +4,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <tuple>
 
 #include "deepnet/parallel.h"
 #include "tests/deepnet/net_builder.h"
@@ -88,6 +89,22 @@ TEST(Pool3d, MatchesDirectPoolingOverManyShapes) {
     }
   }
   deepnet_set_num_threads(1);
+}
+
+// Rows wide enough for the vectorised passes, with the shipped networks' 3-wide, stride-2 window
+// (a pass of its own) and others, odd and even widths.
+TEST(Pool3d, WideRowsMatchDirectPooling) {
+  for (const auto& [k, s, side] :
+       {std::tuple<uint32_t, uint32_t, int64_t>{3, 2, 55}, {3, 2, 28}, {2, 2, 40}, {3, 1, 30}, {5, 3, 47}}) {
+    layer_model_poolmax3d m = max_pool(k, s);
+    const uint64_t B = 2, C = 3;
+    const auto x = random_values(B * C * side * side, unsigned(side));
+    int64_t oW, oH;
+    const auto want = naive_pool(m, true, B, side, side, C, x, oW, oH);
+    fixed_input in(B, {uint64_t(side), uint64_t(side), C}, x);
+    layer_test_poolmax3d pool;
+    EXPECT_EQ(run_layer(pool, m, {&in}, B), want) << k << "/" << s << " over " << side;
+  }
 }
 
 // A window over each whole plane (the last pooling of the shipped networks) takes its own path,
