@@ -17,7 +17,8 @@ struct isa_kernels {
   uint32_t nr;  ///< columns of a product's micro-tile (columns of B)
 
   /// c[i·ldc + j] = (accumulate ? c[i·ldc + j] : 0) + Σ_p a[p·mr + i] · b[p·nr + j] for the whole
-  /// mr × nr tile: `a` and `b` are packed panels, b aligned to 64 bytes.
+  /// mr × nr tile: `a` and `b` are packed panels (read with unaligned loads: a panel starts kc
+  /// rows into its block).
   void (*micro_kernel)(uint64_t kc, const float* a, const float* b, float* c, uint64_t ldc, bool accumulate);
   /// The same with A unpacked: value (i, p) at a[i·lda + p].
   void (*micro_kernel_rows)(uint64_t kc, const float* a, uint64_t lda, const float* b, float* c, uint64_t ldc,
