@@ -405,8 +405,13 @@ class FontconfigSource : public FontSource {
     if (!initialised_) {
       if (!FcInit()) throw std::runtime_error("fontconfig could not load its configuration");
       initialised_ = true;
-    } else {
-      FcInitBringUptoDate();
+    } else if (FcConfigUptoDate(nullptr) && last_) {
+      // fontconfig's own stamps (its configuration files and font folders) say nothing was
+      // added, removed or renamed since the last list: the host's first notification after
+      // start-up lists nothing twice.
+      return *last_;
+    } else if (!FcInitReinitialize()) {
+      throw std::runtime_error("fontconfig could not load its configuration again");
     }
     const std::vector<ListedFace> faces = ListFaces();
 
@@ -442,6 +447,7 @@ class FontconfigSource : public FontSource {
     const bool changed = !todo.empty() || remembered.size() != remembered_.size();
     remembered_ = std::move(remembered);
     if (changed) WriteListing();
+    last_ = fonts;
     return fonts;
   }
 
@@ -474,6 +480,7 @@ class FontconfigSource : public FontSource {
   std::string listing_;
   bool initialised_ = false;
   FontListing remembered_;  // by file and face index
+  std::optional<std::vector<HostFont>> last_;
 };
 
 }  // namespace

@@ -6,11 +6,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -136,19 +138,30 @@ int RunCommand(const Options& options) {
 
   // The module saves its caches while it shuts down: a wait for another process's hold on the
   // folder is said as it happens, and a save that failed after it.
-  std::atomic<bool> shutting{true};
+  // The watcher is woken to stop rather than left to finish a sleep: a quick shut-down would
+  // otherwise wait for its tick.
+  std::mutex watch_mu;
+  std::condition_variable watch_stop;
+  bool shutting = true;
   std::thread watcher;
   if (reports)
     watcher = std::thread([&] {
-      while (shutting.load()) {
+      std::unique_lock lock(watch_mu);
+      while (shutting) {
+        lock.unlock();
         reports->SayWaits();
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        lock.lock();
+        watch_stop.wait_for(lock, std::chrono::milliseconds(100), [&] { return !shutting; });
       }
     });
   // The module finishes what the shutdown notification starts during a few more ticks.
   const QVErr notified = host.ApplicationShutdown();
   for (int tick = 0; tick < 3; ++tick) host.Idle();
-  shutting.store(false);
+  {
+    std::lock_guard lock(watch_mu);
+    shutting = false;
+  }
+  watch_stop.notify_all();
   if (watcher.joinable()) watcher.join();
   if (reports) {
     reports->SayNew();
