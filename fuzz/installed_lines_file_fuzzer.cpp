@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size >= 16) std::memcpy(&fingerprint, data + 8, sizeof fingerprint);
   std::vector<fontrix::InstalledLine> lines;
   try {
-    lines = fontrix::ParseInstalledLines(bytes, fingerprint);
+    // The same number names the network in either version, so seeds of both are read through.
+    lines = fontrix::ParseInstalledLines(bytes, {fingerprint, [fingerprint] { return fingerprint; }});
   } catch (const fontrix::InstalledLinesFileError&) {
     return 0;
   }

@@ -112,27 +112,63 @@ def cache_group(name, family=b"userFamily", style=b"userSubFamily", end=b"\n"):
     return end.join([b"0", b"0", b"0", name, family, style]) + end
 
 
-def fnv1a(data):
-    h = 14695981039346656037
-    for c in data:
-        h = ((h ^ c) * 1099511628211) & 0xFFFFFFFFFFFFFFFF
-    return h
+MASK = (1 << 64) - 1
+P1, P2, P3 = 0x9E3779B97F4A7C15, 0xC2B2AE3D27D4EB4F, 0x165667B19E3779F9
+
+
+def check_sum(data, seed=0):
+    """The caches' check sum (shell/check_sum.cpp), written out again."""
+    def rotate(x, r):
+        return ((x << r) | (x >> (64 - r))) & MASK
+
+    def step(lane, word):
+        return (rotate((lane + word * P2) & MASK, 31) * P1) & MASK
+
+    def word(at):
+        return int.from_bytes(data[at:at + 8], "little")
+    lanes = [(seed + P1 + P2) & MASK, (seed + P2) & MASK, seed & MASK, (seed - P1) & MASK]
+    at, n = 0, len(data)
+    while n - at >= 32:
+        lanes = [step(lanes[k], word(at + 8 * k)) for k in range(4)]
+        at += 32
+    h = (rotate(lanes[0], 1) + rotate(lanes[1], 7) + rotate(lanes[2], 12) + rotate(lanes[3], 18)) & MASK
+    for lane in lanes:
+        h = ((h ^ step(0, lane)) * P1 + P3) & MASK
+    h = (h + n) & MASK
+    while n - at >= 8:
+        h = (rotate(h ^ step(0, word(at)), 27) * P1 + P3) & MASK
+        at += 8
+    for byte in data[at:]:
+        h = (rotate(h ^ ((byte * P3) & MASK), 11) * P1) & MASK
+    h ^= h >> 33
+    h = (h * P2) & MASK
+    h ^= h >> 29
+    h = (h * P3) & MASK
+    return h ^ (h >> 32)
+
+
+SUMS_HEADER = b"fontrix similarity sums 2\n"
 
 
 def sum_line(name, record):
-    return b"%016x\n" % fnv1a(name + b"\0" + record)
+    return b"%016x\n" % check_sum(record, check_sum(name + b"\0"))
 
 
 def similarity_pair():
     two = cache_group(b"Mine-Regular") + cache_group(b"Other-Bold")
     records = axis_record(1) + axis_record(2)
-    sums = sum_line(b"Mine-Regular", axis_record(1)) + sum_line(b"Other-Bold", axis_record(2))
+    one_sum = len(SUMS_HEADER) + 17
+    sums = SUMS_HEADER + sum_line(b"Mine-Regular", axis_record(1)) + sum_line(b"Other-Bold", axis_record(2))
     write("similarity_pair", "cache_whole.bin", pair_input(False, two, records))
     write("similarity_pair", "cache_with_sums.bin", pair_input(False, two, records, sums=sums))
     # A save cut short before its sums: the entry without a line stays.
-    write("similarity_pair", "cache_sums_behind.bin", pair_input(False, two, records, sums=sums[:17]))
-    write("similarity_pair", "cache_sums_wrong.bin", pair_input(False, two, records, sums=sums[:17] + sums[:17]))
-    write("similarity_pair", "cache_sums_extra.bin", pair_input(False, two, records, sums=sums + sums[:17]))
+    write("similarity_pair", "cache_sums_behind.bin", pair_input(False, two, records, sums=sums[:one_sum]))
+    write("similarity_pair", "cache_sums_wrong.bin",
+          pair_input(False, two, records, sums=sums[:one_sum] + sums[len(SUMS_HEADER):one_sum]))
+    write("similarity_pair", "cache_sums_extra.bin",
+          pair_input(False, two, records, sums=sums + sums[len(SUMS_HEADER):one_sum]))
+    # Sums of an older module, without the header line: they vouch for nothing.
+    write("similarity_pair", "cache_sums_older.bin", pair_input(False, two, records, sums=sums[len(SUMS_HEADER):]))
     write("similarity_pair", "cache_zero_vector.bin", pair_input(False, two, axis_record(3) + bytes(3072)))
     write("similarity_pair", "cache_crlf.bin",
           pair_input(False, cache_group(b"Crlf-Regular", end=b"\r\n") + cache_group(b"Lf"), records))
@@ -346,17 +382,19 @@ def installed_lines_file():
             h = ((h ^ byte) * 1099511628211) & 0xFFFFFFFFFFFFFFFF
         return h
 
-    def lines_file(records, values=4, fingerprint=0x1234, sums=None):
-        out = b"FXRL" + struct.pack("<IQII", 2, fingerprint, values, len(records))
+    def lines_file(records, values=4, fingerprint=0x1234, sums=None, version=3):
+        out = b"FXRL" + struct.pack("<IQII", version, fingerprint, values, len(records))
+        line_sum = check_sum if version == 3 else fnv
         for i, (name, line) in enumerate(records):
             mark = struct.pack("<B", line is not None)
             floats = struct.pack(f"<{values}f", *line) if line is not None else b""
             out += struct.pack("<I", len(name)) + name + mark + floats
-            out += struct.pack("<Q", sums[i] if sums else fnv(floats, fnv(mark, fnv(name))))
+            out += struct.pack("<Q", sums[i] if sums else line_sum(floats, line_sum(mark, line_sum(name))))
         return out
     records = [(b"Alpha-Regular", (0.5, 0.5, 0.5, 0.5)), (b"Symbols", None), (b"Beta", (0.0, 0.6, 0.8, 0.0))]
     good = lines_file(records)
     write("installed_lines_file", "three.bin", good)
+    write("installed_lines_file", "three_older.bin", lines_file(records, version=2))
     write("installed_lines_file", "cut_short.bin", good[:-5])
     write("installed_lines_file", "no_lines_only.bin", lines_file([(b"Symbols", None)], values=0))
     write("installed_lines_file", "not_unit.bin", lines_file([(b"A", (1.0, 1.0, 0.0, 0.0))]))

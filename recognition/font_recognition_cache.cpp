@@ -120,7 +120,7 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
   if (ok && installedLines_) {
     networkFingerprint_ = NetworkFingerprint(paths.model);
     try {
-      if (!linesPath_.empty()) lines_ = ReadInstalledLines(linesPath_, networkFingerprint_);
+      if (!linesPath_.empty()) lines_ = ReadInstalledLines(linesPath_, networkFingerprint_, &linesOlder_);
     } catch (const std::exception& e) {
       // A damaged file is read again font by font and written over.
       log.Info("Installed lines ", linesPath_, " unusable (", e.what(), "); they are read again");
@@ -225,10 +225,11 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
       drawn.push_back({names[i], std::move(reading.features)});
     }
   }
-  if (drawn.empty()) return false;
   std::vector<InstalledLine> kept;
   {
     std::unique_lock<std::shared_mutex> lock(lock_);
+    if (drawn.empty() && !linesOlder_) return false;
+    linesOlder_ = false;
     lines_.insert(lines_.end(), std::make_move_iterator(drawn.begin()), std::make_move_iterator(drawn.end()));
     MatchLines();
     ++changes_;
@@ -241,7 +242,7 @@ bool FontRecognitionCache::IndexInstalledLines(const std::vector<QVFontHandle>& 
   CacheFolderLock folder(CacheFolderLock::FolderOf(linesPath_), CacheFolderLock::kExclusive, progress_);
   try {
     if (!folder.Held()) throw std::runtime_error(folder.Error());
-    WriteInstalledLines(linesPath_, networkFingerprint_, kept);
+    WriteInstalledLines(linesPath_, networkFingerprint_.sum, kept);
   } catch (const std::exception& e) {
     log.Info("Installed lines not saved: ", e.what());
     progress_.Report(CacheProgress::kNotSaved, std::string("the installed fonts' lines were not saved (") + e.what() +

@@ -127,7 +127,8 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   ConfidenceModel confidence_;
   bool installedLines_ = false;
   std::string linesPath_;
-  uint64_t networkFingerprint_ = 0;
+  NetworkPrint networkFingerprint_;
+  bool linesOlder_ = false;  // read from a file of the older version: written anew at the next update
   std::vector<InstalledLine> lines_;
   size_t linesFromFile_ = 0;  // the first lines_, read from the file
   std::vector<int32_t> lineOfFont_;

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <unordered_set>
 
+#include "shell/check_sum.h"
 #include "shell/file_bytes.h"
 
 namespace fontrix {
@@ -45,18 +46,26 @@ uint64_t Fnv(uint64_t hash, const void* bytes, size_t n) {
 
 }  // namespace
 
-uint64_t NetworkFingerprint(const std::string& path) {
+NetworkPrint NetworkFingerprint(const std::string& path) {
   std::string bytes, why;
-  if (ReadFileBytes(path, bytes, why) != FileState::kRead) return 0;
-  return Fnv(kFnvStart, bytes.data(), bytes.size());
+  if (ReadFileBytes(path, bytes, why) != FileState::kRead) return {};
+  NetworkPrint print;
+  print.sum = CheckSum(bytes.data(), bytes.size());
+  print.fnv = [path] {
+    std::string again, whyNot;
+    return ReadFileBytes(path, again, whyNot) == FileState::kRead ? Fnv(kFnvStart, again.data(), again.size()) : 0;
+  };
+  return print;
 }
 
 namespace {
 
 constexpr char kMagic[4] = {'F', 'X', 'R', 'L'};
 // Version 2 closes each line with the check sum of its name, mark and values, so that a name
-// kept with another font's values is found.
-constexpr uint32_t kVersion = 2;
+// kept with another font's values is found; version 3 takes that sum, and the network's, from
+// shell/check_sum.h instead of FNV-1a, which was most of the time a search spent reading them.
+constexpr uint32_t kVersion = 3;
+constexpr uint32_t kOlderVersion = 2;
 constexpr uint32_t kLongestName = 1024;
 constexpr uint32_t kMostValues = 1 << 16;
 
@@ -81,26 +90,37 @@ class Reader {
   size_t at_ = 0;
 };
 
-uint64_t LineSum(const InstalledLine& line) {
+uint64_t LineSum(const InstalledLine& line, uint32_t version = kVersion) {
   const uint8_t drawn = !line.features.empty();
-  uint64_t hash = Fnv(kFnvStart, line.name.data(), line.name.size());
-  hash = Fnv(hash, &drawn, 1);
-  return Fnv(hash, line.features.data(), line.features.size() * sizeof(float));
+  const size_t valueBytes = line.features.size() * sizeof(float);
+  if (version == kOlderVersion) {
+    uint64_t hash = Fnv(kFnvStart, line.name.data(), line.name.size());
+    hash = Fnv(hash, &drawn, 1);
+    return Fnv(hash, line.features.data(), valueBytes);
+  }
+  return CheckSum(line.features.data(), valueBytes, CheckSum(&drawn, 1, CheckSum(line.name.data(), line.name.size())));
 }
 
 }  // namespace
 
-std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_t fingerprint) {
+std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, const NetworkPrint& network, bool* older) {
+  if (older) *older = false;
   Reader in(bytes);
   char magic[4];
   in.Take(magic, sizeof magic, "the header");
   if (std::memcmp(magic, kMagic, sizeof magic) != 0) throw InstalledLinesFileError("not a file of kept lines");
   const uint32_t version = in.Get<uint32_t>("the header");
-  const uint64_t network = in.Get<uint64_t>("the header");
+  const uint64_t print = in.Get<uint64_t>("the header");
   const uint32_t values = in.Get<uint32_t>("the header");
   const uint32_t count = in.Get<uint32_t>("the header");
   // Lines another network read, or another version wrote, are no damage: they are read again.
-  if (version != kVersion || network != fingerprint) return {};
+  // An older version's lines of the same network are kept, and written anew at the next save.
+  if (version == kOlderVersion) {
+    if (!network.fnv || print != network.fnv()) return {};
+    if (older) *older = true;
+  } else if (version != kVersion || print != network.sum) {
+    return {};
+  }
   if (values > kMostValues) throw InstalledLinesFileError("lines of " + std::to_string(values) + " values");
   const size_t size = values;
   std::vector<InstalledLine> lines;
@@ -127,7 +147,7 @@ std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_
       }
       if (std::fabs(norm - 1.0) > 1e-3) throw InstalledLinesFileError(line.name + ": not a unit vector");
     }
-    if (in.Get<uint64_t>("a check sum") != LineSum(line))
+    if (in.Get<uint64_t>("a check sum") != LineSum(line, version))
       throw InstalledLinesFileError(line.name + ": the line does not match its check sum");
     lines.push_back(std::move(line));
   }
@@ -135,7 +155,8 @@ std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_
   return lines;
 }
 
-std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t fingerprint) {
+std::vector<InstalledLine> ReadInstalledLines(const std::string& path, const NetworkPrint& network, bool* older) {
+  if (older) *older = false;
   std::string bytes, why;
   switch (ReadFileBytes(path, bytes, why)) {
     case FileState::kMissing:
@@ -145,7 +166,7 @@ std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t 
     case FileState::kRead:
       break;
   }
-  return ParseInstalledLines(bytes, fingerprint);
+  return ParseInstalledLines(bytes, network, older);
 }
 
 void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const std::vector<InstalledLine>& lines) {

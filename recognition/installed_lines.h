@@ -8,6 +8,7 @@
 // among the network's answer before the first answer whose line the picture matches less well.
 // The network's answer itself is unchanged: its order among the fonts it names stays.
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -39,17 +40,26 @@ struct InstalledLinesFileError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A number that changes when the network file changes: lines read by another network are
-/// read again. 0 when the file cannot be read.
-uint64_t NetworkFingerprint(const std::string& path);
+/// What names the network the lines were read with, so that lines another network read are read
+/// again: the check sum of its file (shell/check_sum.h), and for files of the older version 2 the
+/// FNV-1a hash of its bytes, worked out only when such a file is read. 0 (and no hash) when the
+/// file cannot be read.
+struct NetworkPrint {
+  uint64_t sum = 0;
+  std::function<uint64_t()> fnv;
+};
+NetworkPrint NetworkFingerprint(const std::string& path);
 
-/// The lines kept in `path` for network `fingerprint` (all of one size: the network's). A missing
-/// file, or one written for another network, holds none; a damaged one (not ours, cut short, a
-/// name twice, values that are not a unit vector, a line that does not match its check sum) or
-/// one that cannot be read (a folder in its place) throws InstalledLinesFileError.
-std::vector<InstalledLine> ReadInstalledLines(const std::string& path, uint64_t fingerprint);
+/// The lines kept in `path` for `network` (all of one size: the network's). A missing file, or
+/// one written for another network, holds none; a damaged one (not ours, cut short, a name twice,
+/// values that are not a unit vector, a line that does not match its check sum) or one that cannot
+/// be read (a folder in its place) throws InstalledLinesFileError. `older`, when given, says the
+/// lines came from a file of the older version, to be written anew.
+std::vector<InstalledLine> ReadInstalledLines(const std::string& path, const NetworkPrint& network,
+                                              bool* older = nullptr);
 /// Same, from bytes (the fuzzer).
-std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, uint64_t fingerprint);
+std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, const NetworkPrint& network,
+                                               bool* older = nullptr);
 /// Writes the lines through a temporary file renamed over `path`; throws std::runtime_error.
 void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const std::vector<InstalledLine>& lines);
 

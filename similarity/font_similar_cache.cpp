@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <unordered_map>
 
 #include "shell/cache_folder_lock.h"
@@ -185,10 +186,13 @@ bool FontSimilarCache::Update(const std::vector<QVFontHandle>& fonts, uint32_t c
     // Installed fonts carry the identifier "0", which is never looked up: they match by name,
     // the first equal entry.
     const auto& entryNames = table_.columns[kFieldName];
+    std::unordered_map<std::string_view, size_t> firstEntry;
+    firstEntry.reserve(entryNames.size());
+    for (size_t e = 0; e < entryNames.size(); ++e) firstEntry.emplace(entryNames[e], e);
     for (size_t i = 0; i < usable.size(); ++i) {
-      const auto hit = std::find(entryNames.begin(), entryNames.end(), names[i]);
-      if (hit != entryNames.end()) {
-        const size_t e = size_t(hit - entryNames.begin());
+      const auto hit = firstEntry.find(names[i]);
+      if (hit != firstEntry.end()) {
+        const size_t e = hit->second;
         entryToFont_[e] = int32_t(i);
         fontToEntry_[i] = int32_t(e);
       } else {

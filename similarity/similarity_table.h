@@ -112,6 +112,7 @@ struct SimilarityTable {
 /// The status a shipped entry gets from its identifier.
 uint32_t ShippedStatus(const std::string& identifier);
 bool IsAllZero(const std::vector<float>& feature);
+bool IsAllZero(const float* values, size_t count);
 
 /// After a crash in the middle of a save: cuts the cache pair back to the last entry whole in
 /// both files (whole meta groups, whole feature records, the same count). Returns what it cut,
@@ -127,12 +128,15 @@ void RemoveStaleSumsFile(const std::string& metaPath);
 /// the next load and save start afresh; returns the sentence to log.
 std::string MoveCachePairAside(const std::string& metaPath, const std::string& featurePath);
 
-/// The check sums of a cache pair: "NQ_sim_sums_sys.cch" beside its meta file, one line per
-/// entry, the 16 hex digits of the FNV-1a hash of the entry's name, a zero byte and its record.
+/// The check sums of a cache pair: "NQ_sim_sums_sys.cch" beside its meta file, the header line
+/// kCacheSumsHeader, then one line per entry, the 16 hex digits of the check sum
+/// (shell/check_sum.h) of the entry's name, a zero byte and its record. A file without the header
+/// (an older module's) holds no sums.
 /// Every save rewrites it whole, before it appends the entries; a load checks every entry
 /// against its line, so an entry edited, removed or moved between saves is found, and an entry
 /// without a line is not trusted.
 std::string CacheSumsPath(const std::string& metaPath);
+constexpr const char* kCacheSumsHeader = "fontrix similarity sums 2";
 uint64_t EntrySum(const std::string& name, const float* record);
 std::string SumText(uint64_t sum);  ///< 16 lower-case hex digits
 

@@ -36,7 +36,8 @@ def read_cache(folder):
         data = f.read()
     assert len(lines) % 6 == 0 and len(data) == RECORD * (len(lines) // 6), (len(lines), len(data))
     with open(os.path.join(folder, "NQ_sim_sums_sys.cch")) as f:
-        assert len(f.read().splitlines()) == len(lines) // 6
+        sums = f.read().splitlines()
+    assert sums[0] == "fontrix similarity sums 2" and len(sums) - 1 == len(lines) // 6
     return lines[3::6], data
 
 

@@ -57,6 +57,11 @@ std::vector<float> Unit(size_t size, float seed) {
   return v;
 }
 
+// The network named by check sum `sum` and, for files of the older version, by hash `fnv`.
+NetworkPrint Print(uint64_t sum, uint64_t fnv = 0) {
+  return {sum, [fnv] { return fnv; }};
+}
+
 std::string Bytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -67,17 +72,17 @@ TEST(InstalledLinesFile, KeepsLinesAndFontsWithoutOneForTheNetworkThatReadThem) 
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
   const std::string path = (dir / kInstalledLinesFileName).string();
-  EXPECT_TRUE(ReadInstalledLines(path, 7).empty());  // no file yet
+  EXPECT_TRUE(ReadInstalledLines(path, Print(7)).empty());  // no file yet
   const std::vector<InstalledLine> lines = {{"Alpha-Regular", Unit(768, 1)}, {"Symbols", {}}, {"Beta", Unit(768, 2)}};
   WriteInstalledLines(path, 7, lines);
-  const auto read = ReadInstalledLines(path, 7);
+  const auto read = ReadInstalledLines(path, Print(7));
   ASSERT_EQ(read.size(), 3u);
   EXPECT_EQ(read[0].features, lines[0].features);
   EXPECT_TRUE(read[1].features.empty());
   EXPECT_EQ(read[2].name, "Beta");
-  EXPECT_TRUE(ReadInstalledLines(path, 8).empty());  // another network read them: read again
-  WriteInstalledLines(path, 7, {lines[1]});          // fonts without lines only
-  EXPECT_EQ(ReadInstalledLines(path, 7).size(), 1u);
+  EXPECT_TRUE(ReadInstalledLines(path, Print(8)).empty());  // another network read them: read again
+  WriteInstalledLines(path, 7, {lines[1]});                 // fonts without lines only
+  EXPECT_EQ(ReadInstalledLines(path, Print(7)).size(), 1u);
   WriteInstalledLines(path, 7, lines);
   EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
   // A file that cannot be written says so and leaves the old one.
@@ -87,27 +92,71 @@ TEST(InstalledLinesFile, KeepsLinesAndFontsWithoutOneForTheNetworkThatReadThem) 
   // no network gives, bytes after the end, another file.
   const std::string good = Bytes(path);
   for (size_t cut = 0; cut < good.size(); cut += 97)
-    EXPECT_THROW(ParseInstalledLines(good.substr(0, cut), 7), InstalledLinesFileError) << cut;
-  EXPECT_THROW(ParseInstalledLines(good + "x", 7), InstalledLinesFileError);
-  EXPECT_THROW(ParseInstalledLines("PNG\x89" + good.substr(4), 7), InstalledLinesFileError);
+    EXPECT_THROW(ParseInstalledLines(good.substr(0, cut), Print(7)), InstalledLinesFileError) << cut;
+  EXPECT_THROW(ParseInstalledLines(good + "x", Print(7)), InstalledLinesFileError);
+  EXPECT_THROW(ParseInstalledLines("PNG\x89" + good.substr(4), Print(7)), InstalledLinesFileError);
   WriteInstalledLines(path, 7, {lines[0], lines[0]});
-  EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError);
+  EXPECT_THROW(ReadInstalledLines(path, Print(7)), InstalledLinesFileError);
   for (float wrong : {NAN, -0.5f, 3.0f}) {
     std::vector<float> v = Unit(768, 1);
     v[5] = wrong;
     WriteInstalledLines(path, 7, {{"Alpha-Regular", v}});
-    EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError) << wrong;
+    EXPECT_THROW(ReadInstalledLines(path, Print(7)), InstalledLinesFileError) << wrong;
   }
   // Two fonts' values exchanged: each still a unit vector, but no longer under its own name.
   std::string swapped = good;
   const size_t alpha = swapped.find("Alpha-Regular") + 13 + 1, beta = swapped.find("Beta") + 4 + 1;
   std::swap_ranges(swapped.begin() + std::ptrdiff_t(alpha), swapped.begin() + std::ptrdiff_t(alpha + 768 * 4),
                    swapped.begin() + std::ptrdiff_t(beta));
-  EXPECT_THROW(ParseInstalledLines(swapped, 7), InstalledLinesFileError);
+  EXPECT_THROW(ParseInstalledLines(swapped, Print(7)), InstalledLinesFileError);
   // A folder where the file should be is damage in words, not an exception of the stream library.
   std::filesystem::remove(path);
   std::filesystem::create_directory(path);
-  EXPECT_THROW(ReadInstalledLines(path, 7), InstalledLinesFileError);
+  EXPECT_THROW(ReadInstalledLines(path, Print(7)), InstalledLinesFileError);
+  std::filesystem::remove_all(dir);
+}
+
+// Lines an older module kept (version 2, FNV-1a sums, the network named by its FNV-1a hash)
+// stay good: drawing every font's line again would cost minutes. They are said to be older, so
+// the next update writes them in the current version.
+TEST(InstalledLinesFile, AnOlderVersionOfTheSameNetworkIsReadAndSaidOlder) {
+  auto fnv = [](uint64_t hash, const void* bytes, size_t n) {
+    for (size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<const uint8_t*>(bytes)[i]) * 1099511628211ull;
+    return hash;
+  };
+  const std::vector<InstalledLine> lines = {{"Alpha-Regular", Unit(768, 1)}, {"Symbols", {}}};
+  std::string older = "FXRL";
+  auto put = [&](const auto& value) { older.append(reinterpret_cast<const char*>(&value), sizeof value); };
+  put(uint32_t(2));
+  put(uint64_t(99));  // the network's FNV-1a hash
+  put(uint32_t(768));
+  put(uint32_t(lines.size()));
+  for (const InstalledLine& line : lines) {
+    const uint8_t drawn = !line.features.empty();
+    put(uint32_t(line.name.size()));
+    older += line.name;
+    put(drawn);
+    older.append(reinterpret_cast<const char*>(line.features.data()), line.features.size() * sizeof(float));
+    put(fnv(fnv(fnv(14695981039346656037ull, line.name.data(), line.name.size()), &drawn, 1), line.features.data(),
+            line.features.size() * sizeof(float)));
+  }
+  bool isOlder = false;
+  const auto read = ParseInstalledLines(older, Print(7, 99), &isOlder);
+  ASSERT_EQ(read.size(), 2u);
+  EXPECT_TRUE(isOlder);
+  EXPECT_EQ(read[0].features, lines[0].features);
+  EXPECT_TRUE(ParseInstalledLines(older, Print(7, 98), &isOlder).empty());  // read by another network
+  EXPECT_TRUE(ParseInstalledLines(older, Print(99, 0)).empty());            // the current version's print is no hash
+  // The older sums are checked as strictly: a value changed under its sum is damage.
+  older[older.find("Alpha-Regular") + 13 + 1 + 40] ^= 1;
+  EXPECT_THROW(ParseInstalledLines(older, Print(7, 99)), InstalledLinesFileError);
+
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "fontrix-installed-lines-older";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / kInstalledLinesFileName).string();
+  WriteInstalledLines(path, 7, lines);
+  EXPECT_EQ(ReadInstalledLines(path, Print(7, 99), &isOlder).size(), 2u);
+  EXPECT_FALSE(isOlder);
   std::filesystem::remove_all(dir);
 }
 

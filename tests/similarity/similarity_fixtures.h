@@ -56,7 +56,10 @@ inline void WritePair(const std::string& meta, const std::string& feature, size_
                       const std::function<std::vector<float>(size_t)>& vec, const char* field3 = "1") {
   std::ofstream m(meta, std::ios::binary), f(feature, std::ios::binary);
   std::ofstream sums;
-  if (std::string(field3) == "0") sums.open(CacheSumsPath(meta), std::ios::binary | std::ios::trunc);
+  if (std::string(field3) == "0") {
+    sums.open(CacheSumsPath(meta), std::ios::binary | std::ios::trunc);
+    sums << kCacheSumsHeader << '\n';
+  }
   for (size_t i = 0; i < n; ++i) {
     m << id(i) << "\n0\n" << field3 << "\n" << name(i) << "\nFamily " << i << "\nRegular\n";
     const auto v = vec(i);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 #include "tests/similarity/similarity_fixtures.h"
@@ -215,6 +216,21 @@ TEST_F(SimilarityFiles, EntriesMovedOrRemovedSinceTheirSaveFailTheirCheckSums) {
   EXPECT_EQ(Load(t), kLoadOk);
   EXPECT_EQ(t.Size(), 1864u);
   EXPECT_EQ(fs::file_size(path("sys.fea")), 0u);
+
+  // Sums without the header line are an older module's, of another hash: they vouch for nothing,
+  // and the entries are computed again rather than taken for damage.
+  saved();
+  std::string sums;
+  {
+    std::ifstream in(CacheSumsPath(path("sys.meta")));
+    std::getline(in, sums);
+    ASSERT_EQ(sums, kCacheSumsHeader);
+    sums.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  std::ofstream(CacheSumsPath(path("sys.meta")), std::ios::trunc) << sums;
+  EXPECT_EQ(Load(t), kLoadOk);
+  EXPECT_EQ(t.Size(), 1864u);
+  EXPECT_NE(t.note.find("3 entries"), std::string::npos) << t.note;
 }
 
 // A save writes the sums before the entries: killed between the two, the sums list entries the
@@ -238,6 +254,9 @@ TEST_F(SimilarityFiles, SumsAheadOfTheirEntriesAreNoDamageAndAStaleTemporaryGoes
   EXPECT_EQ(again.columns[kFieldName][1865], "Later");
   std::ifstream sums(CacheSumsPath(path("sys.meta")));
   size_t lines = 0;
+  std::string header;
+  std::getline(sums, header);
+  EXPECT_EQ(header, kCacheSumsHeader);
   for (std::string line; std::getline(sums, line);) ++lines;
   EXPECT_EQ(lines, 2u);
 }
