@@ -147,6 +147,14 @@ def check_sum(data, seed=0):
     return h ^ (h >> 32)
 
 
+def fnv1a(data):
+    """FNV-1a, the font listing's sum."""
+    h = 14695981039346656037
+    for c in data:
+        h = ((h ^ c) * 1099511628211) & 0xFFFFFFFFFFFFFFFF
+    return h
+
+
 SUMS_HEADER = b"fontrix similarity sums 2\n"
 
 
