@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -18,6 +19,7 @@
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <unordered_map>
@@ -148,16 +150,6 @@ std::string AdvancesText(const std::vector<int16_t>& advances) {
   std::string text;
   for (int16_t a : advances) text += (text.empty() ? "" : ",") + std::to_string(a);
   return text;
-}
-
-std::vector<int16_t> ParseAdvances(const std::string& text) {
-  std::vector<int16_t> advances;
-  for (size_t start = 0; start < text.size();) {
-    const size_t comma = std::min(text.find(',', start), text.size());
-    advances.push_back(int16_t(std::stoi(text.substr(start, comma - start))));
-    start = comma + 1;
-  }
-  return advances;
 }
 
 }  // namespace
@@ -307,15 +299,6 @@ std::string Unescape(const std::string& text) {
   return out;
 }
 
-std::vector<std::string> Split(const std::string& line) {
-  std::vector<std::string> fields;
-  size_t start = 0;
-  for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1)
-    fields.push_back(line.substr(start, tab - start));
-  fields.push_back(line.substr(start));
-  return fields;
-}
-
 constexpr const char* kListingHeader = "fontrix font listing 5";
 
 }  // namespace
@@ -323,7 +306,7 @@ constexpr const char* kListingHeader = "fontrix font listing 5";
 namespace {
 
 // FNV-1a of the listing's lines, so a listing edited or cut since it was written is found.
-uint64_t ListingSum(const std::string& text) {
+uint64_t ListingSum(std::string_view text) {
   uint64_t hash = 14695981039346656037ull;
   for (unsigned char c : text) hash = (hash ^ c) * 1099511628211ull;
   return hash;
@@ -333,42 +316,91 @@ constexpr const char* kListingEnd = "end ";
 
 }  // namespace
 
+namespace {
+
+// A whole number filling `text`; false for anything else (an edited or foreign listing).
+template <typename T>
+bool ParseNumber(std::string_view text, T& value) {
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  return !text.empty() && error == std::errc() && stop == end;
+}
+
+std::string Unescaped(std::string_view text) {
+  if (text.find('\\') == std::string_view::npos) return std::string(text);
+  return Unescape(std::string(text));
+}
+
+bool ParseAdvanceList(std::string_view text, std::vector<int16_t>& advances) {
+  advances.clear();
+  for (size_t start = 0; start < text.size();) {
+    const size_t comma = std::min(text.find(',', start), text.size());
+    int16_t advance = 0;
+    if (!ParseNumber(text.substr(start, comma - start), advance)) return false;
+    advances.push_back(advance);
+    start = comma + 1;
+  }
+  return true;
+}
+
+// One face's line; false when it is not one the writer writes.
+bool ParseListingLine(std::string_view line, FontListing& listing) {
+  constexpr size_t kFields = 15;
+  std::string_view f[kFields];
+  size_t count = 0;
+  for (size_t start = 0;;) {
+    const size_t tab = line.find('\t', start);
+    if (count == kFields) return false;
+    f[count++] = line.substr(start, tab == std::string_view::npos ? std::string_view::npos : tab - start);
+    if (tab == std::string_view::npos) break;
+    start = tab + 1;
+  }
+  if (count != kFields) return false;
+  ListedFaceResult r;
+  if (!ParseNumber(f[2], r.stamp.seconds) || !ParseNumber(f[3], r.stamp.nanoseconds) ||
+      !ParseNumber(f[4], r.stamp.size))
+    return false;
+  std::string file = Unescaped(f[0]);
+  if (f[5] == "1") {
+    HostFont font;
+    int bitmap_only = 0, symbol = 0;
+    if (!ParseNumber(f[1], font.face_index) || !ParseNumber(f[9], bitmap_only) || !ParseNumber(f[10], symbol) ||
+        !ParseNumber(f[11], font.usable) || !ParseNumber(f[12], font.outline_print) ||
+        !ParseAdvanceList(f[13], font.advances) || !ParseNumber(f[14], font.glyphs))
+      return false;
+    font.file = file;
+    font.unique_name = Unescaped(f[6]);
+    font.family = Unescaped(f[7]);
+    font.style = Unescaped(f[8]);
+    font.bitmap_only = bitmap_only == 1;
+    font.symbol = symbol == 1;
+    r.result = std::move(font);
+  }
+  listing[std::move(file) + '\n' + std::string(f[1])] = std::move(r);
+  return true;
+}
+
+}  // namespace
+
+// The listing is read whole and parsed in place: a listing of thousands of faces is read by
+// every process before it answers.
 FontListing ReadFontListing(std::istream& in) {
+  std::ostringstream whole;
+  whole << in.rdbuf();
+  const std::string text = std::move(whole).str();
+  const std::string_view all(text);
+  size_t at = all.find('\n');
+  if (at == std::string_view::npos || all.substr(0, at) != kListingHeader) return {};
   FontListing listing;
-  std::string line, body;
-  if (!std::getline(in, line) || line != kListingHeader) return listing;
-  body = line + '\n';
-  while (std::getline(in, line)) {
-    if (line.rfind(kListingEnd, 0) == 0) {
+  for (size_t start = at + 1; start < all.size(); start = at + 1) {
+    at = all.find('\n', start);
+    const std::string_view line = all.substr(start, at == std::string_view::npos ? std::string_view::npos : at - start);
+    if (line.substr(0, std::strlen(kListingEnd)) == kListingEnd) {
       char sum[17];
-      std::snprintf(sum, sizeof sum, "%016llx", static_cast<unsigned long long>(ListingSum(body)));
+      std::snprintf(sum, sizeof sum, "%016llx", static_cast<unsigned long long>(ListingSum(all.substr(0, start))));
       return line.substr(std::strlen(kListingEnd)) == sum ? listing : FontListing();
     }
-    body += line + '\n';
-    const auto f = Split(line);
-    if (f.size() != 15) return {};
-    try {
-      ListedFaceResult r;
-      r.stamp = {std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[4])};
-      if (f[5] == "1") {
-        HostFont font;
-        font.file = Unescape(f[0]);
-        font.face_index = std::stoi(f[1]);
-        font.unique_name = Unescape(f[6]);
-        font.family = Unescape(f[7]);
-        font.style = Unescape(f[8]);
-        font.bitmap_only = f[9] == "1";
-        font.symbol = f[10] == "1";
-        font.usable = std::stoi(f[11]);
-        font.outline_print = std::stoull(f[12]);
-        font.advances = ParseAdvances(f[13]);
-        font.glyphs = std::stoi(f[14]);
-        r.result = font;
-      }
-      listing[Unescape(f[0]) + '\n' + f[1]] = r;
-    } catch (const std::exception&) {
-      return {};
-    }
+    if (at == std::string_view::npos || !ParseListingLine(line, listing)) return {};
   }
   return {};  // no end line: cut short
 }
