@@ -385,9 +385,23 @@ bool ParseListingLine(std::string_view line, FontListing& listing) {
 // The listing is read whole and parsed in place: a listing of thousands of faces is read by
 // every process before it answers.
 FontListing ReadFontListing(std::istream& in) {
-  std::ostringstream whole;
-  whole << in.rdbuf();
-  const std::string text = std::move(whole).str();
+  std::string text;
+  // One allocation of the listing's size when it can be asked (a file); growing a string stream
+  // page by page touched twice the memory.
+  const std::streampos start = in.tellg();
+  in.seekg(0, std::ios::end);
+  if (const std::streamoff size = in.tellg() - start; in && start >= 0 && size > 0) {
+    in.seekg(start);
+    text.resize(size_t(size));
+    in.read(text.data(), size);
+    text.resize(size_t(in.gcount()));
+  } else {
+    in.clear();
+    if (start >= 0) in.seekg(start);
+    std::ostringstream whole;
+    whole << in.rdbuf();
+    text = std::move(whole).str();
+  }
   const std::string_view all(text);
   size_t at = all.find('\n');
   if (at == std::string_view::npos || all.substr(0, at) != kListingHeader) return {};

@@ -6,11 +6,18 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 
 namespace fontrix {
+namespace {
 
-FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string& why) {
-  bytes.clear();
+// Reads the regular file `path` whole into the room `grow(n)` gives: n bytes starting at the
+// pointer it returns (kept from one call to the next up to n). The file's size is asked first,
+// one byte more so that its end is seen at once; a file that grows meanwhile is read to its end.
+// `got` is the number of bytes read.
+FileState ReadInto(const std::string& path, const std::function<char*(size_t)>& grow, size_t& got,
+                   std::string& why) {
+  got = 0;
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return FileState::kMissing;
@@ -23,22 +30,56 @@ FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string
     ::close(fd);
     return FileState::kUnreadable;
   }
-  bytes.reserve(size_t(info.st_size));
-  char buffer[1 << 16];
+  size_t room = size_t(info.st_size) + 1;
+  char* at = grow(room);
   for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got == 0) break;
-    if (got < 0) {
+    if (got == room) at = grow(room *= 2);
+    const ssize_t n = ::read(fd, at + got, room - got);
+    if (n == 0) break;
+    if (n < 0) {
       if (errno == EINTR) continue;
       why = "cannot read " + path + ": " + std::strerror(errno);
       ::close(fd);
-      bytes.clear();
       return FileState::kUnreadable;
     }
-    bytes.append(buffer, size_t(got));
+    got += size_t(n);
   }
   ::close(fd);
   return FileState::kRead;
+}
+
+}  // namespace
+
+FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string& why) {
+  bytes.clear();
+  size_t got = 0;
+  const FileState state = ReadInto(
+      path,
+      [&](size_t n) {
+        bytes.resize(n);
+        return bytes.data();
+      },
+      got, why);
+  bytes.resize(state == FileState::kRead ? got : 0);
+  return state;
+}
+
+FileState AppendFileFloats(const std::string& path, std::vector<float>& values, std::string& why) {
+  const size_t before = values.size();
+  size_t got = 0;
+  FileState state = ReadInto(
+      path,
+      [&](size_t n) {
+        values.resize(before + (n + sizeof(float) - 1) / sizeof(float));
+        return reinterpret_cast<char*>(values.data() + before);
+      },
+      got, why);
+  if (state == FileState::kRead && got % sizeof(float) != 0) {
+    why = path + " does not hold whole values of " + std::to_string(sizeof(float)) + " bytes";
+    state = FileState::kUnreadable;
+  }
+  values.resize(before + (state == FileState::kRead ? got / sizeof(float) : 0));
+  return state;
 }
 
 }  // namespace fontrix

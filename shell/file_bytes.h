@@ -4,6 +4,7 @@
 // I/O error), even on a stream that was never asked for exceptions. Every file the module reads
 // comes in through here, so such a file is a reason in words, never an exception.
 #include <string>
+#include <vector>
 
 namespace fontrix {
 
@@ -13,5 +14,9 @@ enum class FileState { kRead, kMissing, kUnreadable };
 /// (bytes empty); kUnreadable with `why` ("PATH is a folder, not a file", "cannot read PATH:
 /// reason") otherwise.
 FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string& why);
+/// Appends the file `path`, read as native floats, to `values`, with nothing in between to copy
+/// through. As ReadFileBytes, and kUnreadable also when its size is not a whole number of
+/// floats; `values` is as it was unless the file was read.
+FileState AppendFileFloats(const std::string& path, std::vector<float>& values, std::string& why);
 
 }  // namespace fontrix

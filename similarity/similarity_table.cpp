@@ -93,15 +93,13 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
   const int groups = ReadMeta(metaPath, columns);
   if (groups == -1) return fail();
   if (!isCache && groups != kShippedFontCount) return fail();
-  std::string bytes, why;
-  if (ReadFileBytes(featurePath, bytes, why) == FileState::kUnreadable) return fail();
-  const size_t recordBytes = featureDim * sizeof(float);
-  if (bytes.size() % recordBytes != 0) return fail();
-  const size_t records = bytes.size() / recordBytes;
-  if (records != size_t(groups)) return fail();
+  std::string why;
   // Little-endian floats on disk; this is a little-endian machine.
-  features.resize((before + records) * featureDim);
-  std::memcpy(features.data() + before * featureDim, bytes.data(), bytes.size());
+  features.resize(before * featureDim);
+  if (AppendFileFloats(featurePath, features, why) == FileState::kUnreadable) return fail();
+  const size_t values = features.size() - before * featureDim;
+  const size_t records = values / featureDim;
+  if (values % featureDim != 0 || records != size_t(groups)) return fail();
   status.reserve(before + records);
   for (size_t r = 0; r < records; ++r, ++index) {
     uint32_t s = kStatusInstalled;
