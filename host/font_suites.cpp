@@ -52,6 +52,7 @@ void Host::Impl::RebuildFonts() {
 }
 
 const HostFont* Host::Impl::FontOf(QVFontHandle handle) const {
+  AwaitFonts();
   std::shared_lock lock(fonts_mu);
   auto* record = reinterpret_cast<const FontRecord*>(handle);
   return known_fonts.count(record) ? &record->font : nullptr;
@@ -63,6 +64,7 @@ namespace {
 template <typename Body>
 QVErr WithFont(QVFontHandle font, Body&& body) {
   return Guarded([&](Host::Impl& h) {
+    h.AwaitFonts();
     std::shared_lock lock(h.fonts_mu);
     auto* record = reinterpret_cast<const FontRecord*>(font);
     if (!h.known_fonts.count(record)) return kQVBadParameterErr;
@@ -73,6 +75,7 @@ QVErr WithFont(QVFontHandle font, Body&& body) {
 QVErr CountFonts(int32_t* count) {
   return Guarded([&](Host::Impl& h) {
     if (!count) return kQVBadParameterErr;
+    h.AwaitFonts();
     std::shared_lock lock(h.fonts_mu);
     *count = int32_t(h.font_list.size());
     return kQVNoErr;
@@ -81,6 +84,7 @@ QVErr CountFonts(int32_t* count) {
 
 QVErr IndexFontList(int32_t index, QVFontHandle* font) {
   return Guarded([&](Host::Impl& h) {
+    h.AwaitFonts();
     std::shared_lock lock(h.fonts_mu);
     if (!font || index < 0 || size_t(index) >= h.font_list.size()) return kQVBadParameterErr;
     *font = reinterpret_cast<QVFontHandle>(h.font_list[size_t(index)]);
@@ -109,6 +113,7 @@ QVErr GetFontFile(QVFontHandle font, const char** path, int32_t* face_index) {
 QVErr FindFontByName(const char* unique_name, QVFontHandle* font) {
   return Guarded([&](Host::Impl& h) {
     if (!unique_name || !font) return kQVBadParameterErr;
+    h.AwaitFonts();
     std::shared_lock lock(h.fonts_mu);
     auto it = h.font_by_name.find(unique_name);
     if (it == h.font_by_name.end()) return kQVNotFoundErr;

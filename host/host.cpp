@@ -142,11 +142,21 @@ Host::Host(HostOptions options) {
   if (g_host) throw std::logic_error("only one fontrix::host::Host may be alive at a time");
   impl_ = std::make_unique<Impl>(std::move(options));
   impl_->AddHostSuites();
-  impl_->RebuildFonts();
+  Impl* impl = impl_.get();
+  impl_->first_listing = std::async(std::launch::async, [impl] {
+                           try {
+                             impl->RebuildFonts();
+                           } catch (const std::exception& e) {
+                             // The list stays empty; the next font list notification tries again.
+                             std::lock_guard lock(impl->mu);
+                             impl->alerts.push_back(std::string("cannot list the installed fonts: ") + e.what());
+                           }
+                         }).share();
   g_host = impl_.get();
 }
 
 Host::~Host() {
+  impl_->AwaitFonts();
   if (impl_->plugin && impl_->plugin->started) Shutdown();
   // A module that still holds an access handle asked to stay loaded (its threads may still run).
   if (impl_->plugin && impl_->plugin->library && AccessCount() == 0) dlclose(impl_->plugin->library);
@@ -339,6 +349,7 @@ QVErr Host::Startup() {
 QVErr Host::ApplicationStarted() { return impl_->Deliver(kQVApplicationStartedNotifier, nullptr); }
 
 QVErr Host::FontListChanged() {
+  impl_->AwaitFonts();  // one listing at a time
   try {
     impl_->RebuildFonts();
   } catch (const std::exception& e) {
@@ -440,9 +451,13 @@ std::string Host::PluginName() const {
   return impl_->plugin ? impl_->plugin->name : "";
 }
 
-const std::vector<HostFont>& Host::Fonts() const { return impl_->fonts; }
+const std::vector<HostFont>& Host::Fonts() const {
+  impl_->AwaitFonts();
+  return impl_->fonts;
+}
 
 uint32_t Host::FontListGeneration() const {
+  impl_->AwaitFonts();
   std::shared_lock lock(impl_->fonts_mu);
   return impl_->generation;
 }

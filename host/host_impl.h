@@ -5,6 +5,7 @@
 // font list. Neither is held while the module's `main` runs, so the module may call any suite
 // from inside a message. The plug-in record itself (entry, globals) is touched only on the
 // main thread.
+#include <future>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -88,6 +89,12 @@ struct Host::Impl {
   std::unordered_map<std::string, FontRecord*> font_by_name;  // first face with each unique name
   std::vector<HostFont> fonts;                                // copy of the current list for Fonts()
   uint32_t generation = 0;
+  // The first listing runs on a thread of its own from the host's construction, so that the
+  // module starts and reads its caches meanwhile; whatever reads the list waits for it first.
+  std::shared_future<void> first_listing;
+  void AwaitFonts() const {
+    if (first_listing.valid()) first_listing.wait();
+  }
 
   // The font engine's open faces; thread-safe on its own.
   std::unique_ptr<FaceCache> faces;

@@ -105,8 +105,10 @@ QVErr Fontrix::StartupPlugin(QVMessageData* message) {
 }
 
 QVErr Fontrix::PostStartupPlugin() {
-  if (fontList.empty()) FontListChanged();
+  // The caches load on their own threads while the host's font list is asked for: a host may
+  // still be listing its fonts.
   QueueInitTasks();
+  if (fontList.empty()) FontListChanged();
   return kQVNoErr;
 }
 

@@ -15,8 +15,7 @@ namespace {
 // pointer it returns (kept from one call to the next up to n). The file's size is asked first,
 // one byte more so that its end is seen at once; a file that grows meanwhile is read to its end.
 // `got` is the number of bytes read.
-FileState ReadInto(const std::string& path, const std::function<char*(size_t)>& grow, size_t& got,
-                   std::string& why) {
+FileState ReadInto(const std::string& path, const std::function<char*(size_t)>& grow, size_t& got, std::string& why) {
   got = 0;
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
