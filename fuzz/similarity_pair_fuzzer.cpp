@@ -79,7 +79,8 @@ bool AllFinite(const float* v) {
 void CheckWhole(const SimilarityTable& table, bool shipped) {
   const size_t n = table.Size();
   FUZZ_CHECK(table.featureDim == kFeatureDim);
-  FUZZ_CHECK(table.features.size() == n * kFeatureDim);
+  FUZZ_CHECK(table.mappedEntries <= n && table.mappedEntries * kFeatureDim <= table.shippedFeatures.Size() / 4);
+  FUZZ_CHECK(table.features.size() == (n - table.mappedEntries) * kFeatureDim);
   for (const auto& column : table.columns) FUZZ_CHECK(column.size() == n);
   FUZZ_CHECK(table.pending.empty());
   for (size_t i = 0; i < n; ++i) {

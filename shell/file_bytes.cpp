@@ -1,6 +1,7 @@
 #include "shell/file_bytes.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,13 +12,9 @@
 namespace fontrix {
 namespace {
 
-// Reads the regular file `path` whole into the room `grow(n)` gives: n bytes starting at the
-// pointer it returns (kept from one call to the next up to n). The file's size is asked first,
-// one byte more so that its end is seen at once; a file that grows meanwhile is read to its end.
-// `got` is the number of bytes read.
-FileState ReadInto(const std::string& path, const std::function<char*(size_t)>& grow, size_t& got, std::string& why) {
-  got = 0;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+// Opens the regular file `path` for reading, its size in `size`; `fd` is open only on kRead.
+FileState OpenRegular(const std::string& path, int& fd, size_t& size, std::string& why) {
+  fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return FileState::kMissing;
     why = "cannot read " + path + ": " + std::strerror(errno);
@@ -29,7 +26,20 @@ FileState ReadInto(const std::string& path, const std::function<char*(size_t)>& 
     ::close(fd);
     return FileState::kUnreadable;
   }
-  size_t room = size_t(info.st_size) + 1;
+  size = size_t(info.st_size);
+  return FileState::kRead;
+}
+
+// Reads the regular file `path` whole into the room `grow(n)` gives: n bytes starting at the
+// pointer it returns (kept from one call to the next up to n). The file's size is asked first,
+// one byte more so that its end is seen at once; a file that grows meanwhile is read to its end.
+// `got` is the number of bytes read.
+FileState ReadInto(const std::string& path, const std::function<char*(size_t)>& grow, size_t& got, std::string& why) {
+  got = 0;
+  int fd = -1;
+  size_t size = 0;
+  if (const FileState state = OpenRegular(path, fd, size, why); state != FileState::kRead) return state;
+  size_t room = size + 1;
   char* at = grow(room);
   for (;;) {
     if (got == room) at = grow(room *= 2);
@@ -79,6 +89,40 @@ FileState AppendFileFloats(const std::string& path, std::vector<float>& values, 
   }
   values.resize(before + (state == FileState::kRead ? got / sizeof(float) : 0));
   return state;
+}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+  if (this != &other) {
+    Unmap();
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+  }
+  return *this;
+}
+
+void MappedFile::Unmap() {
+  if (data_) ::munmap(data_, size_);
+  data_ = nullptr;
+  size_ = 0;
+}
+
+FileState MappedFile::Map(const std::string& path, std::string& why) {
+  Unmap();
+  int fd = -1;
+  size_t size = 0;
+  if (const FileState state = OpenRegular(path, fd, size, why); state != FileState::kRead) return state;
+  if (size > 0) {
+    void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (data == MAP_FAILED) {
+      why = "cannot read " + path + ": " + std::strerror(errno);
+      ::close(fd);
+      return FileState::kUnreadable;
+    }
+    data_ = data;
+    size_ = size;
+  }
+  ::close(fd);
+  return FileState::kRead;
 }
 
 }  // namespace fontrix

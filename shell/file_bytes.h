@@ -4,6 +4,7 @@
 // I/O error), even on a stream that was never asked for exceptions. Every file the module reads
 // comes in through here, so such a file is a reason in words, never an exception.
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fontrix {
@@ -18,5 +19,29 @@ FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string
 /// through. As ReadFileBytes, and kUnreadable also when its size is not a whole number of
 /// floats; `values` is as it was unless the file was read.
 FileState AppendFileFloats(const std::string& path, std::vector<float>& values, std::string& why);
+
+/// A regular file mapped read-only, for shipped data read whole at every start: its pages come
+/// from the page cache as they are touched, with nothing copied or zeroed. The file must not be
+/// cut short while mapped (installed data is replaced by renaming, which leaves the mapping whole).
+class MappedFile {
+ public:
+  MappedFile() = default;
+  ~MappedFile() { Unmap(); }
+  MappedFile(MappedFile&& other) noexcept { *this = std::move(other); }
+  MappedFile& operator=(MappedFile&& other) noexcept;
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  /// Maps `path` in place of what was mapped; the states and reasons are ReadFileBytes's. An
+  /// empty file maps to no bytes.
+  FileState Map(const std::string& path, std::string& why);
+  void Unmap();
+  const void* Data() const { return data_; }
+  size_t Size() const { return size_; }
+
+ private:
+  void* data_ = nullptr;
+  size_t size_ = 0;
+};
 
 }  // namespace fontrix

@@ -38,6 +38,8 @@ bool IsAllZero(const std::vector<float>& feature) { return IsAllZero(feature.dat
 
 void SimilarityTable::Clear() {
   features.clear();
+  shippedFeatures.Unmap();
+  mappedEntries = 0;
   for (auto& c : columns) c.clear();
   status.clear();
   pending.clear();
@@ -77,6 +79,19 @@ int SimilarityTable::ReadMeta(const std::string& path,
   return lines.size() % kMetaLinesPerFont == 0 ? int(lines.size() / kMetaLinesPerFont) : -1;
 }
 
+namespace {
+
+// Drops the entries from `keep` on: every column, status and vector.
+void KeepEntries(SimilarityTable& table, size_t keep) {
+  for (auto& column : table.columns) column.resize(keep);
+  table.mappedEntries = std::min(table.mappedEntries, keep);
+  if (table.mappedEntries == 0) table.shippedFeatures.Unmap();
+  table.features.resize((keep - table.mappedEntries) * table.featureDim);
+  table.status.resize(keep);
+}
+
+}  // namespace
+
 int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& featurePath, bool isCache) {
   const int failed = isCache ? kLoadCacheFailed : kLoadShippedFailed;
   if (metaPath.empty() || featurePath.empty()) return kLoadOk;
@@ -84,9 +99,7 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
   // A pair that fails leaves none of its lines or records behind: the similarity cache goes on
   // with the table after a failed load, and indexes every column by entry.
   auto fail = [&] {
-    for (auto& column : columns) column.resize(before);
-    features.resize(before * featureDim);
-    status.resize(before);
+    KeepEntries(*this, before);
     return failed;
   };
   size_t index = before;
@@ -94,10 +107,19 @@ int SimilarityTable::ReadPair(const std::string& metaPath, const std::string& fe
   if (groups == -1) return fail();
   if (!isCache && groups != kShippedFontCount) return fail();
   std::string why;
-  // Little-endian floats on disk; this is a little-endian machine.
-  features.resize(before * featureDim);
-  if (AppendFileFloats(featurePath, features, why) == FileState::kUnreadable) return fail();
-  const size_t values = features.size() - before * featureDim;
+  // Little-endian floats on disk; this is a little-endian machine. The shipped pair, first in
+  // the table and read at every start, is mapped rather than copied.
+  size_t values = 0;
+  if (before == 0 && !isCache) {
+    if (shippedFeatures.Map(featurePath, why) == FileState::kUnreadable || shippedFeatures.Size() % sizeof(float) != 0)
+      return fail();
+    values = shippedFeatures.Size() / sizeof(float);
+    if (values % featureDim == 0) mappedEntries = values / featureDim;
+  } else {
+    features.resize((before - mappedEntries) * featureDim);
+    if (AppendFileFloats(featurePath, features, why) == FileState::kUnreadable) return fail();
+    values = features.size() - (before - mappedEntries) * featureDim;
+  }
   const size_t records = values / featureDim;
   if (values % featureDim != 0 || records != size_t(groups)) return fail();
   status.reserve(before + records);
@@ -162,17 +184,6 @@ SimilarityTable::SumsCheck SimilarityTable::CheckSums(size_t first, const std::s
   }
   return check;
 }
-
-namespace {
-
-// Drops the entries from `keep` on: every column, status and vector.
-void KeepEntries(SimilarityTable& table, size_t keep) {
-  for (auto& column : table.columns) column.resize(keep);
-  table.features.resize(keep * table.featureDim);
-  table.status.resize(keep);
-}
-
-}  // namespace
 
 void SimilarityTable::LoadCacheReadOnly(const std::string& metaPath, const std::string& featurePath) {
   const size_t before = Size();
@@ -264,7 +275,7 @@ size_t SimilarityTable::AddInstalled(const std::vector<float>& feature, uint32_t
                                      const std::string& uniqueName) {
   status.push_back(entryStatus);
   features.insert(features.end(), feature.begin(), feature.end());
-  features.resize(status.size() * featureDim, 0.0f);
+  features.resize((status.size() - mappedEntries) * featureDim, 0.0f);
   columns[kFieldName].push_back(uniqueName);
   columns[kFieldFamily].push_back("userFamily");
   columns[kFieldStyle].push_back("userSubFamily");

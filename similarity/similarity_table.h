@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "deepnet/layer_model.h"
+#include "shell/file_bytes.h"
 
 namespace fontrix {
 
@@ -50,8 +51,11 @@ enum class CacheAccess { kWritable, kReadOnly };
 
 struct SimilarityTable {
   uint32_t featureDim = kFeatureDim;
-  /// The feature vectors, entry after entry, featureDim floats each: one block, so a query
-  /// streams through them in order.
+  /// The shipped pair's feature file, mapped: its first `mappedEntries` entries, never copied.
+  MappedFile shippedFeatures;
+  size_t mappedEntries = 0;
+  /// The feature vectors of the entries after them, entry after entry, featureDim floats each:
+  /// one block, so a query streams through them in order.
   std::vector<float> features;
   /// The meta fields, one list per MetaField; entry i of every list belongs to feature i.
   std::array<std::vector<std::string>, kMetaLinesPerFont> columns;
@@ -66,7 +70,10 @@ struct SimilarityTable {
   std::string note;
 
   size_t Size() const { return status.size(); }
-  const float* Feature(size_t i) const { return features.data() + i * featureDim; }
+  const float* Feature(size_t i) const {
+    return i < mappedEntries ? static_cast<const float*>(shippedFeatures.Data()) + i * featureDim
+                             : features.data() + (i - mappedEntries) * featureDim;
+  }
   std::vector<float> FeatureVector(size_t i) const { return {Feature(i), Feature(i) + featureDim}; }
   void Clear();
   /// Loads the shipped pair, then the cache pair, then the model; stops at the first failure.

@@ -62,5 +62,23 @@ TEST_F(FileBytesTest, FloatsAreAppendedOrNothingIs) {
   EXPECT_EQ(values.size(), 4u);
 }
 
+// A mapping shows the file's bytes and moves with its owner; what cannot be mapped is a reason.
+TEST_F(FileBytesTest, MappedFilesShowTheBytesAndMove) {
+  std::string why;
+  MappedFile mapped;
+  ASSERT_EQ(mapped.Map(Write("data", "shipped bytes"), why), FileState::kRead);
+  ASSERT_EQ(mapped.Size(), 13u);
+  EXPECT_EQ(std::string(static_cast<const char*>(mapped.Data()), mapped.Size()), "shipped bytes");
+  MappedFile moved = std::move(mapped);
+  EXPECT_EQ(mapped.Data(), nullptr);
+  EXPECT_EQ(std::string(static_cast<const char*>(moved.Data()), moved.Size()), "shipped bytes");
+  EXPECT_EQ(moved.Map(Write("empty", ""), why), FileState::kRead);
+  EXPECT_EQ(moved.Size(), 0u);
+  EXPECT_EQ(moved.Map((dir_ / "absent").string(), why), FileState::kMissing);
+  EXPECT_EQ(moved.Map(dir_.string(), why), FileState::kUnreadable);
+  EXPECT_EQ(why, dir_.string() + " is a folder, not a file");
+  EXPECT_EQ(moved.Data(), nullptr);
+}
+
 }  // namespace
 }  // namespace fontrix

@@ -40,7 +40,7 @@ class SimilarityFiles : public ::testing::Test {
   // Every column, the statuses and the vectors hold one value per entry.
   static void ExpectWhole(const SimilarityTable& t) {
     for (const auto& column : t.columns) EXPECT_EQ(column.size(), t.Size());
-    EXPECT_EQ(t.features.size(), t.Size() * kFeatureDim);
+    EXPECT_EQ(t.mappedEntries * kFeatureDim + t.features.size(), t.Size() * kFeatureDim);
   }
   fs::path dir;
 };
