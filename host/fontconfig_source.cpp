@@ -444,11 +444,13 @@ namespace {
 
 class FontconfigSource : public FontSource {
  public:
-  explicit FontconfigSource(std::string listing) : listing_(std::move(listing)) { ReadListing(); }
+  // The listing is read by the first List(), which a host may run on a thread of its own.
+  explicit FontconfigSource(std::string listing) : listing_(std::move(listing)) {}
 
   std::vector<HostFont> List() override {
     // FcInit loads the configuration once; later lists pick up fonts added since.
     if (!initialised_) {
+      ReadListing();
       if (!FcInit()) throw std::runtime_error("fontconfig could not load its configuration");
       initialised_ = true;
     } else if (FcConfigUptoDate(nullptr) && last_) {
