@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 #include <unordered_set>
 
 #include "shell/check_sum.h"
@@ -47,10 +48,11 @@ uint64_t Fnv(uint64_t hash, const void* bytes, size_t n) {
 }  // namespace
 
 NetworkPrint NetworkFingerprint(const std::string& path) {
-  std::string bytes, why;
-  if (ReadFileBytes(path, bytes, why) != FileState::kRead) return {};
+  MappedFile file;
+  std::string why;
+  if (file.Map(path, why) != FileState::kRead) return {};
   NetworkPrint print;
-  print.sum = CheckSum(bytes.data(), bytes.size());
+  print.sum = CheckSum(file.Data(), file.Size());
   print.fnv = [path] {
     std::string again, whyNot;
     return ReadFileBytes(path, again, whyNot) == FileState::kRead ? Fnv(kFnvStart, again.data(), again.size()) : 0;
@@ -71,7 +73,7 @@ constexpr uint32_t kMostValues = 1 << 16;
 
 class Reader {
  public:
-  explicit Reader(const std::string& bytes) : bytes_(bytes) {}
+  explicit Reader(std::string_view bytes) : bytes_(bytes) {}
   template <typename T>
   T Get(const char* what) {
     T value;
@@ -86,7 +88,7 @@ class Reader {
   bool AtEnd() const { return at_ == bytes_.size(); }
 
  private:
-  const std::string& bytes_;
+  std::string_view bytes_;
   size_t at_ = 0;
 };
 
@@ -103,7 +105,7 @@ uint64_t LineSum(const InstalledLine& line, uint32_t version = kVersion) {
 
 }  // namespace
 
-std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, const NetworkPrint& network, bool* older) {
+std::vector<InstalledLine> ParseInstalledLines(std::string_view bytes, const NetworkPrint& network, bool* older) {
   if (older) *older = false;
   Reader in(bytes);
   char magic[4];
@@ -157,8 +159,10 @@ std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, const N
 
 std::vector<InstalledLine> ReadInstalledLines(const std::string& path, const NetworkPrint& network, bool* older) {
   if (older) *older = false;
-  std::string bytes, why;
-  switch (ReadFileBytes(path, bytes, why)) {
+  // Mapped, not copied: the lines of thousands of fonts are megabytes, read at every start.
+  MappedFile file;
+  std::string why;
+  switch (file.Map(path, why)) {
     case FileState::kMissing:
       return {};
     case FileState::kUnreadable:
@@ -166,7 +170,7 @@ std::vector<InstalledLine> ReadInstalledLines(const std::string& path, const Net
     case FileState::kRead:
       break;
   }
-  return ParseInstalledLines(bytes, network, older);
+  return ParseInstalledLines(std::string_view(static_cast<const char*>(file.Data()), file.Size()), network, older);
 }
 
 void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const std::vector<InstalledLine>& lines) {

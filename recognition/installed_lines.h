@@ -11,6 +11,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hostglue/font_access.h"
@@ -58,7 +59,7 @@ NetworkPrint NetworkFingerprint(const std::string& path);
 std::vector<InstalledLine> ReadInstalledLines(const std::string& path, const NetworkPrint& network,
                                               bool* older = nullptr);
 /// Same, from bytes (the fuzzer).
-std::vector<InstalledLine> ParseInstalledLines(const std::string& bytes, const NetworkPrint& network,
+std::vector<InstalledLine> ParseInstalledLines(std::string_view bytes, const NetworkPrint& network,
                                                bool* older = nullptr);
 /// Writes the lines through a temporary file renamed over `path`; throws std::runtime_error.
 void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const std::vector<InstalledLine>& lines);
