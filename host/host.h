@@ -40,7 +40,8 @@ struct HostFont {
 class FontSource {
  public:
   virtual ~FontSource() = default;
-  /// Every face, in the order the host lists them. May throw std::runtime_error.
+  /// Every face, in the order the host lists them. May throw std::runtime_error. The host's
+  /// first call comes from a thread of its own, started by its constructor.
   virtual std::vector<HostFont> List() = 0;
 };
 

@@ -47,6 +47,8 @@ class FontSuitesTest : public HostTest {
     HostOptions options = Options();
     options.fonts = source_;
     host_.emplace(options);
+    // The first listing runs on a thread of its own: the tests change the source only after it.
+    host_->FontListGeneration();
     fonts_ = static_cast<const QVFontSuite*>(host_->AcquireSuite(kQVFontSuite, kQVFontSuiteVersion));
     glue_ = static_cast<const QVFontGlueSuite*>(host_->AcquireSuite(kQVFontGlueSuite, kQVFontGlueSuiteVersion));
     ASSERT_NE(fonts_, nullptr);
