@@ -2,10 +2,13 @@
 
 #include <mutex>
 #include <set>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "classification/class_vote.h"
 #include "classification/font_feature_cache.h"
+#include "classification/kept_class_votes.h"
+#include "shell/cache_folder_lock.h"
 #include "shell/cache_log.h"
 #include "shell/feature_switches.h"
 #include "shell/host_suites.h"
@@ -29,6 +32,16 @@ struct State {
   std::weak_ptr<FontSimilarCache> similarity;
   uint64_t featureChanges = 0, similarityChanges = 0;
   std::vector<FeatureRecord> records;
+  // The votes kept between processes: the file's, read at the first join, and those worked out
+  // since, all for the shared inputs `votesIdentity`; `lastVotes` are the last join's, what a
+  // save writes.
+  std::string votesPath;
+  bool votesRead = false;
+  uint64_t votesIdentity = 0;
+  std::unordered_map<std::string, KeptClassVote> votes;
+  std::vector<KeptClassVote> lastVotes;
+  size_t votesInFile = 0;
+  bool votesUnsaved = false;  // the file differs from lastVotes
 };
 
 State& state() {
@@ -51,6 +64,33 @@ std::vector<std::string> WithLabel(const std::vector<FeatureRecord>& records, ui
   for (const FeatureRecord& r : records)
     if (r.value & bit) names.push_back(r.name);
   return names;
+}
+
+// Makes `s.votes` those kept for the shared inputs `identity`: at the first join the file's,
+// later the same unless the inputs changed.
+void KeepVotesFor(State& s, uint64_t identity) {
+  if (s.votesRead) {
+    if (identity != s.votesIdentity) s.votes.clear();
+    s.votesIdentity = identity;
+    return;
+  }
+  s.votesRead = true;
+  s.votesIdentity = identity;
+  if (s.votesPath.empty()) return;  // no cache folder: the host says so
+  CacheLog& log = ClassificationLog();
+  try {
+    KeptClassVotes file = ReadKeptClassVotes(s.votesPath, identity);
+    if (file.source == KeptClassVotes::kOtherInputs) {
+      log.Info("Kept class votes ", s.votesPath, " were worked out from other data; they are worked out again");
+      s.votesUnsaved = true;
+    }
+    for (KeptClassVote& v : file.votes) s.votes.emplace(v.name, std::move(v));
+    s.votesInFile = s.votes.size();
+  } catch (const std::exception& e) {
+    // Only time is lost: the votes are worked out again and the file written over.
+    log.Info("Kept class votes ", s.votesPath, " unusable (", e.what(), "); they are worked out again");
+    s.votesUnsaved = true;
+  }
 }
 
 // The records of `features` with joined masks; false when the vote cannot be had (said).
@@ -81,27 +121,47 @@ bool Join(State& s, FontFeatureCache& features, FontSimilarCache& similarity, st
   }
   std::vector<bool> voting;
   const std::vector<float> voters = similarity.VectorsByName(voterNames, voting);
+  KeepVotesFor(s, VoteInputsIdentity(table, voters.data(), voting, kFeatureDim));
 
-  // Fonts without a vector keep the linear classes.
+  // Fonts without a vector keep the linear classes. Those whose linear classes and vector are as
+  // kept take the kept mask; the others are voted on.
   records = features.Records();
   std::vector<std::string> all;
   for (const FeatureRecord& r : records) all.push_back(r.name);
   std::vector<bool> found;
   const std::vector<float> vectors = similarity.VectorsByName(all, found);
+  std::vector<KeptClassVote> joined;  // every font with a vector
   std::vector<std::string> names;
   std::vector<uint32_t> linear;
-  std::vector<size_t> which;
+  std::vector<size_t> which, slot;  // their records and places in `joined`
   std::vector<float> theirs;
   for (size_t i = 0; i < records.size(); ++i) {
     if (!found[i]) continue;
-    names.push_back(records[i].name);
-    linear.push_back(records[i].value);
-    which.push_back(i);
-    theirs.insert(theirs.end(), vectors.begin() + std::ptrdiff_t(i * kFeatureDim),
-                  vectors.begin() + std::ptrdiff_t((i + 1) * kFeatureDim));
+    const float* vector = vectors.data() + i * kFeatureDim;
+    KeptClassVote vote{records[i].name, records[i].value, VectorHash(vector, kFeatureDim), 0};
+    const auto kept = s.votes.find(vote.name);
+    if (kept != s.votes.end() && kept->second.linear == vote.linear && kept->second.vector == vote.vector) {
+      vote.joined = records[i].value = kept->second.joined;
+    } else {
+      names.push_back(records[i].name);
+      linear.push_back(records[i].value);
+      which.push_back(i);
+      slot.push_back(joined.size());
+      theirs.insert(theirs.end(), vector, vector + kFeatureDim);
+    }
+    joined.push_back(std::move(vote));
   }
-  const std::vector<uint32_t> joined = s.vote->Masks(names, theirs.data(), linear, voters.data(), voting, kFeatureDim);
-  for (size_t n = 0; n < which.size(); ++n) records[which[n]].value = joined[n];
+  if (!names.empty()) {
+    const std::vector<uint32_t> masks = s.vote->Masks(names, theirs.data(), linear, voters.data(), voting, kFeatureDim);
+    for (size_t n = 0; n < names.size(); ++n) {
+      records[which[n]].value = joined[slot[n]].joined = masks[n];
+      s.votes[names[n]] = joined[slot[n]];
+    }
+  }
+  ClassificationLog().Info("Class votes: ", joined.size() - names.size(), " kept, ", names.size(), " worked out");
+  // Without a font voted on, the file still differs when it holds fonts this join did not ask for.
+  if (!names.empty() || joined.size() != s.votesInFile) s.votesUnsaved = true;
+  s.lastVotes = std::move(joined);
   return true;
 }
 
@@ -113,6 +173,7 @@ void ClassAnswers::SetUpPath() {
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.path = FileInFolder(folder, kClassVoteFileName);
+  s.votesPath = FileInFolder(qv::FolderPath(kQVFolderUserCache, true), kKeptClassVotesFileName);
 }
 
 void ClassAnswers::Load() {
@@ -172,6 +233,32 @@ std::vector<std::string> ClassAnswers::FontsWithLabel(const std::shared_ptr<Font
   return s.plain ? cache->GetFontsWithLabel(labelIndex) : WithLabel(s.records, kClassBits[labelIndex].bit);
 }
 
+void ClassAnswers::Save() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (!s.votesUnsaved || s.votesPath.empty()) return;
+  CacheLog& log = ClassificationLog();
+  // Said through the classification service, while it is still there to say it.
+  const std::shared_ptr<FontFeatureCache> cache = FontFeatureCache::Instance();
+  try {
+    CacheFolderLock folder(CacheFolderLock::FolderOf(s.votesPath), CacheFolderLock::kExclusive, CacheFolderWait(),
+                           [&cache](const std::string& waiting) {
+                             if (cache) cache->Progress().Waiting(waiting);
+                           });
+    if (!folder.Held()) throw std::runtime_error(folder.Error());
+    WriteKeptClassVotes(s.votesPath, s.votesIdentity, s.lastVotes);
+    s.votesInFile = s.lastVotes.size();
+    s.votesUnsaved = false;
+    log.Info("Kept class votes saved: ", s.lastVotes.size());
+  } catch (const std::exception& e) {
+    log.Info("Kept class votes not saved: ", e.what());
+    if (cache)
+      cache->Progress().Report(CacheProgress::kNotSaved, std::string("the fonts' class votes were not saved (") +
+                                                             e.what() +
+                                                             "); they are worked out again at the next start");
+  }
+}
+
 void ClassAnswers::Terminate() {
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
@@ -182,6 +269,11 @@ void ClassAnswers::Terminate() {
   s.features.reset();
   s.similarity.reset();
   s.records.clear();
+  s.votesRead = false;
+  s.votes.clear();
+  s.lastVotes.clear();
+  s.votesInFile = 0;
+  s.votesUnsaved = false;
 }
 
 }  // namespace fontrix

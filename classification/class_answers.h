@@ -4,10 +4,13 @@
 // vote of classification/class_vote.h when the switch "Text/FontClassVote" and similarity are on: the
 // vote needs the similarity cache's vectors of the fonts and of the shipped table's faces, so it
 // lives above both caches. Joined masks are worked out on the first question after either cache
-// changed and kept until the next change. Without the vote's data file, with a damaged one or
-// one made for another table, or without similarity vectors, the answers are the linear classes
-// alone, said once in the classification log; a file that is there but cannot be used is also
-// the classification service's warning (a data folder without it, made for another table, is not).
+// changed and kept until the next change, and from one process to the next in
+// "FontClassVotes.bin" (classification/kept_class_votes.h): a question votes only on the fonts
+// whose linear classes or vector the file does not hold. Without the vote's data file, with a
+// damaged one or one made for another table, or without similarity vectors, the answers are the
+// linear classes alone, said once in the classification log; a file that is there but cannot be
+// used is also the classification service's warning (a data folder without it, made for another
+// table, is not).
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -27,6 +30,9 @@ class ClassAnswers {
   static void Load();
   /// The fonts of `cache` whose classes include style class `labelIndex`, in the cache's order.
   static std::vector<std::string> FontsWithLabel(const std::shared_ptr<FontFeatureCache>& cache, int32_t labelIndex);
+  /// Writes the votes of the last question to the cache folder, when they differ from its file
+  /// (shut-down, before the feature cache goes, which says a save that failed).
+  static void Save();
   /// Forgets the data and the kept masks (shut-down).
   static void Terminate();
 };

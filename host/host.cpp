@@ -173,7 +173,7 @@ namespace {
 
 // What the module keeps in the cache folder, worked out by one module build from one set of data.
 const char* const kModuleCacheFiles[] = {"FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch",
-                                         "NQ_sim_sums_sys.cch"};
+                                         "NQ_sim_sums_sys.cch", "FontClassVotes.bin"};
 
 // The GNU build identity the linker writes into a shared object: the same for the build tree's
 // module and its installed copy (installing rewrites the run path, not the note). "" if none.

@@ -192,6 +192,7 @@ QVErr Fontrix::Notify(QVNotifierMessage* message) {
     RequestCancel(true);
     scheduler.StopAll();
     RequestCancel(false);
+    ClassAnswers::Save();
     FontFeatureCache::Terminate();
     ClassAnswers::Terminate();
     FontSimilarCache::Terminate();

@@ -2,19 +2,28 @@
 // answers joined with it through the module, with the switch, a damaged file and no similarity.
 #include "classification/class_vote.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
 
 #include "classification/class_answers.h"
+#include "classification/kept_class_votes.h"
+#include "shell/feature_switches.h"
 #include "tests/plugin/test_host.h"
 
 namespace fontrix {
 namespace {
 
 constexpr uint32_t kScript = 32, kSerif = 64, kSlab = 128, kSans = 16;
+
+std::string Bytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 std::string Rules(const std::string& slab = "0.5\t0.8") {
   std::string text;
@@ -225,6 +234,30 @@ class ClassAnswersTest : public testing::HostTest {
     Started(std::move(switches));
   }
 
+  std::string VotesPath() const { return (dir_ / "cache" / kKeptClassVotesFileName).string(); }
+  /// The kept votes by name, for whatever inputs the file says it was written for.
+  std::map<std::string, KeptClassVote> KeptVotes(uint64_t* identity = nullptr) {
+    const uint64_t written = ReadKeptClassVotes(VotesPath(), 0).identity;
+    const KeptClassVotes file = ReadKeptClassVotes(VotesPath(), written);
+    EXPECT_EQ(file.source, KeptClassVotes::kFile);
+    if (identity) *identity = written;
+    std::map<std::string, KeptClassVote> votes;
+    for (const KeptClassVote& v : file.votes) votes[v.name] = v;
+    return votes;
+  }
+  /// The kept votes with a class no font here has put in each joined mask: an answer with it
+  /// was taken from the file.
+  static std::vector<KeptClassVote> Marked(const std::map<std::string, KeptClassVote>& votes) {
+    std::vector<KeptClassVote> marked;
+    for (auto [name, vote] : votes) {
+      vote.joined |= kMark;
+      marked.push_back(vote);
+    }
+    return marked;
+  }
+  static constexpr uint32_t kMark = 1;  // blackletter
+
+  const std::map<std::string, bool> switches_ = {{"TextDebug/FontRecognition", false}};
   std::map<std::string, uint32_t> linear_;
 };
 
@@ -272,6 +305,106 @@ TEST_F(ClassAnswersTest, ADamagedOrMissingFileGivesTheLinearClasses) {
   Restart({{"TextDebug/FontRecognition", false}});
   for (const auto& [name, mask] : linear_) EXPECT_EQ(Answers().at(name), mask) << name;
   EXPECT_NE(ClassificationReport().find("is a folder"), std::string::npos) << ClassificationReport();
+}
+
+// The joined classes are kept in the cache folder at shut-down: the next process answers the same
+// from them, votes again only on a font whose linear classes or vector changed, and drops fonts
+// it was not asked about. Switched off, the vote leaves the file alone.
+TEST_F(ClassAnswersTest, KeptVotesAnswerAsAFreshVoteAndOnlyChangedFontsAreVotedAgain) {
+  Started(switches_);
+  const std::map<std::string, uint32_t> fresh = Answers();
+  EXPECT_FALSE(std::filesystem::exists(VotesPath()));  // written at shut-down
+  Restart(switches_);
+  uint64_t identity = 0;
+  const std::map<std::string, KeptClassVote> kept = KeptVotes(&identity);
+  ASSERT_EQ(kept.size(), 3u);  // the fonts with a vector
+  for (const auto& [name, vote] : kept) {
+    EXPECT_EQ(vote.linear, linear_.at(name)) << name;
+    EXPECT_EQ(vote.joined, fresh.at(name)) << name;
+  }
+  EXPECT_EQ(Answers(), fresh);
+
+  std::vector<KeptClassVote> marked = Marked(kept);
+  for (KeptClassVote& vote : marked) {
+    if (vote.name == "Face97") vote.linear ^= kSans;  // the rows classed it otherwise then
+    if (vote.name == "Face98") vote.vector ^= 1;      // its vector was another
+  }
+  Restart(switches_);
+  WriteKeptClassVotes(VotesPath(), identity, marked);
+  std::map<std::string, uint32_t> answers = Answers();
+  EXPECT_EQ(answers.at("Face96"), fresh.at("Face96") | kMark);
+  EXPECT_EQ(answers.at("Face97"), fresh.at("Face97"));
+  EXPECT_EQ(answers.at("Face98"), fresh.at("Face98"));
+  EXPECT_EQ(answers.at("Alpha-Regular"), fresh.at("Alpha-Regular"));
+  Restart(switches_);
+  std::map<std::string, KeptClassVote> now = KeptVotes();
+  EXPECT_EQ(now.at("Face96").joined, fresh.at("Face96") | kMark);
+  EXPECT_EQ(now.at("Face97"), kept.at("Face97"));
+  EXPECT_EQ(now.at("Face98"), kept.at("Face98"));
+
+  // Switched off, the vote or the similarity it needs: the linear classes, the file as it was.
+  const std::string before = Bytes(VotesPath());
+  for (const char* off : {kClassVoteSwitch, kSimilaritySwitch}) {
+    std::map<std::string, bool> switches = switches_;
+    switches[off] = false;
+    Restart(switches);
+    for (const auto& [name, mask] : linear_) EXPECT_EQ(Answers().at(name), mask) << off << ": " << name;
+  }
+  Restart(switches_);
+  EXPECT_EQ(Bytes(VotesPath()), before);
+  EXPECT_EQ(KeptVotes().size(), 3u);
+
+  // A font the classification cache no longer holds (made again without it) leaves the file.
+  auto& fonts = fonts_->fonts;
+  fonts.erase(
+      std::remove_if(fonts.begin(), fonts.end(), [](const host::HostFont& f) { return f.unique_name == "Face98"; }),
+      fonts.end());
+  linear_.erase("Face98");
+  std::filesystem::remove(FontFeatureCache::CacheFilePath());
+  Restart(switches_);
+  answers = Answers();
+  EXPECT_EQ(answers.at("Face96"), fresh.at("Face96") | kMark);  // still as kept
+  Restart(switches_);
+  now = KeptVotes();
+  EXPECT_EQ(now.size(), 2u);
+  EXPECT_EQ(now.count("Face98"), 0u);
+}
+
+// A file that is not whole, not ours or kept for other inputs gives nothing: every font is voted
+// on again and the file written anew. A folder in its place costs the time only.
+TEST_F(ClassAnswersTest, ADamagedOrForeignVotesFileIsIgnoredAndWrittenAgain) {
+  Started(switches_);
+  const std::map<std::string, uint32_t> fresh = Answers();
+  Restart(switches_);
+  uint64_t identity = 0;
+  const std::map<std::string, KeptClassVote> kept = KeptVotes(&identity);
+  const std::string good = KeptClassVotesBytes(identity, Marked(kept));
+  std::string unlike = good;
+  unlike[unlike.size() - 12] ^= 1;  // the last record's joined mask, after its sum was taken
+  const std::map<std::string, std::string> damaged = {
+      {"cut short", good.substr(0, good.size() - 3)},
+      {"not ours", "[{\"name\": \"Face96\", \"featureValue\": 1}]"},
+      {"a record unlike its sum", unlike},
+      {"kept for other inputs", KeptClassVotesBytes(identity + 1, Marked(kept))},
+      {"empty", ""},
+  };
+  for (const auto& [what, bytes] : damaged) {
+    Restart(switches_);
+    std::ofstream(VotesPath(), std::ios::binary | std::ios::trunc) << bytes;
+    EXPECT_EQ(Answers(), fresh) << what;
+    Restart(switches_);
+    const std::map<std::string, KeptClassVote> again = KeptVotes();
+    EXPECT_EQ(again, kept) << what;
+  }
+
+  std::filesystem::remove(VotesPath());
+  std::filesystem::create_directory(VotesPath());
+  Restart(switches_);
+  EXPECT_EQ(Answers(), fresh);
+  Restart(switches_);
+  EXPECT_TRUE(std::filesystem::is_directory(VotesPath()));
+  EXPECT_FALSE(std::filesystem::exists(VotesPath() + ".tmp"));
+  EXPECT_EQ(Answers(), fresh);
 }
 
 }  // namespace

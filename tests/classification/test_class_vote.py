@@ -3,7 +3,8 @@
 font's classes are those worked out here from its linear classes (`--disable class-vote`), its
 similarity vector and its look-alikes in the shipped table as the data file describes them; a
 missing or damaged data file, or similarity switched off, gives the linear classes, a damaged
-file with a warning naming it.
+file with a warning naming it. The votes kept in the cache folder answer as the vote does, and a
+damaged kept file is written again.
 
 Usage: test_class_vote.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO/data
 """
@@ -106,6 +107,23 @@ class ClassVoteTest(ShippedDataTest):
             changed += classes != linear[font]
         self.assertGreater(checked, 0)
         print(f"{checked} fonts checked, the vote changed the classes of {changed}", file=sys.stderr)
+
+    def test_kept_votes_answer_as_the_vote_and_a_damaged_file_is_written_again(self):
+        path = os.path.join(self.cache, "FontClassVotes.bin")
+        if os.path.exists(path):
+            os.remove(path)
+        voted, _ = self.classes("--disable", "recognition")
+        with open(path, "rb") as f:
+            kept = f.read()
+        again, said = self.classes("--disable", "recognition")
+        self.assertEqual((again, said), (voted, ""))
+        with open(path, "rb") as f:
+            self.assertEqual(f.read(), kept, "nothing new: the file as it was")
+        os.truncate(path, len(kept) // 2)
+        again, said = self.classes("--disable", "recognition")
+        self.assertEqual((again, said), (voted, ""), "only time is lost")
+        with open(path, "rb") as f:
+            self.assertEqual(f.read(), kept, "written again whole")
 
     def test_without_a_usable_file_or_similarity_the_classes_are_the_linear_ones(self):
         linear, _ = self.classes("--disable", "recognition,class-vote")

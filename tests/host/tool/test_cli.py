@@ -287,7 +287,7 @@ class CliTest(unittest.TestCase):
         data, cache = os.path.join(self.tmp.name, "data"), os.path.join(self.tmp.name, "cache")
         os.makedirs(data)
         os.makedirs(cache)
-        caches = ["FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch"]
+        caches = ["FontFeatureCache.json", "NQ_sim_fea_sys.cch", "NQ_sim_meta_sys.cch", "FontClassVotes.bin"]
 
         def fill():
             for name in caches + ["unrelated.txt"]:

@@ -1,0 +1,215 @@
+#include "classification/kept_class_votes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <unordered_set>
+
+#include "classification/feature_cache_file.h"
+#include "deepnet/gemm.h"
+#include "shell/file_bytes.h"
+
+namespace fontrix {
+
+namespace {
+
+constexpr char kMagic[4] = {'F', 'X', 'C', 'V'};
+// Raised when the file's layout or the vote's arithmetic changes: masks another version worked
+// out are worked out again.
+constexpr uint32_t kVersion = 1;
+constexpr uint32_t kLongestName = 1024;
+// A record of a one-byte name.
+constexpr size_t kSmallestRecord = 4 + 1 + 4 + 8 + 4 + 8;
+
+constexpr uint64_t kP1 = 0x9E3779B185EBCA87ull, kP2 = 0xC2B2AE3D27D4EB4Full, kP3 = 0x165667B19E3779F9ull,
+                   kP4 = 0x85EBCA77C2B2AE63ull;
+
+uint64_t Rotl(uint64_t x, int r) { return (x << r) | (x >> (64 - r)); }
+uint64_t Round(uint64_t acc, uint64_t word) { return Rotl(acc + word * kP2, 31) * kP1; }
+
+// 64 bits of `n` bytes, taken as 8-byte words in four independent lanes (xxHash's rounds): every
+// font's vector is hashed at every question, and the voters' megabytes once a question.
+uint64_t Hash(const void* data, size_t n, uint64_t seed) {
+  const char* p = static_cast<const char*>(data);
+  uint64_t lane[4] = {seed + kP1 + kP2, seed + kP2, seed, seed - kP1};
+  size_t i = 0;
+  for (; i + 32 <= n; i += 32)
+    for (int l = 0; l < 4; ++l) {
+      uint64_t word;
+      std::memcpy(&word, p + i + 8 * l, 8);
+      lane[l] = Round(lane[l], word);
+    }
+  uint64_t h = Rotl(lane[0], 1) + Rotl(lane[1], 7) + Rotl(lane[2], 12) + Rotl(lane[3], 18);
+  for (; i < n; i += 8) {
+    uint64_t word = 0;  // a last partial word ends in zeros
+    std::memcpy(&word, p + i, std::min<size_t>(8, n - i));
+    h = Rotl(h ^ Round(0, word), 27) * kP1 + kP4;
+  }
+  h ^= n;
+  h ^= h >> 33;
+  h *= kP2;
+  h ^= h >> 29;
+  h *= kP3;
+  return h ^ (h >> 32);
+}
+
+template <typename T>
+void Put(std::string& out, const T& value) {
+  out.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+void PutText(std::string& out, const std::string& text) {
+  Put(out, uint64_t(text.size()));
+  out += text;
+}
+
+class Reader {
+ public:
+  explicit Reader(const std::string& bytes) : bytes_(bytes) {}
+  template <typename T>
+  T Get(const char* what) {
+    T value;
+    Take(&value, sizeof value, what);
+    return value;
+  }
+  void Take(void* out, size_t n, const char* what) {
+    if (bytes_.size() - at_ < n) throw KeptClassVotesError(std::string("cut short in ") + what);
+    std::memcpy(out, bytes_.data() + at_, n);
+    at_ += n;
+  }
+  size_t At() const { return at_; }
+  size_t Left() const { return bytes_.size() - at_; }
+
+ private:
+  const std::string& bytes_;
+  size_t at_ = 0;
+};
+
+}  // namespace
+
+uint64_t VectorHash(const float* vector, size_t dim) { return Hash(vector, dim * sizeof(float), 0); }
+
+uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, const std::vector<bool>& voting,
+                            size_t dim) {
+  std::string shared;
+  Put(shared, uint64_t(dim));
+  Put(shared, int64_t(table.neighbours));
+  Put(shared, table.temperature);
+  for (const ClassVoteRule& rule : table.rules) {
+    Put(shared, rule.low);
+    Put(shared, rule.high);
+  }
+  Put(shared, uint64_t(table.faces.size()));
+  for (const ClassVoteFace& face : table.faces) {
+    PutText(shared, face.identifier);
+    PutText(shared, face.name);
+    Put(shared, face.mask);
+  }
+  // A face past the flags takes no part, as one whose flag is false.
+  for (size_t j = 0; j < table.faces.size(); ++j) Put(shared, uint8_t(j < voting.size() && voting[j]));
+  PutText(shared, deepnet::active_kernels().name);
+  return Hash(voters, table.faces.size() * dim * sizeof(float), Hash(shared.data(), shared.size(), 0));
+}
+
+KeptClassVotes ParseKeptClassVotes(const std::string& bytes, uint64_t identity) {
+  Reader in(bytes);
+  char magic[sizeof kMagic];
+  in.Take(magic, sizeof magic, "the header");
+  if (std::memcmp(magic, kMagic, sizeof magic) != 0) throw KeptClassVotesError("not a file of kept class votes");
+  const uint32_t version = in.Get<uint32_t>("the header");
+  KeptClassVotes kept;
+  kept.identity = in.Get<uint64_t>("the header");
+  const uint32_t count = in.Get<uint32_t>("the header");
+  kept.source = KeptClassVotes::kOtherInputs;
+  if (version != kVersion || kept.identity != identity) return kept;
+  if (count > in.Left() / kSmallestRecord)
+    throw KeptClassVotesError(std::to_string(count) + " records counted, more than its bytes hold");
+  kept.votes.reserve(count);
+  std::unordered_set<std::string> names;
+  names.reserve(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    const size_t start = in.At();
+    const uint32_t length = in.Get<uint32_t>("a name");
+    if (length == 0 || length > kLongestName)
+      throw KeptClassVotesError("a name of " + std::to_string(length) + " bytes");
+    KeptClassVote vote;
+    vote.name.resize(length);
+    in.Take(vote.name.data(), length, "a name");
+    vote.linear = in.Get<uint32_t>("a record");
+    vote.vector = in.Get<uint64_t>("a record");
+    vote.joined = in.Get<uint32_t>("a record");
+    const size_t end = in.At();
+    if (in.Get<uint64_t>("a check sum") != Hash(bytes.data() + start, end - start, identity))
+      throw KeptClassVotesError(vote.name + ": the record does not match its check sum");
+    if (vote.joined & ~kAllClassBits) throw KeptClassVotesError(vote.name + ": joined classes of no style class");
+    if (!names.insert(vote.name).second) throw KeptClassVotesError(vote.name + " is kept twice");
+    kept.votes.push_back(std::move(vote));
+  }
+  if (in.Left()) throw KeptClassVotesError("bytes after the last record");
+  kept.source = KeptClassVotes::kFile;
+  return kept;
+}
+
+KeptClassVotes ReadKeptClassVotes(const std::string& path, uint64_t identity) {
+  std::string bytes, why;
+  switch (ReadFileBytes(path, bytes, why)) {
+    case FileState::kMissing:
+      return {};
+    case FileState::kUnreadable:
+      throw KeptClassVotesError(why);
+    case FileState::kRead:
+      break;
+  }
+  return ParseKeptClassVotes(bytes, identity);
+}
+
+std::string KeptClassVotesBytes(uint64_t identity, const std::vector<KeptClassVote>& votes) {
+  std::string records;
+  uint32_t count = 0;
+  std::unordered_set<std::string> names;
+  for (const KeptClassVote& vote : votes) {
+    // What the reader would refuse is left out: those fonts are voted on again.
+    if (vote.name.empty() || vote.name.size() > kLongestName || (vote.joined & ~kAllClassBits) ||
+        !names.insert(vote.name).second)
+      continue;
+    const size_t start = records.size();
+    Put(records, uint32_t(vote.name.size()));
+    records += vote.name;
+    Put(records, vote.linear);
+    Put(records, vote.vector);
+    Put(records, vote.joined);
+    Put(records, Hash(records.data() + start, records.size() - start, identity));
+    ++count;
+  }
+  std::string bytes(kMagic, sizeof kMagic);
+  Put(bytes, kVersion);
+  Put(bytes, identity);
+  Put(bytes, count);
+  return bytes + records;
+}
+
+void WriteKeptClassVotes(const std::string& path, uint64_t identity, const std::vector<KeptClassVote>& votes) {
+  const std::string bytes = KeptClassVotesBytes(identity, votes);
+  const std::string temporary = path + ".tmp";
+  {
+    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
+    if (!file) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+    file.write(bytes.data(), std::streamsize(bytes.size()));
+    file.flush();
+    if (!file) {
+      const int cause = errno;
+      file.close();
+      std::remove(temporary.c_str());  // a full folder keeps no half file
+      throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(cause));
+    }
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int cause = errno;
+    std::remove(temporary.c_str());
+    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
+  }
+}
+
+}  // namespace fontrix
