@@ -128,16 +128,13 @@ bool Join(State& s, FontFeatureCache& features, FontSimilarCache& similarity, st
   records = features.Records();
   std::vector<std::string> all;
   for (const FeatureRecord& r : records) all.push_back(r.name);
-  std::vector<bool> found;
-  const std::vector<float> vectors = similarity.VectorsByName(all, found);
   std::vector<KeptClassVote> joined;  // every font with a vector
   std::vector<std::string> names;
   std::vector<uint32_t> linear;
   std::vector<size_t> which, slot;  // their records and places in `joined`
   std::vector<float> theirs;
-  for (size_t i = 0; i < records.size(); ++i) {
-    if (!found[i]) continue;
-    const float* vector = vectors.data() + i * kFeatureDim;
+  // The vectors are read where the cache holds them: only those of fonts voted on are copied.
+  similarity.VisitVectorsByName(all, [&](size_t i, const float* vector) {
     KeptClassVote vote{records[i].name, records[i].value, VectorHash(vector, kFeatureDim), 0};
     const auto kept = s.votes.find(vote.name);
     if (kept != s.votes.end() && kept->second.linear == vote.linear && kept->second.vector == vote.vector) {
@@ -150,7 +147,7 @@ bool Join(State& s, FontFeatureCache& features, FontSimilarCache& similarity, st
       theirs.insert(theirs.end(), vector, vector + kFeatureDim);
     }
     joined.push_back(std::move(vote));
-  }
+  });
   if (!names.empty()) {
     const std::vector<uint32_t> masks = s.vote->Masks(names, theirs.data(), linear, voters.data(), voting, kFeatureDim);
     for (size_t n = 0; n < names.size(); ++n) {

@@ -9,6 +9,7 @@
 
 #include "classification/feature_cache_file.h"
 #include "deepnet/gemm.h"
+#include "shell/check_sum.h"
 #include "shell/file_bytes.h"
 
 namespace fontrix {
@@ -18,42 +19,10 @@ namespace {
 constexpr char kMagic[4] = {'F', 'X', 'C', 'V'};
 // Raised when the file's layout or the vote's arithmetic changes: masks another version worked
 // out are worked out again.
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 constexpr uint32_t kLongestName = 1024;
 // A record of a one-byte name.
 constexpr size_t kSmallestRecord = 4 + 1 + 4 + 8 + 4 + 8;
-
-constexpr uint64_t kP1 = 0x9E3779B185EBCA87ull, kP2 = 0xC2B2AE3D27D4EB4Full, kP3 = 0x165667B19E3779F9ull,
-                   kP4 = 0x85EBCA77C2B2AE63ull;
-
-uint64_t Rotl(uint64_t x, int r) { return (x << r) | (x >> (64 - r)); }
-uint64_t Round(uint64_t acc, uint64_t word) { return Rotl(acc + word * kP2, 31) * kP1; }
-
-// 64 bits of `n` bytes, taken as 8-byte words in four independent lanes (xxHash's rounds): every
-// font's vector is hashed at every question, and the voters' megabytes once a question.
-uint64_t Hash(const void* data, size_t n, uint64_t seed) {
-  const char* p = static_cast<const char*>(data);
-  uint64_t lane[4] = {seed + kP1 + kP2, seed + kP2, seed, seed - kP1};
-  size_t i = 0;
-  for (; i + 32 <= n; i += 32)
-    for (int l = 0; l < 4; ++l) {
-      uint64_t word;
-      std::memcpy(&word, p + i + 8 * l, 8);
-      lane[l] = Round(lane[l], word);
-    }
-  uint64_t h = Rotl(lane[0], 1) + Rotl(lane[1], 7) + Rotl(lane[2], 12) + Rotl(lane[3], 18);
-  for (; i < n; i += 8) {
-    uint64_t word = 0;  // a last partial word ends in zeros
-    std::memcpy(&word, p + i, std::min<size_t>(8, n - i));
-    h = Rotl(h ^ Round(0, word), 27) * kP1 + kP4;
-  }
-  h ^= n;
-  h ^= h >> 33;
-  h *= kP2;
-  h ^= h >> 29;
-  h *= kP3;
-  return h ^ (h >> 32);
-}
 
 template <typename T>
 void Put(std::string& out, const T& value) {
@@ -89,7 +58,7 @@ class Reader {
 
 }  // namespace
 
-uint64_t VectorHash(const float* vector, size_t dim) { return Hash(vector, dim * sizeof(float), 0); }
+uint64_t VectorHash(const float* vector, size_t dim) { return CheckSum(vector, dim * sizeof(float), 0); }
 
 uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, const std::vector<bool>& voting,
                             size_t dim) {
@@ -110,7 +79,7 @@ uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, co
   // A face past the flags takes no part, as one whose flag is false.
   for (size_t j = 0; j < table.faces.size(); ++j) Put(shared, uint8_t(j < voting.size() && voting[j]));
   PutText(shared, deepnet::active_kernels().name);
-  return Hash(voters, table.faces.size() * dim * sizeof(float), Hash(shared.data(), shared.size(), 0));
+  return CheckSum(voters, table.faces.size() * dim * sizeof(float), CheckSum(shared.data(), shared.size(), 0));
 }
 
 KeptClassVotes ParseKeptClassVotes(const std::string& bytes, uint64_t identity) {
@@ -141,7 +110,7 @@ KeptClassVotes ParseKeptClassVotes(const std::string& bytes, uint64_t identity) 
     vote.vector = in.Get<uint64_t>("a record");
     vote.joined = in.Get<uint32_t>("a record");
     const size_t end = in.At();
-    if (in.Get<uint64_t>("a check sum") != Hash(bytes.data() + start, end - start, identity))
+    if (in.Get<uint64_t>("a check sum") != CheckSum(bytes.data() + start, end - start, identity))
       throw KeptClassVotesError(vote.name + ": the record does not match its check sum");
     if (vote.joined & ~kAllClassBits) throw KeptClassVotesError(vote.name + ": joined classes of no style class");
     if (!names.insert(vote.name).second) throw KeptClassVotesError(vote.name + " is kept twice");
@@ -180,7 +149,7 @@ std::string KeptClassVotesBytes(uint64_t identity, const std::vector<KeptClassVo
     Put(records, vote.linear);
     Put(records, vote.vector);
     Put(records, vote.joined);
-    Put(records, Hash(records.data() + start, records.size() - start, identity));
+    Put(records, CheckSum(records.data() + start, records.size() - start, identity));
     ++count;
   }
   std::string bytes(kMagic, sizeof kMagic);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string_view>
 #include <unordered_map>
 
@@ -433,19 +434,25 @@ size_t FontSimilarCache::Size() {
   return table_.Size();
 }
 
-std::vector<float> FontSimilarCache::VectorsByName(const std::vector<std::string>& names, std::vector<bool>& found) {
+void FontSimilarCache::VisitVectorsByName(const std::vector<std::string>& names,
+                                          const std::function<void(size_t, const float*)>& visit) {
   std::lock_guard<std::mutex> lock(mutex_);
-  std::unordered_map<std::string, size_t> entryOf;
+  if (table_.featureDim != kFeatureDim) return;
+  std::unordered_map<std::string_view, size_t> entryOf;
+  entryOf.reserve(table_.Size());
   for (size_t j = table_.Size(); j-- > 0;)
     if (table_.status[j] != kStatusUnusable) entryOf[table_.columns[kFieldName][j]] = j;  // the first one wins
+  for (size_t i = 0; i < names.size(); ++i)
+    if (const auto it = entryOf.find(names[i]); it != entryOf.end()) visit(i, table_.Feature(it->second));
+}
+
+std::vector<float> FontSimilarCache::VectorsByName(const std::vector<std::string>& names, std::vector<bool>& found) {
   std::vector<float> vectors(names.size() * kFeatureDim, 0.0f);
   found.assign(names.size(), false);
-  for (size_t i = 0; i < names.size(); ++i) {
-    const auto it = entryOf.find(names[i]);
-    if (it == entryOf.end() || table_.featureDim != kFeatureDim) continue;
-    std::memcpy(&vectors[i * kFeatureDim], table_.Feature(it->second), kFeatureDim * sizeof(float));
+  VisitVectorsByName(names, [&](size_t i, const float* vector) {
+    std::memcpy(&vectors[i * kFeatureDim], vector, kFeatureDim * sizeof(float));
     found[i] = true;
-  }
+  });
   return vectors;
 }
 

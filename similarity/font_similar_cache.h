@@ -3,6 +3,7 @@
 // task, brought up to date with the installed fonts by the update task, appended to its cache
 // files when torn down, and read by the similar-font queries.
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -90,6 +91,10 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   /// order: each name's first usable entry (a shipped face's before a cached one). `found[i]`
   /// tells whether name i has one; its row is zeros when not.
   std::vector<float> VectorsByName(const std::vector<std::string>& names, std::vector<bool>& found);
+  /// The same vectors without a copy: `visit(i, vector)` for each name i that has one, in order,
+  /// under the cache's lock (`visit` must not call the cache).
+  void VisitVectorsByName(const std::vector<std::string>& names,
+                          const std::function<void(size_t, const float*)>& visit);
   /// A copy of one entry's vector and status (tests, diagnostics).
   std::pair<std::vector<float>, uint32_t> Entry(size_t index);
 
