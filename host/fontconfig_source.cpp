@@ -16,6 +16,7 @@
 #include <exception>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -450,54 +451,64 @@ class FontconfigSource : public FontSource {
   std::vector<HostFont> List() override {
     // FcInit loads the configuration once; later lists pick up fonts added since.
     if (!initialised_) {
-      ReadListing();
-      if (!FcInit()) throw std::runtime_error("fontconfig could not load its configuration");
+      // The listing is read while fontconfig loads its configuration and caches: both grow with
+      // the fonts, and a process waits for them before it answers.
+      std::future<void> reading = std::async(std::launch::async, [this] { ReadListing(); });
+      const bool loaded = FcInit();
+      reading.get();
+      if (!loaded) throw std::runtime_error("fontconfig could not load its configuration");
       initialised_ = true;
-    } else if (FcConfigUptoDate(nullptr) && last_) {
-      // fontconfig's own stamps (its configuration files and font folders) say nothing was
-      // added, removed or renamed since the last list: the host's first notification after
-      // start-up lists nothing twice.
-      return *last_;
     } else if (!FcInitReinitialize()) {
       throw std::runtime_error("fontconfig could not load its configuration again");
     }
     const std::vector<ListedFace> faces = ListFaces();
 
-    FontListing remembered;
+    // What is remembered of an unchanged file is moved, not copied: thousands of faces.
+    std::vector<std::string> keys(faces.size());
+    std::vector<FileStamp> stamps(faces.size());
     std::vector<FaceResult> results(faces.size());
     std::vector<size_t> todo;
     for (size_t i = 0; i < faces.size(); ++i) {
-      const std::string key = Key(faces[i]);
+      keys[i] = Key(faces[i]);
       struct stat st {};
       const bool stated = ::stat(faces[i].file.c_str(), &st) == 0;
       const FileStamp stamp{int64_t(st.st_mtim.tv_sec), int64_t(st.st_mtim.tv_nsec), int64_t(st.st_size)};
-      auto it = remembered_.find(key);
-      if (stated && it != remembered_.end() && it->second.stamp == stamp) {
-        results[i] = it->second.result;
+      auto node = remembered_.extract(keys[i]);
+      if (stated && !node.empty() && node.mapped().stamp == stamp) {
+        results[i] = std::move(node.mapped().result);
       } else {
         todo.push_back(i);
       }
-      remembered[key].stamp = stated ? stamp : FileStamp{};
+      stamps[i] = stated ? stamp : FileStamp{};
     }
+    // What is left was remembered of faces no longer listed.
+    const bool changed = !todo.empty() || !remembered_.empty();
     ReadFaces(faces, todo, results);
 
     std::vector<HostFont> fonts;
     fonts.reserve(faces.size());
+    FontListing remembered;
+    remembered.reserve(faces.size());
     for (size_t i = 0; i < faces.size(); ++i) {
-      remembered[Key(faces[i])].result = results[i];
-      if (!results[i]) continue;
-      fonts.push_back(*results[i]);
-      fonts.back().weight = faces[i].weight;
-      fonts.back().width = faces[i].width;
-      fonts.back().slant = faces[i].slant;
+      if (results[i]) {
+        fonts.push_back(*results[i]);
+        fonts.back().weight = faces[i].weight;
+        fonts.back().width = faces[i].width;
+        fonts.back().slant = faces[i].slant;
+      }
+      remembered.emplace(std::move(keys[i]), ListedFaceResult{stamps[i], std::move(results[i])});
     }
     NameFaces(fonts);
-    const bool changed = !todo.empty() || remembered.size() != remembered_.size();
     remembered_ = std::move(remembered);
     if (changed) WriteListing();
-    last_ = fonts;
+    listed_ = true;
     return fonts;
   }
+
+  // fontconfig's own stamps (its configuration files and font folders) say whether anything was
+  // added, removed or renamed since the last list: a host told of a change at start-up lists
+  // nothing twice.
+  bool Unchanged() override { return listed_ && FcConfigUptoDate(nullptr); }
 
  private:
   static std::string Key(const ListedFace& face) { return face.file + '\n' + std::to_string(face.index); }
@@ -528,7 +539,7 @@ class FontconfigSource : public FontSource {
   std::string listing_;
   bool initialised_ = false;
   FontListing remembered_;  // by file and face index
-  std::optional<std::vector<HostFont>> last_;
+  bool listed_ = false;     // a List() succeeded
 };
 
 }  // namespace

@@ -351,7 +351,9 @@ QVErr Host::ApplicationStarted() { return impl_->Deliver(kQVApplicationStartedNo
 QVErr Host::FontListChanged() {
   impl_->AwaitFonts();  // one listing at a time
   try {
-    impl_->RebuildFonts();
+    // Told at start-up, the host has just listed the fonts: the list stands while its source
+    // says nothing changed. The module is told all the same.
+    if (FontListGeneration() == 0 || !impl_->options.fonts->Unchanged()) impl_->RebuildFonts();
   } catch (const std::exception& e) {
     std::lock_guard lock(impl_->mu);
     impl_->alerts.push_back(std::string("cannot list the installed fonts: ") + e.what());

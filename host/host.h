@@ -43,6 +43,9 @@ class FontSource {
   /// Every face, in the order the host lists them. May throw std::runtime_error. The host's
   /// first call comes from a thread of its own, started by its constructor.
   virtual std::vector<HostFont> List() = 0;
+  /// True when a List() now would give what the last one gave (a source that cannot tell says
+  /// false): the host then has no change to tell the module.
+  virtual bool Unchanged() { return false; }
 };
 
 /// The installed system and user fonts: every face fontconfig lists and FreeType opens, sorted
