@@ -4,7 +4,7 @@ plus open faces from the pinned npm packages of the training corpus (training/co
 "latin" web-font files), fetched into a folder of their own and shown to fontconfig through a
 configuration of their own, so nothing is installed system-wide. For each size, on an empty
 Fontrix cache: the first `fontrix index` (whole process, once), then every command's whole-process
-time (median) and peak memory with the caches it left, against fc-match.
+time (median) and peak memory with the caches it left, against fc-match (and fc-match -s).
 
     PYTHONPATH=training /usr/bin/python3 bench/scale.py [--sizes 600,2000,4000] [--runs 5]
         [--dir DIR] [--fetch-only] [--fontrix build/bin/fontrix]
@@ -108,13 +108,18 @@ def measure(fontrix, conf, cache, runs):
     shutil.rmtree(cache, ignore_errors=True)
     base = [fontrix, "--cache-dir", cache]
     listed = listed_faces(env)
-    wall, peak, status, err = timed(base + ["index"], env)
+    cpu = []
+    wall, peak, status, err = timed(base + ["index"], env, cpu)
     if status != 0:
         sys.exit("scale: index failed (%d): %s" % (status, err[-500:]))
     rows = [("index, empty cache", wall, peak)]
     used = len(subprocess.run(base + ["fonts"], env=env, capture_output=True, text=True).stdout.splitlines())
-    for name, args in COMMANDS + [("fc-match DejaVu Sans", None)]:
-        argv = ["fc-match", "DejaVu Sans"] if args is None else base + args
+    print("scale: index took %.1f s of processor time, %.1f ms a font used" % (cpu[0], 1000 * cpu[0] / max(used, 1)),
+          flush=True)
+    # fontconfig's own answers for scale: the best match, and every font sorted by match (-s).
+    for name, argv in [(name, base + args) for name, args in COMMANDS] + [
+            ("fc-match DejaVu Sans", ["fc-match", "DejaVu Sans"]),
+            ("fc-match -s DejaVu Sans", ["fc-match", "-s", "DejaVu Sans"])]:
         results = [timed(argv, env) for _ in range(runs + 1)][1:]
         for _, _, status, err in results:
             if status != 0:

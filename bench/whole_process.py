@@ -36,14 +36,17 @@ def environments(args):
     return envs or {"as is": dict(os.environ)}
 
 
-def timed(argv, env):
-    """Wall seconds, peak resident MB, exit status and standard error of one whole process.
+def timed(argv, env, cpu=None):
+    """Wall seconds, peak resident MB, exit status and standard error of one whole process; its
+    processor seconds (user and system) are appended to the list `cpu` when one is given.
     Standard error goes through a file, so a process that says a lot never blocks on a pipe."""
     with tempfile.TemporaryFile() as err:
         start = time.monotonic()
         process = subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=err)
         _, status, usage = os.wait4(process.pid, 0)
         wall = time.monotonic() - start
+        if cpu is not None:
+            cpu.append(usage.ru_utime + usage.ru_stime)
         err.seek(0)
         said = err.read().decode("utf-8", "replace")
     return wall, usage.ru_maxrss / 1024.0, os.waitstatus_to_exitcode(status), said
