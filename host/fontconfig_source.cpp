@@ -241,9 +241,10 @@ std::vector<ListedFace> ListFaces() {
   return faces;
 }
 
-// Reads faces[i] for every i in `todo` into results[i], on a few threads when there are many.
-void ReadFaces(const std::vector<ListedFace>& faces, const std::vector<size_t>& todo,
-               std::vector<FaceResult>& results) {
+// Reads faces[i] for every i in `todo` into results[i], on a few threads when there are many;
+// `read` counts the faces read.
+void ReadFaces(const std::vector<ListedFace>& faces, const std::vector<size_t>& todo, std::vector<FaceResult>& results,
+               std::atomic<uint64_t>& read) {
   constexpr size_t kFacesPerThread = 48;
   const size_t threads =
       std::max<size_t>(1, std::min<size_t>({std::thread::hardware_concurrency(), 8, todo.size() / kFacesPerThread}));
@@ -257,6 +258,7 @@ void ReadFaces(const std::vector<ListedFace>& faces, const std::vector<size_t>& 
       for (size_t k; (k = next.fetch_add(1)) < todo.size();) {
         const ListedFace& face = faces[todo[k]];
         results[todo[k]] = ReadFace(library, face.file, face.index, face.variable);
+        read.fetch_add(1, std::memory_order_relaxed);
       }
     } catch (...) {
       errors[worker] = std::current_exception();
@@ -483,7 +485,10 @@ class FontconfigSource : public FontSource {
     }
     // What is left was remembered of faces no longer listed.
     const bool changed = !todo.empty() || !remembered_.empty();
-    ReadFaces(faces, todo, results);
+    read_.store(0);
+    to_read_.store(todo.size());
+    ReadFaces(faces, todo, results, read_);
+    to_read_.store(0);
 
     std::vector<HostFont> fonts;
     fonts.reserve(faces.size());
@@ -509,6 +514,11 @@ class FontconfigSource : public FontSource {
   // added, removed or renamed since the last list: a host told of a change at start-up lists
   // nothing twice.
   bool Unchanged() override { return listed_ && FcConfigUptoDate(nullptr); }
+
+  std::pair<uint64_t, uint64_t> Reading() const override {
+    const uint64_t total = to_read_.load();
+    return {std::min(read_.load(), total), total};
+  }
 
  private:
   static std::string Key(const ListedFace& face) { return face.file + '\n' + std::to_string(face.index); }
@@ -538,8 +548,9 @@ class FontconfigSource : public FontSource {
 
   std::string listing_;
   bool initialised_ = false;
-  FontListing remembered_;  // by file and face index
-  bool listed_ = false;     // a List() succeeded
+  FontListing remembered_;                      // by file and face index
+  bool listed_ = false;                         // a List() succeeded
+  std::atomic<uint64_t> read_{0}, to_read_{0};  // faces the running List() has read, and must
 };
 
 }  // namespace

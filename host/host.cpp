@@ -468,6 +468,13 @@ const std::vector<HostFont>& Host::Fonts() const {
   return impl_->fonts;
 }
 
+bool Host::FontsListed(double seconds) const {
+  const auto& listing = impl_->first_listing;
+  return !listing.valid() || listing.wait_for(std::chrono::duration<double>(seconds)) == std::future_status::ready;
+}
+
+std::pair<uint64_t, uint64_t> Host::ListingProgress() const { return impl_->options.fonts->Reading(); }
+
 uint32_t Host::FontListGeneration() const {
   impl_->AwaitFonts();
   std::shared_lock lock(impl_->fonts_mu);

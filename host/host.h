@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sdk/qv_plugin.h"
@@ -46,6 +47,9 @@ class FontSource {
   /// True when a List() now would give what the last one gave (a source that cannot tell says
   /// false): the host then has no change to tell the module.
   virtual bool Unchanged() { return false; }
+  /// Of the faces the running List() must open (new or changed files), how many it has opened
+  /// and how many there are; {0, 0} when it opens none or cannot tell. Any thread may ask.
+  virtual std::pair<uint64_t, uint64_t> Reading() const { return {0, 0}; }
 };
 
 /// The installed system and user fonts: every face fontconfig lists and FreeType opens, sorted
@@ -152,6 +156,10 @@ class Host {
   void* Globals() const;
   std::string PluginName() const;
   const std::vector<HostFont>& Fonts() const;
+  /// Whether the first listing, which runs from the host's construction on a thread of its own,
+  /// has ended, waiting up to `seconds` for it; Reading() of the source while it runs.
+  bool FontsListed(double seconds = 0) const;
+  std::pair<uint64_t, uint64_t> ListingProgress() const;
   uint32_t FontListGeneration() const;       ///< 1 after construction, +1 per FontListChanged
   std::string FolderPath(int32_t id) const;  ///< "" for an unknown id; creates nothing
 

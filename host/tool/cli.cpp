@@ -79,9 +79,17 @@ int RunCommand(const Options& options) {
   if (options.largest_line) host_options.switches[kSwitchRecognitionLargestLine] = true;
   const double started = Seconds();
   Host host(std::move(host_options));
-  host.LoadModule(FindModule(options.module));
-
-  if (QVErr err = host.Startup()) throw Failure("the Fontrix module failed to start (error " + ErrorText(err) + ")");
+  {
+    // A first run reads every font file before the module can start: a terminal sees it happen.
+    // The module's start-up waits for the list, so the bar is gone when it has started.
+    std::thread reading([&host, started] { ShowFontReading(host, started); });
+    struct Joined {
+      std::thread& thread;
+      ~Joined() { thread.join(); }
+    } joined{reading};
+    host.LoadModule(FindModule(options.module));
+    if (QVErr err = host.Startup()) throw Failure("the Fontrix module failed to start (error " + ErrorText(err) + ")");
+  }
   interrupted = 0;
   std::signal(SIGINT, OnInterrupt);
   if (options.command == "serve") std::signal(SIGTERM, OnInterrupt);
@@ -113,7 +121,7 @@ int RunCommand(const Options& options) {
     } else {
       progress.emplace(host, kFontrixProgressSuite, kFontrixProgressSuiteVersion);
       reports.emplace(**progress);
-      if (!WaitForServices(host, **progress, *reports, ServicesNeeded(options))) {
+      if (!WaitForServices(host, **progress, *reports, ServicesNeeded(options), started)) {
         std::fprintf(stderr, "fontrix: interrupted\n");
         status = 130;
       } else if (const uint32_t failed = reports->SayNew(); failed & ServicesNeeded(options)) {

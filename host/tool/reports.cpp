@@ -28,14 +28,18 @@ namespace {
 // wait has lasted a second, so quick runs and pipes see nothing.
 class ProgressBar {
  public:
-  ProgressBar() : enabled_(isatty(STDERR_FILENO) == 1), start_(Seconds()) {}
+  /// A bar of `what` ("updating caches"), drawn from half a second after `started` (the
+  /// command's start: a question answered sooner shows none).
+  ProgressBar(const char* what, double started) : enabled_(isatty(STDERR_FILENO) == 1), what_(what), start_(started) {}
   ~ProgressBar() {
     if (shown_) std::fputs("\r\033[K", stderr);
   }
   void Show(uint64_t done, uint64_t total) {
     const double now = Seconds();
     if (first_done_ == kNone) first_done_ = done, first_seen_ = now;
-    if (!enabled_ || now - start_ < 1.0 || now - drawn_ < 0.1 || (shown_ && done == done_ && total == total_)) return;
+    if (!enabled_ || total == 0 || now - start_ < kFirstDrawn || now - drawn_ < 0.1 ||
+        (shown_ && done == done_ && total == total_))
+      return;
     drawn_ = now;
     done_ = done;
     total_ = total;
@@ -53,7 +57,7 @@ class ProgressBar {
         std::snprintf(text, sizeof text, ", about %.0f min left", seconds / 60);
       left = text;
     }
-    std::fprintf(stderr, "\rfontrix: updating caches [%s%s] %llu/%llu fonts%s\033[K",
+    std::fprintf(stderr, "\rfontrix: %s [%s%s] %llu/%llu fonts%s\033[K", what_,
                  std::string(size_t(filled), '#').c_str(), std::string(size_t(kWidth - filled), '.').c_str(),
                  static_cast<unsigned long long>(done), static_cast<unsigned long long>(total), left.c_str());
     std::fflush(stderr);
@@ -61,7 +65,11 @@ class ProgressBar {
 
  private:
   static constexpr uint64_t kNone = std::numeric_limits<uint64_t>::max();
+  // Half a second: a question answered from warm caches (a tenth of that) shows no bar, and a
+  // first run shows one well within a second.
+  static constexpr double kFirstDrawn = 0.5;
   bool enabled_, shown_ = false;
+  const char* what_;
   double start_, drawn_ = 0, first_seen_ = 0;
   uint64_t done_ = 0, total_ = 0, first_done_ = kNone;
 };
@@ -90,9 +98,24 @@ uint32_t ServiceReports::Say(bool waits_only, bool* waiting) {
 }
 
 // The bar counts fonts: a font is done when every service waited for is done with it.
-bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services) {
-  ProgressBar bar;
-  const double start = Seconds();
+void ShowFontReading(const Host& host, double started) {
+  ProgressBar bar("reading new font files", started);
+  bool said = false;
+  while (!host.FontsListed(0.05)) {
+    const auto [read, total] = host.ListingProgress();
+    if (total == 0) continue;
+    if (!said && Seconds() - started >= 2.0) {
+      said = true;
+      std::fprintf(stderr, "%sfontrix: reading %llu new or changed font files (once: later runs answer at once)\n",
+                   isatty(STDERR_FILENO) == 1 ? "\r\033[K" : "", static_cast<unsigned long long>(total));
+    }
+    bar.Show(read, total);
+  }
+}
+
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services,
+                     double started) {
+  ProgressBar bar("updating caches", started);
   bool idle = false, said = false;
   auto check = [&] {
     // A service waiting for another process's hold on the cache folder says so itself.
@@ -111,7 +134,7 @@ bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceRe
     }
     // A wait that lasts is a first run (or many new fonts): said once, so nobody takes it for a
     // hang, also where no bar is drawn.
-    if (!idle && !said && !held && done < total && Seconds() - start >= 2.0) {
+    if (!idle && !said && !held && done < total && Seconds() - started >= 2.0) {
       said = true;
       std::fprintf(stderr,
                    "%sfontrix: the module is taking in %llu installed fonts for %s (once: later runs answer at "

@@ -56,6 +56,10 @@ class ServiceReports {
 /// the others working on meanwhile; false when interrupted. A wait of more than a moment is
 /// said once on standard error, what for and for how many fonts, and shown on a terminal as a
 /// bar with the time left.
-bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services);
+bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceReports& reports, uint32_t services,
+                     double started);
+/// Until the host's first listing ends: on a terminal, from half a second after `started`, a bar of
+/// the font files it reads (every file on a first run, before any service can start).
+void ShowFontReading(const Host& host, double started);
 
 }  // namespace fontrix::host

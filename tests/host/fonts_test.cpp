@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <future>
 #include <map>
 #include <set>
 #include <thread>
@@ -177,6 +178,38 @@ TEST_F(FontSuitesTest, WorkerThreadsMayReadWhileTheListIsRebuilt) {
   b.join();
   EXPECT_EQ(failures, 0);
   EXPECT_EQ(host_->LiveBlocks(), 0u);
+}
+
+// A source that lists only when let go, and says how far it has read.
+class HeldSource : public FontSource {
+ public:
+  std::vector<HostFont> List() override {
+    go.get_future().wait();
+    return {Face("Held-Regular", "/fonts/held.ttf")};
+  }
+  std::pair<uint64_t, uint64_t> Reading() const override { return {3, 7}; }
+  std::promise<void> go;
+};
+
+// The first listing runs beside the host's caller: the font suites wait for it, the caller can
+// watch it, and the list is there once it has ended.
+TEST_F(HostTest, TheFirstListingRunsBesideTheCallerWhoCanWatchIt) {
+  auto source = std::make_shared<HeldSource>();
+  HostOptions options = Options();
+  options.fonts = source;
+  Host host(options);
+  EXPECT_FALSE(host.FontsListed(0.01));
+  EXPECT_EQ(host.ListingProgress(), (std::pair<uint64_t, uint64_t>{3, 7}));
+  auto* fonts = static_cast<const QVFontSuite*>(host.AcquireSuite(kQVFontSuite, kQVFontSuiteVersion));
+  std::future<int32_t> counted = std::async(std::launch::async, [fonts] {
+    int32_t count = -1;
+    return fonts->CountFonts(&count) == kQVNoErr ? count : -1;
+  });
+  EXPECT_EQ(counted.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);  // waits for the list
+  source->go.set_value();
+  EXPECT_EQ(counted.get(), 1);
+  EXPECT_TRUE(host.FontsListed());
+  host.ReleaseSuite(kQVFontSuite, kQVFontSuiteVersion);
 }
 
 TEST(FontconfigSource, ListsTheInstalledDejaVuFaces) {
