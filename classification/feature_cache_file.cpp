@@ -67,24 +67,9 @@ void SaveFeatureCache(const std::string& path, const std::vector<FeatureRecord>&
     entry["featureValue"] = JsonValue(double(r.value));
     root.AsArray().push_back(std::move(entry));
   }
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
-    corvid::serialize::Write(root, out);
-    out.flush();
-    if (!out) {
-      const int cause = errno;
-      out.close();
-      std::remove(temporary.c_str());  // a full folder keeps no half file
-      throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(cause));
-    }
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    const int cause = errno;
-    std::remove(temporary.c_str());
-    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
-  }
+  std::ostringstream out;
+  corvid::serialize::Write(root, out);
+  ReplaceFile(path, out.str());
 }
 
 }  // namespace fontrix

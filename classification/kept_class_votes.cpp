@@ -9,6 +9,7 @@
 
 #include "classification/feature_cache_file.h"
 #include "deepnet/gemm.h"
+#include "shell/byte_reader.h"
 #include "shell/check_sum.h"
 #include "shell/file_bytes.h"
 
@@ -34,27 +35,7 @@ void PutText(std::string& out, const std::string& text) {
   out += text;
 }
 
-class Reader {
- public:
-  explicit Reader(const std::string& bytes) : bytes_(bytes) {}
-  template <typename T>
-  T Get(const char* what) {
-    T value;
-    Take(&value, sizeof value, what);
-    return value;
-  }
-  void Take(void* out, size_t n, const char* what) {
-    if (bytes_.size() - at_ < n) throw KeptClassVotesError(std::string("cut short in ") + what);
-    std::memcpy(out, bytes_.data() + at_, n);
-    at_ += n;
-  }
-  size_t At() const { return at_; }
-  size_t Left() const { return bytes_.size() - at_; }
-
- private:
-  const std::string& bytes_;
-  size_t at_ = 0;
-};
+using Reader = ByteReader<KeptClassVotesError>;
 
 }  // namespace
 
@@ -160,25 +141,7 @@ std::string KeptClassVotesBytes(uint64_t identity, const std::vector<KeptClassVo
 }
 
 void WriteKeptClassVotes(const std::string& path, uint64_t identity, const std::vector<KeptClassVote>& votes) {
-  const std::string bytes = KeptClassVotesBytes(identity, votes);
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-    if (!file) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
-    file.write(bytes.data(), std::streamsize(bytes.size()));
-    file.flush();
-    if (!file) {
-      const int cause = errno;
-      file.close();
-      std::remove(temporary.c_str());  // a full folder keeps no half file
-      throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(cause));
-    }
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    const int cause = errno;
-    std::remove(temporary.c_str());
-    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
-  }
+  ReplaceFile(path, KeptClassVotesBytes(identity, votes));
 }
 
 }  // namespace fontrix

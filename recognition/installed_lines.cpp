@@ -10,6 +10,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "shell/byte_reader.h"
 #include "shell/check_sum.h"
 #include "shell/file_bytes.h"
 
@@ -71,26 +72,7 @@ constexpr uint32_t kOlderVersion = 2;
 constexpr uint32_t kLongestName = 1024;
 constexpr uint32_t kMostValues = 1 << 16;
 
-class Reader {
- public:
-  explicit Reader(std::string_view bytes) : bytes_(bytes) {}
-  template <typename T>
-  T Get(const char* what) {
-    T value;
-    Take(&value, sizeof value, what);
-    return value;
-  }
-  void Take(void* out, size_t n, const char* what) {
-    if (bytes_.size() - at_ < n) throw InstalledLinesFileError(std::string("cut short in ") + what);
-    std::memcpy(out, bytes_.data() + at_, n);
-    at_ += n;
-  }
-  bool AtEnd() const { return at_ == bytes_.size(); }
-
- private:
-  std::string_view bytes_;
-  size_t at_ = 0;
-};
+using Reader = ByteReader<InstalledLinesFileError>;
 
 uint64_t LineSum(const InstalledLine& line, uint32_t version = kVersion) {
   const uint8_t drawn = !line.features.empty();
@@ -192,22 +174,7 @@ void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const st
       out.write(reinterpret_cast<const char*>(line.features.data()), std::streamsize(size * sizeof(float)));
     put(LineSum(line));
   }
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-    const std::string bytes = out.str();
-    file.write(bytes.data(), std::streamsize(bytes.size()));
-    file.flush();
-    if (!file) {
-      std::remove(temporary.c_str());
-      throw std::runtime_error("cannot write " + temporary);
-    }
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    const int cause = errno;
-    std::remove(temporary.c_str());
-    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
-  }
+  ReplaceFile(path, out.str());
 }
 
 std::vector<int32_t> MergeInstalledLines(const std::vector<int32_t>& answer, const std::vector<float>& likeness,

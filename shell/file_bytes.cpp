@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <functional>
+#include <stdexcept>
 
 namespace fontrix {
 namespace {
@@ -89,6 +91,33 @@ FileState AppendFileFloats(const std::string& path, std::vector<float>& values, 
   }
   values.resize(before + (state == FileState::kRead ? got / sizeof(float) : 0));
   return state;
+}
+
+void ReplaceFile(const std::string& path, std::string_view bytes) {
+  const std::string temporary = path + ".tmp";
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+  for (size_t written = 0; written < bytes.size();) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const int cause = n < 0 ? errno : ENOSPC;
+      ::close(fd);
+      std::remove(temporary.c_str());
+      throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(cause));
+    }
+    written += size_t(n);
+  }
+  if (::close(fd) != 0) {
+    const int cause = errno;
+    std::remove(temporary.c_str());
+    throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(cause));
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int cause = errno;
+    std::remove(temporary.c_str());
+    throw std::runtime_error("cannot replace " + path + ": " + std::strerror(cause));
+  }
 }
 
 MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {

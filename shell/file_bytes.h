@@ -4,6 +4,7 @@
 // I/O error), even on a stream that was never asked for exceptions. Every file the module reads
 // comes in through here, so such a file is a reason in words, never an exception.
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,10 @@ FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string
 /// through. As ReadFileBytes, and kUnreadable also when its size is not a whole number of
 /// floats; `values` is as it was unless the file was read.
 FileState AppendFileFloats(const std::string& path, std::vector<float>& values, std::string& why);
+
+/// Writes `bytes` to "PATH.tmp" and renames it over `path`, so that a reader never sees half a
+/// file and a full folder keeps none; throws std::runtime_error saying which step failed and why.
+void ReplaceFile(const std::string& path, std::string_view bytes);
 
 /// A regular file mapped read-only, for shipped data read whole at every start: its pages come
 /// from the page cache as they are touched, with nothing copied or zeroed. The file must not be

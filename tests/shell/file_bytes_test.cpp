@@ -62,6 +62,25 @@ TEST_F(FileBytesTest, FloatsAreAppendedOrNothingIs) {
   EXPECT_EQ(values.size(), 4u);
 }
 
+// A replaced file holds the new bytes whole; one that cannot be written keeps the old and
+// leaves no temporary file.
+TEST_F(FileBytesTest, ReplacedFilesAreWholeOrUntouched) {
+  const std::string path = Write("cache", "old bytes");
+  ReplaceFile(path, "new bytes, longer");
+  std::string bytes, why;
+  ASSERT_EQ(ReadFileBytes(path, bytes, why), FileState::kRead);
+  EXPECT_EQ(bytes, "new bytes, longer");
+  fs::create_directory(path + ".tmp");  // the temporary cannot be made: a folder is in its place
+  EXPECT_THROW(ReplaceFile(path, "lost"), std::runtime_error);
+  ASSERT_EQ(ReadFileBytes(path, bytes, why), FileState::kRead);
+  EXPECT_EQ(bytes, "new bytes, longer");
+  fs::remove(path + ".tmp");
+  const std::string into_folder = (dir_ / "folder").string();
+  fs::create_directory(into_folder);
+  EXPECT_THROW(ReplaceFile(into_folder, "x"), std::runtime_error);  // rename over a folder fails
+  EXPECT_FALSE(fs::exists(into_folder + ".tmp"));
+}
+
 // A mapping shows the file's bytes and moves with its owner; what cannot be mapped is a reason.
 TEST_F(FileBytesTest, MappedFilesShowTheBytesAndMove) {
   std::string why;
