@@ -1,21 +1,167 @@
-// The table of well-known non-open families: lookups by any spelling, and every kind of damaged
-// line refused with a sentence naming that line.
+// The table of well-known non-open families: the shipped file against the training corpus and the
+// metric aliases it must agree with, lookups by any spelling, and every kind of damaged line
+// refused with a sentence naming that line.
 #include "similarity/known_families.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
+
+#include "shell/tab_fields.h"
 
 namespace fontrix {
 namespace {
 
 using Why = KnownFamily::LookAlike::Why;
 
+constexpr const char* kShipped = "data/known_families.tsv";
+constexpr const char* kManifest = "training/corpus/manifest.tsv";
+constexpr const char* kLabels = "training/corpus/labels.tsv";
+
 std::vector<KnownFamily> Parse(const std::string& text) {
   std::istringstream in(text);
   return ParseKnownFamilies(in, "t.tsv");
+}
+
+// The rows of a tab-separated corpus file as maps from its header's column names.
+std::vector<std::map<std::string, std::string>> ReadRows(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  if (!std::getline(in, line)) return {};
+  const std::vector<std::string> header = TabFields(line);
+  std::vector<std::map<std::string, std::string>> rows;
+  while (std::getline(in, line)) {
+    const std::vector<std::string> fields = TabFields(line);
+    std::map<std::string, std::string> row;
+    for (size_t c = 0; c < header.size() && c < fields.size(); ++c) row[header[c]] = fields[c];
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+const KnownFamily::LookAlike* LookAlikeNamed(const KnownFamily& known, const std::string& family) {
+  for (const auto& alike : known.lookAlikes)
+    if (alike.family == family) return &alike;
+  return nullptr;
+}
+
+// ---- The shipped table.
+
+// Read once; a table that does not read fails each test that asks for it, with the reader's sentence.
+const std::vector<KnownFamily>& Shipped() {
+  static const std::vector<KnownFamily> table = ReadKnownFamilies(kShipped);
+  return table;
+}
+
+const KnownFamily& Named(const std::string& name) {
+  const KnownFamily* known = FindKnownFamily(Shipped(), name);
+  if (!known) throw std::runtime_error(name + " is not in the table");
+  return *known;
+}
+
+TEST(ShippedKnownFamilies, ReadsWithTheFamiliesDesignersMeetMost) {
+  EXPECT_GE(Shipped().size(), 150u);
+  for (const char* name : {"Arial", "Helvetica", "Helvetica Neue", "Times New Roman", "Courier New", "Calibri",
+                           "Cambria", "Georgia", "Verdana", "Futura", "Gill Sans", "Garamond", "Palatino", "Gotham",
+                           "Proxima Nova", "Segoe UI", "Consolas", "Comic Sans MS"})
+    EXPECT_NE(FindKnownFamily(Shipped(), name), nullptr) << name;
+}
+
+// A look-alike the corpus does not hold is a name the module can neither image nor offer.
+TEST(ShippedKnownFamilies, EveryLookAlikeIsAFamilyOfTheCorpus) {
+  std::set<std::string> corpus;
+  for (const auto& row : ReadRows(kManifest)) corpus.insert(row.at("family"));
+  ASSERT_GT(corpus.size(), 1000u) << kManifest << " was not read from the source tree";
+  std::string missing;
+  for (const KnownFamily& known : Shipped())
+    for (const auto& alike : known.lookAlikes)
+      if (!corpus.count(alike.family)) missing += " " + known.family + " -> " + alike.family + ";";
+  EXPECT_EQ(missing, "");
+}
+
+// A family of the open corpus is no family to stand in for: its own name already finds it.
+TEST(ShippedKnownFamilies, NamesNoOpenFamily) {
+  std::set<std::string> corpus;
+  for (const auto& row : ReadRows(kManifest)) corpus.insert(row.at("family"));
+  std::string open;
+  for (const std::string& family : corpus)
+    if (const KnownFamily* known = FindKnownFamily(Shipped(), family))
+      open += " " + known->family + " (" + family + ");";
+  EXPECT_EQ(open, "");
+}
+
+// A clone or a revival is the same design, so the corpus labels it with the class the table gives
+// the family it stands in for; a look-alike may cross classes (a flared sans for a flared serif).
+TEST(ShippedKnownFamilies, ClonesAndRevivalsShareTheClassOfTheirFamily) {
+  std::map<std::string, std::string> classOfFace;
+  for (const auto& row : ReadRows(kLabels)) {
+    const std::string classes = row.at("classes");
+    classOfFace[row.at("unique_name")] = classes.substr(0, classes.find(','));
+  }
+  std::map<std::string, std::set<std::string>> classesOfFamily;
+  for (const auto& row : ReadRows(kManifest)) {
+    const auto label = classOfFace.find(row.at("unique_name"));
+    if (label != classOfFace.end()) classesOfFamily[row.at("family")].insert(label->second);
+  }
+  ASSERT_FALSE(classesOfFamily.empty()) << kLabels << " was not read from the source tree";
+  for (const KnownFamily& known : Shipped()) {
+    std::string label = "fs_" + known.styleClass;
+    std::replace(label.begin(), label.end(), ' ', '_');
+    for (const auto& alike : known.lookAlikes) {
+      if (alike.why == Why::kLookAlike) continue;
+      EXPECT_TRUE(classesOfFamily[alike.family].count(label)) << known.family << " is " << known.styleClass << ", its "
+                                                              << WhyName(alike.why) << " " << alike.family << " is not";
+    }
+  }
+}
+
+// The metric clones fontconfig's metric aliases (30-metric-aliases.conf) and the clones' own
+// documentation name: a document set in these keeps its line breaks in the clone.
+TEST(ShippedKnownFamilies, NamesTheKnownMetricClones) {
+  EXPECT_EQ(Named("Arial").lookAlikes.front().why, Why::kClone);
+  const KnownFamily& helvetica = Named("Helvetica");
+  const auto* nimbus = LookAlikeNamed(helvetica, "Nimbus Sans");
+  const auto* heros = LookAlikeNamed(helvetica, "TeX Gyre Heros");
+  EXPECT_TRUE((nimbus && nimbus->why == Why::kClone) || (heros && heros->why == Why::kClone));
+  ASSERT_NE(LookAlikeNamed(Named("Calibri"), "Carlito"), nullptr);
+  EXPECT_EQ(LookAlikeNamed(Named("Calibri"), "Carlito")->why, Why::kClone);
+  ASSERT_NE(LookAlikeNamed(Named("Cambria"), "Caladea"), nullptr);
+  EXPECT_EQ(LookAlikeNamed(Named("Cambria"), "Caladea")->why, Why::kClone);
+  ASSERT_NE(LookAlikeNamed(Named("Georgia"), "Gelasio"), nullptr);
+  EXPECT_EQ(LookAlikeNamed(Named("Georgia"), "Gelasio")->why, Why::kClone);
+  EXPECT_EQ(Named("Courier New").lookAlikes.front().why, Why::kClone);
+  const KnownFamily& times = Named("Times New Roman");
+  bool timesClone = false;
+  for (const char* clone : {"Liberation Serif", "Tinos", "Nimbus Roman"})
+    if (const auto* alike = LookAlikeNamed(times, clone)) timesClone |= alike->why == Why::kClone;
+  EXPECT_TRUE(timesClone);
+  // The clones of the PostScript core families, one to each.
+  for (const auto& [family, clone] : std::map<std::string, std::string>{{"Courier", "Nimbus Mono PS"},
+                                                                        {"Times", "Nimbus Roman"},
+                                                                        {"Palatino", "P052"},
+                                                                        {"New Century Schoolbook", "C059"},
+                                                                        {"Avant Garde Gothic", "TeX Gyre Adventor"},
+                                                                        {"Bookman", "TeX Gyre Bonum"}}) {
+    const auto* alike = LookAlikeNamed(Named(family), clone);
+    ASSERT_NE(alike, nullptr) << family;
+    EXPECT_EQ(alike->why, Why::kClone) << family;
+  }
+}
+
+TEST(ShippedKnownFamilies, DescribesTheFamilies) {
+  const KnownFamily& courier = Named("Courier New");
+  EXPECT_EQ(courier.styleClass, "monospace");
+  EXPECT_EQ(courier.weights, (std::vector<int>{400, 700}));
+  EXPECT_EQ(courier.widths, std::vector<int>{100});
+  EXPECT_TRUE(courier.italic);
+  EXPECT_EQ(Named("Arial Narrow").widths, std::vector<int>{87});
+  EXPECT_EQ(Named("Comic Sans MS").styleClass, "handmade");
+  EXPECT_FALSE(Named("Tahoma").italic);
 }
 
 // ---- Lookups.
