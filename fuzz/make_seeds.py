@@ -437,8 +437,30 @@ def kept_class_votes():
     write("kept_class_votes", "renamed.bin", good.replace(b"DejaVuSans", b"DejaVuSerf", 1))
 
 
+# ---- known_families: the shipped table, a small one with every column form, and damaged ones.
+
+def known_families():
+    with open(os.path.join(ROOT, "data", "known_families.tsv"), "rb") as f:
+        shipped = f.read()
+    write("known_families", "shipped.tsv", shipped)
+    small = (b"# family\taliases\tclass\tweights\twidths\titalic\topen family\twhy\n"
+             b"Helvetica Neue\tNeue Helvetica, HelveticaNeue\tsans serif\t100,400,700\t75,100\tyes"
+             b"\tNimbus Sans\tlook-alike\tInter\tlook-alike\tRoboto\tlook-alike\n"
+             b"Courier\t\tmonospace\t400,700\t100\tyes\tNimbus Mono PS\tclone\r\n"
+             b"Zapf Chancery\t\tscript\t500\t100\tyes\tZ003\trevival")
+    write("known_families", "small.tsv", small)
+    write("known_families", "cut_short.tsv", small[:small.index(b"\tclone\r\n")])
+    named_twice = small + b"\nCOURIER\t\tmonospace\t400\t100\tno\tCousine\tclone\n"
+    write("known_families", "named_twice.tsv", named_twice)
+    descending = small.replace(b"100,400,700", b"700,400")
+    assert descending != small
+    write("known_families", "weights_descending.tsv", descending)
+    write("known_families", "only_comments.tsv", b"# nothing but a comment\n\n")
+
+
 TARGETS = {f.__name__: f for f in (dnm_reader, similarity_pair, rec_font_table, font_listing, font_file,
-                                   recognition_picture, class_vote_file, installed_lines_file, kept_class_votes)}
+                                   recognition_picture, class_vote_file, installed_lines_file, kept_class_votes,
+                                   known_families)}
 
 
 def main():
