@@ -117,6 +117,7 @@ bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceRe
                      double started) {
   ProgressBar bar("updating caches", started);
   bool idle = false, said = false;
+  double working_since = -1;  // when the services last began taking in fonts, not held by another process
   auto check = [&] {
     // A service waiting for another process's hold on the cache folder says so itself.
     const bool held = reports.SayWaits();
@@ -132,9 +133,16 @@ bool WaitForServices(Host& host, const FontrixProgressSuite& progress, ServiceRe
       done = std::min<uint64_t>(done, p.idle ? p.fontsTotal : p.fontsDone);
       if (!p.idle) waiting += std::string(waiting.empty() ? "" : " and ") + ServiceName(service);
     }
-    // A wait that lasts is a first run (or many new fonts): said once, so nobody takes it for a
-    // hang, also where no bar is drawn.
-    if (!idle && !said && !held && done < total && Seconds() - started >= 2.0) {
+    // Work that lasts is a first run (or many new fonts): said once, so nobody takes it for a
+    // hang, also where no bar is drawn. Counted from when the work began: a wait for another
+    // process is said on its own, and the moment after it, while the caches are read, is no
+    // taking in.
+    const bool working = !idle && !held && done < total;
+    if (!working)
+      working_since = -1;
+    else if (working_since < 0)
+      working_since = Seconds();
+    if (working && !said && Seconds() - working_since >= 2.0) {
       said = true;
       std::fprintf(stderr,
                    "%sfontrix: the module is taking in %llu installed fonts for %s (once: later runs answer at "
