@@ -121,11 +121,7 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
 }
 
 ClassVoteTable ReadClassVoteFile(const std::string& path) {
-  std::string bytes, why;
-  const FileState state = ReadFileBytes(path, bytes, why);
-  if (state == FileState::kMissing) throw ClassVoteFileError(path + " is missing");
-  if (state == FileState::kUnreadable) throw ClassVoteFileError(why);
-  std::istringstream in(bytes);
+  std::istringstream in(ReadDataFile<ClassVoteFileError>(path));
   return ParseClassVoteTable(in, path);
 }
 

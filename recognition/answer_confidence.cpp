@@ -91,11 +91,7 @@ ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string&
 }
 
 ConfidenceModel ReadConfidenceModel(const std::string& path) {
-  std::string bytes, why;
-  const FileState state = ReadFileBytes(path, bytes, why);
-  if (state == FileState::kMissing) throw ConfidenceFileError(path + " is missing");
-  if (state == FileState::kUnreadable) throw ConfidenceFileError(why);
-  return ParseConfidenceModel(bytes, path);
+  return ParseConfidenceModel(ReadDataFile<ConfidenceFileError>(path), path);
 }
 
 }  // namespace fontrix

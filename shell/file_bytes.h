@@ -16,6 +16,17 @@ enum class FileState { kRead, kMissing, kUnreadable };
 /// (bytes empty); kUnreadable with `why` ("PATH is a folder, not a file", "cannot read PATH:
 /// reason") otherwise.
 FileState ReadFileBytes(const std::string& path, std::string& bytes, std::string& why);
+/// The data file `path` whole, for readers that cannot go on without it: a missing or unreadable
+/// file throws `Error` ("PATH is missing", or ReadFileBytes's reason).
+template <typename Error>
+std::string ReadDataFile(const std::string& path) {
+  std::string bytes, why;
+  const FileState state = ReadFileBytes(path, bytes, why);
+  if (state == FileState::kMissing) throw Error(path + " is missing");
+  if (state == FileState::kUnreadable) throw Error(why);
+  return bytes;
+}
+
 /// Appends the file `path`, read as native floats, to `values`, with nothing in between to copy
 /// through. As ReadFileBytes, and kUnreadable also when its size is not a whole number of
 /// floats; `values` is as it was unless the file was read.

@@ -193,11 +193,7 @@ std::vector<KnownFamily> ParseKnownFamilies(std::istream& in, const std::string&
 }
 
 std::vector<KnownFamily> ReadKnownFamilies(const std::string& path) {
-  std::string bytes, why;
-  const FileState state = ReadFileBytes(path, bytes, why);
-  if (state == FileState::kMissing) throw KnownFamiliesFileError(path + " is missing");
-  if (state == FileState::kUnreadable) throw KnownFamiliesFileError(why);
-  std::istringstream in(bytes);
+  std::istringstream in(ReadDataFile<KnownFamiliesFileError>(path));
   return ParseKnownFamilies(in, path);
 }
 
