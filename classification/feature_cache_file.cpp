@@ -1,10 +1,6 @@
 #include "classification/feature_cache_file.h"
 
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <set>
 #include <sstream>
 

@@ -1,10 +1,6 @@
 #include "classification/kept_class_votes.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <unordered_set>
 
 #include "classification/feature_cache_file.h"

@@ -1,11 +1,8 @@
 #include "recognition/installed_lines.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string_view>
 #include <unordered_set>

@@ -198,7 +198,7 @@ void SimilarityTable::LoadCacheReadOnly(const std::string& metaPath, const std::
     for (size_t c = 0; c < kMetaLinesPerFont; ++c) columns[c].push_back(lines[i * kMetaLinesPerFont + c]);
     const float* record = reinterpret_cast<const float*>(records.data() + i * kFeatureRecordBytes);
     features.insert(features.end(), record, record + featureDim);
-    status.push_back(IsAllZero(FeatureVector(Size())) ? kStatusUnusable : kStatusInstalled);
+    status.push_back(IsAllZero(record, featureDim) ? kStatusUnusable : kStatusInstalled);
   }
   const size_t checked = CheckSums(before, CacheSumsPath(metaPath)).checked;
   KeepEntries(*this, before + checked);

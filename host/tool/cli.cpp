@@ -4,7 +4,6 @@
 // instead, the procedures the module binds, and needs none of the module's caches.
 #include "host/tool/cli.h"
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
