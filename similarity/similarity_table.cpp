@@ -34,8 +34,6 @@ bool IsAllZero(const float* values, size_t count) {
   return zero;
 }
 
-bool IsAllZero(const std::vector<float>& feature) { return IsAllZero(feature.data(), feature.size()); }
-
 void SimilarityTable::Clear() {
   features.clear();
   shippedFeatures.Unmap();

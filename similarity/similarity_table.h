@@ -118,7 +118,6 @@ struct SimilarityTable {
 
 /// The status a shipped entry gets from its identifier.
 uint32_t ShippedStatus(const std::string& identifier);
-bool IsAllZero(const std::vector<float>& feature);
 bool IsAllZero(const float* values, size_t count);
 
 /// After a crash in the middle of a save: cuts the cache pair back to the last entry whole in
