@@ -177,6 +177,79 @@ typedef struct FontrixTextSuite {
   QVErr (*RecognizeFonts)(QVRasterHandle image, FontrixRecognizedFontList* out, double* sureAt);
 } FontrixTextSuite;
 
+/* One face the module knows whether or not it is installed: an open face of the module's data
+ * (its recognition line and similarity vector were made where it was installed). The strings
+ * are valid only during the append call. */
+typedef struct FontrixKnownFace {
+  const char* name;   /* unique name (the PostScript name) */
+  const char* family;
+  const char* style;
+  int32_t weight;     /* CSS weight, 100..950 */
+  QVBool italic;      /* italic or oblique */
+  QVBool installed;   /* an installed font of the module's font list has this unique name */
+  const char* source; /* where to get it: "debian:PACKAGE" or "npm:@fontsource/ID" */
+  const char* licence;
+} FontrixKnownFace;
+
+typedef struct FontrixKnownFaceList {
+  void* context;
+  void (*append)(void* context, const FontrixKnownFace* face);
+} FontrixKnownFaceList;
+
+/* One well-known family that is not open, as the module's table of them describes it. The
+ * strings and arrays are valid only during the call. */
+typedef struct FontrixKnownFamily {
+  const char* family;         /* the name documents give it */
+  const char* styleClass;     /* its primary style class, a label string such as "fs_sans_serif" */
+  const int32_t* weights;     /* CSS weights it comes in, ascending */
+  int32_t weightCount;
+  const int32_t* widths;      /* widths it comes in, percent as fontconfig gives them, ascending */
+  int32_t widthCount;
+  QVBool italic;              /* it has italics or obliques */
+  const char* const* openFamilies; /* one to three open families that look alike, best first */
+  const char* const* why;     /* per open family: "clone", "revival" or "look-alike" */
+  int32_t openFamilyCount;
+} FontrixKnownFamily;
+
+/* One answer of recognition over the installed fonts and the known faces. */
+typedef struct FontrixKnownAnswer {
+  const char* name;  /* unique name */
+  double score, likeness, confidence; /* as in FontrixRecognizedFont */
+  QVBool installed;  /* 0: a known face that is not installed (GetKnownFaces tells where
+                        to get it) */
+} FontrixKnownAnswer;
+
+typedef struct FontrixKnownAnswerList {
+  void* context;
+  void (*append)(void* context, const FontrixKnownAnswer* answer);
+} FontrixKnownAnswerList;
+
+/* Fonts the machine does not have: the open faces the module's data knows (so that a picture
+ * can be named in a font that is not installed, and a face a document names can be replaced by
+ * the installed ones most like it), and the well-known families that are not open with the open
+ * designs that look like them. Answers "UIN?" until the similarity cache exists (recognition:
+ * the recognition cache), and kQVNotFoundErr for a name it does not know. Without the known
+ * faces' data files the lists are empty and every name is unknown. */
+#define kFontrixKnownFontsSuite "QV Fontrix Known Fonts Suite"
+#define kFontrixKnownFontsSuiteVersion 1
+typedef struct FontrixKnownFontsSuite {
+  /* Appends every known face, installed or not, in the data's order. */
+  QVErr (*GetKnownFaces)(FontrixKnownFaceList* out);
+  /* Clears `out` and fills it with the installed fonts most like the known faces `names` (exact
+   * unique names, `count` of them, best first: their vectors are weighted 1, 1/2, 1/3 ...), best
+   * first, at most 80; the faces themselves are left out. kQVNotFoundErr when none of them is a
+   * known face. */
+  QVErr (*GetSimilarToKnownFaces)(const char* const* names, int32_t count, FontrixFontList* out);
+  /* The well-known family named `name` (its name or an alias; case, spaces, hyphens and
+   * underscores ignored) into `*out`, through the call `found(context, family)`; kQVNotFoundErr
+   * when the table has no such family. */
+  QVErr (*GetKnownFamily)(const char* name, void* context,
+                          void (*found)(void* context, const FontrixKnownFamily* family));
+  /* The answers of the text suite's RecognizeFonts with the known faces that are not installed
+   * merged in by how alike the picture is to their lines, each marked; `*sureAt` as there. */
+  QVErr (*RecognizeKnownFonts)(QVRasterHandle image, FontrixKnownAnswerList* out, double* sureAt);
+} FontrixKnownFontsSuite;
+
 #ifdef __cplusplus
 }
 #endif
