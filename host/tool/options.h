@@ -29,6 +29,7 @@ struct Options {
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
   bool largest_line = false;             // recognize: --largest-line
+  bool installed_only = false;           // recognize: --installed-only
   ServeOptions serve;                    // serve: --port, --listen, --open
   bool limit_given = false;
   std::string command;
