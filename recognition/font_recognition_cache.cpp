@@ -497,12 +497,12 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     const std::vector<float> likeness = LikenessLocked(reading.features);
     results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), likeness);
     if (widthCuts_) OrderWidthCutsLocked(results, MedianProportion(reading.letterProportions));
-    RateLocked(results, likeness);
+    RateLocked(results, likeness, false);
     // Known faces are compared with the installed fonts' own lines: without them they would go
     // before every answer.
     if (withKnown && installedLines_) {
       results = MergeKnownLocked(results, reading.features);
-      RateLocked(results, likeness);
+      RateLocked(results, likeness, true);
     }
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
@@ -547,7 +547,8 @@ void FontRecognitionCache::OrderWidthCutsLocked(std::vector<Result>& results, do
     }
 }
 
-void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const {
+void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness,
+                                      bool withKnown) const {
   double best = -1;
   for (Result& r : results) {
     if (r.installed)  // a known face's likeness is its own line's, set when it was merged in
@@ -562,6 +563,7 @@ void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::v
     facts.first = i == 0;
     facts.likeness = results[i].likeness;
     facts.bestLikeness = best;
+    facts.withKnown = withKnown;
     results[i].confidence = confidence_.Confidence(facts);
     results[i].sureAt = confidence_.SureAt(facts);
   }

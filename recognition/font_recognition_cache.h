@@ -125,8 +125,9 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// The network's answer with the fonts it has no class for merged in by their likeness.
   /// Caller holds lock_.
   std::vector<Result> MergeLinesLocked(const std::vector<Result>& answer, const std::vector<float>& likeness) const;
-  /// The answers' likeness and confidence. Caller holds lock_.
-  void RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const;
+  /// The answers' likeness and confidence (`withKnown`: answered over the known faces too).
+  /// Caller holds lock_.
+  void RateLocked(std::vector<Result>& results, const std::vector<float>& likeness, bool withKnown) const;
   /// Reads, kept or drawn, the line of each of `fonts` (named `names`); saves what was drawn.
   bool IndexInstalledLines(const std::vector<QVFontHandle>& fonts, const std::vector<std::string>& names);
   /// Answer() for a caller that holds lock_.
