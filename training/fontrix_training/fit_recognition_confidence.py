@@ -113,6 +113,8 @@ def main():
     parser.add_argument("without_lines", help="dump of the fit set with --disable installed-lines")
     parser.add_argument("--with-known", help="dump of the fit set answered over the known faces as well")
     parser.add_argument("--write", action="store_true", help="write the model into the data folder")
+    parser.add_argument("--known-only", action="store_true",
+                        help="with --write, keep the file's models of installed answers and write with_known only")
     parser.add_argument("--to", default=os.path.join(DATA, "recognition_confidence.tsv"))
     args = parser.parse_args()
     x, y, first = examples(args.with_lines)
@@ -150,9 +152,16 @@ def main():
               f"answers sure, {100 * yk[firstk][sure].mean():.0f} % of them right; "
               f"{100 * yk[firstk][~sure].mean():.0f} % of the others")
     if args.write:
+        kept = []
+        if args.known_only:
+            # The installed fonts' answers keep the confidence they had: only the new model changes.
+            with open(args.to) as f:
+                kept = [line for line in f if line.startswith(("#", "with_lines", "without_lines"))]
+            models = [m for m in models if m[0] == "with_known"]
         with open(args.to, "w") as f:
-            f.write("# How sure recognition is of an answer: written by training/run fit_recognition_confidence\n"
-                    "# from the fit pictures of training/run recognition_figures.\n")
+            f.writelines(kept or ["# How sure recognition is of an answer: written by training/run "
+                                  "fit_recognition_confidence\n# from the fit pictures of training/run "
+                                  "recognition_figures.\n"])
             for name, w, at in models:
                 for n, v in zip(INPUTS, w):
                     f.write(f"{name}\t{n}\t{v:.6f}\n")

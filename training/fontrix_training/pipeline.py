@@ -155,7 +155,7 @@ STAGES = [
               "--set", "fit", "--absent", "{corpus}", "--dump", "{work}/confidence/fit-known.jsonl"),
            py("fit_recognition_confidence", "{work}/confidence/fit-lines.jsonl",
               "{work}/confidence/fit-plain.jsonl", "--with-known", "{work}/confidence/fit-known.jsonl",
-              "--write", "--to", "{data}/recognition_confidence.tsv")],
+              "--write", "--known-only", "--to", "{data}/recognition_confidence.tsv")],
           NETWORKS + TABLES + ["{data}/classification_weights.tsv", "{data}/similarity_table_classes.tsv",
                                "{data}/NQ_known_faces.tsv", "{data}/NQ_rec_lines_known.bin"],
           ["{data}/recognition_confidence.tsv"]),
