@@ -25,7 +25,8 @@ TEST_F(HostTest, StartupRegistersSuitesNotifiersAndAnInactiveTimer) {
   EXPECT_EQ(suites,
             (std::vector<std::string>{"QV Font Feature Suite", "QV Font Similar Suite", "QV Font Recognition Suite",
                                       "QV Fontrix Progress Suite", "QV Fontrix Table Suite", "QV Fontrix Text Suite",
-                                      "QV Fontrix Text Suite"}));  // versions 1 and 2
+                                      "QV Fontrix Text Suite",  // versions 1 and 2
+                                      "QV Fontrix Known Fonts Suite"}));
   EXPECT_FALSE(h.TimerActive("QV Fontrix Notifier Timer"));
   EXPECT_EQ(h.AccessCount(), 1);  // kept loaded until the application quits
   EXPECT_EQ(h.Globals(), Fontrix::Global());
