@@ -6,7 +6,9 @@
 #include <cctype>
 
 #include "host/font_names.h"
+#include "host/specimen.h"
 #include "host/tool/json.h"
+#include "host/tool/known_fonts.h"
 #include "host/tool/table_names.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
@@ -28,22 +30,84 @@ FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
           }};
 }
 
-// The faces of the module's shipped similarity table, through its table suite; none when the
-// module publishes no such suite (an older module) or its similarity service is not running, and
-// the similar-font query then says why.
-std::vector<TableFace> TableFaces(Host& host) {
-  std::vector<TableFace> faces;
-  const auto* table =
-      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
-  if (!table) return faces;
-  FontrixTableFontList list{
-      &faces, [](void* c, const FontrixTableFont* f) {
-        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
-      }};
-  const QVErr err = table->GetTableFonts(&list);
-  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
-  if (err) faces.clear();
-  return faces;
+// NAME among the fonts the module knows that the machine lacks, where no installed face answers
+// or fontconfig would substitute one (as for the table's faces): a known open face, else a
+// well-known family that is not open, answered through its look-alikes (unless fontconfig's
+// substitute is one of them, as Nimbus Sans is for Helvetica). The choice is said in `notes`.
+std::optional<SimilarQuery> KnownQuery(KnownFonts& known, const std::vector<const HostFont*>& usable,
+                                       const SimilarRequest& request, const std::optional<ResolvedFont>& installed,
+                                       std::vector<std::string>& notes) {
+  const std::string& typed = request.name;
+  const std::string substitute = installed ? FoldedName(installed->font->family) : "";
+  std::vector<KnownFace> missing;
+  for (const KnownFace& f : known.Faces())
+    if (!f.installed) missing.push_back(f);
+  const std::vector<TableFace> faces = AsTableFaces(missing);
+  const TableMatch match = ResolveTableFace(faces, typed, request.style);
+  if (match.face && (!installed || match.exact || substitute != FoldedName(match.face->family))) {
+    const KnownFace& face =
+        *std::find_if(missing.begin(), missing.end(), [&](const KnownFace& f) { return f.name == match.face->name; });
+    SimilarQuery query{face.name, match.face->family, face.style, false, "face", face.source, face.licence, {}};
+    notes.push_back(match.face->family + " " + face.style + " is not installed (open font, " + face.source + ", " +
+                    face.licence + "): answering for " + face.name + " from the module's data");
+    return query;
+  }
+  const std::optional<WellKnownMatch> well_known =
+      ResolveWellKnown([&](const std::string& name) { return known.Family(name); }, typed, request.style);
+  if (!well_known) return std::nullopt;
+  const WellKnownFamily& family = well_known->family;
+  if (installed && FoldedName(family.family) == substitute) return std::nullopt;  // the family is installed
+  for (const WellKnownFamily::LookAlike& a : family.look_alikes)
+    if (FoldedName(a.family) == substitute) return std::nullopt;
+  SimilarQuery query{family.family,
+                     family.family,
+                     well_known->style.empty() ? "Regular" : well_known->style,
+                     false,
+                     "family",
+                     "",
+                     "",
+                     {}};
+  std::string said;
+  for (const WellKnownFamily::LookAlike& a : family.look_alikes) {
+    SimilarQuery::LookAlike look{a.family, a.why, "", "", false};
+    std::vector<const HostFont*> here;
+    for (const HostFont* f : usable)
+      if (FoldedName(f->family) == FoldedName(a.family)) here.push_back(f);
+    std::vector<FaceTraits> traits;
+    for (const HostFont* f : here) traits.push_back(TraitsOf(*f));
+    if (const size_t i = NearestFace(traits, well_known->wanted); i < here.size()) {
+      look = {a.family, a.why, here[i]->unique_name, here[i]->style, true};
+    } else {
+      const std::vector<const KnownFace*> data = FacesOfFamily(known.Faces(), a.family);
+      traits.clear();
+      for (const KnownFace* f : data) traits.push_back(TraitsOf(*f));
+      if (const size_t k = NearestFace(traits, well_known->wanted); k < data.size())
+        look = {a.family, a.why, data[k]->name, data[k]->style, false};
+    }
+    query.look_alikes.push_back(look);
+    if (!look.face.empty())
+      said += (said.empty() ? "" : ", ") + a.family + " " + look.style + " (" + a.why +
+              (look.installed ? ", installed)" : ")");
+  }
+  if (said.empty()) {
+    std::string names;
+    for (const WellKnownFamily::LookAlike& a : family.look_alikes) names += (names.empty() ? "" : ", ") + a.family;
+    throw Failure(family.family + " is not an open font, and none of its look-alikes (" + names +
+                  ") is installed or known to the module");
+  }
+  notes.push_back(family.family + " is not an open font: answering through its look-alikes " + said);
+  return query;
+}
+
+// Of the families of the known faces the machine lacks, those close to `typed`, as the end of
+// the sentence that says no font has that name.
+std::string KnownCloseNames(const std::vector<KnownFace>& faces, const std::string& typed) {
+  std::vector<std::string> families;
+  for (const KnownFace& f : faces)
+    if (!f.installed) families.push_back(f.family);
+  std::string list;
+  for (const std::string& name : CloseNames(families, typed, 5)) list += (list.empty() ? "" : ", ") + name;
+  return list.empty() ? "" : "; close names of open fonts the module knows: " + list;
 }
 
 // NAME as `similar` reads it. A face of the shipped table that is not installed answers when no
@@ -74,7 +138,11 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
       return {table.face->name, table.face->family, table.face->style, false};
     }
   }
-  if (!installed) throw Failure(unknown);
+  if (!installed || !installed->note.empty()) {
+    KnownFonts known(host);
+    if (std::optional<SimilarQuery> query = KnownQuery(known, usable, request, installed, notes)) return *query;
+    if (!installed) throw Failure(unknown + KnownCloseNames(known.Faces(), typed));
+  }
   if (!installed->note.empty()) notes.push_back(installed->note);
   return {installed->font->unique_name, installed->font->family, installed->font->style, true};
 }
@@ -88,6 +156,21 @@ namespace {
 constexpr std::pair<const char*, const char*> kServices[kFontrixServiceCount] = {
     {"classification", kSwitchClassification}, {"similarity", kSwitchSimilarity}, {"recognition", kSwitchRecognition}};
 }  // namespace
+
+std::vector<TableFace> TableFaces(Host& host) {
+  std::vector<TableFace> faces;
+  const auto* table =
+      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+  if (!table) return faces;
+  FontrixTableFontList list{
+      &faces, [](void* c, const FontrixTableFont* f) {
+        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
+      }};
+  const QVErr err = table->GetTableFonts(&list);
+  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
+  if (err) faces.clear();
+  return faces;
+}
 
 const char* ServiceName(int32_t service) { return kServices[service].first; }
 const char* ServiceSwitch(int32_t service) { return kServices[service].second; }
@@ -204,10 +287,46 @@ std::vector<OutputRow> ClassRows(Host& host, uint32_t all, uint32_t none, uint32
   return rows;
 }
 
+namespace {
+// The installed look-alikes of a well-known family head the answer, best first, each marked
+// with why it stands in; a look-alike the answer has keeps its score, and one it lacks (a face
+// asked about is left out of the answer) has none.
+void PutLookAlikesFirst(Host& host, const SimilarQuery& query, std::vector<OutputRow>& rows) {
+  std::vector<OutputRow> first;
+  for (const SimilarQuery::LookAlike& a : query.look_alikes) {
+    if (!a.installed) continue;
+    const auto row = std::find_if(rows.begin(), rows.end(), [&](const OutputRow& r) { return r.name == a.face; });
+    if (row != rows.end()) {
+      first.push_back(std::move(*row));
+      rows.erase(row);
+    } else {
+      for (const HostFont& f : host.Fonts())
+        if (f.unique_name == a.face) first.push_back(RowOf(f));
+    }
+    if (!first.empty() && first.back().name == a.face) first.back().look_alike = a.why;
+  }
+  rows.insert(rows.begin(), first.begin(), first.end());
+}
+}  // namespace
+
 std::string SimilarAnswer::JsonHead() const {
-  return "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
-         ", \"query_style\": " + JsonString(query.style) +
-         ", \"query_installed\": " + (query.installed ? "true" : "false");
+  std::string head = "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
+                     ", \"query_style\": " + JsonString(query.style) +
+                     ", \"query_installed\": " + (query.installed ? "true" : "false") +
+                     (query.known.empty() ? "" : ", \"query_known\": " + JsonString(query.known));
+  if (query.known == "face")
+    head += ", \"query_source\": " + JsonString(query.source) + ", \"query_licence\": " + JsonString(query.licence);
+  if (query.known == "family") {
+    head += ", \"look_alikes\": [";
+    for (size_t i = 0; i < query.look_alikes.size(); ++i) {
+      const SimilarQuery::LookAlike& a = query.look_alikes[i];
+      head += std::string(i ? ", " : "") + "{\"family\": " + JsonString(a.family) + ", \"why\": " + JsonString(a.why) +
+              ", \"face\": " + JsonString(a.face) + ", \"style\": " + JsonString(a.style) +
+              ", \"installed\": " + (a.installed ? "true" : "false") + "}";
+    }
+    head += "]";
+  }
+  return head;
 }
 
 SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
@@ -216,9 +335,28 @@ SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
   std::vector<std::pair<std::string, double>> found;
   FontrixFontList list = Collector(found);
   QVErr err = kQVNoErr;
-  if (query.installed) {
+  KnownFonts known(host);
+  // A well-known family is asked through its look-alikes' known faces, best first; without
+  // them, through the first installed look-alike.
+  std::vector<std::string> known_faces;
+  std::string installed_look_alike;
+  for (const SimilarQuery::LookAlike& a : query.look_alikes) {
+    if (!a.installed && !a.face.empty()) known_faces.push_back(a.face);
+    if (a.installed) {
+      if (installed_look_alike.empty()) installed_look_alike = a.face;
+      // An installed look-alike's face is known too when the data has it: under the same name.
+      const auto& faces = known.Faces();
+      if (std::any_of(faces.begin(), faces.end(), [&](const KnownFace& f) { return f.name == a.face; }))
+        known_faces.push_back(a.face);
+    }
+  }
+  if (query.known == "face") {
+    found = known.SimilarTo({query.name});
+  } else if (query.known == "family" && !known_faces.empty()) {
+    found = known.SimilarTo(known_faces);
+  } else if (query.installed || query.known == "family") {
     HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
-    err = similar->GetSimilarFontNames(query.name.c_str(), &list);
+    err = similar->GetSimilarFontNames((query.installed ? query.name : installed_look_alike).c_str(), &list);
   } else {
     HeldSuite<FontrixTableSuite> table(host, kFontrixTableSuite, kFontrixTableSuiteVersion);
     err = table->GetSimilarToTableFont(query.name.c_str(), &list);
@@ -232,6 +370,7 @@ SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
   // The filters run over the module's whole answer, so the limit counts the fonts they keep.
   std::vector<OutputRow> rows = ResultRows(host, found, SIZE_MAX);
   FoldSameOutlines(rows);
+  PutLookAlikesFirst(host, query, rows);
   const uint32_t wanted = request.classes;
   const std::map<std::string, uint32_t> masks = wanted ? ClassMasks(host) : std::map<std::string, uint32_t>();
   rows.erase(std::remove_if(rows.begin(), rows.end(),

@@ -24,7 +24,8 @@ struct OutputRow {
   std::optional<uint32_t> classes;             ///< bit i: kClassLabels[i]
   std::optional<std::string> status;           ///< "used", or why the services leave the face out
   std::vector<std::string> same_outlines;      ///< answers folded into this one: the same outlines under other names
-  uint64_t outline_print = 0;                  ///< not printed: what tells faces with the same outlines
+  std::optional<std::string> look_alike;  ///< similar: "clone", "revival" or "look-alike" of the family asked about
+  uint64_t outline_print = 0;             ///< not printed: what tells faces with the same outlines
 };
 
 /// A format error: an unknown field or an unclosed %{.
@@ -46,7 +47,7 @@ std::string FormatRow(const std::string& format, const OutputRow& row);
 /// The header line of a format: each field's name in capitals, the text between fields kept.
 std::string FormatHeader(const std::string& format);
 /// The row as a JSON object: name, family, style, file, index, weight, width, slant, then score,
-/// classes (label strings), status and same_outlines (names) where the row has them.
+/// classes (label strings), status, same_outlines (names) and look_alike where the row has them.
 std::string JsonRow(const OutputRow& row);
 
 }  // namespace fontrix::host
