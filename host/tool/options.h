@@ -29,6 +29,8 @@ struct Options {
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
   bool largest_line = false;             // recognize: --largest-line
+  int weight = 400;                      // substitute: --weight, CSS
+  bool italic = false;                   // substitute: --italic
   ServeOptions serve;                    // serve: --port, --listen, --open
   bool limit_given = false;
   std::string command;
