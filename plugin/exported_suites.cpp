@@ -1,5 +1,9 @@
 #include "plugin/exported_suites.h"
 
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "classification/class_answers.h"
 #include "classification/font_feature_cache.h"
 #include "plugin/fontrix.h"
@@ -206,10 +210,90 @@ extern "C" QVErr RecognizeFonts(QVRasterHandle image, FontrixRecognizedFontList*
 
 const FontrixTextSuite kTextSuite = {FindTextLines, RecognizeFonts};
 
+extern "C" QVErr GetKnownFaces(FontrixKnownFaceList* out) {
+  auto cache = FontSimilarCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!out || !out->append) return kQVBadParameterErr;
+  return Answer([&] {
+    cache->VisitKnownFaces([&](const KnownFace& face, bool installed) {
+      const FontrixKnownFace known{face.name.c_str(),   face.family.c_str(), face.style.c_str(),  int32_t(face.weight),
+                                   QVBool(face.italic), QVBool(installed),   face.source.c_str(), face.licence.c_str()};
+      out->append(out->context, &known);
+    });
+    return kQVNoErr;
+  });
+}
+
+extern "C" QVErr GetSimilarToKnownFaces(const char* const* names, int32_t count, FontrixFontList* out) {
+  auto cache = FontSimilarCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!names || count < 1 || !out || !out->append) return kQVBadParameterErr;
+  for (int32_t i = 0; i < count; ++i)
+    if (!names[i]) return kQVBadParameterErr;
+  return Answer([&] {
+    const auto fonts = cache->GetSimilarToKnownFaces(std::vector<std::string>(names, names + count));
+    if (!fonts) return kQVNotFoundErr;
+    if (out->clear) out->clear(out->context);
+    for (const auto& [name, score] : *fonts) Append(out, name, score);
+    return kQVNoErr;
+  });
+}
+
+extern "C" QVErr GetKnownFamily(const char* name, void* context,
+                                void (*found)(void* context, const FontrixKnownFamily* family)) {
+  auto cache = FontSimilarCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!name || !found) return kQVBadParameterErr;
+  return Answer([&] {
+    const std::optional<KnownFamily> family = cache->FindKnownFamily(name);
+    if (!family) return kQVNotFoundErr;
+    // The label string of its class, as the feature suite's labels are written: "fs_slab_serif".
+    std::string label = "fs_" + family->styleClass;
+    for (char& c : label)
+      if (c == ' ') c = '_';
+    std::vector<const char*> open, why;
+    for (const KnownFamily::LookAlike& look : family->lookAlikes) {
+      open.push_back(look.family.c_str());
+      why.push_back(WhyName(look.why));
+    }
+    const FontrixKnownFamily known{family->family.c_str(),
+                                   label.c_str(),
+                                   family->weights.data(),
+                                   int32_t(family->weights.size()),
+                                   family->widths.data(),
+                                   int32_t(family->widths.size()),
+                                   QVBool(family->italic),
+                                   open.data(),
+                                   why.data(),
+                                   int32_t(open.size())};
+    found(context, &known);
+    return kQVNoErr;
+  });
+}
+
+extern "C" QVErr RecognizeKnownFonts(QVRasterHandle image, FontrixKnownAnswerList* out, double* sureAt) {
+  auto cache = FontRecognitionCache::Instance();
+  if (!cache) return kQVNotInitialisedErr;
+  if (!image || !out || !out->append || !sureAt) return kQVBadParameterErr;
+  return Answer([&] {
+    const auto results = cache->GetRecognizedFontList(image, true);
+    *sureAt = results.empty() ? -1.0 : results[0].sureAt;
+    for (const auto& r : results) {
+      const FontrixKnownAnswer answer{r.name.c_str(), r.score, r.likeness, r.confidence, QVBool(r.installed)};
+      out->append(out->context, &answer);
+    }
+    return kQVNoErr;
+  });
+}
+
+const FontrixKnownFontsSuite kKnownFontsSuite = {GetKnownFaces, GetSimilarToKnownFaces, GetKnownFamily,
+                                                 RecognizeKnownFonts};
+
 }  // namespace
 
 const FontrixProgressSuite& ProgressSuite() { return kProgressSuite; }
 const FontrixTableSuite& TableSuite() { return kTableSuite; }
 const FontrixTextSuite& TextSuite() { return kTextSuite; }
+const FontrixKnownFontsSuite& KnownFontsSuite() { return kKnownFontsSuite; }
 
 }  // namespace fontrix

@@ -17,5 +17,8 @@ const FontrixProgressSuite& ProgressSuite();
 const FontrixTableSuite& TableSuite();
 /// "QV Fontrix Text Suite": where recognition finds lines of text in a picture.
 const FontrixTextSuite& TextSuite();
+/// "QV Fontrix Known Fonts Suite": open faces known whether installed or not, and well-known
+/// families that are not open.
+const FontrixKnownFontsSuite& KnownFontsSuite();
 
 }  // namespace fontrix

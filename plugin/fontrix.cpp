@@ -96,6 +96,8 @@ QVErr Fontrix::StartupPlugin(QVMessageData* message) {
   // Version 2 begins as version 1 does: callers of either get the one table.
   for (int32_t version : {1, kFontrixTextSuiteVersion})
     qv::Check(registry->AddSuite(pluginRef, kFontrixTextSuite, version, 1, &TextSuite(), &ref));
+  qv::Check(registry->AddSuite(pluginRef, kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion, 1,
+                               &KnownFontsSuite(), &ref));
 
   if (const QVTimerSuite* timer = qv::Suites().timer) {
     qv::Check(timer->AddTimer(pluginRef, kTimerName, 0, &notifierTimer));

@@ -18,6 +18,7 @@
 #include "shell/feature_switches.h"
 #include "shell/host_suites.h"
 #include "similarity/font_similar_cache.h"
+#include "similarity/known_faces.h"
 #include "similarity/similarity_table.h"
 
 namespace fontrix {
@@ -34,10 +35,13 @@ const RecognitionPaths& ResolveRecognitionPaths() {
   std::lock_guard<std::mutex> lock(paths_mutex);
   if (!paths_resolved) {
     const std::string data = qv::FolderPath(kQVFolderPluginData, false);
-    resolved_paths = {FileInFolder(data, "NQ_rec_model.dnm"), FileInFolder(data, "NQ_rec_font.bin"),
+    resolved_paths = {FileInFolder(data, "NQ_rec_model.dnm"),
+                      FileInFolder(data, "NQ_rec_font.bin"),
                       FileInFolder(data, "NQ_loc_model.dnm"),
                       FileInFolder(qv::FolderPath(kQVFolderUserCache, true), kInstalledLinesFileName),
-                      FileInFolder(data, kConfidenceFileName)};
+                      FileInFolder(data, kConfidenceFileName),
+                      FileInFolder(data, kKnownFacesFileName),
+                      FileInFolder(data, kKnownLinesFileName)};
     paths_resolved = true;
     CacheLog& log = RecognitionLog();
     log.Info("Recognition Model File-Path : ", resolved_paths.model);
@@ -128,6 +132,7 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
     linesFromFile_ = lines_.size();
     log.Info("Installed lines kept: ", lines_.size());
   }
+  if (ok) LoadKnownLocked(paths);
   // The update task may have matched the installed fonts before (it waits for this load).
   MatchEntries();
   MatchLines();
@@ -260,6 +265,39 @@ void FontRecognitionCache::MatchLines() {
   named_.assign(installed_.size(), false);
   for (int32_t f : entryToFont_)
     if (f >= 0 && size_t(f) < named_.size()) named_[size_t(f)] = true;
+  knownAbsent_.clear();
+  const std::unordered_set<std::string_view> installed(installed_.begin(), installed_.end());
+  for (size_t k = 0; k < knownNames_.size(); ++k)
+    if (!installed.count(knownNames_[k]) && !knownLines_.IsZero(k)) knownAbsent_.push_back(uint32_t(k));
+}
+
+void FontRecognitionCache::LoadKnownLocked(const RecognitionPaths& paths) {
+  knownNames_.clear();
+  knownLines_ = {};
+  std::error_code absent;
+  if (paths.knownFaces.empty() || !std::filesystem::exists(paths.knownFaces, absent)) return;
+  try {
+    // The lines are as long as the network's "pool4"; the check sum of the network binds them to it.
+    knownLines_ = PackedVectors::Read(paths.knownLines, 0, NetworkCheckSum(paths.model));
+    for (KnownFace& face : ReadKnownFaces(paths.knownFaces, UINT32_MAX)) knownNames_.push_back(std::move(face.name));
+    if (knownNames_.size() != knownLines_.Rows())
+      throw KnownFacesFileError(paths.knownLines + " holds " + std::to_string(knownLines_.Rows()) + " lines for " +
+                                std::to_string(knownNames_.size()) + " known faces");
+    RecognitionLog().Info("Known faces' lines: ", knownNames_.size());
+  } catch (const std::exception& e) {
+    knownNames_.clear();
+    knownLines_ = {};
+    RecognitionLog().Info("Known faces unusable: ", e.what());
+    progress_.Report(CacheProgress::kWarning,
+                     std::string(e.what()) + "; pictures are answered with installed fonts only");
+  }
+}
+
+size_t FontRecognitionCache::KnownLines() {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  size_t count = 0;
+  for (size_t i = 0; i < knownNames_.size(); ++i) count += !knownLines_.IsZero(i);
+  return count;
 }
 
 void FontRecognitionCache::MatchEntries() {
@@ -418,8 +456,37 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked
   return results;
 }
 
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeKnownLocked(
+    const std::vector<Result>& answer, const std::vector<float>& features) const {
+  if (knownAbsent_.empty() || features.size() != knownLines_.Dim()) return answer;
+  std::vector<double> answerLikeness;
+  for (const Result& r : answer) answerLikeness.push_back(r.likeness);
+  std::vector<float> knownLikeness;
+  knownLikeness.reserve(knownAbsent_.size());
+  for (uint32_t k : knownAbsent_) knownLikeness.push_back(knownLines_.Dot(k, features.data()));
+  std::vector<Result> results;
+  size_t next = 0;  // the first answer not yet in the results
+  for (const MergedPlace& place : MergeKnownFaces(answerLikeness, knownLikeness, kKnownFacesMargin, kMaxResults)) {
+    if (!place.known) {
+      results.push_back(answer[place.index]);
+      next = place.index + 1;
+      continue;
+    }
+    // Like a font the installed lines put in: the score of the answer it goes before, so scores
+    // still fall down the list.
+    Result r;
+    r.name = knownNames_[knownAbsent_[place.index]];
+    r.score = next < answer.size() ? answer[next].score : answer.empty() ? 0.0 : answer.back().score;
+    r.likeness = knownLikeness[place.index];
+    r.installed = false;
+    results.push_back(std::move(r));
+  }
+  return results;
+}
+
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(const uint8_t* pixels,
-                                                                                      int32_t width, int32_t height) {
+                                                                                      int32_t width, int32_t height,
+                                                                                      bool withKnown) {
   std::vector<Result> results;
   {
     std::shared_lock<std::shared_mutex> lock(lock_);
@@ -431,6 +498,12 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), likeness);
     if (widthCuts_) OrderWidthCutsLocked(results, MedianProportion(reading.letterProportions));
     RateLocked(results, likeness);
+    // Known faces are compared with the installed fonts' own lines: without them they would go
+    // before every answer.
+    if (withKnown && installedLines_) {
+      results = MergeKnownLocked(results, reading.features);
+      RateLocked(results, likeness);
+    }
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
     if (QVPerfLogHandle perf = PerformanceLog()) {
@@ -477,7 +550,8 @@ void FontRecognitionCache::OrderWidthCutsLocked(std::vector<Result>& results, do
 void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const {
   double best = -1;
   for (Result& r : results) {
-    r.likeness = r.fontIndex >= 0 && size_t(r.fontIndex) < likeness.size() ? likeness[size_t(r.fontIndex)] : -1.0;
+    if (r.installed)  // a known face's likeness is its own line's, set when it was merged in
+      r.likeness = r.fontIndex >= 0 && size_t(r.fontIndex) < likeness.size() ? likeness[size_t(r.fontIndex)] : -1.0;
     best = std::max(best, r.likeness);
   }
   for (size_t i = 0; i < results.size(); ++i) {
@@ -517,10 +591,11 @@ std::vector<TextLine> FontRecognitionCache::FindText(QVRasterHandle image) {
   return FindTextLines(pixels.pixels.data(), pixels.width, pixels.height).lines;
 }
 
-std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle image) {
+std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFontList(QVRasterHandle image,
+                                                                                      bool withKnown) {
   hostglue::GreyImage pixels;
   if (!Fonts().Get().ImagePixels(image, pixels)) return {};
-  return GetRecognizedFontList(pixels.pixels.data(), pixels.width, pixels.height);
+  return GetRecognizedFontList(pixels.pixels.data(), pixels.width, pixels.height, withKnown);
 }
 
 std::vector<std::string> FontRecognitionCache::UnusableFonts() {

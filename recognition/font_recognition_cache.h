@@ -15,14 +15,16 @@
 #include "recognition/line_scoring.h"
 #include "recognition/text_lines.h"
 #include "sdk/qv_types.h"
+#include "shell/packed_vectors.h"
 #include "shell/service_cache.h"
 
 namespace fontrix {
 
 struct RecognitionPaths {
   std::string model, fontTable, localisationModel;
-  std::string installedLines;  // in the user's cache folder; "" keeps no lines
-  std::string confidence;      // the answers' confidence model; "" or missing: none
+  std::string installedLines;          // in the user's cache folder; "" keeps no lines
+  std::string confidence;              // the answers' confidence model; "" or missing: none
+  std::string knownFaces, knownLines;  // faces known without being installed; "" or missing: none
 };
 /// The files in the host's read-only data folder and the user's cache folder, resolved once
 /// (main thread) and logged.
@@ -39,6 +41,10 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// How much better a picture must match a font's own line than an answer's for a font the
   /// network has no class for to go before that answer.
   static constexpr float kInstalledLinesMargin = 0.01f;
+  /// How much better a picture must match a known face's line than an installed answer's for the
+  /// known face (not installed) to go before it: more than for installed fonts, since thousands
+  /// of known faces, near twins of installed ones among them, compete for each place.
+  static constexpr float kKnownFacesMargin = 0.02f;
 
   struct Result {
     std::string name;
@@ -47,6 +53,7 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
     double likeness = -1;    ///< the picture against the line drawn in the font, 0..1; -1: none
     double confidence = -1;  ///< the chance that the answer is right, 0..1; -1: no model
     double sureAt = -1;      ///< the confidence from which it would be sure, were it first; -1: no model
+    bool installed = true;   ///< false: a known face that is not installed (fontIndex -1)
   };
   /// One font-table entry considered by recognition.
   struct Candidate {
@@ -73,9 +80,15 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
 
   /// The installed fonts most likely shown in `height` rows of `width` grey bytes, best first,
   /// at most 40: the network's best classes steer a weighted similar-font query.
-  std::vector<Result> GetRecognizedFontList(const uint8_t* pixels, int32_t width, int32_t height);
+  /// With `withKnown`, the known faces that are not installed (known_faces.h) are merged in by
+  /// their lines (while the installed lines are on): each goes before the first answer from which
+  /// on the picture matches it better than every answer's line by kKnownFacesMargin.
+  std::vector<Result> GetRecognizedFontList(const uint8_t* pixels, int32_t width, int32_t height,
+                                            bool withKnown = false);
   /// The same for an image raster of the host.
-  std::vector<Result> GetRecognizedFontList(QVRasterHandle image);
+  std::vector<Result> GetRecognizedFontList(QVRasterHandle image, bool withKnown = false);
+  /// Known faces with a line, installed or not (tests, diagnostics).
+  size_t KnownLines();
 
   /// The lines of text recognition reads in an image raster of the host, found by their ink;
   /// none when it shows no text.
@@ -138,6 +151,15 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
 
   // Width cuts (letter_proportions.h): whether it is on, the installed fonts' handles (as
   // installed_), and each one's letter proportion once measured (-1: not yet; 0: none).
+  // Known faces (known_faces.h): their names, their lines (packed, row i for face i), and those
+  // that are not installed and have a line, by index. Empty when the files are missing or cannot
+  // be used (said as a warning).
+  std::vector<std::string> knownNames_;
+  PackedVectors knownLines_;
+  std::vector<uint32_t> knownAbsent_;
+  void LoadKnownLocked(const RecognitionPaths& paths);
+  /// The answer with the known faces that are not installed merged in. Caller holds lock_.
+  std::vector<Result> MergeKnownLocked(const std::vector<Result>& answer, const std::vector<float>& features) const;
   bool widthCuts_ = false;
   std::vector<QVFontHandle> handles_;
   mutable std::vector<double> proportionOf_;

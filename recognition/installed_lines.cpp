@@ -174,6 +174,37 @@ void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const st
   ReplaceFile(path, out.str());
 }
 
+std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerLikeness,
+                                         const std::vector<float>& knownLikeness, float margin, size_t most) {
+  const size_t answers = answerLikeness.size();
+  // From each answer to the end of the answer, the best likeness a known face has to beat.
+  std::vector<float> bestFrom(answers + 1, 0.0f);
+  for (size_t i = answers; i-- > 0;) bestFrom[i] = std::max(bestFrom[i + 1], float(std::max(0.0, answerLikeness[i])));
+  // Only the best `most` can find a place.
+  std::vector<size_t> order(knownLikeness.size());
+  for (size_t k = 0; k < order.size(); ++k) order[k] = k;
+  const size_t kept = std::min(order.size(), most);
+  std::partial_sort(order.begin(), order.begin() + ptrdiff_t(kept), order.end(),
+                    [&](size_t a, size_t b) { return knownLikeness[a] > knownLikeness[b]; });
+  order.resize(kept);
+  std::vector<std::pair<size_t, size_t>> placed;  // (the answer it goes before, the known face)
+  for (size_t k : order) {
+    size_t place = 0;
+    while (place < answers && !(knownLikeness[k] > bestFrom[place] + margin)) ++place;
+    placed.emplace_back(place, k);
+  }
+  std::stable_sort(placed.begin(), placed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<MergedPlace> merged;
+  size_t next = 0;
+  for (const auto& [place, k] : placed) {
+    while (next < place && merged.size() < most) merged.push_back({false, next++});
+    if (merged.size() >= most) break;
+    merged.push_back({true, k});
+  }
+  while (next < answers && merged.size() < most) merged.push_back({false, next++});
+  return merged;
+}
+
 std::vector<int32_t> MergeInstalledLines(const std::vector<int32_t>& answer, const std::vector<float>& likeness,
                                          const std::vector<bool>& named, float margin, size_t most) {
   const auto like = [&](int32_t f) {

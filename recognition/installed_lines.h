@@ -75,4 +75,18 @@ void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const st
 std::vector<int32_t> MergeInstalledLines(const std::vector<int32_t>& answer, const std::vector<float>& likeness,
                                          const std::vector<bool>& named, float margin, size_t most);
 
+/// One place of an answer with known faces merged in: answer `index` (known false) or known
+/// face `index` (known true).
+struct MergedPlace {
+  bool known = false;
+  size_t index = 0;
+};
+/// The answer with faces that are known but not installed merged in, at most `most` places.
+/// `answerLikeness`: per answer, in order, the likeness of its line (below 0: none, counted as
+/// 0); `knownLikeness`: per known face, its line's. A known face goes before the first answer from
+/// which on it exceeds every answer's likeness by more than `margin`, those of one place by
+/// likeness; the answers keep their order. Known faces that go before none follow the answer.
+std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerLikeness,
+                                         const std::vector<float>& knownLikeness, float margin, size_t most);
+
 }  // namespace fontrix

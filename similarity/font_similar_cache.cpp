@@ -6,6 +6,7 @@
 #include <functional>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "shell/cache_folder_lock.h"
 #include "shell/cache_log.h"
@@ -29,7 +30,9 @@ const SimilarityPaths& ResolveSimilarityPaths() {
                       cache = qv::FolderPath(kQVFolderUserCache, true);
     resolved_paths = {FileInFolder(data, "NQ_sim_model.dnm"),     FileInFolder(data, "NQ_sim_fea_fs.bin"),
                       FileInFolder(data, "NQ_sim_meta_fs.bin"),   FileInFolder(cache, "NQ_sim_fea_sys.cch"),
-                      FileInFolder(cache, "NQ_sim_meta_sys.cch"), FileInFolder(cache, "NQ_sim_debug_info.txt")};
+                      FileInFolder(cache, "NQ_sim_meta_sys.cch"), FileInFolder(cache, "NQ_sim_debug_info.txt"),
+                      FileInFolder(data, kKnownFacesFileName),    FileInFolder(data, kKnownVectorsFileName),
+                      FileInFolder(data, kKnownFamiliesFileName)};
     if (!cache.empty()) SimilarityLog().SetFolder(cache);
     CacheLog& log = SimilarityLog();
     log.Info("Model File-Path : ", resolved_paths.model);
@@ -124,6 +127,7 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
       progress_.Report(CacheProgress::kFailure, table_.problem);
       log.Info("Similar Cache Unusable: ", table_.problem);
     }
+    if (result == kLoadOk) LoadKnownLocked(paths);
     entryToFont_.assign(table_.Size(), -1);
     ++changes_;
   }
@@ -407,6 +411,96 @@ std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::Get
       result.emplace_back(installedNames_[size_t(r.fontIndex)], double(r.score));
   }
   return result;
+}
+
+void FontSimilarCache::LoadKnownLocked(const SimilarityPaths& paths) {
+  CacheLog& log = SimilarityLog();
+  knownFaces_.clear();
+  knownByName_.clear();
+  knownVectors_ = {};
+  knownFamilies_.clear();
+  std::string why;
+  // Files that are not there are no fault (a data folder without them answers installed fonts
+  // only); files that are there and cannot be used are said, and the service goes on without.
+  const auto present = [](const std::string& path) { return !path.empty() && std::filesystem::exists(path); };
+  try {
+    if (present(paths.knownFaces)) {
+      knownVectors_ = PackedVectors::Read(paths.knownVectors, kFeatureDim, NetworkCheckSum(paths.model));
+      knownFaces_ = ReadKnownFaces(paths.knownFaces, knownVectors_.Rows());
+      knownByName_ = KnownFacesByName(knownFaces_);
+      log.Info("Similar Cache Known Faces : ", knownFaces_.size());
+    }
+  } catch (const std::exception& e) {
+    knownFaces_.clear();
+    knownByName_.clear();
+    knownVectors_ = {};
+    why = std::string(e.what()) + "; faces that are not installed are not known";
+  }
+  try {
+    if (present(paths.knownFamilies)) knownFamilies_ = ReadKnownFamilies(paths.knownFamilies);
+  } catch (const std::exception& e) {
+    why += (why.empty() ? "" : "; ") + std::string(e.what()) + "; well-known families are not known";
+  }
+  if (!why.empty()) {
+    log.Info("Similar Cache Known Faces Unusable: ", why);
+    progress_.Report(CacheProgress::kWarning, why);
+  }
+}
+
+bool FontSimilarCache::KnownVectorLocked(const KnownFace& face, float* out) {
+  if (face.vectorRow >= 0) {
+    knownVectors_.Unpack(size_t(face.vectorRow), out);
+    return !knownVectors_.IsZero(size_t(face.vectorRow));
+  }
+  if (face.vectorRow != KnownFace::kShipped) return false;
+  const auto& names = table_.columns[kFieldName];
+  for (size_t entry = 0; entry < table_.Size(); ++entry)
+    if (IsShipped(table_, entry) && names[entry] == face.name) {
+      if (table_.status[entry] == kStatusUnusable) return false;
+      std::copy(table_.Feature(entry), table_.Feature(entry) + kFeatureDim, out);
+      return true;
+    }
+  return false;
+}
+
+void FontSimilarCache::VisitKnownFaces(const std::function<void(const KnownFace&, bool)>& visit) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::unordered_set<std::string_view> installed(installedNames_.begin(), installedNames_.end());
+  for (const KnownFace& face : knownFaces_) visit(face, installed.count(face.name) > 0);
+}
+
+std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::GetSimilarToKnownFaces(
+    const std::vector<std::string>& names) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (table_.featureDim != kFeatureDim) return std::nullopt;
+  std::vector<float> query(kFeatureDim, 0.0f), vector(kFeatureDim);
+  std::unordered_set<std::string_view> asked;
+  size_t kept = 0;
+  for (const std::string& name : names) {
+    const auto it = knownByName_.find(name);
+    if (it == knownByName_.end() || !KnownVectorLocked(knownFaces_[it->second], vector.data())) continue;
+    asked.insert(name);
+    const float weight = 1.0f / float(++kept);
+    for (size_t i = 0; i < kFeatureDim; ++i) query[i] += weight * vector[i];
+  }
+  if (kept == 0) return std::nullopt;
+  std::vector<std::pair<std::string, double>> result;
+  // A query of several vectors is scaled back to the size of one, so scores stay comparable.
+  float total = 0;
+  for (size_t k = 1; k <= kept; ++k) total += 1.0f / float(k);
+  for (const Scored& r : RankLocked(-1, query)) {
+    if (result.size() >= kMaxSimilarFonts) break;
+    if (r.fontIndex >= 0 && !asked.count(installedNames_[size_t(r.fontIndex)]))
+      result.emplace_back(installedNames_[size_t(r.fontIndex)], double(r.score / total));
+  }
+  return result;
+}
+
+std::optional<KnownFamily> FontSimilarCache::FindKnownFamily(const std::string& name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const KnownFamily* family = fontrix::FindKnownFamily(knownFamilies_, name);
+  if (!family) return std::nullopt;
+  return *family;
 }
 
 std::vector<RankedRecord> FontSimilarCache::GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,

@@ -8,12 +8,16 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "hostglue/font_access.h"
 #include "sdk/qv_types.h"
+#include "shell/packed_vectors.h"
 #include "shell/service_cache.h"
+#include "similarity/known_faces.h"
+#include "similarity/known_families.h"
 #include "similarity/similarity_table.h"
 
 namespace fontrix {
@@ -21,6 +25,9 @@ namespace fontrix {
 /// The six files of the similarity service.
 struct SimilarityPaths {
   std::string model, computedFeature, computedMeta, cachedFeature, cachedMeta, debugInfo;
+  /// The faces and families known without being installed (known_faces.h, known_families.h);
+  /// "" or missing: none.
+  std::string knownFaces, knownVectors, knownFamilies;
 };
 
 /// Computes the six paths through the host's folders (main thread) and logs them; done once.
@@ -78,6 +85,15 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   /// The installed fonts most like the shipped face `name` (exact), best first, at most 80; the
   /// face's own installed font is left out. Nothing when no usable shipped face has that name.
   std::optional<std::vector<std::pair<std::string, double>>> GetSimilarToShippedFace(const std::string& name);
+  /// `visit(face, installed)` for every known face, in the data's order.
+  void VisitKnownFaces(const std::function<void(const KnownFace&, bool)>& visit);
+  /// The installed fonts most like the known faces `names` (best first: their vectors weighted
+  /// 1, 1/2, 1/3 ...), best first, at most 80, the faces themselves left out. Nothing when none
+  /// of the names is a known face with a vector.
+  std::optional<std::vector<std::pair<std::string, double>>> GetSimilarToKnownFaces(
+      const std::vector<std::string>& names);
+  /// The well-known family that is not open named `name` (or an alias), when the table has it.
+  std::optional<KnownFamily> FindKnownFamily(const std::string& name);
   /// Ranks by the weighted sum of the vectors of up to five installed fonts (by their index in
   /// the last matching pass) that have entries; cloud fonts included.
   std::vector<RankedRecord> GetSimilarToFontSet(const std::vector<int32_t>& fontIndices,
@@ -116,6 +132,15 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   std::vector<std::string> installedNames_;
   size_t storedThisRun_ = 0;               // entries this instance added
   std::set<std::string> unusableThisRun_;  // fonts that could not be imaged, by name
+  // Faces and families known without being installed; empty when their files are missing or
+  // cannot be used (said as a warning).
+  std::vector<KnownFace> knownFaces_;
+  std::unordered_map<std::string, size_t> knownByName_;
+  PackedVectors knownVectors_;
+  std::vector<KnownFamily> knownFamilies_;
+  void LoadKnownLocked(const SimilarityPaths& paths);  // with mutex_ held
+  /// A known face's vector into `out` (kFeatureDim floats); false when it has none.
+  bool KnownVectorLocked(const KnownFace& face, float* out);
 };
 
 }  // namespace fontrix

@@ -49,11 +49,14 @@ extern const char* const kHelp =
     "                      CSS weight N (1 to 1000, default 400), upright unless --italic. A line\n"
     "                      each: the list, keep, replace or none, family, face, why. Exits 1 when\n"
     "                      a list's first family is unknown\n"
-    "  recognize IMAGE [--largest-line] [--sheet FILE]\n"
-    "                      the installed fonts most likely shown in a picture of text (PNG or\n"
-    "                      JPEG of at most 64 megapixels, a file or - for standard input; at\n"
-    "                      most 40 fonts), best first, with scores and confidences (the chance\n"
-    "                      each is right; \"not sure\" is said when the first is unlikely);\n"
+    "  recognize IMAGE [--largest-line] [--installed-only] [--sheet FILE]\n"
+    "                      the fonts most likely shown in a picture of text (PNG or JPEG of at\n"
+    "                      most 64 megapixels, a file or - for standard input; at most 40\n"
+    "                      fonts), best first, with scores and confidences (the chance each is\n"
+    "                      right; \"not sure\" is said when the first is unlikely): installed\n"
+    "                      fonts and the open fonts the module knows that are not installed,\n"
+    "                      each of those with where to get it and the installed fonts most\n"
+    "                      like it; --installed-only answers with installed fonts alone;\n"
     "                      --sheet draws a sample in each. The text is found by its ink,\n"
     "                      whatever the margins, and sloping text is levelled; of several\n"
     "                      lines the four largest are read and their scores combined, or only\n"
@@ -212,6 +215,7 @@ Options Parse(int argc, char** argv) {
                  : name == "--other-families" ? &options.other_families
                  : name == "--largest-line"   ? &options.largest_line
                  : name == "--italic"         ? &options.italic
+                 : name == "--installed-only" ? &options.installed_only
                  : name == "--open"           ? &options.serve.open
                                               : nullptr;
     if (!flag) throw UsageError("unknown option '" + arg + "'");
@@ -258,6 +262,8 @@ Options Parse(int argc, char** argv) {
   if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
   if (options.largest_line && options.command != "recognize") throw UsageError("--largest-line is for recognize only");
+  if (options.installed_only && options.command != "recognize")
+    throw UsageError("--installed-only is for recognize only");
   if ((options.serve.port != ServeOptions().port || options.serve.listen_given || options.serve.open) &&
       options.command != "serve")
     throw UsageError("--port, --listen and --open are for serve only");

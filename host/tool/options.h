@@ -31,6 +31,7 @@ struct Options {
   bool largest_line = false;             // recognize: --largest-line
   int weight = 400;                      // substitute: --weight, CSS
   bool italic = false;                   // substitute: --italic
+  bool installed_only = false;           // recognize: --installed-only
   ServeOptions serve;                    // serve: --port, --listen, --open
   bool limit_given = false;
   std::string command;

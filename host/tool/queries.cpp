@@ -2,6 +2,8 @@
 // plug-in asks them, answers as rows.
 #include "host/tool/queries.h"
 
+#include <fontconfig/fontconfig.h>
+
 #include <algorithm>
 #include <cctype>
 
@@ -407,29 +409,98 @@ std::vector<FontrixTextLine> TextLines(Host& host, const ImageRaster& image) {
   return lines;
 }
 
-RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t limit) {
-  // The text suite gives the recognition suite's answers with their likeness and confidence.
-  HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
+namespace {
+
+// A known face as the module lists it, kept past the call that gives it.
+struct KnownFaceInfo {
+  std::string family, style, source, licence;
+  int weight = 400;
+  bool italic = false;
+};
+
+// The known faces that are not installed, by unique name.
+std::map<std::string, KnownFaceInfo> AbsentKnownFaces(const FontrixKnownFontsSuite& known) {
+  std::map<std::string, KnownFaceInfo> faces;
+  FontrixKnownFaceList list{&faces, [](void* c, const FontrixKnownFace* f) {
+                              if (f->installed) return;
+                              (*static_cast<std::map<std::string, KnownFaceInfo>*>(c))[f->name] = {
+                                  f->family, f->style, f->source, f->licence, f->weight, f->italic != 0};
+                            }};
+  if (known.GetKnownFaces(&list) != kQVNoErr) return {};
+  return faces;
+}
+
+// fontconfig's weight for a CSS one, as the rows of installed fonts give it.
+int FontconfigWeight(int css) { return int(FcWeightFromOpenTypeDouble(double(css)) + 0.5); }
+
+}  // namespace
+
+RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t limit, bool installed_only) {
   // The name a font points to lasts only as long as the call that gives it: kept as a string.
-  std::vector<std::pair<std::string, FontrixRecognizedFont>> answers;
-  FontrixRecognizedFontList list{
-      &answers, [](void* c, const FontrixRecognizedFont* f) {
-        static_cast<std::vector<std::pair<std::string, FontrixRecognizedFont>>*>(c)->emplace_back(f->name, *f);
-      }};
+  struct Found {
+    std::string name;
+    FontrixKnownAnswer answer;
+  };
+  std::vector<Found> answers;
   RecognizeAnswer answer;
-  const QVErr err = text->RecognizeFonts(image.handle(), &list, &answer.sure_at);
-  if (err == kQVNotInitialisedErr)
+  QVErr err = kQVNoErr;
+  // The known fonts suite answers over the known faces too; the text suite (a module without
+  // the former, or --installed-only) gives the installed fonts alone, with likeness and confidence.
+  const auto* known = installed_only ? nullptr
+                                     : static_cast<const FontrixKnownFontsSuite*>(
+                                           host.AcquireSuite(kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion));
+  std::map<std::string, KnownFaceInfo> absent;
+  if (known) {
+    FontrixKnownAnswerList list{&answers, [](void* c, const FontrixKnownAnswer* a) {
+                                  static_cast<std::vector<Found>*>(c)->push_back({a->name, *a});
+                                }};
+    err = known->RecognizeKnownFonts(image.handle(), &list, &answer.sure_at);
+    if (err == kQVNoErr) absent = AbsentKnownFaces(*known);
+  } else {
+    HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
+    FontrixRecognizedFontList list{
+        &answers, [](void* c, const FontrixRecognizedFont* f) {
+          static_cast<std::vector<Found>*>(c)->push_back({f->name, {f->name, f->score, f->likeness, f->confidence, 1}});
+        }};
+    err = text->RecognizeFonts(image.handle(), &list, &answer.sure_at);
+  }
+  if (err == kQVNotInitialisedErr) {
+    if (known) host.ReleaseSuite(kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion);
     throw Failure("the recognition service is not running (switched off, or its data is missing)");
-  Check(err, "the recognition query");
+  }
   std::vector<std::pair<std::string, double>> found;
-  for (const auto& [name, a] : answers) found.emplace_back(name, a.score);
+  for (const Found& a : answers) found.emplace_back(a.name, a.answer.score);
   answer.rows = ResultRows(host, found, limit);
   for (size_t i = 0; i < answer.rows.size(); ++i) {
-    if (answers[i].second.confidence >= 0) answer.rows[i].confidence = answers[i].second.confidence;
-    if (answers[i].second.likeness >= 0) answer.rows[i].likeness = answers[i].second.likeness;
+    const FontrixKnownAnswer& a = answers[i].answer;
+    OutputRow& row = answer.rows[i];
+    if (a.confidence >= 0) row.confidence = a.confidence;
+    if (a.likeness >= 0) row.likeness = a.likeness;
+    if (!known) continue;
+    row.installed = a.installed != 0;
+    const auto face = absent.find(row.name);
+    if (row.installed.value() || face == absent.end()) continue;
+    const KnownFaceInfo& info = face->second;
+    row.family = info.family;
+    row.style = info.style;
+    row.weight = FontconfigWeight(info.weight);
+    row.slant = info.italic ? 100 : 0;
+    row.source = info.source;
+    row.licence = info.licence;
+    // The installed fonts a designer can use instead, through the face's similarity vector.
+    std::vector<std::string> closest;
+    FontrixFontList list{&closest, [](void* c) { static_cast<std::vector<std::string>*>(c)->clear(); },
+                         [](void* c, const FontrixFontResult* f) {
+                           auto& names = *static_cast<std::vector<std::string>*>(c);
+                           if (names.size() < kClosestInstalled) names.push_back(f->name);
+                         }};
+    const char* name = row.name.c_str();
+    if (known->GetSimilarToKnownFaces(&name, 1, &list) == kQVNoErr) row.closest_installed = closest;
   }
+  if (known) host.ReleaseSuite(kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion);
+  Check(err, "the recognition query");
   // Sure when the first answer's confidence reaches the module's mark; unsaid without one.
-  if (!answers.empty()) answer.first_confidence = answers[0].second.confidence;
+  if (!answers.empty()) answer.first_confidence = answers[0].answer.confidence;
   if (answer.sure_at >= 0 && answer.first_confidence >= 0) answer.sure = answer.first_confidence >= answer.sure_at;
   if (found.empty() && image.width() >= 20 && image.height() >= 20 && TextLines(host, image).empty())
     throw Failure("no text found");

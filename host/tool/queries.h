@@ -128,6 +128,9 @@ struct SimilarAnswer {
 /// Throws Failure for an unknown NAME or a service that is not running.
 SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request);
 
+/// How many installed fonts most like a known face that is not installed recognize names.
+constexpr size_t kClosestInstalled = 3;
+
 /// The module's recognition of a picture, with how sure it is.
 struct RecognizeAnswer {
   std::vector<OutputRow> rows;
@@ -137,7 +140,10 @@ struct RecognizeAnswer {
 
 /// Asks the module's text suite about a picture. Throws Failure("no text found") for a picture
 /// of 20 × 20 pixels or more without any line of text.
-RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t limit);
+/// Over installed fonts and the known faces that are not installed (their rows marked, with where
+/// to get them and the installed fonts most like them), unless `installed_only` or the module
+/// has no known faces.
+RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t limit, bool installed_only = false);
 
 /// The lines of text recognition finds in a picture, top to bottom.
 std::vector<FontrixTextLine> TextLines(Host& host, const ImageRaster& image);

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -29,7 +30,7 @@ void Recognize(Host& host, const Options& options) {
   } catch (const std::runtime_error& e) {
     throw Failure(e.what());
   }
-  const RecognizeAnswer answer = RecognizeRaster(host, *image, options.limit);
+  const RecognizeAnswer answer = RecognizeRaster(host, *image, options.limit, options.installed_only);
   const std::vector<OutputRow>& rows = answer.rows;
   const std::optional<bool>& sure = answer.sure;
   if (rows.empty() && !options.json)
@@ -41,9 +42,13 @@ void Recognize(Host& host, const Options& options) {
                  "fontrix: not sure: the first answer is right about %.0f %% of the time at this confidence (sure "
                  "from %.0f %%); the font may not be installed, or the picture too small or unclear\n",
                  100 * answer.first_confidence, 100 * answer.sure_at);
+  if (!rows.empty() && rows[0].installed && !*rows[0].installed && !options.json)
+    std::fprintf(stderr, "fontrix: Not installed: %s %s — %s\n", rows[0].family.c_str(), rows[0].style.c_str(),
+                 FormatRow("%{where}", rows[0]).substr(std::string("not installed: ").size()).c_str());
+  const bool absent = std::any_of(rows.begin(), rows.end(), [](const OutputRow& r) { return r.installed == false; });
   PrintRows(options,
             "\"image\": " + JsonString(path) + (sure ? std::string(", \"sure\": ") + (*sure ? "true" : "false") : ""),
-            "results", rows, sure ? kRecognitionColumns : kResultColumns);
+            "results", rows, std::string(sure ? kRecognitionColumns : kResultColumns) + (absent ? "\\t%{where}" : ""));
   if (!options.sheet.empty()) {
     std::vector<Specimen> sheet(1);  // the picture itself on top
     sheet[0].width = image->width();

@@ -24,6 +24,19 @@ std::string Classes(uint32_t mask, const char* const* names, const char* separat
   return out;
 }
 
+// Where an answer of recognize is, in words: "installed", or for a known face that is not, where
+// to get it and what is installed like it.
+std::string Where(const OutputRow& r) {
+  if (!r.installed) return "";
+  if (*r.installed) return "installed";
+  std::string out = "not installed: open font, " + r.source + (r.licence.empty() ? "" : " (" + r.licence + ")");
+  if (!r.closest_installed.empty()) {
+    out += "; closest installed:";
+    for (size_t i = 0; i < r.closest_installed.size(); ++i) out += (i ? ", " : " ") + r.closest_installed[i];
+  }
+  return out;
+}
+
 std::string Field(const std::string& field, const OutputRow& r) {
   if (field == "name") return r.name;
   if (field == "family") return r.family;
@@ -44,6 +57,15 @@ std::string Field(const std::string& field, const OutputRow& r) {
     for (const std::string& n : r.same_outlines) names += (names.empty() ? "" : ",") + n;
     return names;
   }
+  if (field == "installed") return r.installed ? (*r.installed ? "yes" : "no") : "";
+  if (field == "source") return r.source;
+  if (field == "licence") return r.licence;
+  if (field == "closest_installed") {
+    std::string names;
+    for (const std::string& n : r.closest_installed) names += (names.empty() ? "" : ",") + n;
+    return names;
+  }
+  if (field == "where") return Where(r);
   throw FormatError("--format has no field %{" + field + "}");
 }
 
@@ -88,9 +110,11 @@ void FoldSameOutlines(std::vector<OutputRow>& rows) {
 }
 
 const std::vector<std::string>& FormatFields() {
-  static const std::vector<std::string> kFields = {"name",   "family",        "style",      "file",     "index",
-                                                   "weight", "width",         "slant",      "score",    "classes",
-                                                   "status", "same_outlines", "confidence", "likeness", "look_alike"};
+  static const std::vector<std::string> kFields = {
+      "name",       "family",    "style",     "file",    "index",   "weight",
+      "width",      "slant",     "score",     "classes", "status",  "same_outlines",
+      "confidence", "likeness",  "installed", "source",  "licence", "closest_installed",
+      "where",      "look_alike"};
   return kFields;
 }
 
@@ -136,6 +160,14 @@ std::string JsonRow(const OutputRow& r) {
   if (!r.same_outlines.empty()) {
     out += ", \"same_outlines\": [";
     for (size_t i = 0; i < r.same_outlines.size(); ++i) out += (i ? ", " : "") + JsonString(r.same_outlines[i]);
+    out += "]";
+  }
+  if (r.installed) out += std::string(", \"installed\": ") + (*r.installed ? "true" : "false");
+  if (!r.source.empty()) out += ", \"source\": " + JsonString(r.source);
+  if (!r.licence.empty()) out += ", \"licence\": " + JsonString(r.licence);
+  if (r.installed && !*r.installed) {
+    out += ", \"closest_installed\": [";
+    for (size_t i = 0; i < r.closest_installed.size(); ++i) out += (i ? ", " : "") + JsonString(r.closest_installed[i]);
     out += "]";
   }
   if (r.look_alike) out += ", \"look_alike\": " + JsonString(*r.look_alike);

@@ -24,6 +24,12 @@ struct OutputRow {
   std::optional<uint32_t> classes;             ///< bit i: kClassLabels[i]
   std::optional<std::string> status;           ///< "used", or why the services leave the face out
   std::vector<std::string> same_outlines;      ///< answers folded into this one: the same outlines under other names
+  /// recognize: whether the answer is installed (unsaid when only installed fonts were asked
+  /// about); for a known face that is not: where to get it, its licence and the installed fonts
+  /// most like it.
+  std::optional<bool> installed;
+  std::string source, licence;
+  std::vector<std::string> closest_installed;
   std::optional<std::string> look_alike;  ///< similar: "clone", "revival" or "look-alike" of the family asked about
   uint64_t outline_print = 0;             ///< not printed: what tells faces with the same outlines
 };
@@ -47,7 +53,8 @@ std::string FormatRow(const std::string& format, const OutputRow& row);
 /// The header line of a format: each field's name in capitals, the text between fields kept.
 std::string FormatHeader(const std::string& format);
 /// The row as a JSON object: name, family, style, file, index, weight, width, slant, then score,
-/// classes (label strings), status, same_outlines (names) and look_alike where the row has them.
+/// classes (label strings), status, same_outlines (names), installed, source, licence,
+/// closest_installed and look_alike where the row has them.
 std::string JsonRow(const OutputRow& row);
 
 }  // namespace fontrix::host

@@ -36,6 +36,31 @@ TEST(MergeInstalledLines, AnUnnamedFontPassesOnlyAnswersItOutmatchesForGood) {
             (std::vector<int32_t>{4, 5, 3, 0}));
 }
 
+// Places of a merged answer, written short: answer i as i, known face k as -(k + 1).
+std::vector<int> Places(const std::vector<MergedPlace>& merged) {
+  std::vector<int> places;
+  for (const MergedPlace& p : merged) places.push_back(p.known ? -int(p.index) - 1 : int(p.index));
+  return places;
+}
+
+TEST(MergeKnownFaces, AKnownFacePassesOnlyAnswersItOutmatchesForGoodAndTheAnswerKeepsItsOrder) {
+  // Answer likeness 0.5, 0.4, 0.8. Known face 0 beats all of them: first. Known face 1 beats
+  // answers 0 and 1 but not 2, which comes later: it goes after the answer. Known face 2 beats
+  // none.
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.8}, {0.9f, 0.6f, 0.1f}, 0.0f, 40)),
+            (std::vector<int>{-1, 0, 1, 2, -2, -3}));
+  // Within the margin it does not pass.
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.8}, {0.85f}, 0.1f, 40)), (std::vector<int>{0, 1, 2, -1}));
+  // An answer without a line counts as 0; known faces of one place in likeness order.
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, -1.0}, {0.3f, 0.6f, 0.55f}, 0.0f, 40)), (std::vector<int>{-2, -3, 0, -1, 1}));
+  // At most `most` places: the known faces that would go last are the ones left out, and only
+  // the best known faces are considered at all.
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.3}, {0.1f, 0.95f, 0.2f, 0.9f}, 0.0f, 3)),
+            (std::vector<int>{-2, -4, 0}));
+  EXPECT_EQ(Places(MergeKnownFaces({}, {0.1f, 0.3f}, 0.0f, 40)), (std::vector<int>{-2, -1}));
+  EXPECT_EQ(Places(MergeKnownFaces({0.2, 0.1}, {}, 0.0f, 40)), (std::vector<int>{0, 1}));
+}
+
 TEST(MergeInstalledLines, UnnamedFontsInTheAnswerMoveUpNeverDownAndSetNoBar) {
   // The similarity query put unnamed font 4 in the answer, last, with the best line of all: its
   // own likeness is no bar to passing, so it comes first, once.

@@ -46,9 +46,9 @@ TEST(CheckSum, SeedsAndOrderCount) {
   EXPECT_NE(CheckSum(words, sizeof words), CheckSum(swapped, sizeof swapped));
 }
 
-// The sums are kept in users' caches and written by the fuzz seeds' maker (fuzz/make_seeds.py)
-// from its own copy of the rules: a change to either loses every cache, so both are held to
-// values worked out once.
+// The sums are kept in users' caches and shipped data, and the data's and the fuzz seeds' makers
+// write them from their own copy of the rules (training/fontrix_training/check_sum.py): a change
+// to either loses every cache, so both are held to values worked out once.
 TEST(CheckSum, KeepsItsValues) {
   EXPECT_EQ(CheckSum("", 0), 0x385e2446a0b0d829ull);
   EXPECT_EQ(CheckSum("Serif-Book", 11), 0x6c20b39d4ada56eeull);

@@ -7,16 +7,19 @@ below it), half degraded (three of: a tinted, framed JPEG; text 12 to 20 pixels 
 pictures must get no answer. A face's outline twins count as the face; "family" counts any
 face of the right family among the first five.
 
-With --absent DIR, pictures of fonts that are not installed (font files under DIR of families
-the machine lacks, such as the training corpus) are drawn as well: no answer can be right, and
-the tool should rarely say it is sure of one.
+With --absent DIR (the fetched corpus folder), pictures of corpus faces of families that are not
+installed are drawn as well, one clean and one degraded each: the module knows them (its known
+faces) and should name them as not installed; an answer is right when it names the face, or a
+face of the same outlines (CLONES), and of the right family when its family is the face's.
+Without the known faces (fontrix recognize --installed-only: --installed-only) no answer can be
+right, and the tool should rarely say it is sure of one.
 
 Two picture sets that share no text, no random draw and no absent family: "fit" (to choose
 settings and fit the confidence on) and "test" (the figures). --dump writes one JSON line per
 picture.
 
 Usage: training/run recognition_figures [--fontrix PATH] [--set fit|test] [--disable installed-lines]
-                              [--absent DIR] [--dump FILE] [--keep DIR]
+                              [--absent DIR] [--installed-only] [--dump FILE] [--keep DIR]
 """
 import argparse
 import io
@@ -32,7 +35,7 @@ import zlib
 
 from PIL import Image, ImageDraw, ImageFilter, ImageFont
 
-from fontrix_training import BIN, DATA
+from fontrix_training import BIN, CORPUS, DATA, tab_rows
 
 # Families drawn from the same outlines (clones, metric-compatible recuts, one family under two
 # names): a picture cannot tell their faces of one style apart. Carlito is Lato's letters with
@@ -89,32 +92,42 @@ def face_sample(fonts, named, rng):
 
 
 def absent_faces(folder, installed_families, which, rng):
-    """Up to ABSENT_FACES font files under `folder` of families not installed, one a family; the
-    families of the fit set and the test set are told apart by a hash of the family name."""
-    files = []
-    for root, _, names in os.walk(folder):
-        files += [os.path.join(root, n) for n in names if n.lower().endswith((".ttf", ".otf"))]
-    files.sort()
-    rng.shuffle(files)
+    """Up to ABSENT_FACES corpus faces (the manifest's, their files under the corpus folder
+    `folder`) of families not installed, one a family, named as the module's known faces name
+    them (unique name; the labels' family); the families of the fit set and the test set are told
+    apart by a hash of the family name."""
+    families_of = {row[0]: row[3] for _, row in tab_rows(os.path.join(CORPUS, "labels.tsv"))}
+    rows = [row for _, row in tab_rows(os.path.join(CORPUS, "manifest.tsv")) if row[0] != "unique_name"]
+    rows.sort()
+    rng.shuffle(rows)
     faces, families = [], set()
-    for path in files:
-        try:
-            family, style = ImageFont.truetype(path, 20).getname()
-        except OSError:
-            continue
-        if not family or family in installed_families or family in families:
+    for row in rows:
+        name, style, path = row[0], row[2], os.path.join(folder, row[5])
+        family = families_of.get(name, row[1])
+        if family in installed_families or family in families or not os.path.exists(path):
             continue
         if zlib.crc32(family.encode()) % 2 != (which == "test"):
             continue
-        face = ImageFont.truetype(path, 40)
+        try:
+            face = ImageFont.truetype(path, 40)
+        except OSError:
+            continue
         if face.getbbox("abcxyz")[2] <= 0 or face.getmask("a").getbbox() is None:
             continue  # no Latin letters
         families.add(family)
-        faces.append({"name": f"{family} {style}", "family": family, "style": style, "file": path, "index": 0,
+        faces.append({"name": name, "family": family, "style": style, "file": path, "index": 0,
                       "weight": 0, "width": 0, "slant": 0})
         if len(faces) >= ABSENT_FACES:
             break
     return faces
+
+
+def absent_right(font, row):
+    """An answer (a row of fontrix recognize --json) names the absent face `font`, or a face of the
+    same outlines, and whether it names its family."""
+    clone = any(font["family"] in c and row["family"] in c for c in CLONES)
+    same_style = row["style"].lower().replace("oblique", "italic") == font["style"].lower().replace("oblique", "italic")
+    return row["name"] == font["name"] or (clone and same_style), row["family"] == font["family"] or clone
 
 
 def face_of(font, size):
@@ -221,9 +234,9 @@ def blanks(rng):
     return out
 
 
-def run(fontrix, path, disable, env):
+def run(fontrix, path, disable, env, installed_only=False):
     started = time.monotonic()
-    switches = ["--disable", disable] if disable else []
+    switches = (["--disable", disable] if disable else []) + (["--installed-only"] if installed_only else [])
     r = subprocess.run([fontrix, "recognize", path, "--json", "--limit", "40"] + switches,
                        capture_output=True, text=True, env=env)
     took = time.monotonic() - started
@@ -237,6 +250,7 @@ def main():
     parser.add_argument("--data", default=DATA, help="the data folder fontrix uses")
     parser.add_argument("--set", default="test", choices=sorted(TEXTS))
     parser.add_argument("--disable", default="", help="passed to fontrix --disable (installed-lines)")
+    parser.add_argument("--installed-only", action="store_true", help="passed to fontrix recognize")
     parser.add_argument("--absent", help="a folder of font files, some of families that are not installed")
     parser.add_argument("--dump", help="write one JSON line per picture here")
     parser.add_argument("--keep", help="folder to keep the pictures in")
@@ -272,11 +286,15 @@ def main():
                     continue
                 path = os.path.join(folder, f"{group}-{font['name']}-{n}-{kind}.png")
                 p.save(path)
-                code, answer, took = run(args.fontrix, path, args.disable, env)
+                code, answer, took = run(args.fontrix, path, args.disable, env, args.installed_only)
                 times.append(took)
                 names = [r["name"] for r in answer["results"]]
-                right = [x in byname and same_face(font, byname[x]) for x in names]
-                fam = [x in byname and byname[x]["family"] == font["family"] or r for x, r in zip(names, right)]
+                if group == "absent":
+                    right, fam = [absent_right(font, r)[0] for r in answer["results"]], \
+                        [absent_right(font, r)[1] for r in answer["results"]]
+                else:
+                    right = [x in byname and same_face(font, byname[x]) for x in names]
+                    fam = [x in byname and byname[x]["family"] == font["family"] or r for x, r in zip(names, right)]
                 t = tally.setdefault((group, kind), [0, 0, 0, 0])
                 t[0] += 1
                 t[1] += bool(right[:1] and right[0])
@@ -296,7 +314,7 @@ def main():
     for n, p in enumerate(blanks(blank_rng)):
         path = os.path.join(folder, f"blank-{n}.png")
         p.save(path)
-        code, answer, _ = run(args.fontrix, path, args.disable, env)
+        code, answer, _ = run(args.fontrix, path, args.disable, env, args.installed_only)
         blank_answers += bool(answer["results"]) or code == 0
     print(f"set {args.set}: {len(table)} table faces, {len(outside)} outside faces, {len(absent)} absent faces; "
           f"pictures in {folder}")
