@@ -92,6 +92,7 @@ std::optional<SimilarQuery> KnownQuery(KnownFonts& known, const std::vector<cons
               (look.installed ? ", installed)" : ")");
   }
   if (said.empty()) {
+    if (installed) return std::nullopt;  // fontconfig's substitute answers, as it did
     std::string names;
     for (const WellKnownFamily::LookAlike& a : family.look_alikes) names += (names.empty() ? "" : ", ") + a.family;
     throw Failure(family.family + " is not an open font, and none of its look-alikes (" + names +
@@ -302,8 +303,12 @@ void PutLookAlikesFirst(Host& host, const SimilarQuery& query, std::vector<Outpu
       first.push_back(std::move(*row));
       rows.erase(row);
     } else {
+      // The face used under that name (a copy of it in another file is not).
       for (const HostFont& f : host.Fonts())
-        if (f.unique_name == a.face) first.push_back(RowOf(f));
+        if (f.unique_name == a.face && UnusedReason(f).empty()) {
+          first.push_back(RowOf(f));
+          break;
+        }
     }
     if (!first.empty() && first.back().name == a.face) first.back().look_alike = a.why;
   }
