@@ -163,9 +163,11 @@ class Decision {
     const char* generic = GenericOfClass(family.style_class);
     const HostFont* face = world_.Generic(generic, match->wanted);
     if (!face) return false;
+    const bool one = family.look_alikes.size() == 1;
     Answer("replace", face, "fallback",
-           family.family + " is a " + StyleClassName(family.style_class) + " family, and its look-alikes (" + alikes +
-               ") are neither installed nor known here: the " + generic + " font");
+           family.family + " is a " + StyleClassName(family.style_class) + " family, and its look-alike" +
+               (one ? " " + alikes + " is" : "s (" + alikes + ") are") + " neither installed nor known here: the " +
+               generic + " font");
     return true;
   }
 
