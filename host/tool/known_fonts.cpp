@@ -5,6 +5,7 @@
 
 #include <fontconfig/fontconfig.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <tuple>
@@ -130,6 +131,27 @@ FaceTraits WithStyle(FaceTraits asked, const std::string& words) {
   asked.italic = asked.italic || said.italic;
   asked.narrow_or_wide = asked.narrow_or_wide || said.narrow_or_wide;
   return asked;
+}
+
+std::vector<const KnownFace*> NearestFirst(std::vector<const KnownFace*> faces, const FaceTraits& wanted) {
+  std::stable_sort(faces.begin(), faces.end(), [&](const KnownFace* a, const KnownFace* b) {
+    return Distance(TraitsOf(*a), wanted) < Distance(TraitsOf(*b), wanted);
+  });
+  return faces;
+}
+
+std::string StyleOf(const KnownFace& face) {
+  const StyleTraits said = TraitsOfStyle(face.style);
+  if (said.weight == face.weight && said.italic == face.italic) return face.style;
+  static const std::pair<int, const char*> kNames[] = {
+      {100, "Thin"},     {200, "ExtraLight"}, {300, "Light"},     {400, "Regular"}, {500, "Medium"},
+      {600, "SemiBold"}, {700, "Bold"},       {800, "ExtraBold"}, {900, "Black"},   {950, "ExtraBlack"}};
+  const char* name = kNames[0].second;
+  int off = std::abs(kNames[0].first - face.weight);
+  for (const auto& [weight, word] : kNames)
+    if (std::abs(weight - face.weight) < off) name = word, off = std::abs(weight - face.weight);
+  if (!face.italic) return name;
+  return std::string(name) == "Regular" ? "Italic" : std::string(name) + " Italic";
 }
 
 std::optional<WellKnownMatch> ResolveWellKnown(

@@ -61,6 +61,28 @@ std::string LookAlikeWhy(const std::string& why, const std::string& family);
 std::vector<TableFace> AsTableFaces(const std::vector<KnownFace>& faces);
 /// The known faces of the family `family` (by its name or, as above, its bare name).
 std::vector<const KnownFace*> FacesOfFamily(const std::vector<KnownFace>& faces, const std::string& family);
+/// `faces` nearest `wanted` first, in NearestFace's order.
+std::vector<const KnownFace*> NearestFirst(std::vector<const KnownFace*> faces, const FaceTraits& wanted);
+/// A known face's style as people read it: its style name, or, where that name does not say its
+/// weight and slant (a web package's "Regular" of weight 300), the CSS name of its weight
+/// ("Light", "SemiBold Italic").
+std::string StyleOf(const KnownFace& face);
+
+/// Asks `ask` about the first face of each group (groups best first, each nearest what was asked
+/// first) and, while it answers nothing (the data has a vector of none of them), about the next
+/// of each; `round` is set to the round that answered. Empty when none does.
+template <typename Answer>
+Answer AskNearestFirst(const std::vector<std::vector<const KnownFace*>>& groups,
+                       const std::function<Answer(const std::vector<std::string>&)>& ask, size_t& round) {
+  for (round = 0;; ++round) {
+    std::vector<std::string> names;
+    for (const auto& group : groups)
+      if (round < group.size()) names.push_back(group[round]->name);
+    if (names.empty()) return {};
+    Answer answer = ask(names);
+    if (!answer.empty()) return answer;
+  }
+}
 
 /// The ways `typed` reads as a family and trailing style words, the whole name first, split at
 /// spaces and hyphens: "Gotham Light" is ("Gotham Light", "") and ("Gotham", "Light");

@@ -32,13 +32,16 @@ FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
           }};
 }
 
+using Answers = std::vector<std::pair<std::string, double>>;
+
 // NAME among the fonts the module knows that the machine lacks, where no installed face answers
 // or fontconfig would substitute one (as for the table's faces): a known open face, else a
 // well-known family that is not open, answered through its look-alikes (unless fontconfig's
-// substitute is one of them, as Nimbus Sans is for Helvetica). The choice is said in `notes`.
+// substitute is one of them, as Nimbus Sans is for Helvetica). The choice is said in `notes`; a
+// family's answer, when its look-alikes' known faces give one, is put in `answered`.
 std::optional<SimilarQuery> KnownQuery(KnownFonts& known, const std::vector<const HostFont*>& usable,
                                        const SimilarRequest& request, const std::optional<ResolvedFont>& installed,
-                                       std::vector<std::string>& notes) {
+                                       std::vector<std::string>& notes, std::optional<Answers>& answered) {
   const std::string& typed = request.name;
   const std::string substitute = installed ? FoldedName(installed->font->family) : "";
   std::vector<KnownFace> missing;
@@ -49,8 +52,8 @@ std::optional<SimilarQuery> KnownQuery(KnownFonts& known, const std::vector<cons
   if (match.face && (!installed || match.exact || substitute != FoldedName(match.face->family))) {
     const KnownFace& face =
         *std::find_if(missing.begin(), missing.end(), [&](const KnownFace& f) { return f.name == match.face->name; });
-    SimilarQuery query{face.name, match.face->family, face.style, false, "face", face.source, face.licence, {}};
-    notes.push_back(match.face->family + " " + face.style + " is not installed (open font, " + face.source + ", " +
+    SimilarQuery query{face.name, match.face->family, StyleOf(face), false, "face", face.source, face.licence, {}};
+    notes.push_back(match.face->family + " " + StyleOf(face) + " is not installed (open font, " + face.source + ", " +
                     face.licence + "): answering for " + face.name + " from the module's data");
     return query;
   }
@@ -69,29 +72,36 @@ std::optional<SimilarQuery> KnownQuery(KnownFonts& known, const std::vector<cons
                      "",
                      "",
                      {}};
+  // Each look-alike's known faces nearest what was asked, asked together, the nearest the data
+  // has a vector of; an installed look-alike is shown at its installed face nearest it.
+  std::vector<std::vector<const KnownFace*>> groups;
+  for (const WellKnownFamily::LookAlike& a : family.look_alikes)
+    groups.push_back(NearestFirst(FacesOfFamily(known.Faces(), a.family), well_known->wanted));
+  size_t round = 0;
+  answered = AskNearestFirst<std::vector<std::pair<std::string, double>>>(
+      groups, [&](const std::vector<std::string>& names) { return known.SimilarTo(names); }, round);
   std::string said;
-  for (const WellKnownFamily::LookAlike& a : family.look_alikes) {
+  bool any_installed = false;
+  for (size_t k = 0; k < family.look_alikes.size(); ++k) {
+    const WellKnownFamily::LookAlike& a = family.look_alikes[k];
     SimilarQuery::LookAlike look{a.family, a.why, "", "", false};
     std::vector<const HostFont*> here;
     for (const HostFont* f : usable)
       if (FoldedName(f->family) == FoldedName(a.family)) here.push_back(f);
     std::vector<FaceTraits> traits;
     for (const HostFont* f : here) traits.push_back(TraitsOf(*f));
-    if (const size_t i = NearestFace(traits, well_known->wanted); i < here.size()) {
+    if (const size_t i = NearestFace(traits, well_known->wanted); i < here.size())
       look = {a.family, a.why, here[i]->unique_name, here[i]->style, true};
-    } else {
-      const std::vector<const KnownFace*> data = FacesOfFamily(known.Faces(), a.family);
-      traits.clear();
-      for (const KnownFace* f : data) traits.push_back(TraitsOf(*f));
-      if (const size_t k = NearestFace(traits, well_known->wanted); k < data.size())
-        look = {a.family, a.why, data[k]->name, data[k]->style, false};
-    }
+    else if (!answered->empty() && round < groups[k].size())
+      look = {a.family, a.why, groups[k][round]->name, StyleOf(*groups[k][round]), false};
+    any_installed = any_installed || look.installed;
     query.look_alikes.push_back(look);
     if (!look.face.empty())
       said += (said.empty() ? "" : ", ") + a.family + " " + look.style + " (" + a.why +
               (look.installed ? ", installed)" : ")");
   }
-  if (said.empty()) {
+  if (answered->empty()) answered.reset();  // the first installed look-alike is asked instead
+  if (!answered && !any_installed) {
     if (installed) return std::nullopt;  // fontconfig's substitute answers, as it did
     std::string names;
     for (const WellKnownFamily::LookAlike& a : family.look_alikes) names += (names.empty() ? "" : ", ") + a.family;
@@ -117,7 +127,8 @@ std::string KnownCloseNames(const std::vector<KnownFace>& faces, const std::stri
 // installed face does, when fontconfig would substitute another family, or when the table has
 // the style asked for and the installed family lacks it: its own vector says more than a
 // stand-in's. The choice is added to `notes`.
-SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std::vector<std::string>& notes) {
+SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std::vector<std::string>& notes,
+                                 std::optional<Answers>& answered) {
   const std::string& typed = request.name;
   std::vector<const HostFont*> usable;
   for (const HostFont& f : host.Fonts())
@@ -143,7 +154,8 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
   }
   if (!installed || !installed->note.empty()) {
     KnownFonts known(host);
-    if (std::optional<SimilarQuery> query = KnownQuery(known, usable, request, installed, notes)) return *query;
+    if (std::optional<SimilarQuery> query = KnownQuery(known, usable, request, installed, notes, answered))
+      return *query;
     if (!installed) throw Failure(unknown + KnownCloseNames(known.Faces(), typed));
   }
   if (!installed->note.empty()) notes.push_back(installed->note);
@@ -338,32 +350,22 @@ std::string SimilarAnswer::JsonHead() const {
 
 SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
   SimilarAnswer answer;
-  const SimilarQuery query = answer.query = ResolveSimilarQuery(host, request, answer.notes);
+  std::optional<Answers> answered;
+  const SimilarQuery query = answer.query = ResolveSimilarQuery(host, request, answer.notes, answered);
   std::vector<std::pair<std::string, double>> found;
   FontrixFontList list = Collector(found);
   QVErr err = kQVNoErr;
-  KnownFonts known(host);
-  // A well-known family is asked through its look-alikes' known faces, best first; without
-  // them, through the first installed look-alike.
-  std::vector<std::string> known_faces;
-  std::string installed_look_alike;
-  for (const SimilarQuery::LookAlike& a : query.look_alikes) {
-    if (!a.installed && !a.face.empty()) known_faces.push_back(a.face);
-    if (a.installed) {
-      if (installed_look_alike.empty()) installed_look_alike = a.face;
-      // An installed look-alike's face is known too when the data has it: under the same name.
-      const auto& faces = known.Faces();
-      if (std::any_of(faces.begin(), faces.end(), [&](const KnownFace& f) { return f.name == a.face; }))
-        known_faces.push_back(a.face);
-    }
-  }
-  if (query.known == "face") {
-    found = known.SimilarTo({query.name});
-  } else if (query.known == "family" && !known_faces.empty()) {
-    found = known.SimilarTo(known_faces);
-  } else if (query.installed || query.known == "family") {
+  // A well-known family without an answer from its look-alikes' known faces is asked through
+  // its first installed look-alike.
+  const auto installed_look_alike = std::find_if(query.look_alikes.begin(), query.look_alikes.end(),
+                                                 [](const SimilarQuery::LookAlike& a) { return a.installed; });
+  if (answered) {
+    found = std::move(*answered);
+  } else if (query.known == "face") {
+    found = KnownFonts(host).SimilarTo({query.name});
+  } else if (query.installed || installed_look_alike != query.look_alikes.end()) {
     HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
-    err = similar->GetSimilarFontNames((query.installed ? query.name : installed_look_alike).c_str(), &list);
+    err = similar->GetSimilarFontNames((query.installed ? query.name : installed_look_alike->face).c_str(), &list);
   } else {
     HeldSuite<FontrixTableSuite> table(host, kFontrixTableSuite, kFontrixTableSuiteVersion);
     err = table->GetSimilarToTableFont(query.name.c_str(), &list);
@@ -397,7 +399,10 @@ SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
 
 std::string SimilarAnswer::EmptyReason(bool other_families, bool classes) const {
   if (!rows.empty()) return "";
-  if (!found) return "no font is known to be like " + query.name + " (the similarity service could not image it)";
+  if (!found)
+    return "no font is known to be like " + query.name +
+           (query.known.empty() ? " (the similarity service could not image it)"
+                                : " (the module's data holds no similarity vector of it)");
   return "none of the " + std::to_string(found) + " fonts most like " + query.name + " is " +
          (classes && other_families ? "of another family and of those classes"
           : classes                 ? "of those classes"

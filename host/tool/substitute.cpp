@@ -139,22 +139,22 @@ class Decision {
         return true;
       }
     }
-    // None is: the installed fonts most like the look-alikes' faces the module knows.
-    std::vector<std::string> names;
-    std::string first;
-    for (const WellKnownFamily::LookAlike& a : family.look_alikes) {
-      std::vector<FaceTraits> traits;
-      const std::vector<const KnownFace*> faces = FacesOfFamily(world_.Known(), a.family);
-      for (const KnownFace* f : faces) traits.push_back(TraitsOf(*f));
-      const size_t i = NearestFace(traits, match->wanted);
-      if (i == faces.size()) continue;
-      names.push_back(faces[i]->name);
-      if (first.empty())
-        first = a.family + " " + faces[i]->style + ", which " +
-                (a.why == "look-alike" ? "looks like " : "is a " + a.why + " of ") + family.family;
-    }
-    if (const HostFont* face = FirstInstalled(names.empty() ? names : world_.SimilarToKnown(names), match->wanted)) {
-      Answer("replace", face, "similar", "most like " + first + " (not installed)");
+    // None is: the installed fonts most like the look-alikes' faces the module knows, the
+    // nearest of each that the data has a vector of.
+    std::vector<std::vector<const KnownFace*>> groups;
+    for (const WellKnownFamily::LookAlike& a : family.look_alikes)
+      groups.push_back(NearestFirst(FacesOfFamily(world_.Known(), a.family), match->wanted));
+    size_t round = 0;
+    const std::vector<std::string> answers = AskNearestFirst<std::vector<std::string>>(
+        groups, [this](const std::vector<std::string>& names) { return world_.SimilarToKnown(names); }, round);
+    if (const HostFont* face = FirstInstalled(answers, match->wanted)) {
+      size_t k = 0;
+      while (groups[k].size() <= round) ++k;
+      const WellKnownFamily::LookAlike& a = family.look_alikes[k];
+      Answer("replace", face, "similar",
+             "most like " + a.family + " " + StyleOf(*groups[k][round]) + ", which " +
+                 (a.why == "look-alike" ? "looks like " : "is a " + a.why + " of ") + family.family +
+                 " (not installed)");
       return true;
     }
     // Nothing known of them: the generic family of the style class, as a browser would fall back.
@@ -172,19 +172,24 @@ class Decision {
   }
 
   bool FromKnownFace(const std::string& name) {
-    const std::vector<KnownFace>& known = world_.Known();
     for (const auto& [family, words] : FamilyAndStyle(name)) {
-      const std::vector<const KnownFace*> faces = FacesOfFamily(known, family);
-      if (faces.empty()) continue;
       const FaceTraits wanted = WithStyle(wanted_, words);
-      std::vector<FaceTraits> traits;
-      for (const KnownFace* f : faces) traits.push_back(TraitsOf(*f));
-      const KnownFace& face = *faces[NearestFace(traits, wanted)];
-      const HostFont* answer = FirstInstalled(world_.SimilarToKnown({face.name}), wanted);
-      if (!answer) return false;
-      Answer("replace", answer, "known-face",
-             "most like " + face.family + " " + face.style + ", an open font not installed here (" + face.source +
-                 ", " + face.licence + ")");
+      const std::vector<const KnownFace*> faces = NearestFirst(FacesOfFamily(world_.Known(), family), wanted);
+      if (faces.empty()) continue;
+      // The face nearest what was asked that the data has a vector of.
+      size_t round = 0;
+      const std::vector<std::string> answers = AskNearestFirst<std::vector<std::string>>(
+          {faces}, [this](const std::vector<std::string>& names) { return world_.SimilarToKnown(names); }, round);
+      const KnownFace& face = *faces[std::min(round, faces.size() - 1)];
+      const std::string where = " (" + face.source + ", " + face.licence + ")";
+      if (const HostFont* answer = FirstInstalled(answers, wanted)) {
+        Answer("replace", answer, "known-face",
+               "most like " + face.family + " " + StyleOf(face) + ", an open font not installed here" + where);
+      } else {
+        Answer("none", nullptr, "known-face",
+               face.family + " is an open font not installed here" + where +
+                   ", and no installed font is known to be like it");
+      }
       return true;
     }
     return false;

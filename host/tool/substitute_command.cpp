@@ -127,11 +127,15 @@ int SubstituteFamilies(Host& host, const Options& options) {
   for (const std::string& css : options.args) {
     answers.push_back(Substitute(world, css, wanted));
     if (answers.back().action != "none") continue;
+    status = 1;
+    if (answers.back().kind != "unknown") {
+      std::fprintf(stderr, "fontrix: %s\n", answers.back().why.c_str());
+      continue;
+    }
     const std::string first = ParseFamilyList(css)[0];
     const std::string close = world.CloseNamesOf(first);
     std::fprintf(stderr, "fontrix: %s is not installed, and Fontrix knows no font of that name%s\n", first.c_str(),
                  close.empty() ? "" : ("; close names: " + close).c_str());
-    status = 1;
   }
   std::string out;
   if (options.json) {

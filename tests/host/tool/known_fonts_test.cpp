@@ -48,6 +48,11 @@ TEST(KnownFaces, FoundUnderTheFamilyNamesPeopleUse) {
   const TableMatch roboto = ResolveTableFace(table, "Roboto", "");
   ASSERT_TRUE(roboto.face);
   EXPECT_EQ(roboto.face->name, "Roboto-Regular");
+  // A web package's style names may not say the weight; the weight then names the style.
+  EXPECT_EQ(StyleOf({"Poppins-Light", "Poppins", "Regular", 300, false}), "Light");
+  EXPECT_EQ(StyleOf({"Poppins-SemiBoldItalic", "Poppins", "Italic", 600, true}), "SemiBold Italic");
+  EXPECT_EQ(StyleOf({"Poppins-Italic", "Poppins", "Italic", 400, true}), "Italic");
+  EXPECT_EQ(StyleOf({"Averia-BoldItalic", "Averia", "Bold Italic", 700, true}), "Bold Italic");
 }
 
 WellKnownFamily Family(const std::string& name, std::vector<int> weights) {

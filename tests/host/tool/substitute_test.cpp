@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 
 #include "host/font_names.h"
 
@@ -91,7 +92,10 @@ class FakeWorld : public FontWorld {
   const std::vector<KnownFace>& Known() override { return known_; }
   std::vector<std::string> SimilarToKnown(const std::vector<std::string>& names) override {
     asked.push_back(names);
-    return similar;
+    // As the module does: the faces without a vector do not count, and none at all is no answer.
+    for (const std::string& n : names)
+      if (!without_vector.count(n)) return similar;
+    return {};
   }
   const std::vector<TableFace>& Table() override { return table_; }
   std::vector<std::string> SimilarToTable(const std::string& name) override {
@@ -102,6 +106,7 @@ class FakeWorld : public FontWorld {
   std::map<std::string, std::string> drawn_with;  // by lower-case name: fontconfig's substitute
   std::vector<std::string> similar = {"Missing-Face", "FooSans-Regular", "DejaVuSerif"};
   std::vector<std::vector<std::string>> asked;  // the similarity queries made
+  std::set<std::string> without_vector;         // known faces the data has no vector of
 
  private:
   std::vector<HostFont> fonts_;
@@ -171,9 +176,25 @@ TEST(Substitute, KnownOpenFacesAndTableFacesThatAreNotInstalled) {
   EXPECT_EQ(world.asked.back(), (std::vector<std::string>{"MontserratThin-SemiBold"}));
   EXPECT_EQ(Decided(world, "Averia", {700, false, false}), "replace table-face FooSans-Black");
   EXPECT_EQ(world.asked.back(), (std::vector<std::string>{"Averia-Bold"}));
-  // An answer with no installed font in it is no answer.
+  // A known family without an answer is known, though not answered.
   world.similar = {"Missing-Face"};
-  EXPECT_EQ(Decided(world, "Montserrat"), "none unknown -");
+  const Substitution unanswered = Substitute(world, "Montserrat", {});
+  EXPECT_EQ(unanswered.action + " " + unanswered.kind, "none known-face");
+  EXPECT_NE(unanswered.why.find("npm:@fontsource/montserrat"), std::string::npos) << unanswered.why;
+}
+
+TEST(Substitute, FacesTheDataHasNoVectorOfGiveWayToTheNextNearest) {
+  FakeWorld world;
+  world.without_vector = {"MontserratThin-Light", "Poppins-Light", "MontserratThin-SemiBold"};
+  const Substitution light = Substitute(world, "Gotham Light", {});
+  EXPECT_EQ(light.action + " " + light.kind + " " + light.face->unique_name, "replace similar FooSans-Light");
+  EXPECT_EQ(world.asked, (std::vector<std::vector<std::string>>{{"MontserratThin-Light", "Poppins-Light"},
+                                                                {"MontserratThin-Regular"}}));
+  EXPECT_EQ(light.why, "most like Montserrat Regular, which looks like Gotham (not installed)");
+  world.asked.clear();
+  EXPECT_EQ(Decided(world, "Montserrat", {700, false, false}), "replace known-face FooSans-Black");
+  EXPECT_EQ(world.asked.front(), (std::vector<std::string>{"MontserratThin-SemiBold"}));
+  EXPECT_EQ(world.asked.back(), (std::vector<std::string>{"MontserratThin-Regular"}));
 }
 
 }  // namespace
