@@ -54,8 +54,12 @@ uint32_t ServicesNeeded(const Options& options) {
   if (c == "index") return kClasses | kSimilar | kRecognize;
   if (c == "classes") return kClasses | kSimilar;
   // fonts --all also names the fonts a service could not use, so it runs them all.
+  // fonts --known asks the known fonts suite, which answers once the similarity vectors are in.
   if (c == "fonts")
-    return options.all ? kClasses | kSimilar | kRecognize : options.classes.empty() ? 0 : kClasses | kSimilar;
+    return options.all               ? kClasses | kSimilar | kRecognize
+           : options.known           ? kSimilar
+           : options.classes.empty() ? 0
+                                     : kClasses | kSimilar;
   if (c == "similar") return kSimilar | (options.classes.empty() ? 0 : kClasses);
   // The known fonts and the similarity table answer once the similarity vectors are in.
   if (c == "substitute") return kSimilar;

@@ -17,13 +17,15 @@ extern const char* const kHelp =
     "usage: fontrix [OPTIONS] COMMAND\n"
     "\n"
     "Commands:\n"
-    "  fonts [PATTERN] [--class CLASS ...] [--all]\n"
+    "  fonts [PATTERN] [--class CLASS ...] [--all | --known]\n"
     "                      the installed fonts the module uses, by family, weight, width and\n"
     "                      slant: unique name, family, style. PATTERN: a fontconfig pattern as\n"
     "                      fc-list takes it (\"Open Sans\", :weight=bold, \"DejaVu Sans:italic\"),\n"
     "                      or text in the name or family; --class keeps fonts of those classes;\n"
     "                      --all lists every face fontconfig lists, with why one is left out\n"
-    "                      or which service could not use it\n"
+    "                      or which service could not use it; --known lists the open fonts the\n"
+    "                      module knows, installed or not, with where to get them (PATTERN: text\n"
+    "                      in the name or family)\n"
     "  classes [CLASS ...] [--not CLASS ...] [--sheet FILE]\n"
     "                      every installed font with its style classes; with classes, the fonts\n"
     "                      that have all of them and none of the --not ones (blackletter,\n"
@@ -215,6 +217,7 @@ Options Parse(int argc, char** argv) {
                  : name == "-h"               ? &options.help
                  : name == "--version"        ? &options.version
                  : name == "--all"            ? &options.all
+                 : name == "--known"          ? &options.known
                  : name == "--other-families" ? &options.other_families
                  : name == "--largest-line"   ? &options.largest_line
                  : name == "--italic"         ? &options.italic
@@ -264,6 +267,8 @@ Options Parse(int argc, char** argv) {
     throw UsageError("--class is for fonts and similar only");
   if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
+  if (options.known && (options.command != "fonts" || options.all || !options.classes.empty()))
+    throw UsageError("--known is for fonts only, without --all and --class");
   if (options.largest_line && options.command != "recognize") throw UsageError("--largest-line is for recognize only");
   if (options.installed_only && options.command != "recognize")
     throw UsageError("--installed-only is for recognize only");
