@@ -44,11 +44,23 @@ class Decision {
 
   Substitution Decide() {
     if (Kept()) return answer_;
-    const std::string& first = families_[0];
-    if (FromWellKnown(first) || FromKnownFace(first) || FromTable(first)) return answer_;
-    answer_.action = "none";
-    answer_.kind = "unknown";
-    answer_.why = "unknown font";
+    // The first family is replaced; where Fontrix knows nothing of it, the next family it knows
+    // before a generic name stands for what the list asks, as it would draw where installed.
+    std::optional<Substitution> unanswered;  // a family Fontrix knows but has no stand-in for
+    for (const std::string& family : families_) {
+      if (IsGenericFamily(family)) break;
+      if (!FromWellKnown(family) && !FromKnownFace(family) && !FromTable(family)) continue;
+      if (answer_.action == "none") {
+        if (!unanswered) unanswered = answer_;
+        continue;
+      }
+      if (family != families_[0])
+        answer_.why = families_[0] + (unanswered ? " has no stand-in here; " : " is unknown; ") + family +
+                      ", later in the list: " + answer_.why;
+      return answer_;
+    }
+    if (unanswered) return *unanswered;
+    Answer("none", nullptr, "unknown", "unknown font");
     return answer_;
   }
 
@@ -158,16 +170,17 @@ class Decision {
       return true;
     }
     // Nothing known of them: the generic family of the style class, as a browser would fall back.
-    std::string alikes;
-    for (const WellKnownFamily::LookAlike& a : family.look_alikes) alikes += (alikes.empty() ? "" : ", ") + a.family;
+    std::string alikes;  // "A", "A and B", "A, B and C"
+    const auto& all = family.look_alikes;
+    for (size_t i = 0; i < all.size(); ++i)
+      alikes += (i == 0 ? "" : i + 1 == all.size() ? " and " : ", ") + all[i].family;
     const char* generic = GenericOfClass(family.style_class);
     const HostFont* face = world_.Generic(generic, match->wanted);
     if (!face) return false;
-    const bool one = family.look_alikes.size() == 1;
     Answer("replace", face, "fallback",
-           family.family + " is a " + StyleClassName(family.style_class) + " family, and its look-alike" +
-               (one ? " " + alikes + " is" : "s (" + alikes + ") are") + " neither installed nor known here: the " +
-               generic + " font");
+           family.family + " is a " + StyleClassName(family.style_class) + " family whose look-alike" +
+               (all.size() == 1 ? " " + alikes + " is" : "s " + alikes + " are") +
+               " neither installed nor known here: the " + generic + " font");
     return true;
   }
 
@@ -213,9 +226,9 @@ class Decision {
       const TableFace& face = *faces[NearestFace(traits, wanted)];
       const HostFont* answer = FirstInstalled(world_.SimilarToTable(face.name), wanted);
       if (!answer) return false;
-      Answer(
-          "replace", answer, "table-face",
-          "most like " + face.family + " " + face.style + ", a face of the module's similarity table (not installed)");
+      Answer("replace", answer, "table-face",
+             "most like " + face.family + " " + face.style +
+                 ", a face of the module's similarity table that is not installed");
       return true;
     }
     return false;

@@ -161,6 +161,12 @@ TEST(Substitute, AWellKnownFamilyWithoutAnInstalledLookAlikeGoesThroughTheirKnow
   EXPECT_EQ(Decided(world, "Gotham", {400, true, false}), "replace similar FooSans-Italic");
   EXPECT_EQ(world.asked[0], (std::vector<std::string>{"MontserratThin-Italic", "Poppins-Light"}));
   EXPECT_EQ(Decided(world, "Gotham", {900, false, false}), "replace similar FooSans-Black");
+  // A first family Fontrix does not know gives way to the next it knows, before a generic name.
+  const Substitution later = Substitute(world, "Zzyzx, 'Gotham Light', sans-serif", {});
+  EXPECT_EQ(later.action + " " + later.kind + " " + later.face->unique_name, "replace similar FooSans-Light");
+  EXPECT_EQ(later.why.rfind("Zzyzx is unknown; Gotham Light, later in the list: most like Montserrat Light", 0), 0u)
+      << later.why;
+  EXPECT_EQ(Decided(world, "Zzyzx, sans-serif, Gotham"), "none unknown -");
   // Nothing known of the look-alikes: the generic family of the style class.
   const Substitution garamond = Substitute(world, "Garamond", {});
   EXPECT_EQ(garamond.action + " " + garamond.kind + " " + garamond.face->unique_name, "replace fallback DejaVuSerif");
