@@ -16,7 +16,7 @@ TEST(FamilyList, QuotesEscapesSpacesAndErrors) {
   using List = std::vector<std::string>;
   EXPECT_EQ(ParseFamilyList("'Helvetica Neue', Arial,sans-serif"), (List{"Helvetica Neue", "Arial", "sans-serif"}));
   EXPECT_EQ(ParseFamilyList("  Times   New\tRoman , \"Gill Sans\" "), (List{"Times New Roman", "Gill Sans"}));
-  EXPECT_EQ(ParseFamilyList("'It\\'s, odd'"), (List{"It's, odd"}));
+  EXPECT_EQ(ParseFamilyList("'It\\'s, odd', 'Back\\\\slash'"), (List{"It's, odd", "Back\\slash"}));
   for (const char* bad : {"", "  ", "Arial,", ",Arial", "a,,b", "'Open Sans", "'Open' Sans", "''"})
     EXPECT_THROW(ParseFamilyList(bad), FamilyListError) << bad;
   EXPECT_TRUE(IsGenericFamily("Sans-Serif"));
