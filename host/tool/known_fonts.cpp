@@ -92,16 +92,6 @@ std::string LookAlikeWhy(const std::string& why, const std::string& family) {
   return "looks like " + family;
 }
 
-std::vector<TableFace> AsTableFaces(const std::vector<KnownFace>& faces) {
-  std::vector<TableFace> out;
-  for (const KnownFace& f : faces) out.push_back({f.name, f.family, f.style, f.installed});
-  for (const KnownFace& f : faces) {
-    const std::string bare = BareFamily(f.family);
-    if (!bare.empty()) out.push_back({f.name, bare, f.style, f.installed});
-  }
-  return out;
-}
-
 std::vector<const KnownFace*> FacesOfFamily(const std::vector<KnownFace>& faces, const std::string& family) {
   const std::string wanted = FoldedName(family);
   std::vector<const KnownFace*> out;
@@ -152,6 +142,32 @@ std::string StyleOf(const KnownFace& face) {
     if (std::abs(weight - face.weight) < off) name = word, off = std::abs(weight - face.weight);
   if (!face.italic) return name;
   return std::string(name) == "Regular" ? "Italic" : std::string(name) + " Italic";
+}
+
+KnownMatch ResolveKnownFace(const std::vector<KnownFace>& faces, const std::string& typed, const std::string& style) {
+  // The face of `family` nearest `wanted`; exact when something was asked and it has just that.
+  auto in_family = [&](const std::string& family, const FaceTraits& wanted, bool asked) -> KnownMatch {
+    const std::vector<const KnownFace*> members = NearestFirst(FacesOfFamily(faces, family), wanted);
+    if (members.empty()) return {};
+    const KnownFace* f = members[0];
+    const FaceTraits have = TraitsOf(*f);
+    return {f, FoldedName(f->family) == FoldedName(family) ? f->family : BareFamily(f->family),
+            asked && have.weight == wanted.weight && have.italic == wanted.italic &&
+                have.narrow_or_wide == wanted.narrow_or_wide};
+  };
+  for (const bool exact : {true, false})
+    for (const KnownFace& f : faces)
+      if (exact ? f.name == typed : LowerCase(f.name) == LowerCase(typed))
+        return style.empty() ? KnownMatch{&f, f.family, true} : in_family(f.family, WithStyle({}, style), true);
+  if (typed.find(':') != std::string::npos) {
+    const AskedFace asked = ParseFacePattern(typed, style);
+    return in_family(asked.family, {asked.traits.weight, asked.traits.italic, asked.traits.narrow_or_wide}, true);
+  }
+  for (const auto& [family, words] : FamilyAndStyle(typed)) {
+    const std::string asked = Joined(words, style);
+    if (const KnownMatch match = in_family(family, WithStyle({}, asked), !asked.empty()); match.face) return match;
+  }
+  return {};
 }
 
 std::optional<WellKnownMatch> ResolveWellKnown(

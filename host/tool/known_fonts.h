@@ -54,12 +54,9 @@ int NearestWeight(const std::vector<int>& weights, int wanted);
 /// "looks like Gotham".
 std::string LookAlikeWhy(const std::string& why, const std::string& family);
 
-/// `faces` as faces of a table (host/tool/table_names.h) to resolve names among. A family the
-/// data names with a style word ("Montserrat Thin", as a web package's files say) is listed
-/// under its bare name too, after every face under its own name, so that "Montserrat SemiBold"
-/// and the look-alike "Montserrat" find them and "Roboto Condensed" stays a family of its own.
-std::vector<TableFace> AsTableFaces(const std::vector<KnownFace>& faces);
-/// The known faces of the family `family` (by its name or, as above, its bare name).
+/// The known faces of a family are found under its name, and where the data names it with a
+/// style word ("Montserrat Thin", as a web package's files say) under its bare name too, unless
+/// a family has that name itself: "Roboto" is not "Roboto Condensed".
 std::vector<const KnownFace*> FacesOfFamily(const std::vector<KnownFace>& faces, const std::string& family);
 /// `faces` nearest `wanted` first, in NearestFace's order.
 std::vector<const KnownFace*> NearestFirst(std::vector<const KnownFace*> faces, const FaceTraits& wanted);
@@ -83,6 +80,20 @@ Answer AskNearestFirst(const std::vector<std::vector<const KnownFace*>>& groups,
     if (!answer.empty()) return answer;
   }
 }
+
+/// The known face a name asks for, the family name it was found under, and whether it is the
+/// face asked for: its unique name, or the weight and slant its style words say.
+struct KnownMatch {
+  const KnownFace* face = nullptr;
+  std::string family;
+  bool exact = false;
+};
+/// What a user typed resolved among `faces` as the table's names are (ResolveTableFace), but by
+/// the faces' own weights and slants, since a web package's style names may not say them: the
+/// unique name (exact, then in any case; with `style`, the face of its family nearest that), a
+/// fontconfig pattern, or a family (as FacesOfFamily finds it) with style words, and `style`
+/// added; within a family the face nearest what was asked (NearestFace).
+KnownMatch ResolveKnownFace(const std::vector<KnownFace>& faces, const std::string& typed, const std::string& style);
 
 /// The ways `typed` reads as a family and trailing style words, the whole name first, split at
 /// spaces and hyphens: "Gotham Light" is ("Gotham Light", "") and ("Gotham", "Light");

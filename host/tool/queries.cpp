@@ -34,29 +34,15 @@ FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
 
 using Answers = std::vector<std::pair<std::string, double>>;
 
-// NAME among the fonts the module knows that the machine lacks, where no installed face answers
-// or fontconfig would substitute one (as for the table's faces): a known open face, else a
-// well-known family that is not open, answered through its look-alikes (unless fontconfig's
-// substitute is one of them, as Nimbus Sans is for Helvetica). The choice is said in `notes`; a
-// family's answer, when its look-alikes' known faces give one, is put in `answered`.
-std::optional<SimilarQuery> KnownQuery(KnownFonts& known, const std::vector<const HostFont*>& usable,
-                                       const SimilarRequest& request, const std::optional<ResolvedFont>& installed,
-                                       std::vector<std::string>& notes, std::optional<Answers>& answered) {
+// NAME as a well-known family that is not open, where no installed face answers or fontconfig
+// would substitute another family (unless its substitute is one of the family's look-alikes, as
+// Nimbus Sans is for Helvetica): answered through its look-alikes. The choice is said in
+// `notes`; the answer, when the look-alikes' known faces give one, is put in `answered`.
+std::optional<SimilarQuery> WellKnownQuery(KnownFonts& known, const std::vector<const HostFont*>& usable,
+                                           const SimilarRequest& request, const std::optional<ResolvedFont>& installed,
+                                           std::vector<std::string>& notes, std::optional<Answers>& answered) {
   const std::string& typed = request.name;
   const std::string substitute = installed ? FoldedName(installed->font->family) : "";
-  std::vector<KnownFace> missing;
-  for (const KnownFace& f : known.Faces())
-    if (!f.installed) missing.push_back(f);
-  const std::vector<TableFace> faces = AsTableFaces(missing);
-  const TableMatch match = ResolveTableFace(faces, typed, request.style);
-  if (match.face && (!installed || match.exact || substitute != FoldedName(match.face->family))) {
-    const KnownFace& face =
-        *std::find_if(missing.begin(), missing.end(), [&](const KnownFace& f) { return f.name == match.face->name; });
-    SimilarQuery query{face.name, match.face->family, StyleOf(face), false, "face", face.source, face.licence, {}};
-    notes.push_back(match.face->family + " " + StyleOf(face) + " is not installed (open font, " + face.source + ", " +
-                    face.licence + "): answering for " + face.name + " from the module's data");
-    return query;
-  }
   const std::optional<WellKnownMatch> well_known =
       ResolveWellKnown([&](const std::string& name) { return known.Family(name); }, typed, request.style);
   if (!well_known) return std::nullopt;
@@ -141,20 +127,32 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
     unknown = e.what();
   }
   if (!installed || !installed->note.empty()) {
+    // A face the module knows though the machine lacks it, exactly as asked before one nearest
+    // it, a face of the shipped table before a known open face.
     std::vector<TableFace> missing = TableFaces(host);
     missing.erase(std::remove_if(missing.begin(), missing.end(), [](const TableFace& f) { return f.installed; }),
                   missing.end());
+    const std::string substitute = installed ? FoldedName(installed->font->family) : "";
     const TableMatch table = ResolveTableFace(missing, typed, request.style);
-    if (table.face &&
-        (!installed || table.exact || LowerCase(installed->font->family) != LowerCase(table.face->family))) {
+    const bool table_ok = table.face && (!installed || table.exact || substitute != FoldedName(table.face->family));
+    KnownFonts known(host);
+    std::vector<KnownFace> absent;
+    for (const KnownFace& f : known.Faces())
+      if (!f.installed) absent.push_back(f);
+    const KnownMatch face = ResolveKnownFace(absent, typed, request.style);
+    const bool face_ok = face.face && (!installed || face.exact || substitute != FoldedName(face.family));
+    if (table_ok && (table.exact || !face_ok || !face.exact)) {
       notes.push_back("'" + typed + "' is not installed; answering for " + table.face->name + " (" +
                       table.face->family + " " + table.face->style + "), a face of the module's similarity table");
       return {table.face->name, table.face->family, table.face->style, false};
     }
-  }
-  if (!installed || !installed->note.empty()) {
-    KnownFonts known(host);
-    if (std::optional<SimilarQuery> query = KnownQuery(known, usable, request, installed, notes, answered))
+    if (face_ok) {
+      const KnownFace& f = *face.face;
+      notes.push_back(face.family + " " + StyleOf(f) + " is not installed (open font, " + f.source + ", " + f.licence +
+                      "): answering for " + f.name + " from the module's data");
+      return {f.name, face.family, StyleOf(f), false, "face", f.source, f.licence, {}};
+    }
+    if (std::optional<SimilarQuery> query = WellKnownQuery(known, usable, request, installed, notes, answered))
       return *query;
     if (!installed) throw Failure(unknown + KnownCloseNames(known.Faces(), typed));
   }

@@ -40,19 +40,39 @@ TEST(KnownFaces, FoundUnderTheFamilyNamesPeopleUse) {
   ASSERT_EQ(FacesOfFamily(faces, "Roboto").size(), 1u);
   EXPECT_EQ(FacesOfFamily(faces, "Roboto Condensed").size(), 1u);
   EXPECT_TRUE(TraitsOf(faces[3]).narrow_or_wide);
-  // As table faces, a name with a style resolves; the faces under their own family come first.
-  const std::vector<TableFace> table = AsTableFaces(faces);
-  const TableMatch semibold = ResolveTableFace(table, "Montserrat SemiBold", "");
-  ASSERT_TRUE(semibold.face);
-  EXPECT_EQ(semibold.face->name, "MontserratThin-SemiBold");
-  const TableMatch roboto = ResolveTableFace(table, "Roboto", "");
-  ASSERT_TRUE(roboto.face);
-  EXPECT_EQ(roboto.face->name, "Roboto-Regular");
   // A web package's style names may not say the weight; the weight then names the style.
   EXPECT_EQ(StyleOf({"Poppins-Light", "Poppins", "Regular", 300, false}), "Light");
   EXPECT_EQ(StyleOf({"Poppins-SemiBoldItalic", "Poppins", "Italic", 600, true}), "SemiBold Italic");
   EXPECT_EQ(StyleOf({"Poppins-Italic", "Poppins", "Italic", 400, true}), "Italic");
   EXPECT_EQ(StyleOf({"Averia-BoldItalic", "Averia", "Bold Italic", 700, true}), "Bold Italic");
+}
+
+// "name family exact" of what a name resolves to, or "none".
+std::string Known(const std::vector<KnownFace>& faces, const std::string& typed, const std::string& style = "") {
+  const KnownMatch m = ResolveKnownFace(faces, typed, style);
+  return m.face ? m.face->name + " " + m.family + (m.exact ? " exact" : "") : "none";
+}
+
+TEST(KnownFaces, NamesResolveByTheFacesWeightsAndSlants) {
+  // A web package's styles: "Regular" and "Italic" whatever the weight.
+  const std::vector<KnownFace> faces = {
+      {"Poppins-Light", "Poppins", "Regular", 300, false},
+      {"Poppins-Regular", "Poppins", "Regular", 400, false},
+      {"Poppins-Italic", "Poppins", "Italic", 400, true},
+      {"Poppins-SemiBold", "Poppins", "Regular", 600, false},
+      {"MontserratThin-Bold", "Montserrat Thin", "Bold", 700, false},
+  };
+  EXPECT_EQ(Known(faces, "Poppins Light"), "Poppins-Light Poppins exact");
+  EXPECT_EQ(Known(faces, "Poppins-SemiBold"), "Poppins-SemiBold Poppins exact");
+  EXPECT_EQ(Known(faces, "poppins-semibold", "italic"), "Poppins-Italic Poppins exact");  // another of its family
+  EXPECT_EQ(Known(faces, "Poppins"), "Poppins-Regular Poppins");  // the regular, but nothing was asked
+  EXPECT_EQ(Known(faces, "Poppins", "Semi Bold"), "Poppins-SemiBold Poppins exact");
+  EXPECT_EQ(Known(faces, "Poppins Medium Italic"), "Poppins-Italic Poppins");
+  EXPECT_EQ(Known(faces, "Poppins:light"), "Poppins-Light Poppins exact");
+  // Found under its bare name, and said so.
+  EXPECT_EQ(Known(faces, "Montserrat Bold"), "MontserratThin-Bold Montserrat exact");
+  EXPECT_EQ(Known(faces, "Poppins Sans"), "none");
+  EXPECT_EQ(Known(faces, "Nobody:bold"), "none");
 }
 
 WellKnownFamily Family(const std::string& name, std::vector<int> weights) {
