@@ -49,7 +49,8 @@ class Decision {
     std::optional<Substitution> unanswered;  // a family Fontrix knows but has no stand-in for
     for (const std::string& family : families_) {
       if (IsGenericFamily(family)) break;
-      if (!FromWellKnown(family) && !FromKnownFace(family) && !FromTable(family)) continue;
+      if (!FromInstalledFace(family) && !FromWellKnown(family) && !FromKnownFace(family) && !FromTable(family))
+        continue;
       if (answer_.action == "none") {
         if (!unanswered) unanswered = answer_;
         continue;
@@ -136,6 +137,21 @@ class Decision {
       for (const HostFont* f : world_.Installed())
         if (f->unique_name == name) return Nearest(FacesOf(f->family), wanted);
     return nullptr;
+  }
+
+  // A face named as a family, as files converted from other formats name them ("DejaVu Sans
+  // Bold"): fontconfig knows no such family, but its family is installed.
+  bool FromInstalledFace(const std::string& name) {
+    const auto splits = FamilyAndStyle(name);
+    for (size_t i = 1; i < splits.size(); ++i) {
+      const auto& [family, words] = splits[i];
+      const std::vector<const HostFont*> faces = FacesOf(family);
+      if (faces.empty()) continue;
+      const HostFont* face = Nearest(faces, WithStyle(wanted_, words));
+      Answer("replace", face, "installed", name + " is a face of the installed family " + face->family);
+      return true;
+    }
+    return false;
   }
 
   bool FromWellKnown(const std::string& name) {

@@ -133,6 +133,9 @@ TEST(Substitute, ListsDrawnHereAreKept) {
   EXPECT_NE(later.why.find("DejaVu Serif"), std::string::npos) << later.why;
   EXPECT_EQ(Decided(world, "Zzyzx, sans-serif, 'DejaVu Serif'"), "none unknown -");
   EXPECT_EQ(Decided(world, "serif"), "keep fallback DejaVuSerif");
+  // A face named as a family is no family fontconfig draws, but its own family is installed.
+  EXPECT_EQ(Decided(world, "'Foo Sans Black', serif"), "replace installed FooSans-Black");
+  EXPECT_EQ(Decided(world, "FooSans-Italic"), "replace installed FooSans-Italic");
   EXPECT_TRUE(world.asked.empty());
 }
 
