@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Identify font in image…: the installed fonts most likely shown in the selected bitmap, each
-a line of sample text set in that font, placed under the image."""
+"""Identify font in image…: the fonts most likely shown in the selected bitmap, each a line of
+sample text set in that font, placed under the image. An open font the machine lacks is named
+with where to get it, its sample set in the installed font most like it."""
 import tempfile
 
 import inkex
@@ -37,7 +38,22 @@ class IdentifyFont(fx.FontrixEffect):
             raise inkex.AbortExtension("Fontrix recognised no installed font in the image: it needs text "
                                        "at least 20 pixels high, in lines wider than high.")
         sample = " ".join(self.options.sample.split()) or "Handgloves"
-        entries = [(label(i, r, answer), sample, fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
+        installed = {}
+        if any(r.get("installed") is False for r in answer["results"]):
+            fonts, _ = fx.run_fontrix("fonts")
+            installed = {f["name"]: f for f in fonts["fonts"]}
+        entries = []
+        for i, r in enumerate(answer["results"]):
+            if r.get("installed") is False:
+                # Drawn in the installed font most like it: the face itself is not here to draw.
+                stand_in = next((installed[n] for n in r.get("closest_installed", []) if n in installed), None)
+                if stand_in is None:
+                    continue
+                where = "  — not installed: open font, %s (%s); shown in %s %s" % (
+                    r.get("source", "?"), r.get("licence", "?"), stand_in["family"], stand_in["style"])
+                entries.append((label(i, r, answer) + where, sample, fx.css_of_result(stand_in)))
+            else:
+                entries.append((label(i, r, answer), sample, fx.css_of_result(r)))
 
         # Samples about as high as the text the picture shows: a share of the part shown, on the page.
         matrix = image.composed_transform()

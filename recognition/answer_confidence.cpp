@@ -34,13 +34,17 @@ bool WithLines(const AnswerFacts& f) { return f.likeness >= 0 && f.bestLikeness 
 }  // namespace
 
 double ConfidenceModel::SureAt(const AnswerFacts& facts) const {
-  return !loaded ? -1 : WithLines(facts) ? sureAtWithLines : sureAtWithoutLines;
+  if (!loaded) return -1;
+  if (!WithLines(facts)) return sureAtWithoutLines;
+  return facts.withKnown && hasKnown ? sureAtWithKnown : sureAtWithLines;
 }
 
 double ConfidenceModel::Confidence(const AnswerFacts& facts) const {
   if (!loaded) return -1;
   const std::array<double, 6> x = ConfidenceInputs(facts);
-  const std::array<double, 6>& w = WithLines(facts) ? withLines : withoutLines;
+  const std::array<double, 6>& w = !WithLines(facts)             ? withoutLines
+                                   : facts.withKnown && hasKnown ? withKnown
+                                                                 : withLines;
   double z = 0;
   for (size_t i = 0; i < x.size(); ++i) z += w[i] * x[i];
   return 1.0 / (1.0 + std::exp(-std::clamp(z, -60.0, 60.0)));
@@ -69,23 +73,36 @@ ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string&
       if (used != s.size() || s.empty() || !std::isfinite(v)) throw fail("'" + s + "' is not a number");
       return v;
     };
-    if (fields.size() == 3 && (fields[0] == "with_lines" || fields[0] == "without_lines") && fields[1] == "sure_at") {
+    const bool known = fields.size() == 3 && fields[0] == "with_known";
+    const bool model_name =
+        known || (fields.size() == 3 && (fields[0] == "with_lines" || fields[0] == "without_lines"));
+    if (model_name && fields[1] == "sure_at") {
       if (!seen.insert(fields[0] + "/sure_at").second) throw fail("sure_at given twice");
       const double at = number_of(fields[2]);
       if (at < 0 || at > 1) throw fail("sure_at is not between 0 and 1");
-      (fields[0] == "with_lines" ? model.sureAtWithLines : model.sureAtWithoutLines) = at;
-    } else if (fields.size() == 3 && (fields[0] == "with_lines" || fields[0] == "without_lines")) {
+      (known                       ? model.sureAtWithKnown
+       : fields[0] == "with_lines" ? model.sureAtWithLines
+                                   : model.sureAtWithoutLines) = at;
+    } else if (model_name) {
       const auto input = std::find(kConfidenceInputs.begin(), kConfidenceInputs.end(), fields[1]);
       if (input == kConfidenceInputs.end()) throw fail("no input is called '" + fields[1] + "'");
       if (!seen.insert(fields[0] + "/" + fields[1]).second) throw fail(fields[1] + " given twice");
-      (fields[0] == "with_lines" ? model.withLines : model.withoutLines)[size_t(input - kConfidenceInputs.begin())] =
+      (known                       ? model.withKnown
+       : fields[0] == "with_lines" ? model.withLines
+                                   : model.withoutLines)[size_t(input - kConfidenceInputs.begin())] =
           number_of(fields[2]);
     } else {
-      throw fail("not 'with_lines|without_lines<TAB>input or sure_at<TAB>number'");
+      throw fail("not 'with_lines|without_lines|with_known<TAB>input or sure_at<TAB>number'");
     }
   }
-  if (seen.size() != 2 * (kConfidenceInputs.size() + 1))
+  const size_t perModel = kConfidenceInputs.size() + 1;
+  const size_t knownGiven = size_t(
+      std::count_if(seen.begin(), seen.end(), [](const std::string& s) { return s.rfind("with_known/", 0) == 0; }));
+  if (seen.size() - knownGiven != 2 * perModel)
     throw ConfidenceFileError(name + ": the weights and sure_at of both models are not all given");
+  if (knownGiven != 0 && knownGiven != perModel)
+    throw ConfidenceFileError(name + ": the model with_known is not whole");
+  model.hasKnown = knownGiven == perModel;
   model.loaded = true;
   return model;
 }

@@ -20,6 +20,7 @@ struct AnswerFacts {
   double score = 0, firstScore = 0, secondScore = 0;  // this answer's and the first two's
   bool first = false;
   double likeness = -1, bestLikeness = -1;  // -1: no line (or the lines are switched off)
+  bool withKnown = false;                   // the answer was given over the known faces too, not installed fonts alone
 };
 
 /// The model's inputs, in the file's order: bias, score_ratio (log of score over the first
@@ -35,6 +36,12 @@ struct ConfidenceModel {
   std::array<double, 6> withLines{}, withoutLines{};
   /// The first answer's confidence from which the module is sure of it, with lines and without.
   double sureAtWithLines = 0.5, sureAtWithoutLines = 0.5;
+  /// Answers given over the known faces as well (lines compared): fitted on their own, since a
+  /// picture of a face that is not installed then has a right answer to give. Without it such
+  /// answers use withLines.
+  std::array<double, 6> withKnown{};
+  double sureAtWithKnown = 0.5;
+  bool hasKnown = false;
   bool loaded = false;
 
   /// The chance that the answer is right, 0..1; -1 when no model is loaded.
@@ -47,9 +54,10 @@ struct ConfidenceFileError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Reads the file: lines "with_lines|without_lines<TAB>input<TAB>weight" naming every input of
-/// both models once, and "with_lines|without_lines<TAB>sure_at<TAB>value"; "#" lines are comments. Throws
-/// ConfidenceFileError naming the file and line.
+/// Reads the file: lines "MODEL<TAB>input<TAB>weight" naming every input of a model once, and
+/// "MODEL<TAB>sure_at<TAB>value", for the models with_lines and without_lines, and with_known
+/// (optional, whole or not at all); "#" lines are comments. Throws ConfidenceFileError naming the
+/// file and line.
 ConfidenceModel ReadConfidenceModel(const std::string& path);
 /// Same, from text (the tests).
 ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string& name);

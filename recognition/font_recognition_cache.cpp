@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <mutex>
+#include <numeric>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -456,17 +457,50 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeLinesLocked
   return results;
 }
 
+namespace {
+
+// The square root of each value (0 for values below 0), at unit length.
+std::vector<float> RootLine(const float* values, size_t count) {
+  std::vector<float> root(count);
+  double sum = 0;  // of the roots' squares: the values'
+  for (size_t i = 0; i < count; ++i) {
+    root[i] = std::sqrt(std::max(values[i], 0.0f));
+    sum += double(root[i]) * root[i];
+  }
+  const float scale = sum > 0 ? float(1.0 / std::sqrt(sum)) : 0.0f;
+  for (float& v : root) v *= scale;
+  return root;
+}
+
+double Dot(const std::vector<float>& a, const std::vector<float>& b) {
+  return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
+}
+
+}  // namespace
+
 std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeKnownLocked(
-    const std::vector<Result>& answer, const std::vector<float>& features) const {
+    std::vector<Result> answer, const std::vector<float>& features) const {
   if (knownAbsent_.empty() || features.size() != knownLines_.Dim()) return answer;
-  std::vector<double> answerLikeness;
-  for (const Result& r : answer) answerLikeness.push_back(r.likeness);
+  // Faces the network never saw are told apart better with each value's square root (the
+  // lines' values are all 0 or more): the few strong values of a line weigh less against the
+  // many weak ones. The known lines are kept so; the picture's reading and the answers' own lines
+  // are brought to it here, and the answers' likeness given in it.
+  const std::vector<float> picture = RootLine(features.data(), features.size());
+  std::vector<double> answerBar;
+  for (Result& r : answer) {
+    const int32_t line =
+        r.fontIndex >= 0 && size_t(r.fontIndex) < lineOfFont_.size() ? lineOfFont_[size_t(r.fontIndex)] : -1;
+    const std::vector<float>& values = line >= 0 ? lines_[size_t(line)].features : std::vector<float>();
+    r.likeness = values.size() == picture.size() ? Dot(RootLine(values.data(), values.size()), picture) : -1.0;
+    // An answer without a line counts as one that matches nothing.
+    answerBar.push_back(std::max(0.0, r.likeness) + kKnownFacesMargin + kKnownFacesScoreMargin * r.score);
+  }
   std::vector<float> knownLikeness;
   knownLikeness.reserve(knownAbsent_.size());
-  for (uint32_t k : knownAbsent_) knownLikeness.push_back(knownLines_.Dot(k, features.data()));
+  for (uint32_t k : knownAbsent_) knownLikeness.push_back(knownLines_.Dot(k, picture.data()));
   std::vector<Result> results;
   size_t next = 0;  // the first answer not yet in the results
-  for (const MergedPlace& place : MergeKnownFaces(answerLikeness, knownLikeness, kKnownFacesMargin, kMaxResults)) {
+  for (const MergedPlace& place : MergeKnownFaces(answerBar, knownLikeness, kMaxResults)) {
     if (!place.known) {
       results.push_back(answer[place.index]);
       next = place.index + 1;
@@ -497,12 +531,12 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     const std::vector<float> likeness = LikenessLocked(reading.features);
     results = MergeLinesLocked(AnswerLocked(Widen(RankClasses(reading.prob, false))), likeness);
     if (widthCuts_) OrderWidthCutsLocked(results, MedianProportion(reading.letterProportions));
-    RateLocked(results, likeness);
+    RateLocked(results, likeness, false);
     // Known faces are compared with the installed fonts' own lines: without them they would go
     // before every answer.
     if (withKnown && installedLines_) {
-      results = MergeKnownLocked(results, reading.features);
-      RateLocked(results, likeness);
+      results = MergeKnownLocked(std::move(results), reading.features);
+      RateLocked(results, {}, true);
     }
   }
   if (const QVDevUtilsSuite* dev = qv::Suites().devUtils)
@@ -547,10 +581,12 @@ void FontRecognitionCache::OrderWidthCutsLocked(std::vector<Result>& results, do
     }
 }
 
-void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const {
+void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness,
+                                      bool withKnown) const {
   double best = -1;
   for (Result& r : results) {
-    if (r.installed)  // a known face's likeness is its own line's, set when it was merged in
+    // Answers over the known faces have their likeness set when they were merged.
+    if (r.installed && !likeness.empty())
       r.likeness = r.fontIndex >= 0 && size_t(r.fontIndex) < likeness.size() ? likeness[size_t(r.fontIndex)] : -1.0;
     best = std::max(best, r.likeness);
   }
@@ -562,6 +598,7 @@ void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::v
     facts.first = i == 0;
     facts.likeness = results[i].likeness;
     facts.bestLikeness = best;
+    facts.withKnown = withKnown;
     results[i].confidence = confidence_.Confidence(facts);
     results[i].sureAt = confidence_.SureAt(facts);
   }

@@ -42,9 +42,10 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// network has no class for to go before that answer.
   static constexpr float kInstalledLinesMargin = 0.01f;
   /// How much better a picture must match a known face's line than an installed answer's for the
-  /// known face (not installed) to go before it: more than for installed fonts, since thousands
-  /// of known faces, near twins of installed ones among them, compete for each place.
-  static constexpr float kKnownFacesMargin = 0.02f;
+  /// known face (not installed) to go before it: kKnownFacesMargin, and kKnownFacesScoreMargin
+  /// times the network's score of the answer (0..1), so that an answer the network is sure of
+  /// holds its place against the thousands of known faces, near twins of installed ones among them.
+  static constexpr float kKnownFacesMargin = 0.01f, kKnownFacesScoreMargin = 0.04f;
 
   struct Result {
     std::string name;
@@ -125,8 +126,9 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// The network's answer with the fonts it has no class for merged in by their likeness.
   /// Caller holds lock_.
   std::vector<Result> MergeLinesLocked(const std::vector<Result>& answer, const std::vector<float>& likeness) const;
-  /// The answers' likeness and confidence. Caller holds lock_.
-  void RateLocked(std::vector<Result>& results, const std::vector<float>& likeness) const;
+  /// The answers' likeness and confidence (`withKnown`: answered over the known faces too). With
+  /// `likeness` empty, the answers keep the likeness they have. Caller holds lock_.
+  void RateLocked(std::vector<Result>& results, const std::vector<float>& likeness, bool withKnown) const;
   /// Reads, kept or drawn, the line of each of `fonts` (named `names`); saves what was drawn.
   bool IndexInstalledLines(const std::vector<QVFontHandle>& fonts, const std::vector<std::string>& names);
   /// Answer() for a caller that holds lock_.
@@ -159,7 +161,8 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   std::vector<uint32_t> knownAbsent_;
   void LoadKnownLocked(const RecognitionPaths& paths);
   /// The answer with the known faces that are not installed merged in. Caller holds lock_.
-  std::vector<Result> MergeKnownLocked(const std::vector<Result>& answer, const std::vector<float>& features) const;
+  /// The answers' likeness is given anew, as the known faces' is (their lines' values' roots).
+  std::vector<Result> MergeKnownLocked(std::vector<Result> answer, const std::vector<float>& features) const;
   bool widthCuts_ = false;
   std::vector<QVFontHandle> handles_;
   mutable std::vector<double> proportionOf_;

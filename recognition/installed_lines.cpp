@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <sstream>
 #include <string_view>
 #include <unordered_set>
@@ -174,12 +175,12 @@ void WriteInstalledLines(const std::string& path, uint64_t fingerprint, const st
   ReplaceFile(path, out.str());
 }
 
-std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerLikeness,
-                                         const std::vector<float>& knownLikeness, float margin, size_t most) {
-  const size_t answers = answerLikeness.size();
-  // From each answer to the end of the answer, the best likeness a known face has to beat.
-  std::vector<float> bestFrom(answers + 1, 0.0f);
-  for (size_t i = answers; i-- > 0;) bestFrom[i] = std::max(bestFrom[i + 1], float(std::max(0.0, answerLikeness[i])));
+std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerBar, const std::vector<float>& knownLikeness,
+                                         size_t most) {
+  const size_t answers = answerBar.size();
+  // From each answer to the end of the answer, the highest bar a known face has to clear.
+  std::vector<float> bestFrom(answers + 1, -std::numeric_limits<float>::infinity());
+  for (size_t i = answers; i-- > 0;) bestFrom[i] = std::max(bestFrom[i + 1], float(answerBar[i]));
   // Only the best `most` can find a place.
   std::vector<size_t> order(knownLikeness.size());
   for (size_t k = 0; k < order.size(); ++k) order[k] = k;
@@ -190,7 +191,7 @@ std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerLikene
   std::vector<std::pair<size_t, size_t>> placed;  // (the answer it goes before, the known face)
   for (size_t k : order) {
     size_t place = 0;
-    while (place < answers && !(knownLikeness[k] > bestFrom[place] + margin)) ++place;
+    while (place < answers && !(knownLikeness[k] > bestFrom[place])) ++place;
     placed.emplace_back(place, k);
   }
   std::stable_sort(placed.begin(), placed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });

@@ -82,11 +82,11 @@ struct MergedPlace {
   size_t index = 0;
 };
 /// The answer with faces that are known but not installed merged in, at most `most` places.
-/// `answerLikeness`: per answer, in order, the likeness of its line (below 0: none, counted as
-/// 0); `knownLikeness`: per known face, its line's. A known face goes before the first answer from
-/// which on it exceeds every answer's likeness by more than `margin`, those of one place by
+/// `answerBar`: per answer, in order, the likeness a known face must exceed to go before it (its
+/// line's likeness and a margin); `knownLikeness`: per known face, its line's. A known face goes
+/// before the first answer from which on it exceeds every answer's bar, those of one place by
 /// likeness; the answers keep their order. Known faces that go before none follow the answer.
-std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerLikeness,
-                                         const std::vector<float>& knownLikeness, float margin, size_t most);
+std::vector<MergedPlace> MergeKnownFaces(const std::vector<double>& answerBar, const std::vector<float>& knownLikeness,
+                                         size_t most);
 
 }  // namespace fontrix

@@ -181,7 +181,7 @@ typedef struct FontrixTextSuite {
  * (its recognition line and similarity vector were made where it was installed). The strings
  * are valid only during the append call. */
 typedef struct FontrixKnownFace {
-  const char* name;   /* unique name (the PostScript name) */
+  const char* name; /* unique name (the PostScript name) */
   const char* family;
   const char* style;
   int32_t weight;     /* CSS weight, 100..950 */
@@ -199,24 +199,24 @@ typedef struct FontrixKnownFaceList {
 /* One well-known family that is not open, as the module's table of them describes it. The
  * strings and arrays are valid only during the call. */
 typedef struct FontrixKnownFamily {
-  const char* family;         /* the name documents give it */
-  const char* styleClass;     /* its primary style class, a label string such as "fs_sans_serif" */
-  const int32_t* weights;     /* CSS weights it comes in, ascending */
+  const char* family;     /* the name documents give it */
+  const char* styleClass; /* its primary style class, a label string such as "fs_sans_serif" */
+  const int32_t* weights; /* CSS weights it comes in, ascending */
   int32_t weightCount;
-  const int32_t* widths;      /* widths it comes in, percent as fontconfig gives them, ascending */
+  const int32_t* widths; /* widths it comes in, percent as fontconfig gives them, ascending */
   int32_t widthCount;
-  QVBool italic;              /* it has italics or obliques */
+  QVBool italic;                   /* it has italics or obliques */
   const char* const* openFamilies; /* one to three open families that look alike, best first */
-  const char* const* why;     /* per open family: "clone", "revival" or "look-alike" */
+  const char* const* why;          /* per open family: "clone", "revival" or "look-alike" */
   int32_t openFamilyCount;
 } FontrixKnownFamily;
 
 /* One answer of recognition over the installed fonts and the known faces. */
 typedef struct FontrixKnownAnswer {
-  const char* name;  /* unique name */
+  const char* name;                   /* unique name */
   double score, likeness, confidence; /* as in FontrixRecognizedFont */
-  QVBool installed;  /* 0: a known face that is not installed (GetKnownFaces tells where
-                        to get it) */
+  QVBool installed;                   /* 0: a known face that is not installed (GetKnownFaces tells where
+                                         to get it) */
 } FontrixKnownAnswer;
 
 typedef struct FontrixKnownAnswerList {

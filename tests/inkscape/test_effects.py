@@ -299,9 +299,15 @@ class EffectsTest(unittest.TestCase):
         samples = self.samples(out, "fontrix-identify-")
         self.assertTrue(answer["results"])
         self.assertEqual(len(samples), len(answer["results"]))
+        installed = {f["name"]: f for f in self.tool("fonts")["fonts"]}
         for text, font in zip(samples, answer["results"]):
             self.assertEqual(text.get_text(), "Hamburgefonstiv")
-            self.assert_set_in(text, font)
+            # An open font that is not installed is drawn in the installed font most like it.
+            self.assert_set_in(text, font if font.get("installed", True) else installed[font["closest_installed"][0]])
+        board = " ".join(t.get_text() for t in self.boards(out, "fontrix-identify-")[0].iter()
+                         if t.tag.endswith("}text"))
+        absent = [f for f in answer["results"] if f.get("installed") is False]
+        self.assertEqual(board.count("not installed: open font, "), len(absent), board)
         self.picture(out, "identify")
 
     def test_identify_reads_linked_pictures(self):

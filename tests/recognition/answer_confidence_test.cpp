@@ -68,5 +68,33 @@ TEST(AnswerConfidence, AnswersAreRatedByTheirModel) {
   EXPECT_EQ(ConfidenceModel().SureAt(first), -1);
 }
 
+// Answers over the known faces have a model of their own when the file gives one, whole; the
+// other answers keep theirs.
+TEST(AnswerConfidence, AnswersOverTheKnownFacesHaveTheirOwnModelWhenGiven) {
+  std::string known;
+  for (const char* input : kConfidenceInputs) known += std::string("with_known\t") + input + "\t0\n";
+  const ConfidenceModel model = ParseConfidenceModel(ModelText(known + "with_known\tsure_at\t0.8\n"), "m");
+  ASSERT_TRUE(model.hasKnown);
+  AnswerFacts facts{0.5, 0.5, 0.25, true, 0.9, 0.9};
+  const double installedOnly = model.Confidence(facts);
+  facts.withKnown = true;
+  EXPECT_DOUBLE_EQ(model.Confidence(facts), 0.5);  // all weights 0
+  EXPECT_NE(installedOnly, 0.5);
+  EXPECT_EQ(model.SureAt(facts), 0.8);
+  facts.likeness = -1;  // no lines: the model without them, known faces or not
+  EXPECT_EQ(model.SureAt(facts), 0.6);
+  // Without it, answers over the known faces use the model with lines.
+  const ConfidenceModel older = ParseConfidenceModel(ModelText(), "m");
+  EXPECT_FALSE(older.hasKnown);
+  facts.likeness = 0.9;
+  EXPECT_DOUBLE_EQ(older.Confidence(facts), installedOnly);
+  try {
+    ParseConfidenceModel(ModelText(known), "m.tsv");
+    ADD_FAILURE() << "read a model with_known without its sure_at";
+  } catch (const ConfidenceFileError& e) {
+    EXPECT_NE(std::string(e.what()).find("with_known is not whole"), std::string::npos) << e.what();
+  }
+}
+
 }  // namespace
 }  // namespace fontrix

@@ -44,21 +44,19 @@ std::vector<int> Places(const std::vector<MergedPlace>& merged) {
 }
 
 TEST(MergeKnownFaces, AKnownFacePassesOnlyAnswersItOutmatchesForGoodAndTheAnswerKeepsItsOrder) {
-  // Answer likeness 0.5, 0.4, 0.8. Known face 0 beats all of them: first. Known face 1 beats
-  // answers 0 and 1 but not 2, which comes later: it goes after the answer. Known face 2 beats
+  // Answer bars 0.5, 0.4, 0.8. Known face 0 clears all of them: first. Known face 1 clears
+  // answers 0 and 1 but not 2, which comes later: it goes after the answer. Known face 2 clears
   // none.
-  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.8}, {0.9f, 0.6f, 0.1f}, 0.0f, 40)),
-            (std::vector<int>{-1, 0, 1, 2, -2, -3}));
-  // Within the margin it does not pass.
-  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.8}, {0.85f}, 0.1f, 40)), (std::vector<int>{0, 1, 2, -1}));
-  // An answer without a line counts as 0; known faces of one place in likeness order.
-  EXPECT_EQ(Places(MergeKnownFaces({0.5, -1.0}, {0.3f, 0.6f, 0.55f}, 0.0f, 40)), (std::vector<int>{-2, -3, 0, -1, 1}));
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.8}, {0.9f, 0.6f, 0.1f}, 40)), (std::vector<int>{-1, 0, 1, 2, -2, -3}));
+  // A bar it only reaches is not cleared.
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.8}, {0.8f}, 40)), (std::vector<int>{0, 1, 2, -1}));
+  // Known faces of one place in likeness order.
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.0}, {0.3f, 0.6f, 0.55f}, 40)), (std::vector<int>{-2, -3, 0, -1, 1}));
   // At most `most` places: the known faces that would go last are the ones left out, and only
   // the best known faces are considered at all.
-  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.3}, {0.1f, 0.95f, 0.2f, 0.9f}, 0.0f, 3)),
-            (std::vector<int>{-2, -4, 0}));
-  EXPECT_EQ(Places(MergeKnownFaces({}, {0.1f, 0.3f}, 0.0f, 40)), (std::vector<int>{-2, -1}));
-  EXPECT_EQ(Places(MergeKnownFaces({0.2, 0.1}, {}, 0.0f, 40)), (std::vector<int>{0, 1}));
+  EXPECT_EQ(Places(MergeKnownFaces({0.5, 0.4, 0.3}, {0.1f, 0.95f, 0.2f, 0.9f}, 3)), (std::vector<int>{-2, -4, 0}));
+  EXPECT_EQ(Places(MergeKnownFaces({}, {0.1f, 0.3f}, 40)), (std::vector<int>{-2, -1}));
+  EXPECT_EQ(Places(MergeKnownFaces({0.2, 0.1}, {}, 40)), (std::vector<int>{0, 1}));
 }
 
 TEST(MergeInstalledLines, UnnamedFontsInTheAnswerMoveUpNeverDownAndSetNoBar) {

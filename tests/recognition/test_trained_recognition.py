@@ -11,6 +11,7 @@ Usage: test_trained_recognition.py PATH/TO/fontrix PATH/TO/libfontrix.so PATH/TO
 import json
 import os
 import struct
+import subprocess
 import zlib
 
 import shipped_data_tool
@@ -213,6 +214,54 @@ class TrainedRecognitionTest(ShippedDataTest):
         names = self.recognised("DejaVuSans-Bold", text, size, "wide", data=data)
         self.assertIn("DejaVuSans-Bold", names[:3], names)
         self.assertNotIn("DejaVuSansCondensed-Bold", names[:names.index("DejaVuSans-Bold")], names)
+
+    def test_a_known_face_that_is_not_installed_is_named_as_such(self):
+        """A corpus face drawn here and then hidden from fontconfig comes back as a known face
+        that is not installed, with where to get it and installed fonts to use instead; with
+        --installed-only only installed fonts come back."""
+        faces = os.path.join(shipped_data_tool.DATA, "NQ_known_faces.tsv")
+        if not os.path.exists(faces):
+            self.skipTest("the data folder has no known faces")
+        if "Cantarell-Regular" not in self.installed:
+            self.skipTest("Cantarell (fonts-cantarell) is not installed")
+        with open(faces, encoding="utf-8") as f:
+            known = {row.split("\t")[0]: row.split("\t") for row in f if not row.startswith(("#", "unique_name"))}
+        self.assertIn("Cantarell-Regular", known)
+        pictures = [self.draw("Cantarell-Regular", text, 56) for text in LINES]
+        # The machine's fonts without Cantarell's folder, in a cache folder of its own.
+        hidden = os.path.join(self.tmp.name, "hidden")
+        os.makedirs(hidden, exist_ok=True)
+        folder = os.path.dirname(subprocess.run(["fc-match", "-f", "%{file}", "Cantarell:style=Regular"],
+                                                capture_output=True, text=True, check=True).stdout)
+        with open(os.path.join(hidden, "fonts.conf"), "w") as f:
+            f.write(f"""<?xml version="1.0"?><!DOCTYPE fontconfig SYSTEM "urn:fontconfig:fonts.dtd">
+<fontconfig><include ignore_missing="yes">/etc/fonts/fonts.conf</include>
+<selectfont><rejectfont><glob>{folder}/*</glob></rejectfont></selectfont>
+<cachedir>{hidden}/fontconfig</cachedir></fontconfig>""")
+        env = dict(self.env, FONTCONFIG_FILE=os.path.join(hidden, "fonts.conf"))
+
+        def recognize(picture, *options):
+            r = subprocess.run([shipped_data_tool.FONTRIX, "--module", shipped_data_tool.MODULE, "--data-dir",
+                                shipped_data_tool.DATA, "--cache-dir", os.path.join(hidden, "cache"), "recognize",
+                                picture, "--json", "--limit", "5", *options],
+                               capture_output=True, text=True, timeout=900, env=env)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            return json.loads(r.stdout)["results"]
+
+        for picture in pictures:
+            results = recognize(picture)
+            cantarell = [r for r in results if r["family"] == "Cantarell"]
+            self.assertTrue(cantarell, results)
+            for r in cantarell:
+                self.assertFalse(r["installed"], r)
+                self.assertEqual(r["source"], known[r["name"]][5])
+                self.assertTrue(r["licence"])
+                # Installed fonts to use instead: installed, and none of them the hidden family.
+                self.assertTrue(r["closest_installed"], r)
+                self.assertFalse(set(r["closest_installed"]) & {n for n in known if n.startswith("Cantarell")})
+            self.assertTrue(all(r["installed"] for r in results if r["family"] != "Cantarell"), results)
+            installed_only = recognize(picture, "--installed-only")
+            self.assertFalse([r for r in installed_only if r["family"] == "Cantarell" or "installed" in r])
 
     def test_width_cuts_of_one_family_are_told_apart(self):
         """The network scores a face and its condensed cut within a hair of each other, so its

@@ -1,9 +1,11 @@
 #!/usr/bin/python3
 """Fits how sure recognition is of its answers and writes data/recognition_confidence.tsv.
 
-    training/run recognition_figures --set fit --dump fit-lines.jsonl
-    training/run recognition_figures --set fit --disable installed-lines --dump fit-plain.jsonl
-    training/run fit_recognition_confidence fit-lines.jsonl fit-plain.jsonl [--write]
+    training/run recognition_figures --set fit --absent CORPUS --installed-only --dump fit-lines.jsonl
+    training/run recognition_figures --set fit --absent CORPUS --installed-only --disable installed-lines \
+        --dump fit-plain.jsonl
+    training/run recognition_figures --set fit --absent CORPUS --dump fit-known.jsonl
+    training/run fit_recognition_confidence fit-lines.jsonl fit-plain.jsonl [--with-known fit-known.jsonl] [--write]
 
 The pictures are those of recognition_figures's "fit" set: lines PIL draws from the
 files of installed fonts, clean and degraded, of faces the recognition network has a class for
@@ -12,7 +14,9 @@ it shows the picture's face (or an outline twin). A logistic regression over the
 module works out for an answer (recognition/answer_confidence.h: its score against the first,
 whether it is first and its lead, the likeness of the font's own line and its gap to the best)
 gives the chance that an answer is right. One model is fitted on the answers with lines, one on
-the answers of the run without them (the likeness inputs then 0).
+the answers of the run without them (the likeness inputs then 0), and one on the answers given
+over the known faces as well (recognize without --installed-only), where a picture of a face
+that is not installed has a right answer.
 
 sure_at is the first-answer confidence from which "sure" agrees best with the first answer being
 right, over the fit pictures: those of installed faces and those of faces that are not installed
@@ -107,7 +111,10 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("with_lines", help="dump of the fit set with the installed lines")
     parser.add_argument("without_lines", help="dump of the fit set with --disable installed-lines")
+    parser.add_argument("--with-known", help="dump of the fit set answered over the known faces as well")
     parser.add_argument("--write", action="store_true", help="write the model into the data folder")
+    parser.add_argument("--known-only", action="store_true",
+                        help="with --write, keep the file's models of installed answers and write with_known only")
     parser.add_argument("--to", default=os.path.join(DATA, "recognition_confidence.tsv"))
     args = parser.parse_args()
     x, y, first = examples(args.with_lines)
@@ -130,11 +137,32 @@ def main():
     print(f"without lines, sure_at {sure_at_plain:.3f}: {int(sure.sum())} of {int(firstp.sum())} first answers "
           f"sure, {100 * yp[firstp][sure].mean():.0f} % of them right; "
           f"{100 * yp[firstp][~sure].mean():.0f} % of the others")
+    models = [("with_lines", w_lines, sure_at), ("without_lines", w_plain, sure_at_plain)]
+    if args.with_known:
+        xk, yk, firstk = examples(args.with_known)
+        w_known = fit(xk, yk, [True] * len(INPUTS))
+        ck = confidence(xk, w_known)
+        sure_at_known = sure_threshold(ck[firstk], yk[firstk])
+        models.append(("with_known", w_known, sure_at_known))
+        print(f"over the known faces: {len(yk)} answers; weights "
+              + ", ".join(f"{n} {v:.3f}" for n, v in zip(INPUTS, w_known)))
+        print(calibration(ck, yk))
+        sure = ck[firstk] >= sure_at_known
+        print(f"over the known faces, sure_at {sure_at_known:.3f}: {int(sure.sum())} of {int(firstk.sum())} first "
+              f"answers sure, {100 * yk[firstk][sure].mean():.0f} % of them right; "
+              f"{100 * yk[firstk][~sure].mean():.0f} % of the others")
     if args.write:
+        kept = []
+        if args.known_only:
+            # The installed fonts' answers keep the confidence they had: only the new model changes.
+            with open(args.to) as f:
+                kept = [line for line in f if line.startswith(("#", "with_lines", "without_lines"))]
+            models = [m for m in models if m[0] == "with_known"]
         with open(args.to, "w") as f:
-            f.write("# How sure recognition is of an answer: written by training/run fit_recognition_confidence\n"
-                    "# from the fit pictures of training/run recognition_figures.\n")
-            for name, w, at in (("with_lines", w_lines, sure_at), ("without_lines", w_plain, sure_at_plain)):
+            f.writelines(kept or ["# How sure recognition is of an answer: written by training/run "
+                                  "fit_recognition_confidence\n# from the fit pictures of training/run "
+                                  "recognition_figures.\n"])
+            for name, w, at in models:
                 for n, v in zip(INPUTS, w):
                     f.write(f"{name}\t{n}\t{v:.6f}\n")
                 f.write(f"{name}\tsure_at\t{at:.6f}\n")

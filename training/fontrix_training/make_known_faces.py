@@ -14,8 +14,10 @@ itself with the corpus as the machine's fonts.
                             weight, italic, source ("debian:PACKAGE" or "npm:@fontsource/ID"),
                             licence, and "shipped", a row of the vectors file, or "none";
    NQ_sim_fea_known.bin     the vectors of the faces the shipped pair lacks, 16-bit;
-   NQ_rec_lines_known.bin   every face's recognition line in the file's order, 16-bit (zeros
-                            for a face in which no line could be drawn).
+   NQ_rec_lines_known.bin   every face's recognition line in the file's order, each value's
+                            square root at unit length (how the module compares lines with
+                            known faces), 16-bit (zeros for a face in which no line could be
+                            drawn).
 Both binary files carry the check sum of the network they were made with; the module refuses
 them with another.
 """
@@ -113,6 +115,12 @@ def corpus_faces():
     return faces
 
 
+def root_line(values):
+    """Each value's square root, at unit length (the lines' values are 0 or more)."""
+    root = np.sqrt(np.maximum(values, 0))
+    return root / max(np.linalg.norm(root), 1e-12)
+
+
 def clean(text):
     return " ".join(text.replace("\t", " ").split())
 
@@ -157,7 +165,7 @@ def main(argv=None):
         line = lines.get(name)
         if line is None:
             missing["line"] += 1
-        line_rows.append(line if line is not None else np.zeros(dim, "<f4"))
+        line_rows.append(root_line(line) if line is not None else np.zeros(dim, "<f4"))
         rows.append("\t".join([name, clean(face["family"]), clean(face["style"]), str(face["weight"]),
                                str(face["italic"]), face["source"], clean(face["licence"]), where]))
     comment = ("# The open faces Fontrix knows whether or not they are installed: the training corpus, "
