@@ -11,6 +11,7 @@
 #include "host/specimen.h"
 #include "host/tool/json.h"
 #include "host/tool/known_fonts.h"
+#include "host/tool/substitute.h"
 #include "host/tool/table_names.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
@@ -126,7 +127,11 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
   } catch (const UnknownFont& e) {
     unknown = e.what();
   }
-  if (!installed || !installed->note.empty()) {
+  // A generic family ("sans-serif", which a pattern reads as "sans") names no font the machine
+  // lacks: fontconfig's font for it answers.
+  const std::string asked_family = typed.find(':') != std::string::npos ? ParseFacePattern(typed, "").family : typed;
+  const bool generic = IsGenericFamily(typed) || IsGenericFamily(asked_family);
+  if (!generic && (!installed || !installed->note.empty())) {
     // A face the module knows though the machine lacks it, exactly as asked before one nearest
     // it, a face of the shipped table before a known open face.
     std::vector<TableFace> missing = TableFaces(host);
@@ -156,6 +161,7 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
       return *query;
     if (!installed) throw Failure(unknown + KnownCloseNames(known.Faces(), typed));
   }
+  if (!installed) throw Failure(unknown);
   if (!installed->note.empty()) notes.push_back(installed->note);
   return {installed->font->unique_name, installed->font->family, installed->font->style, true};
 }

@@ -128,6 +128,15 @@ class KnownFontsCliTest(ShippedDataTest):
             self.assertIn(x["look_alike"], ("clone", "revival", "look-alike"))
         self.assertTrue({x["name"] for x in answer["results"]} <= self.installed_names)
 
+    def test_generic_families_are_answered_by_fontconfigs_fonts(self):
+        # Not by a known face whose data names its family "sans", as a pattern reads "sans-serif".
+        for name in ("sans-serif:weight=80:slant=100", "serif", "monospace:bold"):
+            r = self.run_tool(*ONLY_SIMILARITY, "similar", name, "--json", "--limit", "1")
+            self.assertEqual(r.returncode, 0, r.stderr)
+            answer = json.loads(r.stdout)
+            self.assertTrue(answer["query_installed"], answer)
+            self.assertIn(answer["query"], self.installed_names)
+
     def a_known_face_not_installed(self):
         if not self.known:
             self.skipTest("the module lists no known faces (fontrix fonts --known): the known faces' data "
