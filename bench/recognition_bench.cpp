@@ -27,7 +27,7 @@ void BM_RecognizeLine1000(benchmark::State& state) {
   fs::remove_all(dir);
   fs::create_directories(dir);
   auto p = [&](const char* name) { return (dir / name).string(); };
-  SimilarityPaths sim{p("sim.dnm"), p("fs.fea"), p("fs.meta"), p("sys.fea"), p("sys.meta"), p("log")};
+  SimilarityPaths sim{p("sim.dnm"), p("fs.fea"), p("fs.meta"), p("sys.fea"), p("sys.meta"), p("log"), "", "", ""};
   SetSimilarityPaths(sim);
   deepnet::deepnet_save_model(sim.model, testing::MakeTestNetwork());
   testing::WritePair(
@@ -65,7 +65,7 @@ void BM_RecognizeLine1000(benchmark::State& state) {
       [](size_t i) { return "F" + std::to_string(i); }, [](size_t) { return std::vector<float>(); }, "1");
   auto cache = FontRecognitionCache::GetOrCreate();
   const char* localisation = std::getenv("FONTRIX_BENCH_LOC_MODEL");
-  cache->Load({model, p("rec.meta"), localisation ? localisation : "", "", ""});
+  cache->Load({model, p("rec.meta"), localisation ? localisation : "", "", "", "", ""});
   cache->Update(installed, 1);
 
   std::vector<uint8_t> line(109 * 1000, 255);

@@ -47,8 +47,15 @@ void BM_SimilarQuery5000(benchmark::State& state) {
   fs::remove_all(dir);
   fs::create_directories(dir);
   std::mt19937 gen(5);
-  SimilarityPaths paths{(dir / "m.dnm").string(),   (dir / "fs.fea").string(),   (dir / "fs.meta").string(),
-                        (dir / "sys.fea").string(), (dir / "sys.meta").string(), (dir / "log.txt").string()};
+  SimilarityPaths paths{(dir / "m.dnm").string(),
+                        (dir / "fs.fea").string(),
+                        (dir / "fs.meta").string(),
+                        (dir / "sys.fea").string(),
+                        (dir / "sys.meta").string(),
+                        (dir / "log.txt").string(),
+                        "",
+                        "",
+                        ""};
   WritePair(paths.computedMeta, paths.computedFeature, size_t(kShippedFontCount), true, gen);
   WritePair(paths.cachedMeta, paths.cachedFeature, 5000 - size_t(kShippedFontCount), false, gen);
   deepnet::layer_model_list network;  // present so the table loads; queries never run it

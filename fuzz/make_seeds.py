@@ -424,9 +424,32 @@ def known_families():
     write("known_families", "only_comments.tsv", b"# nothing but a comment\n\n")
 
 
+# ---- known_faces: "0" + the rows a face list may name + the list; "1" + a dimension switch + a
+# packed vectors file. The shipped list's head, small ones, and damaged ones of both.
+
+def known_faces():
+    from fontrix_training import make_known_faces
+    with open(os.path.join(ROOT, "data", "NQ_known_faces.tsv"), "rb") as f:
+        shipped = b"".join(f.readlines()[:40])
+    write("known_faces", "shipped_head.tsv", b"\x00\xff" + shipped.replace(b"\tshipped\n", b"\tnone\n"))
+    header = make_known_faces.HEADER.encode() + b"\n"
+    small = header + (b"A-Regular\tA\tRegular\t400\t0\tdebian:fonts-a\tOFL-1.1\t0\n"
+                      b"A-Italic\tA\tItalic\t400\t1\tnpm:@fontsource/a\t\tshipped\n"
+                      b"B-Bold\tB\tBold\t700\t0\tdebian:fonts-b\tMIT\t1\n")
+    write("known_faces", "small.tsv", b"\x00\x02" + small)
+    write("known_faces", "row_twice.tsv", b"\x00\x02" + small.replace(b"MIT\t1", b"MIT\t0"))
+    write("known_faces", "cut_short.tsv", b"\x00\x02" + small[:-12])
+    rows = np.array([[0.5, -0.5, 0.5, 0.5], [0, 0, 0, 0], [1, 0, 0, 0]], "<f4")
+    packed = make_known_faces.pack(rows, 0x1234)
+    write("known_faces", "packed.bin", b"\x01\x00" + packed)
+    write("known_faces", "packed_any_dim.bin", b"\x01\x01" + packed)
+    write("known_faces", "packed_cut.bin", b"\x01\x00" + packed[:-3])
+    write("known_faces", "packed_huge_rows.bin", b"\x01\x01" + packed[:8] + struct.pack("<I", 0xFFFFFFFF) + packed[12:])
+
+
 TARGETS = {f.__name__: f for f in (dnm_reader, similarity_pair, rec_font_table, font_listing, font_file,
                                    recognition_picture, class_vote_file, installed_lines_file, kept_class_votes,
-                                   known_families)}
+                                   known_families, known_faces)}
 
 
 def main():

@@ -3,6 +3,8 @@
 #include "plugin/exported_suites.h"
 
 #include <filesystem>
+#include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -145,9 +147,10 @@ TEST_F(HostTest, TextSuiteRecognisesAsTheRecognitionSuiteWithConfidence) {
   // The paths are worked out once a process: an earlier test of this one may have set others.
   const std::string data = (dir_ / "data").string() + "/", cache = (dir_ / "cache").string() + "/";
   SetSimilarityPaths({data + "NQ_sim_model.dnm", data + "NQ_sim_fea_fs.bin", data + "NQ_sim_meta_fs.bin",
-                      cache + "NQ_sim_fea_sys.cch", cache + "NQ_sim_meta_sys.cch", cache + "NQ_sim_debug.txt"});
+                      cache + "NQ_sim_fea_sys.cch", cache + "NQ_sim_meta_sys.cch", cache + "NQ_sim_debug.txt", "", "",
+                      ""});
   SetRecognitionPaths({data + "NQ_rec_model.dnm", data + "NQ_rec_font.bin", data + "NQ_loc_model.dnm",
-                       cache + kInstalledLinesFileName, data + kConfidenceFileName});
+                       cache + kInstalledLinesFileName, data + kConfidenceFileName, "", ""});
   auto& h = Started({{"Text/FontClassification", false}}, 600.0);
   const auto image = host::LoadImageRaster("data/samples/line-liberation-serif-bold.png");
   const auto* recognition = static_cast<const FontrixRecognitionSuite*>(h.AcquireSuite(kFontrixRecognitionSuite, 1));
@@ -176,6 +179,107 @@ TEST_F(HostTest, TextSuiteRecognisesAsTheRecognitionSuiteWithConfidence) {
   EXPECT_TRUE(rated[0].first == "LiberationSerif-Bold" || rated[0].first == "Tinos-Bold") << rated[0].first;
   for (size_t i = 1; i < rated.size(); ++i) EXPECT_LT(rated[i].second.confidence, rated[0].second.confidence);
   EXPECT_EQ(text->RecognizeFonts(image->handle(), &ratedList, nullptr), kQVBadParameterErr);
+}
+
+// The known fonts suite on the shipped data and the machine's fonts: known faces listed with
+// whether they are installed, installed fonts most like a face the machine lacks, the well-known
+// families, and recognition over the known faces, which keeps the installed answer's order.
+TEST_F(HostTest, KnownFontsSuiteAnswersForFontsTheMachineLacks) {
+  for (const char* file : {"NQ_rec_model.dnm", "NQ_rec_font.bin", "NQ_loc_model.dnm", "NQ_sim_model.dnm",
+                           "NQ_sim_meta_fs.bin", "NQ_sim_fea_fs.bin", "recognition_confidence.tsv", kKnownFacesFileName,
+                           kKnownVectorsFileName, kKnownLinesFileName, kKnownFamiliesFileName})
+    std::filesystem::copy_file(std::string("data/") + file, dir_ / "data" / file);
+  real_fonts_ = true;
+  const std::string data = (dir_ / "data").string() + "/", cache = (dir_ / "cache").string() + "/";
+  SetSimilarityPaths({data + "NQ_sim_model.dnm", data + "NQ_sim_fea_fs.bin", data + "NQ_sim_meta_fs.bin",
+                      cache + "NQ_sim_fea_sys.cch", cache + "NQ_sim_meta_sys.cch", cache + "NQ_sim_debug.txt",
+                      data + kKnownFacesFileName, data + kKnownVectorsFileName, data + kKnownFamiliesFileName});
+  SetRecognitionPaths({data + "NQ_rec_model.dnm", data + "NQ_rec_font.bin", data + "NQ_loc_model.dnm",
+                       cache + kInstalledLinesFileName, data + kConfidenceFileName, data + kKnownFacesFileName,
+                       data + kKnownLinesFileName});
+  auto& h = Started({{"Text/FontClassification", false}}, 600.0);
+  const auto* known = static_cast<const FontrixKnownFontsSuite*>(
+      h.AcquireSuite(kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion));
+  const auto* text = static_cast<const FontrixTextSuite*>(h.AcquireSuite(kFontrixTextSuite, kFontrixTextSuiteVersion));
+  ASSERT_TRUE(known && text);
+  const std::vector<std::string> listed = FontSimilarCache::Instance()->InstalledFonts();
+  const std::set<std::string> installed(listed.begin(), listed.end());
+
+  std::map<std::string, bool> faces;
+  FontrixKnownFaceList facesList{&faces, [](void* c, const FontrixKnownFace* f) {
+                                   EXPECT_TRUE(*f->family && *f->source && f->weight >= 1 && f->weight <= 1000);
+                                   (*static_cast<std::map<std::string, bool>*>(c))[f->name] = f->installed != 0;
+                                 }};
+  ASSERT_EQ(known->GetKnownFaces(&facesList), kQVNoErr);
+  EXPECT_GT(faces.size(), 7000u);
+  for (const auto& [name, isInstalled] : faces) ASSERT_EQ(isInstalled, installed.count(name) > 0) << name;
+
+  // A face the machine lacks: installed fonts only, best first, itself never among them.
+  const char* montserrat[] = {"MontserratThin-Regular", "NoSuchFace-Regular"};
+  ASSERT_FALSE(faces.at(montserrat[0]));
+  Collected like;
+  auto likeList = like.list();
+  ASSERT_EQ(known->GetSimilarToKnownFaces(montserrat, 2, &likeList), kQVNoErr);
+  ASSERT_FALSE(like.fonts.empty());
+  for (size_t i = 0; i < like.fonts.size(); ++i) {
+    EXPECT_TRUE(installed.count(like.fonts[i].first)) << like.fonts[i].first;
+    if (i > 0) {
+      EXPECT_LE(like.fonts[i].second, like.fonts[i - 1].second);
+    }
+  }
+  EXPECT_EQ(known->GetSimilarToKnownFaces(montserrat + 1, 1, &likeList), kQVNotFoundErr);
+  EXPECT_EQ(known->GetSimilarToKnownFaces(montserrat, 0, &likeList), kQVBadParameterErr);
+
+  // A well-known family by an alias's spelling, and one the table lacks.
+  struct Family {
+    std::string name, styleClass;
+    std::vector<std::string> open, why;
+  } family;
+  const auto found = [](void* c, const FontrixKnownFamily* f) {
+    auto& out = *static_cast<Family*>(c);
+    out.name = f->family;
+    out.styleClass = f->styleClass;
+    for (int32_t i = 0; i < f->openFamilyCount; ++i) {
+      out.open.emplace_back(f->openFamilies[i]);
+      out.why.emplace_back(f->why[i]);
+    }
+  };
+  ASSERT_EQ(known->GetKnownFamily("helvetica-neue", &family, found), kQVNoErr);
+  EXPECT_EQ(family.name, "Helvetica Neue");
+  EXPECT_EQ(family.styleClass, "fs_sans_serif");
+  ASSERT_FALSE(family.open.empty());
+  for (const std::string& why : family.why) EXPECT_TRUE(why == "clone" || why == "revival" || why == "look-alike");
+  EXPECT_EQ(known->GetKnownFamily("No Such Family", &family, found), kQVNotFoundErr);
+
+  // Recognition over the known faces: the sample's own face, installed, stays first, and the
+  // installed answers come in the text suite's order; the rest are known faces the machine lacks.
+  const auto image = host::LoadImageRaster("data/samples/line-liberation-serif-bold.png");
+  std::vector<std::pair<std::string, bool>> answers;
+  FontrixKnownAnswerList answerList{&answers, [](void* c, const FontrixKnownAnswer* a) {
+                                      static_cast<decltype(answers)*>(c)->emplace_back(a->name, a->installed != 0);
+                                    }};
+  std::vector<std::string> plain;
+  FontrixRecognizedFontList plainList{&plain, [](void* c, const FontrixRecognizedFont* f) {
+                                        static_cast<std::vector<std::string>*>(c)->push_back(f->name);
+                                      }};
+  double sureAt = -2;
+  ASSERT_EQ(known->RecognizeKnownFonts(image->handle(), &answerList, &sureAt), kQVNoErr);
+  ASSERT_EQ(text->RecognizeFonts(image->handle(), &plainList, &sureAt), kQVNoErr);
+  ASSERT_FALSE(answers.empty());
+  EXPECT_TRUE(answers[0].second);
+  EXPECT_EQ(answers[0].first, plain[0]);
+  std::vector<std::string> installedAnswers;
+  for (const auto& [name, isInstalled] : answers) {
+    if (isInstalled) {
+      installedAnswers.push_back(name);
+    } else {
+      EXPECT_FALSE(installed.count(name)) << name;
+      EXPECT_TRUE(faces.count(name)) << name;
+    }
+  }
+  EXPECT_EQ(installedAnswers,
+            std::vector<std::string>(plain.begin(), plain.begin() + ptrdiff_t(installedAnswers.size())));
+  EXPECT_EQ(known->RecognizeKnownFonts(image->handle(), &answerList, nullptr), kQVBadParameterErr);
 }
 
 }  // namespace

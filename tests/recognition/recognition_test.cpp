@@ -78,7 +78,7 @@ class RecognitionTest : public ::testing::Test {
     fs::remove_all(dir);
     fs::create_directories(dir);
     // Similarity: the shipped cloud fonts and 100 installed fonts F0..F99 in the cache.
-    SimilarityPaths sim{p("sim.dnm"), p("fs.fea"), p("fs.meta"), p("sys.fea"), p("sys.meta"), p("log")};
+    SimilarityPaths sim{p("sim.dnm"), p("fs.fea"), p("fs.meta"), p("sys.fea"), p("sys.meta"), p("log"), "", "", ""};
     SetSimilarityPaths(sim);
     deepnet::deepnet_save_model(sim.model, testing::MakeTestNetwork());
     WritePair(
@@ -100,7 +100,7 @@ class RecognitionTest : public ::testing::Test {
     FontRecognitionCache::Terminate();
     FontSimilarCache::Terminate();
     cache = FontRecognitionCache::GetOrCreate();
-    ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", "", ""}));
+    ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", "", "", "", ""}));
     cache->Update(installed, 1);
   }
   void TearDown() override {
@@ -137,7 +137,7 @@ TEST_F(RecognitionTest, TooSmallRastersAndAbsentSimilarityGiveNothing) {
 
 TEST_F(RecognitionTest, LoadingAfterTheUpdateKeepsTheInstalledFontsMatched) {
   // The init and update tasks run side by side; either may finish first.
-  ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", "", ""}));
+  ASSERT_TRUE(cache->Load({p("rec.dnm"), p("rec.meta"), "", "", "", "", ""}));
   std::vector<float> prob(15, 0.01f);
   prob[3] = 0.9f;
   const auto ranked = cache->RankClasses(prob, false);

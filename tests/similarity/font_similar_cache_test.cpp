@@ -26,8 +26,15 @@ class SimilarCacheTest : public ::testing::Test {
           ("fontrix-simcache-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     fs::remove_all(dir);
     fs::create_directories(dir);
-    paths = {p("NQ_sim_model.dnm"),   p("NQ_sim_fea_fs.bin"),   p("NQ_sim_meta_fs.bin"),
-             p("NQ_sim_fea_sys.cch"), p("NQ_sim_meta_sys.cch"), p("NQ_sim_debug_info.txt")};
+    paths = {p("NQ_sim_model.dnm"),
+             p("NQ_sim_fea_fs.bin"),
+             p("NQ_sim_meta_fs.bin"),
+             p("NQ_sim_fea_sys.cch"),
+             p("NQ_sim_meta_sys.cch"),
+             p("NQ_sim_debug_info.txt"),
+             "",
+             "",
+             ""};
     SetSimilarityPaths(paths);
     deepnet::deepnet_save_model(paths.model, testing::MakeTestNetwork());
     // Cloud fonts along axes 0..1863 (mod 384), identifiers of 7 characters.

@@ -94,7 +94,10 @@ function faceCard(row, { extra = [], before = null, heading = "h3" } = {}) {
   li.append(metaLine);
   if (before) li.append(before);
   if (row.installed === false) {
-    li.append(element("p", { class: "not-installed", text: "not installed" + (row.where ? ": " + row.where : "") }));
+    // A known open face: where to get it and the installed fonts most like it.
+    const where = row.where || (row.source ? "open font, " + row.source + (row.licence ? " (" + row.licence + ")" : "") +
+      (row.closest_installed && row.closest_installed.length ? "; closest installed: " + row.closest_installed.join(", ") : "") : "");
+    li.append(element("p", { class: "not-installed", text: "not installed" + (where ? ": " + where : "") }));
   } else {
     li.append(element("img", {
       class: "specimen", src: specimenUrl(row.name), alt: title + ": " + sampleText(),

@@ -125,6 +125,10 @@ class ServePageTest(unittest.TestCase):
         self.assertTrue(first.find_elements("css selector", "canvas.line-read"))  # the line read, cut out
         self.assertRegex(first.text, r"\d+ % likely")
         self.specimens_drawn("#candidates")
+        # Each candidate is drawn, or is an open font the machine lacks, said so with where to get it.
+        for li in self.find("#candidates > li"):
+            drawn = li.find_elements("css selector", "img.specimen")
+            self.assertNotEqual(bool(drawn), "not installed: open font, " in li.text, li.text)
         link = first.find_elements("css selector", "a[href^='#alternatives']")[0]
         self.assertIn("name=", link.get_attribute("href"))
         self.picture("identify.png")
