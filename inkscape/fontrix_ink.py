@@ -92,21 +92,23 @@ def find_fontrix():
     return shutil.which("fontrix")
 
 
-def run_fontrix(*args, timeout=900):
+def run_fontrix(*args, timeout=900, answering=(0,)):
     """Runs `fontrix ARGS --json` and returns its JSON answer; its first run on a machine may
     bring the module's caches up to date first, which takes a while. A failure of the tool
-    becomes the tool's own message."""
+    becomes the tool's own message; `answering` are the exit statuses that still come with an
+    answer (substitute exits 1 with one when a family is unknown)."""
     tool = find_fontrix()
     if not tool:
         raise FontrixMissing("The fontrix tool was not found: install Fontrix (cmake --install) "
                              "or put its fontrix program on PATH.")
     try:
-        done = subprocess.run([tool, *args, "--json"], capture_output=True, text=True, timeout=timeout)
+        # --json first: ARGS may end with "--" and names that start with a hyphen.
+        done = subprocess.run([tool, "--json", *args], capture_output=True, text=True, timeout=timeout)
     except OSError as err:
         raise FontrixMissing("The fontrix tool at %s cannot be run (%s)." % (tool, err.strerror))
     except subprocess.TimeoutExpired:
         raise inkex.AbortExtension("fontrix did not answer within %d seconds." % timeout)
-    if done.returncode != 0:
+    if done.returncode not in answering or not done.stdout.strip():
         raise FontrixFailed(done)
     try:
         return json.loads(done.stdout), done.stderr
@@ -365,7 +367,13 @@ def css_of_result(font):
 
 
 def quote_family(name):
-    return "'%s'" % name.replace("'", "\\'")
+    return "'%s'" % name.replace("\\", "\\\\").replace("'", "\\'")
+
+
+def family_list(families):
+    """A font-family value of names: each quoted, but for the generic families, which CSS reads
+    as generic only unquoted."""
+    return ", ".join(f if f.lower() in GENERIC_FAMILIES else quote_family(f) for f in families)
 
 
 FONT_PROPERTIES = ("font-family", "font-weight", "font-style", "font-stretch", "-inkscape-font-specification")

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Replace missing fonts…: every text set in a font that is not installed is set in an
-installed one, and a message says what was replaced with what."""
+"""Replace missing fonts…: every text whose font-family list this machine does not draw is set in
+an installed face, as `fontrix substitute` chooses it, and a message says what was replaced with
+what, and why."""
 import inkex
 
 import fontrix_ink as fx
@@ -9,7 +10,7 @@ TEXT_ELEMENTS = (inkex.TextElement, inkex.Tspan, inkex.FlowRoot, inkex.FlowPara,
                  inkex.TextPath)
 
 # Words of family names that say which generic family a face belongs to, tried in this order
-# ("Sans Serif" is sans-serif).
+# ("Sans Serif" is sans-serif): for a name Fontrix does not know.
 NAME_WORDS = [
     ("monospace", ("mono", "code", "courier", "typewriter", "console", "terminal")),
     ("cursive", ("script", "hand", "brush", "calligraph", "cursive", "marker", "chancery")),
@@ -28,31 +29,54 @@ class ReplaceMissingFonts(fx.FontrixEffect):
         pars.add_argument("--list_only", type=inkex.Boolean, default=False)
 
     def apply(self):
-        fonts, _ = fx.run_fontrix("fonts", "--all")
-        self.fonts = {f["name"]: f for f in fonts["fonts"]}
-        self.families = {f["family"].lower() for f in fonts["fonts"]}
-        missing = {}  # face key -> (face, elements)
+        # The texts by what fontrix substitute is asked: the font-family list, weight and slant.
+        groups = {}  # (list, weight, italic) -> (face, elements)
         for element in self.svg.descendants():
-            if not self.sets_text_font(element):
-                continue
-            face = fx.element_face(element)
-            if not self.installed(face.family):
-                missing.setdefault(face.key(), (face, []))[1].append(element)
-        if not missing:
-            inkex.errormsg("Every font the document's texts use is installed.")
-            return
+            if self.sets_text_font(element):
+                face = fx.element_face(element)
+                key = (fx.family_list(face.families), int(round(face.weight)), face.slant != "normal")
+                groups.setdefault(key, (face, []))[1].append(element)
+        answers = self.substitutes(groups)
 
         lines = []
-        for face, elements in missing.values():
-            font, reason = self.replacement(face)
+        for key, (face, elements) in groups.items():
+            answer = answers[key]
             count = "%d text%s" % (len(elements), "" if len(elements) == 1 else "s")
+            if answer["action"] == "keep":
+                # A list whose first family is missing but drawn here all the same is said; one
+                # whose first family is installed, or generic, is not missing anything.
+                if answer["kind"] != "installed" and face.families[0].lower() not in fx.GENERIC_FAMILIES:
+                    lines.append("%s: kept, %s (%s)" % (face.description(), answer["why"], count))
+                continue
+            if answer["action"] == "replace":
+                font, reason = answer, answer["why"]
+            else:
+                font, reason = self.generic_face(face)
+                reason = "unknown to Fontrix; %s" % reason
             lines.append("%s → %s %s (%s; %s)" % (face.description(), font["family"], font["style"], reason, count))
             if not self.options.list_only:
+                css = fx.css_of_result(font if answer["action"] != "replace" else {
+                    "family": font["family"], "weight": fx.fc_weight(font["weight"]),
+                    "slant": 100 if font["italic"] else 0, "width": font["width"]})
                 for element in elements:
-                    fx.set_font(element, fx.css_of_result(font), descendants=False)
+                    fx.set_font(element, css, descendants=False)
+        if not lines:
+            inkex.errormsg("Every font the document's texts use is installed.")
+            return
         head = ("Missing fonts, and the installed fonts that would replace them:" if self.options.list_only
                 else "Missing fonts replaced:")
         inkex.errormsg("\n".join([head] + lines))
+
+    def substitutes(self, groups):
+        """fontrix substitute's answer for each group's key, asked once per weight and slant."""
+        answers = {}
+        for weight, italic in sorted({(weight, italic) for _, weight, italic in groups}):
+            keys = [key for key in groups if key[1:] == (weight, italic)]
+            args = ["substitute", "--weight", str(min(max(weight, 1), 1000))] + (["--italic"] if italic else [])
+            # An unknown family is answered too ("none"), and fontrix then exits 1.
+            answer, _ = fx.run_fontrix(*args, "--", *[key[0] for key in keys], answering=(0, 1))
+            answers.update(zip(keys, answer["substitutions"]))
+        return answers
 
     def sets_text_font(self, element):
         """Whether the element declares a font (its own font-family or Pango font description) for
@@ -64,32 +88,10 @@ class ReplaceMissingFonts(fx.FontrixEffect):
             return False
         return isinstance(element, TEXT_ELEMENTS) or any(isinstance(d, TEXT_ELEMENTS) for d in element.descendants())
 
-    def installed(self, family):
-        family = family.lower()
-        if family in fx.GENERIC_FAMILIES or family in self.families:
-            return True
-        if not hasattr(self, "also_named"):
-            self.also_named = {}
-        if family not in self.also_named:
-            # A family fontconfig lists under another of its names (a localised or older one).
-            listed, _ = fx.run_fontrix("fonts", fx.escape_pattern(family) + ":", "--all")
-            self.also_named[family] = bool(listed["fonts"])
-        return self.also_named[family]
-
-    def replacement(self, face):
-        """The installed face to set `face`'s texts in, and why it was chosen."""
-        try:
-            answer, _ = fx.run_fontrix("similar", face.pattern(), "--limit", str(SIMILAR_TRIED))
-        except fx.FontrixFailed as failure:
-            if "no installed font is named" not in failure.said:
-                raise
-            answer = None
-        if answer and not answer["query_installed"] and answer["results"]:
-            font = upright_like(answer["results"], face)
-            return font, "most like %s %s in Fontrix's similarity table, score %s" % (
-                answer["query_family"], answer["query_style"], fx.score_text(font["score"]))
-        if answer and answer["query_installed"]:
-            return self.fonts[answer["query"]], "fontconfig's substitute"
+    def generic_face(self, face):
+        """For a family Fontrix does not know: by the list's generic family or what the name says,
+        fontconfig's face for it, or for cursive and fantasy an installed font Fontrix classes
+        script or decorative. The face (a fontrix font row) and why it was chosen."""
         generic = face.generic or generic_of_name(face.family)
         said = "the generic family" if face.generic else "its name"
         if generic in ("cursive", "fantasy"):
@@ -100,18 +102,10 @@ class ReplaceMissingFonts(fx.FontrixEffect):
             generic = "sans-serif"
         answer, _ = fx.run_fontrix("similar", fx.Face(generic, face.weight, face.slant, face.stretch).pattern(),
                                    "--limit", "1")
+        if not hasattr(self, "fonts"):
+            listed, _ = fx.run_fontrix("fonts", "--all")
+            self.fonts = {f["name"]: f for f in listed["fonts"]}
         return self.fonts[answer["query"]], "fontconfig's %s font, as %s says" % (generic, said)
-
-
-# Of the fonts most like a missing face, how many are looked through for one of its slant.
-SIMILAR_TRIED = 10
-
-
-def upright_like(fonts, face):
-    """The first of fontrix's ranking that is upright where the face is (or slanted where it is
-    slanted): a text set upright stays upright. The first of all where none is."""
-    slanted = face.slant != "normal"
-    return next((f for f in fonts if (f.get("slant", 0) > 0) == slanted), fonts[0])
 
 
 def generic_of_name(family):

@@ -58,7 +58,10 @@ class SimilarFonts(fx.FontrixEffect):
         if not answer["query_installed"]:
             query += " (not installed)"
         line = fx.first_line(text)
-        entries = [("%d. %s %s  %s" % (i + 1, r["family"], r["style"], fx.score_text(r["score"])),
+        # An installed look-alike of a well-known family asked about comes first, with no score
+        # when it was itself the question.
+        entries = [("%d. %s %s  %s" % (i + 1, r["family"], r["style"],
+                                       fx.score_text(r["score"]) if "score" in r else "(%s)" % r.get("look_alike")),
                     line, fx.css_of_result(r)) for i, r in enumerate(answer["results"])]
         size = fx.visible_font_size(text)
         group = fx.new_group(self.svg, "Fontrix: fonts like " + query, "fontrix-similar-")
@@ -76,8 +79,8 @@ class SimilarFonts(fx.FontrixEffect):
         except fx.FontrixFailed as failure:
             if "no installed font is named" not in failure.said:
                 raise
-            raise inkex.AbortExtension("Fontrix knows no font %s: it is not installed, nor a face of its "
-                                       "similarity table." % face.description())
+            raise inkex.AbortExtension("Fontrix knows no font %s: it is not installed, nor a font its data "
+                                       "knows." % face.description())
         if self.options.same_class and answer["query_installed"]:
             # The classes of the face fontrix resolved, as its classification gives them.
             fonts, _ = fx.run_fontrix("classes")

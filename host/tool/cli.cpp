@@ -54,9 +54,15 @@ uint32_t ServicesNeeded(const Options& options) {
   if (c == "index") return kClasses | kSimilar | kRecognize;
   if (c == "classes") return kClasses | kSimilar;
   // fonts --all also names the fonts a service could not use, so it runs them all.
+  // fonts --known asks the known fonts suite, which answers once the similarity vectors are in.
   if (c == "fonts")
-    return options.all ? kClasses | kSimilar | kRecognize : options.classes.empty() ? 0 : kClasses | kSimilar;
+    return options.all               ? kClasses | kSimilar | kRecognize
+           : options.known           ? kSimilar
+           : options.classes.empty() ? 0
+                                     : kClasses | kSimilar;
   if (c == "similar") return kSimilar | (options.classes.empty() ? 0 : kClasses);
+  // The known fonts and the similarity table answer once the similarity vectors are in.
+  if (c == "substitute") return kSimilar;
   if (c == "recognize") return kSimilar | kRecognize;
   return 0;
 }
@@ -129,6 +135,8 @@ int RunCommand(const Options& options) {
         Fonts(host, options);
       } else if (options.command == "similar") {
         Similar(host, options);
+      } else if (options.command == "substitute") {
+        status = SubstituteFamilies(host, options);
       } else if (options.command == "classes") {
         Classes(host, options);
       } else if (options.command == "recognize") {

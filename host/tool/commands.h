@@ -15,6 +15,9 @@ void Fonts(Host& host, const Options& options);
 void Classes(Host& host, const Options& options);
 /// similar: the module's similar-font suite, asked as another plug-in asks it.
 void Similar(Host& host, const Options& options);
+/// substitute: for each CSS font-family list, kept or the installed face to use instead, and why;
+/// 1 when a list's first family is unknown, else 0.
+int SubstituteFamilies(Host& host, const Options& options);
 /// recognize: the module's recognition suite asked about a picture.
 void Recognize(Host& host, const Options& options);
 /// index: what the module's background work did, per service, after `seconds`.

@@ -1,3 +1,5 @@
+#include <fontconfig/fontconfig.h>
+
 #include <algorithm>
 #include <map>
 #include <string>
@@ -5,15 +7,45 @@
 
 #include "host/font_names.h"
 #include "host/tool/commands.h"
+#include "host/tool/known_fonts.h"
 #include "host/tool/output.h"
 #include "host/tool/queries.h"
 #include "sdk/fontrix_suites.h"
 
 namespace fontrix::host {
+namespace {
+
+// The open faces the module knows, installed or not, in its data's order: where each is, and
+// what it is in fontconfig's terms, so that the rows read like the installed fonts'.
+void KnownFontRows(Host& host, const Options& options) {
+  KnownFonts known(host);
+  const std::string text = options.args.empty() ? "" : LowerCase(options.args[0]);
+  std::vector<OutputRow> rows;
+  for (const KnownFace& f : known.Faces()) {
+    if (rows.size() >= options.limit) break;
+    if (!text.empty() && LowerCase(f.name).find(text) == std::string::npos &&
+        LowerCase(f.family).find(text) == std::string::npos)
+      continue;
+    OutputRow row;
+    row.name = f.name;
+    row.family = f.family;
+    row.style = f.style;
+    row.weight = int(FcWeightFromOpenTypeDouble(f.weight) + 0.5);
+    row.slant = f.italic ? 100 : 0;
+    row.installed = f.installed;
+    row.source = f.source;
+    row.licence = f.licence;
+    rows.push_back(std::move(row));
+  }
+  PrintRows(options, "", "fonts", rows, "%{name}\\t%{family}\\t%{style}\\t%{where}");
+}
+
+}  // namespace
 
 // The fonts the module uses (or, with --all, every face the host lists, with why one is left
 // out), by family, kept by PATTERN and --class.
 void Fonts(Host& host, const Options& options) {
+  if (options.known) return KnownFontRows(host, options);
   const std::vector<const HostFont*> used = ModuleFonts(host);
   std::vector<const HostFont*> fonts = used;
   if (options.all) {

@@ -7,6 +7,7 @@
 #include "host/specimen.h"
 #include "host/tool/queries.h"
 #include "host/tool/rows.h"
+#include "host/tool/substitute.h"
 
 namespace fontrix::host {
 
@@ -16,13 +17,15 @@ extern const char* const kHelp =
     "usage: fontrix [OPTIONS] COMMAND\n"
     "\n"
     "Commands:\n"
-    "  fonts [PATTERN] [--class CLASS ...] [--all]\n"
+    "  fonts [PATTERN] [--class CLASS ...] [--all | --known]\n"
     "                      the installed fonts the module uses, by family, weight, width and\n"
     "                      slant: unique name, family, style. PATTERN: a fontconfig pattern as\n"
     "                      fc-list takes it (\"Open Sans\", :weight=bold, \"DejaVu Sans:italic\"),\n"
     "                      or text in the name or family; --class keeps fonts of those classes;\n"
     "                      --all lists every face fontconfig lists, with why one is left out\n"
-    "                      or which service could not use it\n"
+    "                      or which service could not use it; --known lists the open fonts the\n"
+    "                      module knows, installed or not, with where to get them (PATTERN: text\n"
+    "                      in the name or family)\n"
     "  classes [CLASS ...] [--not CLASS ...] [--sheet FILE]\n"
     "                      every installed font with its style classes; with classes, the fonts\n"
     "                      that have all of them and none of the --not ones (blackletter,\n"
@@ -34,8 +37,22 @@ extern const char* const kHelp =
     "                      scores; --other-families leaves out NAME's own family, --class keeps\n"
     "                      fonts of those classes (--limit counts the fonts kept); --sheet writes\n"
     "                      a PNG contact sheet of their specimens. A NAME that is not installed\n"
-    "                      but is a face of the module's similarity table is answered from the\n"
-    "                      table, as said on standard error\n"
+    "                      is answered from what the module knows of it, as said on standard\n"
+    "                      error: a face of its similarity table, an open font of its data, or\n"
+    "                      a well-known family that is not open (\"Gotham Light\") through its\n"
+    "                      open look-alikes, the installed ones first (%{look_alike})\n"
+    "  substitute FAMILY-LIST ... [--weight N] [--italic]\n"
+    "                      for each CSS font-family list ('Helvetica Neue', Arial, sans-serif),\n"
+    "                      whether this machine draws it, else the installed face to use\n"
+    "                      instead: kept when its first family is installed, or a later one\n"
+    "                      before a generic name, or a well-known family fontconfig draws with\n"
+    "                      an installed clone (Arial with Liberation Sans); else its first family\n"
+    "                      is replaced by an installed clone, revival or look-alike of a\n"
+    "                      well-known family, else the installed font most like its look-alikes,\n"
+    "                      an open font the module knows, or a face of its similarity table; at\n"
+    "                      CSS weight N (1 to 1000, default 400), upright unless --italic. A line\n"
+    "                      each: the list, keep, replace or none, family, face, why. Exits 1 when\n"
+    "                      a list's first family is unknown\n"
     "  recognize IMAGE [--largest-line] [--installed-only] [--sheet FILE]\n"
     "                      the fonts most likely shown in a picture of text (PNG or JPEG of at\n"
     "                      most 64 megapixels, a file or - for standard input; at most 40\n"
@@ -87,7 +104,8 @@ extern const char* const kHelp =
     "                      %{slant} (fontconfig's values), %{score}, %{classes}, %{status},\n"
     "                      %{same_outlines} (similar: answers with the same outlines),\n"
     "                      %{confidence}, %{likeness} (recognize: the chance it is right, how\n"
-    "                      alike the picture is to a line drawn in the font);\n"
+    "                      alike the picture is to a line drawn in the font), %{look_alike}\n"
+    "                      (similar: clone, revival or look-alike of the family asked about);\n"
     "                      \\t and \\n. Without it, text output is tab-separated columns, with a\n"
     "                      header line on a terminal\n"
     "  --limit N           at most N results\n"
@@ -101,9 +119,9 @@ struct Command {
   size_t fewest, most, results;
 };
 constexpr size_t kAny = std::numeric_limits<size_t>::max();
-const Command kCommands[] = {{"fonts", 0, 1, kAny},   {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
-                             {"recognize", 1, 1, 40}, {"index", 0, 0, kAny},      {"specimen", 2, 2, kAny},
-                             {"serve", 0, 0, kAny}};
+const Command kCommands[] = {{"fonts", 0, 1, kAny},         {"classes", 0, kAny, kAny}, {"similar", 1, 1, 80},
+                             {"substitute", 1, kAny, kAny}, {"recognize", 1, 1, 40},    {"index", 0, 0, kAny},
+                             {"specimen", 2, 2, kAny},      {"serve", 0, 0, kAny}};
 
 size_t CodePoints(const std::string& text) {
   size_t count = 0;
@@ -127,6 +145,13 @@ int ParsePort(const std::string& text) {
   return int(std::stoul(text));
 }
 
+int ParseWeight(const std::string& text) {
+  if (text.empty() || text.size() > 4 || text.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoul(text) < 1 || std::stoul(text) > 1000)
+    throw UsageError("--weight needs a CSS weight from 1 to 1000, not '" + text + "'");
+  return int(std::stoul(text));
+}
+
 size_t ParseLimit(const std::string& text) {
   if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos ||
       std::stoul(text) == 0)
@@ -139,7 +164,7 @@ size_t ParseLimit(const std::string& text) {
 Options Parse(int argc, char** argv) {
   Options options;
   std::vector<std::string> positional;
-  bool options_end = false;
+  bool options_end = false, weight_given = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (options_end || arg.empty() || arg[0] != '-' || arg == "-") {
@@ -156,7 +181,7 @@ Options Parse(int argc, char** argv) {
     if (name == "--module" || name == "--data-dir" || name == "--cache-dir" || name == "--disable" ||
         name == "--limit" || name == "-o" || name == "--output" || name == "--size" || name == "--sheet" ||
         name == "--not" || name == "--class" || name == "-s" || name == "--style" || name == "--format" ||
-        name == "--port" || name == "--listen") {
+        name == "--port" || name == "--listen" || name == "--weight") {
       std::string value;
       if (inline_value)
         value = arg.substr(equals + 1);
@@ -178,6 +203,7 @@ Options Parse(int argc, char** argv) {
       if (name == "-s" || name == "--style") options.style = value;
       if (name == "--format") options.format = value;
       if (name == "--port") options.serve.port = ParsePort(value);
+      if (name == "--weight") options.weight = ParseWeight(value), weight_given = true;
       if (name == "--listen") options.serve.listen = value, options.serve.listen_given = true;
       if (name == "-o" || name == "--output") options.output = value;
       if (name == "--size") options.size = ParseSize(value);
@@ -191,8 +217,10 @@ Options Parse(int argc, char** argv) {
                  : name == "-h"               ? &options.help
                  : name == "--version"        ? &options.version
                  : name == "--all"            ? &options.all
+                 : name == "--known"          ? &options.known
                  : name == "--other-families" ? &options.other_families
                  : name == "--largest-line"   ? &options.largest_line
+                 : name == "--italic"         ? &options.italic
                  : name == "--installed-only" ? &options.installed_only
                  : name == "--open"           ? &options.serve.open
                                               : nullptr;
@@ -239,12 +267,23 @@ Options Parse(int argc, char** argv) {
     throw UsageError("--class is for fonts and similar only");
   if (options.other_families && options.command != "similar") throw UsageError("--other-families is for similar only");
   if (options.all && options.command != "fonts") throw UsageError("--all is for fonts only");
+  if (options.known && (options.command != "fonts" || options.all || !options.classes.empty()))
+    throw UsageError("--known is for fonts only, without --all and --class");
   if (options.largest_line && options.command != "recognize") throw UsageError("--largest-line is for recognize only");
   if (options.installed_only && options.command != "recognize")
     throw UsageError("--installed-only is for recognize only");
   if ((options.serve.port != ServeOptions().port || options.serve.listen_given || options.serve.open) &&
       options.command != "serve")
     throw UsageError("--port, --listen and --open are for serve only");
+  if ((weight_given || options.italic) && options.command != "substitute")
+    throw UsageError("--weight and --italic are for substitute only");
+  if (options.command == "substitute") {
+    for (const std::string& list : options.args) try {
+        ParseFamilyList(list);
+      } catch (const FamilyListError& e) {
+        throw UsageError(std::string("substitute: ") + e.what());
+      }
+  }
   if (!options.style.empty() && options.command != "similar" && options.command != "specimen")
     throw UsageError("--style is for similar and specimen only");
   const bool rows = options.command == "fonts" || options.command == "classes" || options.command == "similar" ||

@@ -28,7 +28,10 @@ struct Options {
   std::string style;                     // -s, --style: of the font NAME
   std::string format;                    // --format
   bool all = false;                      // fonts: --all
+  bool known = false;                    // fonts: --known
   bool largest_line = false;             // recognize: --largest-line
+  int weight = 400;                      // substitute: --weight, CSS
+  bool italic = false;                   // substitute: --italic
   bool installed_only = false;           // recognize: --installed-only
   ServeOptions serve;                    // serve: --port, --listen, --open
   bool limit_given = false;

@@ -8,7 +8,10 @@
 #include <cctype>
 
 #include "host/font_names.h"
+#include "host/specimen.h"
 #include "host/tool/json.h"
+#include "host/tool/known_fonts.h"
+#include "host/tool/substitute.h"
 #include "host/tool/table_names.h"
 #include "sdk/qv_font_suites.h"
 #include "sdk/qv_host_suites.h"
@@ -30,29 +33,89 @@ FontrixFontList Collector(std::vector<std::pair<std::string, double>>& found) {
           }};
 }
 
-// The faces of the module's shipped similarity table, through its table suite; none when the
-// module publishes no such suite (an older module) or its similarity service is not running, and
-// the similar-font query then says why.
-std::vector<TableFace> TableFaces(Host& host) {
-  std::vector<TableFace> faces;
-  const auto* table =
-      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
-  if (!table) return faces;
-  FontrixTableFontList list{
-      &faces, [](void* c, const FontrixTableFont* f) {
-        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
-      }};
-  const QVErr err = table->GetTableFonts(&list);
-  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
-  if (err) faces.clear();
-  return faces;
+using Answers = std::vector<std::pair<std::string, double>>;
+
+// NAME as a well-known family that is not open, where no installed face answers or fontconfig
+// would substitute another family (unless its substitute is one of the family's look-alikes, as
+// Nimbus Sans is for Helvetica): answered through its look-alikes. The choice is said in
+// `notes`; the answer, when the look-alikes' known faces give one, is put in `answered`.
+std::optional<SimilarQuery> WellKnownQuery(KnownFonts& known, const std::vector<const HostFont*>& usable,
+                                           const SimilarRequest& request, const std::optional<ResolvedFont>& installed,
+                                           std::vector<std::string>& notes, std::optional<Answers>& answered) {
+  const std::string& typed = request.name;
+  const std::string substitute = installed ? FoldedName(installed->font->family) : "";
+  const std::optional<WellKnownMatch> well_known =
+      ResolveWellKnown([&](const std::string& name) { return known.Family(name); }, typed, request.style);
+  if (!well_known) return std::nullopt;
+  const WellKnownFamily& family = well_known->family;
+  if (installed && FoldedName(family.family) == substitute) return std::nullopt;  // the family is installed
+  for (const WellKnownFamily::LookAlike& a : family.look_alikes)
+    if (FoldedName(a.family) == substitute) return std::nullopt;
+  SimilarQuery query{family.family,
+                     family.family,
+                     well_known->style.empty() ? "Regular" : well_known->style,
+                     false,
+                     "family",
+                     "",
+                     "",
+                     {}};
+  // Each look-alike's known faces nearest what was asked, asked together, the nearest the data
+  // has a vector of; an installed look-alike is shown at its installed face nearest it.
+  std::vector<std::vector<const KnownFace*>> groups;
+  for (const WellKnownFamily::LookAlike& a : family.look_alikes)
+    groups.push_back(NearestFirst(FacesOfFamily(known.Faces(), a.family), well_known->wanted));
+  size_t round = 0;
+  answered = AskNearestFirst<std::vector<std::pair<std::string, double>>>(
+      groups, [&](const std::vector<std::string>& names) { return known.SimilarTo(names); }, round);
+  std::string said;
+  bool any_installed = false;
+  for (size_t k = 0; k < family.look_alikes.size(); ++k) {
+    const WellKnownFamily::LookAlike& a = family.look_alikes[k];
+    SimilarQuery::LookAlike look{a.family, a.why, "", "", false};
+    std::vector<const HostFont*> here;
+    for (const HostFont* f : usable)
+      if (FoldedName(f->family) == FoldedName(a.family)) here.push_back(f);
+    std::vector<FaceTraits> traits;
+    for (const HostFont* f : here) traits.push_back(TraitsOf(*f));
+    if (const size_t i = NearestFace(traits, well_known->wanted); i < here.size())
+      look = {a.family, a.why, here[i]->unique_name, here[i]->style, true};
+    else if (!answered->empty() && round < groups[k].size())
+      look = {a.family, a.why, groups[k][round]->name, StyleOf(*groups[k][round]), false};
+    any_installed = any_installed || look.installed;
+    query.look_alikes.push_back(look);
+    if (!look.face.empty())
+      said += (said.empty() ? "" : ", ") + a.family + " " + look.style + " (" + a.why +
+              (look.installed ? ", installed)" : ")");
+  }
+  if (answered->empty()) answered.reset();  // the first installed look-alike is asked instead
+  if (!answered && !any_installed) {
+    if (installed) return std::nullopt;  // fontconfig's substitute answers, as it did
+    std::string names;
+    for (const WellKnownFamily::LookAlike& a : family.look_alikes) names += (names.empty() ? "" : ", ") + a.family;
+    throw Failure(family.family + " is not an open font, and none of its look-alikes (" + names +
+                  ") is installed or known to the module");
+  }
+  notes.push_back(family.family + " is not an open font: answering through its look-alikes " + said);
+  return query;
+}
+
+// Of the families of the known faces the machine lacks, those close to `typed`, as the end of
+// the sentence that says no font has that name.
+std::string KnownCloseNames(const std::vector<KnownFace>& faces, const std::string& typed) {
+  std::vector<std::string> families;
+  for (const KnownFace& f : faces)
+    if (!f.installed) families.push_back(f.family);
+  std::string list;
+  for (const std::string& name : CloseNames(families, typed, 5)) list += (list.empty() ? "" : ", ") + name;
+  return list.empty() ? "" : "; close names of open fonts the module knows: " + list;
 }
 
 // NAME as `similar` reads it. A face of the shipped table that is not installed answers when no
 // installed face does, when fontconfig would substitute another family, or when the table has
 // the style asked for and the installed family lacks it: its own vector says more than a
 // stand-in's. The choice is added to `notes`.
-SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std::vector<std::string>& notes) {
+SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std::vector<std::string>& notes,
+                                 std::optional<Answers>& answered) {
   const std::string& typed = request.name;
   std::vector<const HostFont*> usable;
   for (const HostFont& f : host.Fonts())
@@ -64,17 +127,39 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
   } catch (const UnknownFont& e) {
     unknown = e.what();
   }
-  if (!installed || !installed->note.empty()) {
+  // A generic family ("sans-serif", which a pattern reads as "sans") names no font the machine
+  // lacks: fontconfig's font for it answers.
+  const std::string asked_family = typed.find(':') != std::string::npos ? ParseFacePattern(typed, "").family : typed;
+  const bool generic = IsGenericFamily(typed) || IsGenericFamily(asked_family);
+  if (!generic && (!installed || !installed->note.empty())) {
+    // A face the module knows though the machine lacks it, exactly as asked before one nearest
+    // it, a face of the shipped table before a known open face.
     std::vector<TableFace> missing = TableFaces(host);
     missing.erase(std::remove_if(missing.begin(), missing.end(), [](const TableFace& f) { return f.installed; }),
                   missing.end());
+    const std::string substitute = installed ? FoldedName(installed->font->family) : "";
     const TableMatch table = ResolveTableFace(missing, typed, request.style);
-    if (table.face &&
-        (!installed || table.exact || LowerCase(installed->font->family) != LowerCase(table.face->family))) {
+    const bool table_ok = table.face && (!installed || table.exact || substitute != FoldedName(table.face->family));
+    KnownFonts known(host);
+    std::vector<KnownFace> absent;
+    for (const KnownFace& f : known.Faces())
+      if (!f.installed) absent.push_back(f);
+    const KnownMatch face = ResolveKnownFace(absent, typed, request.style);
+    const bool face_ok = face.face && (!installed || face.exact || substitute != FoldedName(face.family));
+    if (table_ok && (table.exact || !face_ok || !face.exact)) {
       notes.push_back("'" + typed + "' is not installed; answering for " + table.face->name + " (" +
                       table.face->family + " " + table.face->style + "), a face of the module's similarity table");
       return {table.face->name, table.face->family, table.face->style, false};
     }
+    if (face_ok) {
+      const KnownFace& f = *face.face;
+      notes.push_back(face.family + " " + StyleOf(f) + " is not installed (open font, " + f.source + ", " + f.licence +
+                      "): answering for " + f.name + " from the module's data");
+      return {f.name, face.family, StyleOf(f), false, "face", f.source, f.licence, {}};
+    }
+    if (std::optional<SimilarQuery> query = WellKnownQuery(known, usable, request, installed, notes, answered))
+      return *query;
+    if (!installed) throw Failure(unknown + KnownCloseNames(known.Faces(), typed));
   }
   if (!installed) throw Failure(unknown);
   if (!installed->note.empty()) notes.push_back(installed->note);
@@ -90,6 +175,21 @@ namespace {
 constexpr std::pair<const char*, const char*> kServices[kFontrixServiceCount] = {
     {"classification", kSwitchClassification}, {"similarity", kSwitchSimilarity}, {"recognition", kSwitchRecognition}};
 }  // namespace
+
+std::vector<TableFace> TableFaces(Host& host) {
+  std::vector<TableFace> faces;
+  const auto* table =
+      static_cast<const FontrixTableSuite*>(host.AcquireSuite(kFontrixTableSuite, kFontrixTableSuiteVersion));
+  if (!table) return faces;
+  FontrixTableFontList list{
+      &faces, [](void* c, const FontrixTableFont* f) {
+        static_cast<std::vector<TableFace>*>(c)->push_back({f->name, f->family, f->style, f->installed != 0});
+      }};
+  const QVErr err = table->GetTableFonts(&list);
+  host.ReleaseSuite(kFontrixTableSuite, kFontrixTableSuiteVersion);
+  if (err) faces.clear();
+  return faces;
+}
 
 const char* ServiceName(int32_t service) { return kServices[service].first; }
 const char* ServiceSwitch(int32_t service) { return kServices[service].second; }
@@ -206,21 +306,70 @@ std::vector<OutputRow> ClassRows(Host& host, uint32_t all, uint32_t none, uint32
   return rows;
 }
 
+namespace {
+// The installed look-alikes of a well-known family head the answer, best first, each marked
+// with why it stands in; a look-alike the answer has keeps its score, and one it lacks (a face
+// asked about is left out of the answer) has none.
+void PutLookAlikesFirst(Host& host, const SimilarQuery& query, std::vector<OutputRow>& rows) {
+  std::vector<OutputRow> first;
+  for (const SimilarQuery::LookAlike& a : query.look_alikes) {
+    if (!a.installed) continue;
+    const auto row = std::find_if(rows.begin(), rows.end(), [&](const OutputRow& r) { return r.name == a.face; });
+    if (row != rows.end()) {
+      first.push_back(std::move(*row));
+      rows.erase(row);
+    } else {
+      // The face used under that name (a copy of it in another file is not).
+      for (const HostFont& f : host.Fonts())
+        if (f.unique_name == a.face && UnusedReason(f).empty()) {
+          first.push_back(RowOf(f));
+          break;
+        }
+    }
+    if (!first.empty() && first.back().name == a.face) first.back().look_alike = a.why;
+  }
+  rows.insert(rows.begin(), first.begin(), first.end());
+}
+}  // namespace
+
 std::string SimilarAnswer::JsonHead() const {
-  return "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
-         ", \"query_style\": " + JsonString(query.style) +
-         ", \"query_installed\": " + (query.installed ? "true" : "false");
+  std::string head = "\"query\": " + JsonString(query.name) + ", \"query_family\": " + JsonString(query.family) +
+                     ", \"query_style\": " + JsonString(query.style) +
+                     ", \"query_installed\": " + (query.installed ? "true" : "false") +
+                     (query.known.empty() ? "" : ", \"query_known\": " + JsonString(query.known));
+  if (query.known == "face")
+    head += ", \"query_source\": " + JsonString(query.source) + ", \"query_licence\": " + JsonString(query.licence);
+  if (query.known == "family") {
+    head += ", \"look_alikes\": [";
+    for (size_t i = 0; i < query.look_alikes.size(); ++i) {
+      const SimilarQuery::LookAlike& a = query.look_alikes[i];
+      head += std::string(i ? ", " : "") + "{\"family\": " + JsonString(a.family) + ", \"why\": " + JsonString(a.why) +
+              ", \"face\": " + JsonString(a.face) + ", \"style\": " + JsonString(a.style) +
+              ", \"installed\": " + (a.installed ? "true" : "false") + "}";
+    }
+    head += "]";
+  }
+  return head;
 }
 
 SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
   SimilarAnswer answer;
-  const SimilarQuery query = answer.query = ResolveSimilarQuery(host, request, answer.notes);
+  std::optional<Answers> answered;
+  const SimilarQuery query = answer.query = ResolveSimilarQuery(host, request, answer.notes, answered);
   std::vector<std::pair<std::string, double>> found;
   FontrixFontList list = Collector(found);
   QVErr err = kQVNoErr;
-  if (query.installed) {
+  // A well-known family without an answer from its look-alikes' known faces is asked through
+  // its first installed look-alike.
+  const auto installed_look_alike = std::find_if(query.look_alikes.begin(), query.look_alikes.end(),
+                                                 [](const SimilarQuery::LookAlike& a) { return a.installed; });
+  if (answered) {
+    found = std::move(*answered);
+  } else if (query.known == "face") {
+    found = KnownFonts(host).SimilarTo({query.name});
+  } else if (query.installed || installed_look_alike != query.look_alikes.end()) {
     HeldSuite<FontrixSimilarSuite> similar(host, kFontrixSimilarSuite, kFontrixSimilarSuiteVersion);
-    err = similar->GetSimilarFontNames(query.name.c_str(), &list);
+    err = similar->GetSimilarFontNames((query.installed ? query.name : installed_look_alike->face).c_str(), &list);
   } else {
     HeldSuite<FontrixTableSuite> table(host, kFontrixTableSuite, kFontrixTableSuiteVersion);
     err = table->GetSimilarToTableFont(query.name.c_str(), &list);
@@ -234,6 +383,7 @@ SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
   // The filters run over the module's whole answer, so the limit counts the fonts they keep.
   std::vector<OutputRow> rows = ResultRows(host, found, SIZE_MAX);
   FoldSameOutlines(rows);
+  PutLookAlikesFirst(host, query, rows);
   const uint32_t wanted = request.classes;
   const std::map<std::string, uint32_t> masks = wanted ? ClassMasks(host) : std::map<std::string, uint32_t>();
   rows.erase(std::remove_if(rows.begin(), rows.end(),
@@ -253,7 +403,10 @@ SimilarAnswer FindSimilar(Host& host, const SimilarRequest& request) {
 
 std::string SimilarAnswer::EmptyReason(bool other_families, bool classes) const {
   if (!rows.empty()) return "";
-  if (!found) return "no font is known to be like " + query.name + " (the similarity service could not image it)";
+  if (!found)
+    return "no font is known to be like " + query.name +
+           (query.known.empty() ? " (the similarity service could not image it)"
+                                : " (the module's data holds no similarity vector of it)");
   return "none of the " + std::to_string(found) + " fonts most like " + query.name + " is " +
          (classes && other_families ? "of another family and of those classes"
           : classes                 ? "of those classes"

@@ -13,6 +13,7 @@
 #include "host/host.h"
 #include "host/image.h"
 #include "host/tool/rows.h"
+#include "host/tool/table_names.h"
 #include "sdk/fontrix_suites.h"
 
 namespace fontrix::host {
@@ -80,10 +81,24 @@ std::vector<OutputRow> ResultRows(Host& host, const std::vector<std::pair<std::s
 /// `none` and, when `any` is not 0, at least one of `any`; each row with its classes.
 std::vector<OutputRow> ClassRows(Host& host, uint32_t all, uint32_t none, uint32_t any, size_t limit);
 
-/// The face `similar` asks about: installed, or a face of the shipped table the machine lacks.
+/// The faces of the module's shipped similarity table, through its table suite; none when the
+/// module publishes no such suite (an older module) or its similarity service is not running.
+std::vector<TableFace> TableFaces(Host& host);
+
+/// The face `similar` asks about: installed, or a face the machine lacks that the module knows:
+/// a face of its shipped table, a known open face, or a well-known family that is not open.
 struct SimilarQuery {
-  std::string name, family, style;
+  std::string name, family, style;  ///< a well-known family: its name, twice, and the style asked
   bool installed = true;
+  std::string known;            ///< "face": a known open face; "family": a well-known family; else ""
+  std::string source, licence;  ///< a known face's
+  /// A look-alike of a well-known family: the face of it nearest what was asked, installed or
+  /// known to the module ("" when neither).
+  struct LookAlike {
+    std::string family, why, face, style;
+    bool installed = false;
+  };
+  std::vector<LookAlike> look_alikes;  ///< best first
 };
 
 /// A similar-font question: NAME as people type it, and the filters over the module's answer.
@@ -101,7 +116,9 @@ struct SimilarAnswer {
   std::vector<OutputRow> rows;
   size_t found = 0;
   std::vector<std::string> notes;
-  /// What the query adds to the JSON object: "query", "query_family", "query_style", "query_installed".
+  /// What the query adds to the JSON object: "query", "query_family", "query_style",
+  /// "query_installed"; for a font the module knows, "query_known" with "query_source" and
+  /// "query_licence" (a face) or "look_alikes" (a family).
   std::string JsonHead() const;
   /// Why the answer holds no font ("" when it holds some), given the filters asked for.
   std::string EmptyReason(bool other_families, bool classes) const;

@@ -51,6 +51,7 @@ std::string Field(const std::string& field, const OutputRow& r) {
   if (field == "likeness") return r.likeness ? Score(*r.likeness) : "";
   if (field == "classes") return r.classes ? Classes(*r.classes, kClassShortNames, ",") : "";
   if (field == "status") return r.status ? *r.status : "";
+  if (field == "look_alike") return r.look_alike ? *r.look_alike : "";
   if (field == "same_outlines") {
     std::string names;
     for (const std::string& n : r.same_outlines) names += (names.empty() ? "" : ",") + n;
@@ -110,10 +111,10 @@ void FoldSameOutlines(std::vector<OutputRow>& rows) {
 
 const std::vector<std::string>& FormatFields() {
   static const std::vector<std::string> kFields = {
-      "name",       "family",   "style",     "file",    "index",   "weight",
-      "width",      "slant",    "score",     "classes", "status",  "same_outlines",
-      "confidence", "likeness", "installed", "source",  "licence", "closest_installed",
-      "where"};
+      "name",       "family",    "style",     "file",    "index",   "weight",
+      "width",      "slant",     "score",     "classes", "status",  "same_outlines",
+      "confidence", "likeness",  "installed", "source",  "licence", "closest_installed",
+      "where",      "look_alike"};
   return kFields;
 }
 
@@ -169,6 +170,7 @@ std::string JsonRow(const OutputRow& r) {
     for (size_t i = 0; i < r.closest_installed.size(); ++i) out += (i ? ", " : "") + JsonString(r.closest_installed[i]);
     out += "]";
   }
+  if (r.look_alike) out += ", \"look_alike\": " + JsonString(*r.look_alike);
   return out + "}";
 }
 

@@ -30,7 +30,8 @@ struct OutputRow {
   std::optional<bool> installed;
   std::string source, licence;
   std::vector<std::string> closest_installed;
-  uint64_t outline_print = 0;  ///< not printed: what tells faces with the same outlines
+  std::optional<std::string> look_alike;  ///< similar: "clone", "revival" or "look-alike" of the family asked about
+  uint64_t outline_print = 0;             ///< not printed: what tells faces with the same outlines
 };
 
 /// A format error: an unknown field or an unclosed %{.
@@ -52,8 +53,8 @@ std::string FormatRow(const std::string& format, const OutputRow& row);
 /// The header line of a format: each field's name in capitals, the text between fields kept.
 std::string FormatHeader(const std::string& format);
 /// The row as a JSON object: name, family, style, file, index, weight, width, slant, then score,
-/// classes (label strings), status, same_outlines (names), installed, source, licence and
-/// closest_installed where the row has them.
+/// classes (label strings), status, same_outlines (names), installed, source, licence,
+/// closest_installed and look_alike where the row has them.
 std::string JsonRow(const OutputRow& row);
 
 }  // namespace fontrix::host

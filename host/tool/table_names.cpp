@@ -18,36 +18,12 @@ namespace {
 
 bool Has(const std::string& folded, const char* word) { return folded.find(word) != std::string::npos; }
 
-// Whether `text` is made of the words style names are made of ("Bold Italic", "SemiCondensed"),
-// so that "Averia Sans" is not Averia in a style "Sans".
-bool IsStyleName(const std::string& text) {
-  static const char* const kWords[] = {"italic",  "oblique",   "regular", "book",       "normal",   "roman",
-                                       "upright", "condensed", "narrow",  "compressed", "expanded", "extended",
-                                       "semi",    "demi",      "extra",   "ultra",      "hairline", "thin",
-                                       "light",   "medium",    "bold",    "black",      "heavy"};
-  std::string rest = FoldedName(text);
-  while (!rest.empty()) {
-    size_t taken = 0;
-    for (const char* word : kWords)
-      if (rest.compare(0, std::string(word).size(), word) == 0) taken = std::max(taken, std::string(word).size());
-    if (!taken) return false;
-    rest.erase(0, taken);
-  }
-  return true;
-}
-
-// What was asked of a face within its family: a style name, and the traits to come near.
-struct Wanted {
-  std::string style;  // exact style name asked for; empty when none
-  StyleTraits traits;
-};
-
 int Cost(const StyleTraits& want, const StyleTraits& have) {
   return (want.italic != have.italic ? 10000 : 0) + (want.narrow_or_wide != have.narrow_or_wide ? 1000 : 0) +
          std::abs(want.weight - have.weight);
 }
 
-TableMatch InFamily(const std::vector<const TableFace*>& family, const Wanted& wanted) {
+TableMatch InFamily(const std::vector<const TableFace*>& family, const AskedFace& wanted) {
   if (!wanted.style.empty())
     for (const TableFace* f : family)
       if (FoldedName(f->style) == FoldedName(wanted.style)) return {f, true};
@@ -67,43 +43,56 @@ std::vector<const TableFace*> FamilyFaces(const std::vector<TableFace>& faces, c
   return out;
 }
 
-// A fontconfig pattern's family and what it asks of the face: a style name, or a weight (in
-// fontconfig's scale) and a slant.
-TableMatch FromPattern(const std::vector<TableFace>& faces, const std::string& typed, const std::string& style) {
+}  // namespace
+
+bool IsStyleName(const std::string& text) {
+  static const char* const kWords[] = {"italic",  "oblique",   "regular", "book",       "normal",   "roman",
+                                       "upright", "condensed", "narrow",  "compressed", "expanded", "extended",
+                                       "semi",    "demi",      "extra",   "ultra",      "hairline", "thin",
+                                       "light",   "medium",    "bold",    "black",      "heavy"};
+  std::string rest = FoldedName(text);
+  while (!rest.empty()) {
+    size_t taken = 0;
+    for (const char* word : kWords)
+      if (rest.compare(0, std::string(word).size(), word) == 0) taken = std::max(taken, std::string(word).size());
+    if (!taken) return false;
+    rest.erase(0, taken);
+  }
+  return true;
+}
+
+AskedFace ParseFacePattern(const std::string& typed, const std::string& style) {
+  AskedFace asked;
   FcPattern* pattern = FcNameParse(reinterpret_cast<const FcChar8*>(typed.c_str()));
-  if (!pattern) return {};
+  if (!pattern) return asked;
   FcChar8* value = nullptr;
-  std::string family;
-  Wanted wanted;
-  if (FcPatternGetString(pattern, FC_FAMILY, 0, &value) == FcResultMatch) family = reinterpret_cast<const char*>(value);
+  if (FcPatternGetString(pattern, FC_FAMILY, 0, &value) == FcResultMatch)
+    asked.family = reinterpret_cast<const char*>(value);
   if (FcPatternGetString(pattern, FC_STYLE, 0, &value) == FcResultMatch) {
-    wanted.style = reinterpret_cast<const char*>(value);
-    wanted.traits = TraitsOfStyle(wanted.style);
+    asked.style = reinterpret_cast<const char*>(value);
+    asked.traits = TraitsOfStyle(asked.style);
   }
   // ":bold" parses to an integer, ":weight=187.5" to a double.
   FcValue weight;
   if (FcPatternGet(pattern, FC_WEIGHT, 0, &weight) == FcResultMatch &&
       (weight.type == FcTypeInteger || weight.type == FcTypeDouble))
-    wanted.traits.weight =
+    asked.traits.weight =
         int(FcWeightToOpenTypeDouble(weight.type == FcTypeInteger ? double(weight.u.i) : weight.u.d) + 0.5);
   int slant = 0;
-  if (FcPatternGetInteger(pattern, FC_SLANT, 0, &slant) == FcResultMatch) wanted.traits.italic = slant > 0;
+  if (FcPatternGetInteger(pattern, FC_SLANT, 0, &slant) == FcResultMatch) asked.traits.italic = slant > 0;
   int width = 0;
-  if (FcPatternGetInteger(pattern, FC_WIDTH, 0, &width) == FcResultMatch) wanted.traits.narrow_or_wide = width != 100;
+  if (FcPatternGetInteger(pattern, FC_WIDTH, 0, &width) == FcResultMatch) asked.traits.narrow_or_wide = width != 100;
   FcPatternDestroy(pattern);
   // A style adds to the pattern as it does for installed faces: "Family:bold" in italic.
   if (!style.empty()) {
     const StyleTraits added = TraitsOfStyle(style);
-    if (added.weight != StyleTraits().weight) wanted.traits.weight = added.weight;
-    wanted.traits.italic = wanted.traits.italic || added.italic;
-    wanted.traits.narrow_or_wide = wanted.traits.narrow_or_wide || added.narrow_or_wide;
-    wanted.style.clear();
+    if (added.weight != StyleTraits().weight) asked.traits.weight = added.weight;
+    asked.traits.italic = asked.traits.italic || added.italic;
+    asked.traits.narrow_or_wide = asked.traits.narrow_or_wide || added.narrow_or_wide;
+    asked.style.clear();
   }
-  const auto family_faces = FamilyFaces(faces, family);
-  return family_faces.empty() ? TableMatch{} : InFamily(family_faces, wanted);
+  return asked;
 }
-
-}  // namespace
 
 StyleTraits TraitsOfStyle(const std::string& style) {
   // Longer names first: "semibold" holds "bold", "extralight" holds "light".
@@ -130,8 +119,12 @@ TableMatch ResolveTableFace(const std::vector<TableFace>& faces, const std::stri
     for (const TableFace& f : faces)
       if (exact ? f.name == typed : LowerCase(f.name) == LowerCase(typed))
         return style.empty() ? TableMatch{&f, true}
-                             : InFamily(FamilyFaces(faces, f.family), {style, TraitsOfStyle(style)});
-  if (typed.find(':') != std::string::npos) return FromPattern(faces, typed, style);
+                             : InFamily(FamilyFaces(faces, f.family), {f.family, style, TraitsOfStyle(style)});
+  if (typed.find(':') != std::string::npos) {
+    const AskedFace asked = ParseFacePattern(typed, style);
+    const auto family_faces = FamilyFaces(faces, asked.family);
+    return family_faces.empty() ? TableMatch{} : InFamily(family_faces, asked);
+  }
   // The longest run of leading words that names a family; the words after it are a style.
   std::vector<std::string> words;
   std::istringstream in(typed);
@@ -142,7 +135,7 @@ TableMatch ResolveTableFace(const std::vector<TableFace>& faces, const std::stri
     const auto family_faces = FamilyFaces(faces, family);
     if (family_faces.empty() || !IsStyleName(rest)) continue;
     const std::string asked = rest.empty() ? style : style.empty() ? rest : rest + " " + style;
-    return InFamily(family_faces, {asked, TraitsOfStyle(asked)});
+    return InFamily(family_faces, {family, asked, TraitsOfStyle(asked)});
   }
   return {};
 }

@@ -32,4 +32,18 @@ struct StyleTraits {
 };
 StyleTraits TraitsOfStyle(const std::string& style);
 
+/// Whether `text` is made only of the words style names are made of ("Bold Italic",
+/// "SemiCondensed"; "" too), so that "Averia Sans" is not Averia in a style "Sans".
+bool IsStyleName(const std::string& text);
+
+/// What a face asked for names: a family, a style name asked for exactly (empty when none),
+/// and the traits to come near.
+struct AskedFace {
+  std::string family, style;
+  StyleTraits traits;
+};
+/// A fontconfig pattern ("Averia:bold:italic", ":weight=180", ":style=Light") read as a family
+/// and what it asks of the face, with `style` added ("italic" makes "Family:bold" bold italic).
+AskedFace ParseFacePattern(const std::string& typed, const std::string& style);
+
 }  // namespace fontrix::host

@@ -358,6 +358,7 @@ class EffectsTest(unittest.TestCase):
         self.assert_untouched_document(out)
 
     def test_replace_missing_fonts(self):
+        import fontrix_ink
         installed = {f["family"].lower() for f in self.tool("fonts", "--all")["fonts"]}
         # A library face of the shipped similarity table that this machine lacks.
         with open(os.path.join(SOURCE, "data", "NQ_sim_meta_fs.bin")) as meta:
@@ -366,6 +367,7 @@ class EffectsTest(unittest.TestCase):
         face = next(f for f in table if len(f[0]) == 7 and f[5] == "Bold" and f[4].lower() not in installed
                     and re.fullmatch(r"[A-Za-z ]+", f[4]))
         family = face[4]
+        later = "'Helvetica Neue', 'DejaVu Serif', serif"
         document = SVG_HEAD + (
             '<text id="lib" x="10" y="20" style="font-family:\'%s\';font-weight:bold;font-size:10px">'
             '<tspan id="libs" x="10" y="20">was %s Bold</tspan></text>'
@@ -374,7 +376,12 @@ class EffectsTest(unittest.TestCase):
             '<text id="unknown" x="10" y="60" style="font-family:\'Zzyzx Grotesk\', sans-serif;font-style:italic;'
             'font-size:10px"><tspan x="10" y="60">was Zzyzx Grotesk Italic</tspan></text>'
             '<text id="here" x="10" y="80" style="font-family:\'DejaVu Sans\';font-size:10px">'
-            '<tspan x="10" y="80">DejaVu Sans, installed</tspan></text>' % (family, family)) + SVG_TAIL
+            '<tspan x="10" y="80">DejaVu Sans, installed</tspan></text>'
+            '<text id="later" x="10" y="100" style="font-family:%s;font-size:10px">'
+            '<tspan x="10" y="100">a later family is installed</tspan></text>'
+            '<text id="gotham" x="10" y="120" style="font-family:\'Gotham Light\', sans-serif;font-size:10px">'
+            '<tspan x="10" y="120">was Gotham Light</tspan></text>' % (family, family, later.replace("'", "&apos;"))
+        ) + SVG_TAIL
 
         out, record = self.script("replace", document, list_only=True)
         self.assertEqual(record["status"], 0, record["stderr"])
@@ -383,6 +390,7 @@ class EffectsTest(unittest.TestCase):
                         report)
         self.assertIn(family + " Bold → ", report)
         self.assertIn("Zzyzx Grotesk Italic → ", report)
+        self.assertIn("Helvetica Neue: kept, DejaVu Serif, later in the list, is installed (1 text)", report)
         # The installed font is not missing (though it may well be a replacement).
         self.assertFalse(any(line.startswith("DejaVu Sans") for line in report.splitlines()), report)
         self.assertNotIn("Traceback", report)
@@ -391,23 +399,39 @@ class EffectsTest(unittest.TestCase):
         out, record = self.effect("replace", document, list_only=False)
         self.assertEqual(record["status"], 0, record["stderr"])
         self.assertTrue(record["stderr"].startswith("Missing fonts replaced:"), record["stderr"])
-        # The table face: the installed font most like it, of the ten most like it the first upright one.
-        like = self.tool("similar", "%s:weight=200:slant=0" % family, "--limit", "10")
-        self.assertFalse(like["query_installed"])
-        chosen = next((f for f in like["results"] if f["slant"] == 0), like["results"][0])
-        self.assert_set_in(out.getElementById("lib"), chosen)
-        self.assertIn("%s Bold → %s %s (most like" % (family, chosen["family"], chosen["style"]), record["stderr"])
-        # A name fontconfig substitutes: its substitute, where this machine has one.
-        fonts = {f["name"]: f for f in self.tool("fonts", "--all")["fonts"]}
-        alias = run([self.fontrix, "similar", "Helvetica:weight=80:slant=0", "--json"], env=self.env)
-        if alias.returncode == 0:
-            self.assert_set_in(out.getElementById("alias"), fonts[json.loads(alias.stdout)["query"]])
+
+        def substitute(css, *args):
+            (answer,) = self.tool("substitute", css, *args)["substitutions"]
+            return answer, {"family": answer["family"], "weight": fontrix_ink.fc_weight(answer["weight"] or 400),
+                            "slant": 100 if answer["italic"] else 0}
+
+        # Each text set as fontrix substitute says: the table face replaced by the installed font
+        # most like it, the well-known families drawn by their clone or replaced by a look-alike.
+        for element, css, args, description in (("lib", "'%s'" % family, ["--weight", "700"], family + " Bold"),
+                                                ("alias", "Helvetica", [], "Helvetica"),
+                                                ("gotham", "'Gotham Light', sans-serif", [], "Gotham Light")):
+            with self.subTest(element):
+                answer, font = substitute(css, *args)
+                self.assertIn(answer["action"], ("keep", "replace"), answer)
+                if answer["action"] == "keep":
+                    self.assertEqual(fontrix_ink.split_families(out.getElementById(element).style.get("font-family")),
+                                     fontrix_ink.split_families(css))
+                    self.assertIn("%s: kept, %s" % (description, answer["why"]), record["stderr"])
+                else:
+                    self.assert_set_in(out.getElementById(element), font)
+                    said = "%s → %s %s (%s; 1 text)" % (description, answer["family"], answer["style"], answer["why"])
+                    self.assertIn(said, record["stderr"])
+                    self.assertIn(answer["family"].lower(), installed)
         # A name nobody knows: the installed face fontconfig gives for its generic family.
+        fonts = {f["name"]: f for f in self.tool("fonts", "--all")["fonts"]}
         generic = self.tool("similar", "sans-serif:weight=80:slant=100", "--limit", "1")
         self.assert_set_in(out.getElementById("unknown"), fonts[generic["query"]])
+        self.assertIn("Zzyzx Grotesk Italic → %s %s (unknown to Fontrix; fontconfig's sans-serif font"
+                      % (fonts[generic["query"]]["family"], fonts[generic["query"]]["style"]), record["stderr"])
+        # Lists drawn here stay as they are.
         self.assertEqual(out.getElementById("here").style.get("font-family"), "'DejaVu Sans'")
-        for element in ("lib", "alias", "unknown"):
-            self.assertIn(out.getElementById(element).style.get("font-family").strip("'").lower(), installed)
+        self.assertEqual(fontrix_ink.split_families(out.getElementById("later").style.get("font-family")),
+                         ["Helvetica Neue", "DejaVu Serif", "serif"])
         self.picture(out, "replace")
 
     def test_fonts_by_style(self):
@@ -452,8 +476,8 @@ class EffectsTest(unittest.TestCase):
         for name, select, options, said in (
                 ("identify", "t1", {}, "Identify font works on a bitmap image, and the selection holds none."),
                 ("by-style", None, {}, "Tick at least one style class."),
-                ("similar", "t2", {}, "Fontrix knows no font Zzyzx Grotesk: it is not installed, nor a face of "
-                                      "its similarity table.")):
+                ("similar", "t2", {}, "Fontrix knows no font Zzyzx Grotesk: it is not installed, nor a font its "
+                                      "data knows.")):
             out, record = self.script(name, document, select, **options)
             self.assertNotEqual(record["status"], 0, name)
             self.assertEqual(record["stderr"], said + "\n", name)

@@ -164,11 +164,11 @@ class ReplacementRulesTest(unittest.TestCase):
                                 ("Alegreya SC", "sans-serif"), ("Big Shoulders Display", "fantasy")):
             self.assertEqual(fx_replace.generic_of_name(family), generic, family)
 
-    def test_upright_text_stays_upright(self):
-        ranked = [{"name": "a", "slant": 100}, {"name": "b", "slant": 0}, {"name": "c", "slant": 110}]
-        self.assertEqual(fx_replace.upright_like(ranked, fx.Face("X", 700))["name"], "b")
-        self.assertEqual(fx_replace.upright_like(ranked, fx.Face("X", 400, "oblique"))["name"], "a")
-        self.assertEqual(fx_replace.upright_like(ranked[:1], fx.Face("X"))["name"], "a")
+    def test_family_lists_for_fontrix_substitute_quote_all_but_generic_names(self):
+        # Quoted, a generic name would be a family of that name; quotes and backslashes escaped
+        # as CSS escapes them (fontrix reads "'It\\'s'" as It's).
+        self.assertEqual(fx.family_list(["It's", "Back\\slash", "DejaVu Sans", "Sans-Serif", "monospace"]),
+                         "'It\\'s', 'Back\\\\slash', 'DejaVu Sans', Sans-Serif, monospace")
 
 
 class PlacesTest(unittest.TestCase):

@@ -280,7 +280,9 @@ async function findAlternatives() {
   $("query-face").append(queryList);
   if (!answer.results.length) $("similar-message").textContent = answer.message;
   for (const row of answer.results) {
-    const card = faceCard(row, { extra: ["likeness " + row.score.toFixed(2)] });
+    // An installed look-alike of a well-known family asked about has no score when it was itself
+    // the question.
+    const card = faceCard(row, { extra: [row.score !== undefined ? "likeness " + row.score.toFixed(2) : row.look_alike] });
     const box = element("input", { type: "checkbox", id: "compare-" + row.name });
     box.addEventListener("change", () => {
       if (box.checked && compared.size >= 3) {
