@@ -38,6 +38,9 @@ MAGIC = b"FXVEC16\n"
 SCALE = 32767.0
 HEADER = "unique_name\tfamily\tstyle\tweight\titalic\tsource\tlicence\tvector"
 NPM_WEIGHT = re.compile(r"-(\d{3})-(normal|italic)\.woff2$")
+# Names a font may give as its family that are CSS's and fontconfig's generic families: a known
+# face so named would answer for every request of that generic family.
+GENERIC = {"sans", "serif", "mono", "monospace", "sans-serif", "cursive", "fantasy", "system-ui"}
 
 
 def pack(rows, network):
@@ -109,7 +112,10 @@ def corpus_faces():
         match = NPM_WEIGHT.search(path)
         if match:  # the manifest's weight is what fontconfig made of the file; the file name says the CSS one
             weight = match.group(1)
-        faces.append({"name": name, "family": families.get(name, family), "style": style, "weight": int(weight),
+        family = families.get(name, family)
+        if family.lower() in GENERIC:  # such as arkpandora's Aerial: its unique name says what it is
+            family = name.split("-")[0]
+        faces.append({"name": name, "family": family, "style": style, "weight": int(weight),
                       "italic": int(italic), "source": package.split("=")[0], "licence": licence or "unknown",
                       "file": path})
     return faces
