@@ -17,14 +17,19 @@ double LogRatio(double a, double b) { return std::log(std::max(a, 1e-9) / std::m
 
 }  // namespace
 
-std::array<double, 6> ConfidenceInputs(const AnswerFacts& f) {
+std::array<double, kConfidenceInputCount> ConfidenceInputs(const AnswerFacts& f) {
   const bool lines = f.likeness >= 0 && f.bestLikeness >= 0;
+  const bool knownFirst = lines && f.first && f.knownFace;
   return {1.0,
           LogRatio(f.score, f.firstScore),
           f.first ? 1.0 : 0.0,
           f.first && f.secondScore > 0 ? LogRatio(f.firstScore, f.secondScore) : 0.0,
           lines ? f.likeness : 0.0,
-          lines ? f.likeness - f.bestLikeness : 0.0};
+          lines ? f.likeness - f.bestLikeness : 0.0,
+          knownFirst ? 1.0 : 0.0,
+          knownFirst
+              ? std::min(kMostKnownLead, f.otherKnownLikeness >= 0 ? f.likeness - f.otherKnownLikeness : kMostKnownLead)
+              : 0.0};
 }
 
 namespace {
@@ -41,10 +46,10 @@ double ConfidenceModel::SureAt(const AnswerFacts& facts) const {
 
 double ConfidenceModel::Confidence(const AnswerFacts& facts) const {
   if (!loaded) return -1;
-  const std::array<double, 6> x = ConfidenceInputs(facts);
-  const std::array<double, 6>& w = !WithLines(facts)             ? withoutLines
-                                   : facts.withKnown && hasKnown ? withKnown
-                                                                 : withLines;
+  const std::array<double, kConfidenceInputCount> x = ConfidenceInputs(facts);
+  const std::array<double, kConfidenceInputCount>& w = !WithLines(facts)             ? withoutLines
+                                                       : facts.withKnown && hasKnown ? withKnown
+                                                                                     : withLines;
   double z = 0;
   for (size_t i = 0; i < x.size(); ++i) z += w[i] * x[i];
   return 1.0 / (1.0 + std::exp(-std::clamp(z, -60.0, 60.0)));
@@ -95,14 +100,19 @@ ConfidenceModel ParseConfidenceModel(const std::string& text, const std::string&
       throw fail("not 'with_lines|without_lines|with_known<TAB>input or sure_at<TAB>number'");
     }
   }
-  const size_t perModel = kConfidenceInputs.size() + 1;
-  const size_t knownGiven = size_t(
-      std::count_if(seen.begin(), seen.end(), [](const std::string& s) { return s.rfind("with_known/", 0) == 0; }));
-  if (seen.size() - knownGiven != 2 * perModel)
+  // Every input up to the optional ones, and sure_at, of a model.
+  const auto whole = [&](const std::string& m) {
+    if (!seen.count(m + "/sure_at")) return false;
+    for (size_t i = 0; i < kFirstOptionalInput; ++i)
+      if (!seen.count(m + "/" + kConfidenceInputs[i])) return false;
+    return true;
+  };
+  if (!whole("with_lines") || !whole("without_lines"))
     throw ConfidenceFileError(name + ": the weights and sure_at of both models are not all given");
-  if (knownGiven != 0 && knownGiven != perModel)
-    throw ConfidenceFileError(name + ": the model with_known is not whole");
-  model.hasKnown = knownGiven == perModel;
+  const bool anyKnown =
+      std::any_of(seen.begin(), seen.end(), [](const std::string& s) { return s.rfind("with_known/", 0) == 0; });
+  if (anyKnown && !whole("with_known")) throw ConfidenceFileError(name + ": the model with_known is not whole");
+  model.hasKnown = anyKnown;
   model.loaded = true;
   return model;
 }

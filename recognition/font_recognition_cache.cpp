@@ -598,6 +598,10 @@ void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::v
     facts.first = i == 0;
     facts.likeness = results[i].likeness;
     facts.bestLikeness = best;
+    facts.knownFace = !results[i].installed;
+    for (size_t j = 0; j < results.size(); ++j)
+      if (j != i && !results[j].installed)
+        facts.otherKnownLikeness = std::max(facts.otherKnownLikeness, results[j].likeness);
     facts.withKnown = withKnown;
     results[i].confidence = confidence_.Confidence(facts);
     results[i].sureAt = confidence_.SureAt(facts);

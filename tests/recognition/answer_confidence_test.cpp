@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <sstream>
 #include <string>
 
 namespace fontrix {
@@ -27,9 +28,9 @@ TEST(AnswerConfidence, TheShippedFileReadsAndEveryDamageIsNamed) {
   EXPECT_TRUE(ParseConfidenceModel(ModelText(), "m").loaded);
   const std::string good = ModelText();
   for (const auto& [bad, why] : std::vector<std::pair<std::string, std::string>>{
-           {ModelText("with_lines\tbias\t2\n"), "line 16: bias given twice"},
+           {ModelText("with_lines\tbias\t2\n"), "line 20: bias given twice"},
            {ModelText("with_lines\tsure_at\t0.7\n"), "sure_at given twice"},
-           {ModelText("sure_at\t0.5\n"), "line 16: not"},
+           {ModelText("sure_at\t0.5\n"), "line 20: not"},
            {good.substr(0, good.find("without_lines\tlikeness_gap")), "not all given"},
            {good.substr(0, good.rfind("without_lines\tsure_at")), "not all given"},
            {std::string(good).replace(good.find("\t20\n"), 4, "\tnan\n"), "'nan' is not a number"},
@@ -45,6 +46,43 @@ TEST(AnswerConfidence, TheShippedFileReadsAndEveryDamageIsNamed) {
       EXPECT_EQ(std::string(e.what()).rfind("m.tsv", 0), 0u) << e.what();
     }
   }
+}
+
+// A file of an older module, without the inputs for known faces, reads: they weigh nothing. Any
+// other input left out is damage.
+TEST(AnswerConfidence, FilesWithoutTheOptionalInputsRead) {
+  std::string older;
+  std::istringstream in(ModelText());
+  for (std::string line; std::getline(in, line);)
+    if (line.find("known_") == std::string::npos) older += line + "\n";
+  const ConfidenceModel model = ParseConfidenceModel(older, "m");
+  EXPECT_TRUE(model.loaded);
+  EXPECT_EQ(model.withLines[kFirstOptionalInput], 0.0);
+  const std::string without = older.substr(0, older.find("with_lines\tlikeness_gap")) +
+                              older.substr(older.find("with_lines\tsure_at"));
+  EXPECT_THROW(ParseConfidenceModel(without, "m"), ConfidenceFileError);
+}
+
+// A first answer that is a known face not installed says how far its line is ahead of the other
+// known faces' (at most kMostKnownLead); every other answer says nothing of it.
+TEST(AnswerConfidence, AKnownFaceFirstSaysHowFarAheadOfTheOtherKnownFacesItIs) {
+  AnswerFacts facts{0.5, 0.5, 0.25, true, 0.9, 0.9};
+  facts.withKnown = facts.knownFace = true;
+  facts.otherKnownLikeness = 0.897;
+  auto x = ConfidenceInputs(facts);
+  EXPECT_EQ(x[kFirstOptionalInput], 1.0);
+  EXPECT_NEAR(x[kFirstOptionalInput + 1], 0.003, 1e-12);
+  facts.otherKnownLikeness = 0.5;  // far behind: as far as counts
+  EXPECT_EQ(ConfidenceInputs(facts)[kFirstOptionalInput + 1], kMostKnownLead);
+  facts.otherKnownLikeness = -1;  // no other known face
+  EXPECT_EQ(ConfidenceInputs(facts)[kFirstOptionalInput + 1], kMostKnownLead);
+  facts.first = false;
+  x = ConfidenceInputs(facts);
+  EXPECT_EQ(x[kFirstOptionalInput], 0.0);
+  EXPECT_EQ(x[kFirstOptionalInput + 1], 0.0);
+  facts.first = true;
+  facts.knownFace = false;  // an installed answer first
+  EXPECT_EQ(ConfidenceInputs(facts)[kFirstOptionalInput], 0.0);
 }
 
 // The model picks its weights by whether the answer has a line, and a first answer far ahead of

@@ -33,7 +33,8 @@ import sys
 import numpy as np
 from fontrix_training import DATA
 
-INPUTS = ("bias", "score_ratio", "first", "lead", "likeness", "likeness_gap")
+INPUTS = ("bias", "score_ratio", "first", "lead", "likeness", "likeness_gap", "known_first", "known_lead")
+MOST_KNOWN_LEAD = 0.05
 
 
 def log_ratio(a, b):
@@ -47,9 +48,13 @@ def inputs(results, i):
     likeness = r.get("likeness", -1.0)
     best = max((x.get("likeness", -1.0) for x in results), default=-1.0)
     lines = likeness >= 0 and best >= 0
+    known_first = lines and i == 0 and r.get("installed") is False
+    others = [x.get("likeness", -1.0) for j, x in enumerate(results) if j != i and x.get("installed") is False]
+    lead = min(MOST_KNOWN_LEAD, likeness - max(others)) if others else MOST_KNOWN_LEAD
     return [1.0, log_ratio(r["score"], first), 1.0 if i == 0 else 0.0,
             log_ratio(first, second) if i == 0 and second > 0 else 0.0,
-            likeness if lines else 0.0, likeness - best if lines else 0.0]
+            likeness if lines else 0.0, likeness - best if lines else 0.0,
+            1.0 if known_first else 0.0, lead if known_first else 0.0]
 
 
 def examples(path):
@@ -118,9 +123,9 @@ def main():
     parser.add_argument("--to", default=os.path.join(DATA, "recognition_confidence.tsv"))
     args = parser.parse_args()
     x, y, first = examples(args.with_lines)
-    w_lines = fit(x, y, [True] * len(INPUTS))
+    w_lines = fit(x, y, [True] * 6 + [False] * 2)  # installed answers only: the known inputs are 0
     xp, yp, firstp = examples(args.without_lines)
-    w_plain = fit(xp, yp, [True] * 4 + [False, False])
+    w_plain = fit(xp, yp, [True] * 4 + [False] * 4)
     c = confidence(x, w_lines)
     sure_at = sure_threshold(c[first], y[first])
     sure_at_plain = sure_threshold(confidence(xp, w_plain)[firstp], yp[firstp])
