@@ -58,8 +58,8 @@ TEST(AnswerConfidence, FilesWithoutTheOptionalInputsRead) {
   const ConfidenceModel model = ParseConfidenceModel(older, "m");
   EXPECT_TRUE(model.loaded);
   EXPECT_EQ(model.withLines[kFirstOptionalInput], 0.0);
-  const std::string without = older.substr(0, older.find("with_lines\tlikeness_gap")) +
-                              older.substr(older.find("with_lines\tsure_at"));
+  const std::string without =
+      older.substr(0, older.find("with_lines\tlikeness_gap")) + older.substr(older.find("with_lines\tsure_at"));
   EXPECT_THROW(ParseConfidenceModel(without, "m"), ConfidenceFileError);
 }
 
