@@ -17,6 +17,9 @@ Usage: bench/class_answers.py [BUILD_DIR] [--no-vote] [--expected TSV] [--weight
   (primary first; each face should get them all), classes also acceptable (a monospace's
   serif or sans, not required and not wrong), a note. Faces of other families are not judged.
   --list: name every face a class was missed on or wrongly given.
+  --sheets DIR: per class, a contact sheet (PNG) of the listed faces classed so rightly, of
+  those it was missed on and of those it was wrongly given to, each a sample in the face labelled
+  with its family and style, to judge by eye what the figures count.
 """
 import argparse
 import json
@@ -75,6 +78,49 @@ def judge(fonts, expected):
     return counts, primary_set / max(1, judged), contradicted / max(1, judged), judged, misses
 
 
+def sheets(fonts, expected, build, folder, text="Handgloves 1984 quick Rivets"):
+    """Writes FOLDER/CLASS-classed.png, -missed.png and -wrongly-given.png for every class that has
+    faces of the kind; returns the files written."""
+    from PIL import Image, ImageDraw
+    os.makedirs(folder, exist_ok=True)
+    fontrix = os.path.join(build, "bin", "fontrix")
+    groups = {}
+    for font in fonts:
+        if font["family"] not in expected:
+            continue
+        required, acceptable = expected[font["family"]]
+        given = set(font["classes"])
+        for c in CLASSES:
+            kind = ("classed" if c in given else "missed") if c in required else \
+                "wrongly-given" if c in given and c not in acceptable else None
+            if kind:
+                groups.setdefault((c, kind), []).append(font)
+    written = []
+    with tempfile.TemporaryDirectory(prefix="fontrix-sheets-") as tmp:
+        for (c, kind), faces in sorted(groups.items()):
+            rows = []
+            for font in sorted(faces, key=lambda f: (f["family"], f["style"])):
+                path = os.path.join(tmp, "sample.png")
+                r = subprocess.run([fontrix, "specimen", font["name"], text, "-o", path, "--size", "32"],
+                                   capture_output=True, text=True)
+                sample = Image.open(path).convert("L") if r.returncode == 0 else Image.new("L", (10, 10), 255)
+                rows.append((f"{font['family']} {font['style']}", sample))
+            width = 300 + max(im.width for _, im in rows)
+            height = sum(max(24, im.height) + 6 for _, im in rows) + 40
+            sheet = Image.new("L", (width, height), 255)
+            draw = ImageDraw.Draw(sheet)
+            draw.text((10, 10), f"{c} {kind.replace('-', ' ')}: {len(rows)} faces", fill=0)
+            y = 40
+            for label, im in rows:
+                draw.text((10, y + 6), label, fill=0)
+                sheet.paste(im, (300, y))
+                y += max(24, im.height) + 6
+            out = os.path.join(folder, f"{c}-{kind}.png")
+            sheet.save(out)
+            written.append(out)
+    return written
+
+
 def run_fontrix(build, vote=True):
     fontrix = os.path.join(build, "bin", "fontrix")
     with tempfile.TemporaryDirectory(prefix="fontrix-classes-") as cache:
@@ -119,6 +165,7 @@ def main(argv=None):
     parser.add_argument("--weights")
     parser.add_argument("--answers")
     parser.add_argument("--list", action="store_true")
+    parser.add_argument("--sheets", help="write contact sheets per class into this folder")
     args = parser.parse_args(argv)
     expected = read_expected(args.expected)
     if args.answers:
@@ -142,6 +189,8 @@ def main(argv=None):
     print(f"primary class set: {100 * primary:.1f} %; a contradicting class set: {100 * contradicted:.1f} %")
     if args.list and misses:
         print("\n".join(misses))
+    if args.sheets:
+        print(f"{len(sheets(fonts, expected, args.build, args.sheets))} contact sheets in {args.sheets}")
     missing = sorted(set(expected) - families)
     if missing:
         print("listed families not installed: " + ", ".join(missing))

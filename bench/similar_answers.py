@@ -1,7 +1,10 @@
 #!/usr/bin/python3
 """What `fontrix similar --other-families` answers over every installed face, as a designer meets
 it: of each face's first five answers of other families, how many share its slant (upright or
-not) and lie within one weight step (fontconfig weight within 30); for the faces that have a twin
+not), lie within one weight step (fontconfig weight within 30) and share its primary style class
+(the corpus labels' for faces of the corpus, else the hand list of bench/class_answers.tsv; faces
+neither names are not judged), per class of the face asked about, and for each class how often
+the first answer has it when another family of the class is installed; for the faces that have a twin
 of another family (the same letters under another name, by the letter-likeness teacher drawing
 the installed faces: distance under 1), how often the twin is the first answer; and the time a
 whole `fontrix similar` process takes on a warm cache.
@@ -21,11 +24,25 @@ import time
 
 import numpy as np
 
-from fontrix_training import letter_likeness
+from fontrix_training import CORPUS, letter_likeness, tab_rows
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 TWIN = 1.0  # teacher units: the same letters under another name
+HAND_LIST = os.path.join(os.path.dirname(os.path.abspath(__file__)), "class_answers.tsv")
+
+
+def primary_classes(fonts):
+    """unique name -> primary style class of the installed faces the labels or the hand list name."""
+    labels = {row[0]: row[1].split(",")[0] for _, row in tab_rows(os.path.join(CORPUS, "labels.tsv"))
+              if row[0] != "unique_name"}
+    hand = {row[0]: row[1].split(",")[0] for _, row in tab_rows(HAND_LIST) if len(row) > 1 and row[1]}
+    primary = {}
+    for f in fonts:
+        c = labels.get(f["name"]) or hand.get(f["family"])
+        if c:
+            primary[f["name"]] = c
+    return primary
 
 
 def main():
@@ -58,6 +75,9 @@ def main():
     def distance(a, b):
         return float(np.linalg.norm(vectors[row[a]] - vectors[row[b]]))
 
+    primary = primary_classes(fonts)
+    kind = {}  # class of the face asked about -> [answers judged, answers of its class]
+    kind_first = {}  # class -> [faces whose class another installed family has, first answer of it]
     slant = weight = answered = 0
     twins = twin_first = 0
     times, misses = [], []
@@ -69,10 +89,19 @@ def main():
             print(f"{face['name']}: {r.stderr.strip()}")
             continue
         results = json.loads(r.stdout)["results"]
+        own = primary.get(face["name"])
         for answer in results:
             answered += 1
             slant += (answer["slant"] > 0) == (face["slant"] > 0)
             weight += abs(answer["weight"] - face["weight"]) <= 30
+            if own and answer["name"] in primary:
+                k = kind.setdefault(own, [0, 0])
+                k[0] += 1
+                k[1] += primary[answer["name"]] == own
+        if own and results and any(primary.get(f["name"]) == own for f in fonts if f["family"] != face["family"]):
+            k = kind_first.setdefault(own, [0, 0])
+            k[0] += 1
+            k[1] += primary.get(results[0]["name"]) == own
         if face["name"] not in row or not results:
             continue
         others = [f["name"] for f in fonts if f["family"] != face["family"] and f["name"] in row]
@@ -86,6 +115,13 @@ def main():
     times.sort()
     print(f"{len(fonts)} faces, {answered} answers of other families")
     print(f"slant shared: {100 * slant / answered:.1f} %; within one weight step: {100 * weight / answered:.1f} %")
+    judged, same = sum(k[0] for k in kind.values()), sum(k[1] for k in kind.values())
+    print(f"primary class shared: {100 * same / max(1, judged):.1f} % of {judged} answers judged "
+          f"({len(primary)} of {len(fonts)} faces have a known class)")
+    for c in sorted(kind):
+        first = kind_first.get(c, [0, 0])
+        print(f"  {c}: {kind[c][1]} of {kind[c][0]} answers of its class; first answer of its class for "
+              f"{first[1]} of {first[0]} faces whose class another installed family has")
     print(f"twin first: {twin_first} of {twins} faces with a twin ({100 * twin_first / max(1, twins):.1f} %)")
     if misses:
         print("  missed: " + "; ".join(misses[:20]))
