@@ -490,8 +490,9 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::MergeKnownLocked
   for (Result& r : answer) {
     const int32_t line =
         r.fontIndex >= 0 && size_t(r.fontIndex) < lineOfFont_.size() ? lineOfFont_[size_t(r.fontIndex)] : -1;
-    const std::vector<float>& values = line >= 0 ? lines_[size_t(line)].features : std::vector<float>();
-    r.likeness = values.size() == picture.size() ? Dot(RootLine(values.data(), values.size()), picture) : -1.0;
+    const std::vector<float>* values = line >= 0 ? &lines_[size_t(line)].features : nullptr;
+    r.likeness =
+        values && values->size() == picture.size() ? Dot(RootLine(values->data(), values->size()), picture) : -1.0;
     // An answer without a line counts as one that matches nothing.
     answerBar.push_back(std::max(0.0, r.likeness) + kKnownFacesMargin + kKnownFacesScoreMargin * r.score);
   }
