@@ -34,7 +34,8 @@ std::shared_ptr<FontRecognitionCache> LoadedCache() {
   deepnet::deepnet_set_num_threads(1);
   const std::string data = FONTRIX_SOURCE_DATA_DIR;
   auto cache = FontRecognitionCache::GetOrCreate();
-  FUZZ_CHECK(cache->Load({data + "/NQ_rec_model.dnm", data + "/NQ_rec_font.bin", data + "/NQ_loc_model.dnm", "", ""}));
+  FUZZ_CHECK(
+      cache->Load({data + "/NQ_rec_model.dnm", data + "/NQ_rec_font.bin", data + "/NQ_loc_model.dnm", "", "", "", ""}));
   return cache;
 }
 

@@ -26,16 +26,7 @@ void KnownFontRows(Host& host, const Options& options) {
     if (!text.empty() && LowerCase(f.name).find(text) == std::string::npos &&
         LowerCase(f.family).find(text) == std::string::npos)
       continue;
-    OutputRow row;
-    row.name = f.name;
-    row.family = f.family;
-    row.style = f.style;
-    row.weight = int(FcWeightFromOpenTypeDouble(f.weight) + 0.5);
-    row.slant = f.italic ? 100 : 0;
-    row.installed = f.installed;
-    row.source = f.source;
-    row.licence = f.licence;
-    rows.push_back(std::move(row));
+    rows.push_back(RowOf(f));
   }
   PrintRows(options, "", "fonts", rows, "%{name}\\t%{family}\\t%{style}\\t%{where}");
 }

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
+#include <unordered_map>
 
 #include "host/font_names.h"
 #include "host/specimen.h"
@@ -149,7 +151,7 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
     if (table_ok && (table.exact || !face_ok || !face.exact)) {
       notes.push_back("'" + typed + "' is not installed; answering for " + table.face->name + " (" +
                       table.face->family + " " + table.face->style + "), a face of the module's similarity table");
-      return {table.face->name, table.face->family, table.face->style, false};
+      return {table.face->name, table.face->family, table.face->style, false, "", "", "", {}};
     }
     if (face_ok) {
       const KnownFace& f = *face.face;
@@ -163,7 +165,7 @@ SimilarQuery ResolveSimilarQuery(Host& host, const SimilarRequest& request, std:
   }
   if (!installed) throw Failure(unknown);
   if (!installed->note.empty()) notes.push_back(installed->note);
-  return {installed->font->unique_name, installed->font->family, installed->font->style, true};
+  return {installed->font->unique_name, installed->font->family, installed->font->style, true, "", "", "", {}};
 }
 
 }  // namespace
@@ -231,6 +233,19 @@ std::vector<const HostFont*> ModuleFonts(Host& host) {
     if (found != by_face.end()) used.push_back(found->second);
   }
   return used;
+}
+
+OutputRow RowOf(const KnownFace& f) {
+  OutputRow row;
+  row.name = f.name;
+  row.family = f.family;
+  row.style = f.style;
+  row.weight = int(FcWeightFromOpenTypeDouble(f.weight) + 0.5);
+  row.slant = f.italic ? 100 : 0;
+  row.installed = f.installed;
+  row.source = f.source;
+  row.licence = f.licence;
+  return row;
 }
 
 OutputRow RowOf(const HostFont& f) {
@@ -423,32 +438,6 @@ std::vector<FontrixTextLine> TextLines(Host& host, const ImageRaster& image) {
   return lines;
 }
 
-namespace {
-
-// A known face as the module lists it, kept past the call that gives it.
-struct KnownFaceInfo {
-  std::string family, style, source, licence;
-  int weight = 400;
-  bool italic = false;
-};
-
-// The known faces that are not installed, by unique name.
-std::map<std::string, KnownFaceInfo> AbsentKnownFaces(const FontrixKnownFontsSuite& known) {
-  std::map<std::string, KnownFaceInfo> faces;
-  FontrixKnownFaceList list{&faces, [](void* c, const FontrixKnownFace* f) {
-                              if (f->installed) return;
-                              (*static_cast<std::map<std::string, KnownFaceInfo>*>(c))[f->name] = {
-                                  f->family, f->style, f->source, f->licence, f->weight, f->italic != 0};
-                            }};
-  if (known.GetKnownFaces(&list) != kQVNoErr) return {};
-  return faces;
-}
-
-// fontconfig's weight for a CSS one, as the rows of installed fonts give it.
-int FontconfigWeight(int css) { return int(FcWeightFromOpenTypeDouble(double(css)) + 0.5); }
-
-}  // namespace
-
 RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t limit, bool installed_only) {
   // The name a font points to lasts only as long as the call that gives it: kept as a string.
   struct Found {
@@ -463,13 +452,11 @@ RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t lim
   const auto* known = installed_only ? nullptr
                                      : static_cast<const FontrixKnownFontsSuite*>(
                                            host.AcquireSuite(kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion));
-  std::map<std::string, KnownFaceInfo> absent;
   if (known) {
     FontrixKnownAnswerList list{&answers, [](void* c, const FontrixKnownAnswer* a) {
                                   static_cast<std::vector<Found>*>(c)->push_back({a->name, *a});
                                 }};
     err = known->RecognizeKnownFonts(image.handle(), &list, &answer.sure_at);
-    if (err == kQVNoErr) absent = AbsentKnownFaces(*known);
   } else {
     HeldSuite<FontrixTextSuite> text(host, kFontrixTextSuite, kFontrixTextSuiteVersion);
     FontrixRecognizedFontList list{
@@ -485,31 +472,35 @@ RecognizeAnswer RecognizeRaster(Host& host, const ImageRaster& image, size_t lim
   std::vector<std::pair<std::string, double>> found;
   for (const Found& a : answers) found.emplace_back(a.name, a.answer.score);
   answer.rows = ResultRows(host, found, limit);
+  // What the data knows of the answers that are not installed, and the installed fonts a designer
+  // can use instead, through their similarity vectors. Without the similarity service the rows
+  // name them only.
+  KnownFonts knownFonts(host);
+  std::unordered_map<std::string_view, const KnownFace*> knownByName;
+  if (known && std::any_of(answers.begin(), answers.end(), [](const Found& a) { return !a.answer.installed; })) {
+    try {
+      for (const KnownFace& f : knownFonts.Faces()) knownByName.emplace(f.name, &f);
+    } catch (const Failure&) {
+    }
+  }
   for (size_t i = 0; i < answer.rows.size(); ++i) {
     const FontrixKnownAnswer& a = answers[i].answer;
     OutputRow& row = answer.rows[i];
+    const auto face = a.installed ? knownByName.end() : knownByName.find(row.name);
+    if (face != knownByName.end()) {
+      row = RowOf(*face->second);
+      row.score = a.score;
+      try {
+        for (const auto& [name, score] : knownFonts.SimilarTo({row.name})) {
+          if (row.closest_installed.size() == kClosestInstalled) break;
+          row.closest_installed.push_back(name);
+        }
+      } catch (const Failure&) {
+      }
+    }
+    if (known) row.installed = a.installed != 0;
     if (a.confidence >= 0) row.confidence = a.confidence;
     if (a.likeness >= 0) row.likeness = a.likeness;
-    if (!known) continue;
-    row.installed = a.installed != 0;
-    const auto face = absent.find(row.name);
-    if (row.installed.value() || face == absent.end()) continue;
-    const KnownFaceInfo& info = face->second;
-    row.family = info.family;
-    row.style = info.style;
-    row.weight = FontconfigWeight(info.weight);
-    row.slant = info.italic ? 100 : 0;
-    row.source = info.source;
-    row.licence = info.licence;
-    // The installed fonts a designer can use instead, through the face's similarity vector.
-    std::vector<std::string> closest;
-    FontrixFontList list{&closest, [](void* c) { static_cast<std::vector<std::string>*>(c)->clear(); },
-                         [](void* c, const FontrixFontResult* f) {
-                           auto& names = *static_cast<std::vector<std::string>*>(c);
-                           if (names.size() < kClosestInstalled) names.push_back(f->name);
-                         }};
-    const char* name = row.name.c_str();
-    if (known->GetSimilarToKnownFaces(&name, 1, &list) == kQVNoErr) row.closest_installed = closest;
   }
   if (known) host.ReleaseSuite(kFontrixKnownFontsSuite, kFontrixKnownFontsSuiteVersion);
   Check(err, "the recognition query");

@@ -12,6 +12,7 @@
 
 #include "host/host.h"
 #include "host/image.h"
+#include "host/tool/known_fonts.h"
 #include "host/tool/rows.h"
 #include "host/tool/table_names.h"
 #include "sdk/fontrix_suites.h"
@@ -69,6 +70,9 @@ int32_t ClassIndex(const std::string& text);
 std::vector<const HostFont*> ModuleFonts(Host& host);
 /// What the host knows of a face, as a row.
 OutputRow RowOf(const HostFont& f);
+/// What the module's data knows of a face the machine may lack, as a row: fontconfig's weight and
+/// slant for its CSS ones, whether it is installed, where it comes from and its licence.
+OutputRow RowOf(const KnownFace& f);
 /// By family (in any case), then weight, width and slant, as a type specimen book orders them.
 void SortByFamily(std::vector<const HostFont*>& fonts);
 /// The style classes of every font the module uses, as its feature suite answers them: by
