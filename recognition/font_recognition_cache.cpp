@@ -133,7 +133,13 @@ bool FontRecognitionCache::Load(const RecognitionPaths& paths) {
     linesFromFile_ = lines_.size();
     log.Info("Installed lines kept: ", lines_.size());
   }
-  if (ok) LoadKnownLocked(paths);
+  // The known faces are compared with the installed lines only: without them none is read.
+  knownRead_ = false;
+  knownNames_.clear();
+  knownLines_ = {};
+  knownAbsent_.clear();
+  knownFacesPath_ = ok && installedLines_ ? paths.knownFaces : "";
+  knownLinesPath_ = paths.knownLines;
   // The update task may have matched the installed fonts before (it waits for this load).
   MatchEntries();
   MatchLines();
@@ -266,23 +272,22 @@ void FontRecognitionCache::MatchLines() {
   named_.assign(installed_.size(), false);
   for (int32_t f : entryToFont_)
     if (f >= 0 && size_t(f) < named_.size()) named_[size_t(f)] = true;
-  knownAbsent_.clear();
-  const std::unordered_set<std::string_view> installed(installed_.begin(), installed_.end());
-  for (size_t k = 0; k < knownNames_.size(); ++k)
-    if (!installed.count(knownNames_[k]) && !knownLines_.IsZero(k)) knownAbsent_.push_back(uint32_t(k));
+  // Readers are shut out: the known faces read so far are matched again.
+  if (knownRead_) MatchKnown();
 }
 
-void FontRecognitionCache::LoadKnownLocked(const RecognitionPaths& paths) {
-  knownNames_.clear();
-  knownLines_ = {};
+void FontRecognitionCache::ReadKnownLocked() {
+  std::lock_guard<std::mutex> known(knownMutex_);
+  if (knownRead_) return;
+  knownRead_ = true;
   std::error_code absent;
-  if (paths.knownFaces.empty() || !std::filesystem::exists(paths.knownFaces, absent)) return;
+  if (knownFacesPath_.empty() || !std::filesystem::exists(knownFacesPath_, absent)) return;
   try {
     // The lines are as long as the network's "pool4"; the check sum of the network binds them to it.
-    knownLines_ = PackedVectors::Read(paths.knownLines, 0, NetworkCheckSum(paths.model));
-    for (KnownFace& face : ReadKnownFaces(paths.knownFaces, UINT32_MAX)) knownNames_.push_back(std::move(face.name));
+    knownLines_ = PackedVectors::Read(knownLinesPath_, 0, networkFingerprint_.sum);
+    for (KnownFace& face : ReadKnownFaces(knownFacesPath_, UINT32_MAX)) knownNames_.push_back(std::move(face.name));
     if (knownNames_.size() != knownLines_.Rows())
-      throw KnownFacesFileError(paths.knownLines + " holds " + std::to_string(knownLines_.Rows()) + " lines for " +
+      throw KnownFacesFileError(knownLinesPath_ + " holds " + std::to_string(knownLines_.Rows()) + " lines for " +
                                 std::to_string(knownNames_.size()) + " known faces");
     RecognitionLog().Info("Known faces' lines: ", knownNames_.size());
   } catch (const std::exception& e) {
@@ -292,13 +297,14 @@ void FontRecognitionCache::LoadKnownLocked(const RecognitionPaths& paths) {
     progress_.Report(CacheProgress::kWarning,
                      std::string(e.what()) + "; pictures are answered with installed fonts only");
   }
+  MatchKnown();
 }
 
-size_t FontRecognitionCache::KnownLines() {
-  std::shared_lock<std::shared_mutex> lock(lock_);
-  size_t count = 0;
-  for (size_t i = 0; i < knownNames_.size(); ++i) count += !knownLines_.IsZero(i);
-  return count;
+void FontRecognitionCache::MatchKnown() {
+  knownAbsent_.clear();
+  const std::unordered_set<std::string_view> installed(installed_.begin(), installed_.end());
+  for (size_t k = 0; k < knownNames_.size(); ++k)
+    if (!installed.count(knownNames_[k]) && !knownLines_.IsZero(k)) knownAbsent_.push_back(uint32_t(k));
 }
 
 void FontRecognitionCache::MatchEntries() {
@@ -536,6 +542,7 @@ std::vector<FontRecognitionCache::Result> FontRecognitionCache::GetRecognizedFon
     // Known faces are compared with the installed fonts' own lines: without them they would go
     // before every answer.
     if (withKnown && installedLines_) {
+      ReadKnownLocked();
       results = MergeKnownLocked(std::move(results), reading.features);
       RateLocked(results, {}, true);
     }

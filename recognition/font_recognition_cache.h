@@ -88,8 +88,6 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
                                             bool withKnown = false);
   /// The same for an image raster of the host.
   std::vector<Result> GetRecognizedFontList(QVRasterHandle image, bool withKnown = false);
-  /// Known faces with a line, installed or not (tests, diagnostics).
-  size_t KnownLines();
 
   /// The lines of text recognition reads in an image raster of the host, found by their ink;
   /// none when it shows no text.
@@ -151,18 +149,25 @@ class FontRecognitionCache : public ServiceCache<FontRecognitionCache, hostglue:
   /// lineOfFont_ and named_ from installed_, lines_ and entryToFont_. Caller holds lock_ exclusively.
   void MatchLines();
 
-  // Width cuts (letter_proportions.h): whether it is on, the installed fonts' handles (as
-  // installed_), and each one's letter proportion once measured (-1: not yet; 0: none).
-  // Known faces (known_faces.h): their names, their lines (packed, row i for face i), and those
-  // that are not installed and have a line, by index. Empty when the files are missing or cannot
-  // be used (said as a warning).
+  // Known faces (known_faces.h): their files, their names, their lines (packed, row i for face
+  // i), and those that are not installed and have a line, by index. Read at the first question
+  // over them, not at load (most processes never ask one), under knownMutex_; empty when the
+  // files are missing or cannot be used (said as a warning), or the installed lines are off.
+  std::mutex knownMutex_;
+  bool knownRead_ = false;
+  std::string knownFacesPath_, knownLinesPath_;
   std::vector<std::string> knownNames_;
   PackedVectors knownLines_;
   std::vector<uint32_t> knownAbsent_;
-  void LoadKnownLocked(const RecognitionPaths& paths);
+  /// Reads the known faces' files the first time it is called after a load. Caller holds lock_.
+  void ReadKnownLocked();
+  /// knownAbsent_ from knownNames_, knownLines_ and installed_.
+  void MatchKnown();
   /// The answer with the known faces that are not installed merged in. Caller holds lock_.
   /// The answers' likeness is given anew, as the known faces' is (their lines' values' roots).
   std::vector<Result> MergeKnownLocked(std::vector<Result> answer, const std::vector<float>& features) const;
+  // Width cuts (letter_proportions.h): whether it is on, the installed fonts' handles (as
+  // installed_), and each one's letter proportion once measured (-1: not yet; 0: none).
   bool widthCuts_ = false;
   std::vector<QVFontHandle> handles_;
   mutable std::vector<double> proportionOf_;

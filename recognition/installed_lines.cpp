@@ -11,6 +11,7 @@
 #include "shell/byte_reader.h"
 #include "shell/check_sum.h"
 #include "shell/file_bytes.h"
+#include "shell/packed_vectors.h"
 
 namespace fontrix {
 
@@ -47,11 +48,9 @@ uint64_t Fnv(uint64_t hash, const void* bytes, size_t n) {
 }  // namespace
 
 NetworkPrint NetworkFingerprint(const std::string& path) {
-  MappedFile file;
-  std::string why;
-  if (file.Map(path, why) != FileState::kRead) return {};
   NetworkPrint print;
-  print.sum = CheckSum(file.Data(), file.Size());
+  print.sum = NetworkCheckSum(path);  // the sum packed vectors of the network carry too
+  if (print.sum == 0) return {};
   print.fnv = [path] {
     std::string again, whyNot;
     return ReadFileBytes(path, again, whyNot) == FileState::kRead ? Fnv(kFnvStart, again.data(), again.size()) : 0;

@@ -127,7 +127,8 @@ int FontSimilarCache::LoadLocked(const SimilarityPaths& paths) {
       progress_.Report(CacheProgress::kFailure, table_.problem);
       log.Info("Similar Cache Unusable: ", table_.problem);
     }
-    if (result == kLoadOk) LoadKnownLocked(paths);
+    knownPaths_ = result == kLoadOk ? paths : SimilarityPaths();
+    knownRead_ = false;
     entryToFont_.assign(table_.Size(), -1);
     ++changes_;
   }
@@ -413,7 +414,10 @@ std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::Get
   return result;
 }
 
-void FontSimilarCache::LoadKnownLocked(const SimilarityPaths& paths) {
+void FontSimilarCache::ReadKnownLocked() {
+  if (knownRead_) return;
+  knownRead_ = true;
+  const SimilarityPaths& paths = knownPaths_;
   CacheLog& log = SimilarityLog();
   knownFaces_.clear();
   knownByName_.clear();
@@ -465,6 +469,7 @@ bool FontSimilarCache::KnownVectorLocked(const KnownFace& face, float* out) {
 
 void FontSimilarCache::VisitKnownFaces(const std::function<void(const KnownFace&, bool)>& visit) {
   std::lock_guard<std::mutex> lock(mutex_);
+  ReadKnownLocked();
   std::unordered_set<std::string_view> installed(installedNames_.begin(), installedNames_.end());
   for (const KnownFace& face : knownFaces_) visit(face, installed.count(face.name) > 0);
 }
@@ -473,6 +478,7 @@ std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::Get
     const std::vector<std::string>& names) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (table_.featureDim != kFeatureDim) return std::nullopt;
+  ReadKnownLocked();
   std::vector<float> query(kFeatureDim, 0.0f), vector(kFeatureDim);
   std::unordered_set<std::string_view> asked;
   size_t kept = 0;
@@ -498,6 +504,7 @@ std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::Get
 
 std::optional<KnownFamily> FontSimilarCache::FindKnownFamily(const std::string& name) {
   std::lock_guard<std::mutex> lock(mutex_);
+  ReadKnownLocked();
   const KnownFamily* family = fontrix::FindKnownFamily(knownFamilies_, name);
   if (!family) return std::nullopt;
   return *family;

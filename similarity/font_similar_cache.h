@@ -132,13 +132,17 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   std::vector<std::string> installedNames_;
   size_t storedThisRun_ = 0;               // entries this instance added
   std::set<std::string> unusableThisRun_;  // fonts that could not be imaged, by name
-  // Faces and families known without being installed; empty when their files are missing or
-  // cannot be used (said as a warning).
+  // Faces and families known without being installed, read from knownPaths_ at the first
+  // question over them, not at load (most processes never ask one); empty when their files are
+  // missing or cannot be used (said as a warning).
+  SimilarityPaths knownPaths_;
+  bool knownRead_ = false;
   std::vector<KnownFace> knownFaces_;
   std::unordered_map<std::string, size_t> knownByName_;
   PackedVectors knownVectors_;
   std::vector<KnownFamily> knownFamilies_;
-  void LoadKnownLocked(const SimilarityPaths& paths);  // with mutex_ held
+  /// Reads them the first time it is called after a load; with mutex_ held.
+  void ReadKnownLocked();
   /// A known face's vector into `out` (kFeatureDim floats); false when it has none.
   bool KnownVectorLocked(const KnownFace& face, float* out);
 };
