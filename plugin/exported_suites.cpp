@@ -1,11 +1,14 @@
 #include "plugin/exported_suites.h"
 
+#include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "classification/class_answers.h"
 #include "classification/font_feature_cache.h"
+#include "classification/labels.h"
 #include "plugin/fontrix.h"
 #include "plugin/tasks.h"
 #include "recognition/font_recognition_cache.h"
@@ -247,10 +250,10 @@ extern "C" QVErr GetKnownFamily(const char* name, void* context,
   return Answer([&] {
     const std::optional<KnownFamily> family = cache->FindKnownFamily(name);
     if (!family) return kQVNotFoundErr;
-    // The label string of its class, as the feature suite's labels are written: "fs_slab_serif".
-    std::string label = "fs_" + family->styleClass;
-    for (char& c : label)
-      if (c == ' ') c = '_';
+    // The label string of its class, as the feature suite's labels are written: "fs_slab_serif"
+    // (the table's class names are in the classifier's class order).
+    const auto at = std::find(std::begin(kKnownFamilyClasses), std::end(kKnownFamilyClasses), family->styleClass);
+    const std::string label = LabelName(int(at - std::begin(kKnownFamilyClasses)));
     std::vector<const char*> open, why;
     for (const KnownFamily::LookAlike& look : family->lookAlikes) {
       open.push_back(look.family.c_str());

@@ -592,11 +592,24 @@ void FontRecognitionCache::OrderWidthCutsLocked(std::vector<Result>& results, do
 void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::vector<float>& likeness,
                                       bool withKnown) const {
   double best = -1;
-  for (Result& r : results) {
+  // The two best likenesses of known faces that are not installed, and the first's place: each
+  // such answer's best other is the first's, or the second's for the first itself.
+  double bestKnown = -1, secondKnown = -1;
+  size_t bestKnownAt = results.size();
+  for (size_t i = 0; i < results.size(); ++i) {
+    Result& r = results[i];
     // Answers over the known faces have their likeness set when they were merged.
     if (r.installed && !likeness.empty())
       r.likeness = r.fontIndex >= 0 && size_t(r.fontIndex) < likeness.size() ? likeness[size_t(r.fontIndex)] : -1.0;
     best = std::max(best, r.likeness);
+    if (r.installed) continue;
+    if (r.likeness > bestKnown) {
+      secondKnown = bestKnown;
+      bestKnown = r.likeness;
+      bestKnownAt = i;
+    } else {
+      secondKnown = std::max(secondKnown, r.likeness);
+    }
   }
   for (size_t i = 0; i < results.size(); ++i) {
     AnswerFacts facts;
@@ -607,9 +620,7 @@ void FontRecognitionCache::RateLocked(std::vector<Result>& results, const std::v
     facts.likeness = results[i].likeness;
     facts.bestLikeness = best;
     facts.knownFace = !results[i].installed;
-    for (size_t j = 0; j < results.size(); ++j)
-      if (j != i && !results[j].installed)
-        facts.otherKnownLikeness = std::max(facts.otherKnownLikeness, results[j].likeness);
+    facts.otherKnownLikeness = i == bestKnownAt ? secondKnown : bestKnown;
     facts.withKnown = withKnown;
     results[i].confidence = confidence_.Confidence(facts);
     results[i].sureAt = confidence_.SureAt(facts);

@@ -421,6 +421,7 @@ void FontSimilarCache::ReadKnownLocked() {
   CacheLog& log = SimilarityLog();
   knownFaces_.clear();
   knownByName_.clear();
+  knownShippedEntry_.clear();
   knownVectors_ = {};
   knownFamilies_.clear();
   std::string why;
@@ -432,11 +433,20 @@ void FontSimilarCache::ReadKnownLocked() {
       knownVectors_ = PackedVectors::Read(paths.knownVectors, kFeatureDim, NetworkCheckSum(paths.model));
       knownFaces_ = ReadKnownFaces(paths.knownFaces, knownVectors_.Rows());
       knownByName_ = KnownFacesByName(knownFaces_);
+      // The faces the shipped pair holds are found there once, by name.
+      std::unordered_map<std::string_view, size_t> shipped;
+      for (size_t entry = 0; entry < table_.Size(); ++entry)
+        if (IsShipped(table_, entry)) shipped.emplace(table_.columns[kFieldName][entry], entry);
+      for (const KnownFace& face : knownFaces_) {
+        const auto it = face.vectorRow == KnownFace::kShipped ? shipped.find(face.name) : shipped.end();
+        knownShippedEntry_.push_back(it == shipped.end() ? -1 : int64_t(it->second));
+      }
       log.Info("Similar Cache Known Faces : ", knownFaces_.size());
     }
   } catch (const std::exception& e) {
     knownFaces_.clear();
     knownByName_.clear();
+    knownShippedEntry_.clear();
     knownVectors_ = {};
     why = std::string(e.what()) + "; faces that are not installed are not known";
   }
@@ -451,20 +461,16 @@ void FontSimilarCache::ReadKnownLocked() {
   }
 }
 
-bool FontSimilarCache::KnownVectorLocked(const KnownFace& face, float* out) {
-  if (face.vectorRow >= 0) {
-    knownVectors_.Unpack(size_t(face.vectorRow), out);
-    return !knownVectors_.IsZero(size_t(face.vectorRow));
+bool FontSimilarCache::KnownVectorLocked(size_t k, float* out) {
+  const int32_t row = knownFaces_[k].vectorRow;
+  if (row >= 0) {
+    knownVectors_.Unpack(size_t(row), out);
+    return !knownVectors_.IsZero(size_t(row));
   }
-  if (face.vectorRow != KnownFace::kShipped) return false;
-  const auto& names = table_.columns[kFieldName];
-  for (size_t entry = 0; entry < table_.Size(); ++entry)
-    if (IsShipped(table_, entry) && names[entry] == face.name) {
-      if (table_.status[entry] == kStatusUnusable) return false;
-      std::copy(table_.Feature(entry), table_.Feature(entry) + kFeatureDim, out);
-      return true;
-    }
-  return false;
+  const int64_t entry = knownShippedEntry_[k];
+  if (entry < 0 || table_.status[size_t(entry)] == kStatusUnusable) return false;
+  std::copy(table_.Feature(size_t(entry)), table_.Feature(size_t(entry)) + kFeatureDim, out);
+  return true;
 }
 
 void FontSimilarCache::VisitKnownFaces(const std::function<void(const KnownFace&, bool)>& visit) {
@@ -484,7 +490,7 @@ std::optional<std::vector<std::pair<std::string, double>>> FontSimilarCache::Get
   size_t kept = 0;
   for (const std::string& name : names) {
     const auto it = knownByName_.find(name);
-    if (it == knownByName_.end() || !KnownVectorLocked(knownFaces_[it->second], vector.data())) continue;
+    if (it == knownByName_.end() || !KnownVectorLocked(it->second, vector.data())) continue;
     asked.insert(name);
     const float weight = 1.0f / float(++kept);
     for (size_t i = 0; i < kFeatureDim; ++i) query[i] += weight * vector[i];

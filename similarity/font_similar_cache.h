@@ -139,12 +139,13 @@ class FontSimilarCache : public ServiceCache<FontSimilarCache, hostglue::FontAcc
   bool knownRead_ = false;
   std::vector<KnownFace> knownFaces_;
   std::unordered_map<std::string, size_t> knownByName_;
+  std::vector<int64_t> knownShippedEntry_;  ///< per known face, its shipped pair's entry, or -1
   PackedVectors knownVectors_;
   std::vector<KnownFamily> knownFamilies_;
   /// Reads them the first time it is called after a load; with mutex_ held.
   void ReadKnownLocked();
-  /// A known face's vector into `out` (kFeatureDim floats); false when it has none.
-  bool KnownVectorLocked(const KnownFace& face, float* out);
+  /// Known face `k`'s vector into `out` (kFeatureDim floats); false when it has none.
+  bool KnownVectorLocked(size_t k, float* out);
 };
 
 }  // namespace fontrix
