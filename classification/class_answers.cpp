@@ -21,7 +21,7 @@ namespace {
 
 struct State {
   std::mutex mutex;
-  std::string path;
+  std::string path, headPath;
   std::unique_ptr<ClassVote> vote;  // null until read, or when the file cannot be used
   std::string problem;              // why there is no vote
   std::set<std::string> said;       // reasons for plain answers already logged
@@ -121,7 +121,8 @@ bool Join(State& s, FontFeatureCache& features, FontSimilarCache& similarity, st
   }
   std::vector<bool> voting;
   const std::vector<float> voters = similarity.VectorsByName(voterNames, voting);
-  KeepVotesFor(s, VoteInputsIdentity(table, voters.data(), voting, kFeatureDim));
+  const ClassHead* head = s.vote->Head();
+  KeepVotesFor(s, VoteInputsIdentity(table, voters.data(), voting, kFeatureDim, head ? head->Identity() : 0));
 
   // Fonts without a vector keep the linear classes. Those whose linear classes and vector are as
   // kept take the kept mask; the others are voted on.
@@ -162,14 +163,36 @@ bool Join(State& s, FontFeatureCache& features, FontSimilarCache& similarity, st
   return true;
 }
 
+// Gives the vote the class head when its data file has rules for one. Without the head's file,
+// or with one that cannot be used, the classes are those of the rows and the vote: the user is
+// told, since they differ from what the head would give.
+void LoadHead(State& s) {
+  if (!s.vote->Table().headRuled) {
+    ClassificationLog().Info("Class head not used: ", s.path, " holds no rules for it");
+    return;
+  }
+  try {
+    if (s.headPath.empty()) throw ClassHeadError(std::string(kClassHeadFileName) + ": the host gave no data folder");
+    s.vote->SetHead(std::make_shared<const ClassHead>(s.headPath, kFeatureDim));
+    ClassificationLog().Info("Class head loaded from ", s.headPath);
+  } catch (const std::exception& e) {
+    ClassificationLog().Info("Class head not used: ", e.what());
+    if (auto cache = FontFeatureCache::Instance())
+      cache->Progress().Report(CacheProgress::kWarning, std::string("the class head's data ") + e.what() +
+                                                            "; style classes come from the rows and the vote alone");
+  }
+}
+
 }  // namespace
 
 void ClassAnswers::SetUpPath() {
   ClassVoteEnabled();  // asked of the host here, on its main thread, and kept
+  ClassHeadEnabled();
   const std::string folder = qv::FolderPath(kQVFolderPluginData, false);
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.path = FileInFolder(folder, kClassVoteFileName);
+  s.headPath = FileInFolder(folder, kClassHeadFileName);
   s.votesPath = FileInFolder(qv::FolderPath(kQVFolderUserCache, true), kKeptClassVotesFileName);
 }
 
@@ -184,6 +207,7 @@ void ClassAnswers::Load() {
     s.vote = std::make_unique<ClassVote>(ReadClassVoteFile(s.path));
     s.problem.clear();
     ClassificationLog().Info("Class vote loaded: ", s.vote->Table().faces.size(), " faces from ", s.path);
+    if (ClassHeadEnabled()) LoadHead(s);
   } catch (const std::exception& e) {
     s.problem = e.what();
     SayPlain(s, s.problem);

@@ -11,6 +11,9 @@
 // linear classes alone, said once in the classification log; a file that is there but cannot be
 // used is also the classification service's warning (a data folder without it, made for another
 // table, is not).
+// With the switch "Text/FontClassHead" on and rules for it in the vote's file, the class head
+// (classification/class_head.h) reads each font's vector too, and its probabilities join the
+// vote's support; without its file, or with one that cannot be used (a warning), they do not.
 #include <cstdint>
 #include <memory>
 #include <string>

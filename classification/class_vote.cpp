@@ -58,7 +58,7 @@ int ClassNumber(const std::string& label) {
 ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) {
   Parser parse(source);
   ClassVoteTable table;
-  std::array<bool, kStyleClassCount> ruled{};
+  std::array<bool, kStyleClassCount> ruled{}, headRuled{};
   bool haveK = false, haveTemperature = false;
   int64_t expected = -1;
   std::unordered_map<std::string, int> lineOf;
@@ -101,6 +101,18 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
       if (rule.low < 0 || rule.low > 1) parse.Fail("low must lie between 0 and 1");
       if (rule.high < rule.low) parse.Fail("high must not be below low");
       ruled[size_t(c)] = true;
+    } else if (key == "head_rule" && f.size() == 5) {
+      const int c = ClassNumber(f[1]);
+      if (c < 0) parse.Fail("no style class is called '" + f[1] + "'");
+      if (headRuled[size_t(c)]) parse.Fail("a second head rule for " + f[1]);
+      ClassHeadRule& rule = table.headRules[size_t(c)];
+      rule.low = parse.Number(f[2], "low");
+      rule.high = parse.Number(f[3], "high");
+      rule.weight = parse.Number(f[4], "the head's weight");
+      if (rule.low < 0 || rule.low > 1) parse.Fail("low must lie between 0 and 1");
+      if (rule.high < rule.low) parse.Fail("high must not be below low");
+      if (!(rule.weight >= 0 && rule.weight <= 1)) parse.Fail("the head's weight must lie between 0 and 1");
+      headRuled[size_t(c)] = table.headRuled = true;
     } else if (key == "faces" && f.size() == 2) {
       if (expected >= 0) parse.Fail("the face count is given twice");
       expected = parse.Whole(f[1], "the face count");
@@ -113,6 +125,9 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
   if (!haveK || !haveTemperature) throw ClassVoteFileError(whole + "k or the temperature is missing");
   for (int c = 0; c < kStyleClassCount; ++c)
     if (!ruled[size_t(c)]) throw ClassVoteFileError(whole + "no rule for " + LabelName(kClassBits[c].attribute));
+  for (int c = 0; c < kStyleClassCount; ++c)
+    if (table.headRuled && !headRuled[size_t(c)])
+      throw ClassVoteFileError(whole + "no head rule for " + LabelName(kClassBits[c].attribute));
   if (expected < 0) throw ClassVoteFileError(whole + "the face count is missing");
   if (int64_t(table.faces.size()) != expected)
     throw ClassVoteFileError(whole + std::to_string(table.faces.size()) + " faces where the count says " +
@@ -169,12 +184,18 @@ ClassSupport ClassVote::Support(const float* scores, const std::vector<bool>& vo
   return support;
 }
 
-uint32_t ClassVote::Combine(uint32_t linear, const ClassSupport& support) const {
+uint32_t ClassVote::Combine(uint32_t linear, const ClassSupport& support, const ClassProbabilities* head) const {
   uint32_t mask = 0;
   for (int c = 0; c < kStyleClassCount; ++c) {
-    const ClassVoteRule& rule = table_.rules[size_t(c)];
-    const double s = support[size_t(c)];
-    if (((linear & kClassBits[c].bit) && s >= rule.low) || s >= rule.high) mask |= kClassBits[c].bit;
+    double low = table_.rules[size_t(c)].low, high = table_.rules[size_t(c)].high;
+    double s = support[size_t(c)];
+    if (head) {
+      const ClassHeadRule& rule = table_.headRules[size_t(c)];
+      low = rule.low;
+      high = rule.high;
+      s = (1 - rule.weight) * s + rule.weight * (*head)[size_t(c)];
+    }
+    if (((linear & kClassBits[c].bit) && s >= low) || s >= high) mask |= kClassBits[c].bit;
   }
   return mask;
 }
@@ -191,12 +212,16 @@ std::vector<uint32_t> ClassVote::Masks(const std::vector<std::string>& names, co
   // Row-major: scores (count × faces) = vectors (count × dim) · votersᵀ, voters holding a row per
   // face, packed once for every block of fonts.
   const deepnet::packed_rhs packed(dim, faces, voters, dim, true);
+  const ClassHead* head = Head();
   for (size_t first = 0; first < names.size(); first += kBlock) {
     const size_t count = std::min(kBlock, names.size() - first);
     scores.assign(count * faces, 0.0f);
     deepnet::gemm(count, vectors + first * dim, dim, packed, scores.data(), faces, false);
+    const std::vector<ClassProbabilities> p =
+        head ? head->Probabilities(vectors + first * dim, count) : std::vector<ClassProbabilities>();
     for (size_t i = 0; i < count; ++i)
-      masks[first + i] = Combine(linear[first + i], Support(scores.data() + i * faces, voting, names[first + i]));
+      masks[first + i] = Combine(linear[first + i], Support(scores.data() + i * faces, voting, names[first + i]),
+                                 head ? &p[i] : nullptr);
   }
   return masks;
 }

@@ -14,14 +14,23 @@
 // A class is set when the linear rows set it and its support (the weighted share of the
 // neighbours that have it) is at least low, or when its support is at least high ("inf": never
 // by the vote alone).
+//
+// The file may also hold one line per style class for the class head (class_head.h), all or none:
+//
+//   head_rule <TAB> fs_slab_serif <TAB> 0.1 <TAB> 0.6 <TAB> 0.75    low, high, weight
+//
+// With the head's probability p, those rules stand in for the others with the evidence
+// (1 - weight) * support + weight * p in place of the support.
 #include <array>
 #include <cstdint>
 #include <istream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "classification/class_head.h"
 #include "classification/labels.h"
 
 namespace fontrix {
@@ -33,6 +42,12 @@ struct ClassVoteRule {
   double high = 0.0;
 };
 
+struct ClassHeadRule {
+  double low = 0.0;
+  double high = 0.0;
+  double weight = 0.0;  ///< the head's share of the evidence, 0 to 1
+};
+
 struct ClassVoteFace {
   std::string identifier, name;
   uint32_t mask = 0;
@@ -42,6 +57,8 @@ struct ClassVoteTable {
   int neighbours = 0;
   double temperature = 0.0;
   std::array<ClassVoteRule, kStyleClassCount> rules{};
+  bool headRuled = false;  ///< the file holds the head's rules
+  std::array<ClassHeadRule, kStyleClassCount> headRules{};
   std::vector<ClassVoteFace> faces;
 };
 
@@ -54,7 +71,7 @@ class ClassVoteFileError : public std::runtime_error {
 /// Reads a data file; throws ClassVoteFileError when it cannot be read or is not whole: a key
 /// missing or given twice, a rule for every class, numbers out of range (k at least 1, a
 /// temperature above 0, 0 <= low <= 1, low <= high), masks beyond the eight class bits, names
-/// given twice, a face count that differs from the face lines.
+/// given twice, a face count that differs from the face lines, head rules for some classes only.
 ClassVoteTable ReadClassVoteFile(const std::string& path);
 ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source);
 
@@ -65,12 +82,17 @@ class ClassVote {
  public:
   explicit ClassVote(ClassVoteTable table);
   const ClassVoteTable& Table() const { return table_; }
+  /// Joins the head's answers by the head rules from now on (null: the vote's own rules).
+  void SetHead(std::shared_ptr<const ClassHead> head) { head_ = std::move(head); }
+  /// The head whose answers are joined: set, and the file has rules for it; else null.
+  const ClassHead* Head() const { return table_.headRuled ? head_.get() : nullptr; }
 
   /// The support among the k best-scoring voters; `scores[j]` is the similarity to face j of the
   /// table, and faces j with `voting[j]` false, or named `self`, take no part.
   ClassSupport Support(const float* scores, const std::vector<bool>& voting, const std::string& self) const;
-  /// The classes the rule sets from the linear rows' mask and the support.
-  uint32_t Combine(uint32_t linear, const ClassSupport& support) const;
+  /// The classes the rules set from the linear rows' mask and the support; with `head`, the
+  /// head's probabilities, by the head rules.
+  uint32_t Combine(uint32_t linear, const ClassSupport& support, const ClassProbabilities* head = nullptr) const;
   /// The joined masks of fonts `names` with vectors `vectors` (a row of `dim` floats each) and
   /// linear masks `linear`. `voters` holds a row of `dim` floats per table face, in table
   /// order; faces with `voting[j]` false take no part.
@@ -80,6 +102,7 @@ class ClassVote {
 
  private:
   ClassVoteTable table_;
+  std::shared_ptr<const ClassHead> head_;
   std::unordered_map<std::string, size_t> faceOf_;  // unique name -> face
 };
 

@@ -38,7 +38,7 @@ using Reader = ByteReader<KeptClassVotesError>;
 uint64_t VectorHash(const float* vector, size_t dim) { return CheckSum(vector, dim * sizeof(float), 0); }
 
 uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, const std::vector<bool>& voting,
-                            size_t dim) {
+                            size_t dim, uint64_t head) {
   std::string shared;
   Put(shared, uint64_t(dim));
   Put(shared, int64_t(table.neighbours));
@@ -47,6 +47,14 @@ uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, co
     Put(shared, rule.low);
     Put(shared, rule.high);
   }
+  // The head's rules count only with a head: without one the answers do not depend on them.
+  Put(shared, head);
+  if (head)
+    for (const ClassHeadRule& rule : table.headRules) {
+      Put(shared, rule.low);
+      Put(shared, rule.high);
+      Put(shared, rule.weight);
+    }
   Put(shared, uint64_t(table.faces.size()));
   for (const ClassVoteFace& face : table.faces) {
     PutText(shared, face.identifier);

@@ -55,9 +55,10 @@ struct KeptClassVotes {
 /// A hash of a font's similarity vector.
 uint64_t VectorHash(const float* vector, size_t dim);
 /// The identity of the inputs every font's vote shares: the table, the voters' vectors (a row of
-/// `dim` floats per face, in table order), which of them vote, and the active kernels.
+/// `dim` floats per face, in table order), which of them vote, the active kernels, and the
+/// identity of the class head joined with its rules (0: none).
 uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, const std::vector<bool>& voting,
-                            size_t dim);
+                            size_t dim, uint64_t head = 0);
 
 /// The votes in `bytes` when they were kept for inputs `identity`; throws KeptClassVotesError
 /// when the bytes are damaged.

@@ -28,5 +28,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const fontrix::ClassSupport support = vote.Support(scores.data(), voting, faces ? table.faces.back().name : "");
   for (double s : support) FUZZ_CHECK(s >= 0.0 && s <= 1.0 + 1e-9);
   FUZZ_CHECK(vote.Combine(0xFF, support) <= 0xFF);
+  if (table.headRuled) {
+    for (const auto& rule : table.headRules) FUZZ_CHECK(rule.weight >= 0 && rule.weight <= 1 && rule.low <= rule.high);
+    fontrix::ClassProbabilities p;
+    p.fill(0.5);
+    FUZZ_CHECK(vote.Combine(0xFF, support, &p) <= 0xFF);
+  }
   return 0;
 }

@@ -62,12 +62,11 @@ std::string ResolveCacheDir(const std::string& option) {
 }
 
 std::vector<std::string> ServiceSwitches(const std::string& services) {
-  static const std::map<std::string, std::string> kServices = {{"classification", kSwitchClassification},
-                                                               {"similarity", kSwitchSimilarity},
-                                                               {"recognition", kSwitchRecognition},
-                                                               {"class-vote", kSwitchClassVote},
-                                                               {"installed-lines", kSwitchRecognitionInstalledLines},
-                                                               {"width-cuts", kSwitchRecognitionWidthCuts}};
+  static const std::map<std::string, std::string> kServices = {
+      {"classification", kSwitchClassification},  {"similarity", kSwitchSimilarity},
+      {"recognition", kSwitchRecognition},        {"class-vote", kSwitchClassVote},
+      {"class-head", kSwitchClassHead},           {"installed-lines", kSwitchRecognitionInstalledLines},
+      {"width-cuts", kSwitchRecognitionWidthCuts}};
   std::vector<std::string> keys;
   for (size_t start = 0; start <= services.size();) {
     const size_t comma = std::min(services.find(',', start), services.size());
@@ -78,7 +77,8 @@ std::vector<std::string> ServiceSwitches(const std::string& services) {
     if (it == kServices.end())
       throw std::runtime_error(
           "unknown service '" + service +
-          "' (known: classification, similarity, recognition, class-vote, installed-lines, width-cuts)");
+          "' (known: classification, similarity, recognition, class-vote, class-head, installed-lines, "
+          "width-cuts)");
     keys.push_back(it->second);
   }
   return keys;
@@ -89,6 +89,7 @@ std::map<std::string, bool> ResolveSwitches(const std::map<std::string, bool>& o
                                           {kSwitchSimilarity, true},
                                           {kSwitchRecognition, true},
                                           {kSwitchClassVote, true},
+                                          {kSwitchClassHead, true},
                                           {kSwitchDumpDebugInfo, false},
                                           {kSwitchRecognitionLargestLine, false},
                                           {kSwitchRecognitionInstalledLines, true},

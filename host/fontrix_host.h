@@ -37,7 +37,8 @@ typedef struct FontrixHostOptions {
    * $XDG_CACHE_HOME/fontrix, then ~/.cache/fontrix. */
   const char* cache_dir;
   /* Services to switch off, comma-separated: "classification", "similarity", "recognition", and
-   * "class-vote" (style classes from the linear rows alone), "installed-lines" (recognition from
+   * "class-vote" (style classes from the linear rows alone), "class-head" (style classes without
+   * the class head's reading of the similarity vectors), "installed-lines" (recognition from
    * the network's classes alone). Those named in $FONTRIX_DISABLE are off as well. */
   const char* disable;
 } FontrixHostOptions;

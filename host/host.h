@@ -78,6 +78,9 @@ inline constexpr const char* kSwitchRecognition = "TextDebug/FontRecognition";
 inline constexpr const char* kSwitchDumpDebugInfo = "TextDebug/DumpDebugInfo";
 /// The style classes joined with the vote of look-alike faces (on unless "class-vote" is disabled).
 inline constexpr const char* kSwitchClassVote = "Text/FontClassVote";
+/// The style classes joined with the class head's reading of the similarity vectors (on unless
+/// "class-head" is disabled).
+inline constexpr const char* kSwitchClassHead = "Text/FontClassHead";
 /// Recognition reads only the largest line of a picture of several (fontrix recognize --largest-line).
 inline constexpr const char* kSwitchRecognitionLargestLine = "Text/FontRecognitionLargestLine";
 /// Recognition also compares pictures with a line drawn in each installed font (on unless
@@ -86,7 +89,8 @@ inline constexpr const char* kSwitchRecognitionInstalledLines = "Text/FontRecogn
 inline constexpr const char* kSwitchRecognitionWidthCuts = "Text/FontRecognitionWidthCuts";
 
 /// The feature switches of a comma-separated list of services ("classification", "similarity",
-/// "recognition", and "class-vote" for the vote the style classes are joined with), as --disable
+/// "recognition", "class-vote" for the vote the style classes are joined with, "class-head" for
+/// the class head), as --disable
 /// and FONTRIX_DISABLE give them. Throws std::runtime_error naming an unknown service.
 std::vector<std::string> ServiceSwitches(const std::string& services);
 

@@ -34,7 +34,7 @@ struct kept_switch {
   }
 };
 
-constexpr int kSwitchCount = 4;
+constexpr int kSwitchCount = 5;
 kept_switch* switches[kSwitchCount];
 
 void make_switches() {
@@ -42,6 +42,7 @@ void make_switches() {
   switches[1] = new kept_switch{kSimilaritySwitch, {}, false};
   switches[2] = new kept_switch{kRecognitionSwitch, {}, false};
   switches[3] = new kept_switch{kClassVoteSwitch, {}, false};
+  switches[4] = new kept_switch{kClassHeadSwitch, {}, false};
 }
 
 kept_switch& get_switch(int i) {
@@ -56,6 +57,7 @@ bool ClassificationEnabled() { return get_switch(0).get(); }
 bool SimilarityEnabled() { return get_switch(1).get(); }
 bool RecognitionEnabled() { return get_switch(2).get(); }
 bool ClassVoteEnabled() { return get_switch(3).get(); }
+bool ClassHeadEnabled() { return get_switch(4).get(); }
 
 void ResetFeatureSwitchesForTesting() {
   for (int i = 0; i < kSwitchCount; ++i) {

@@ -24,6 +24,9 @@ constexpr const char* kDebugInfoSwitch = "TextDebug/DumpDebugInfo";
 /// classes with a vote of the font's look-alikes in the shipped similarity table (off: the
 /// linear rows' classes alone, as the feature cache holds them).
 constexpr const char* kClassVoteSwitch = "Text/FontClassVote";
+/// Ours: the vote's rules also take the class head's probabilities from the font's similarity
+/// vector (off: the linear rows and the vote alone, as before the head).
+constexpr const char* kClassHeadSwitch = "Text/FontClassHead";
 /// Recognition reads only the largest line of a picture of several (off: the largest few,
 /// their scores combined). Read when the recognition cache loads.
 constexpr const char* kRecognitionLargestLineSwitch = "Text/FontRecognitionLargestLine";
@@ -42,6 +45,7 @@ bool ClassificationEnabled();
 bool SimilarityEnabled();
 bool RecognitionEnabled();
 bool ClassVoteEnabled();
+bool ClassHeadEnabled();
 
 /// Forgets the kept answers, so a test can start the module again with other switches.
 void ResetFeatureSwitchesForTesting();

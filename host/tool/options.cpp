@@ -93,6 +93,8 @@ extern const char* const kHelp =
     "  --disable SERVICE   turn off classification, similarity or recognition (repeatable or\n"
     "                      comma-separated; also $FONTRIX_DISABLE); class-vote: style classes\n"
     "                      from the linear rows alone, without the vote of look-alike faces;\n"
+    "                      class-head: style classes without the class head's reading of\n"
+    "                      the similarity vectors;\n"
     "                      installed-lines: recognition from the network's classes alone,\n"
     "                      without the lines drawn in each installed font; width-cuts: the\n"
     "                      network's order between a face and its condensed or expanded cut\n"

@@ -12,6 +12,10 @@
 
 #include "classification/class_answers.h"
 #include "classification/kept_class_votes.h"
+#include "deepnet/layers/activation.h"
+#include "deepnet/layers/data.h"
+#include "deepnet/layers/fc.h"
+#include "deepnet/model_io.h"
 #include "shell/feature_switches.h"
 #include "tests/plugin/test_host.h"
 
@@ -405,6 +409,69 @@ TEST_F(ClassAnswersTest, ADamagedOrForeignVotesFileIsIgnoredAndWrittenAgain) {
   EXPECT_TRUE(std::filesystem::is_directory(VotesPath()));
   EXPECT_FALSE(std::filesystem::exists(VotesPath() + ".tmp"));
   EXPECT_EQ(Answers(), fresh);
+}
+
+// A class head over the 768-value vectors that calls a font slab serif when its vector lies on
+// axis 2 (one of the sans serif axes) and nothing else.
+void WriteSlabHead(const std::filesystem::path& path) {
+  auto data = std::make_shared<deepnet::layer_model_data>();
+  data->name = "data";
+  auto hidden = std::make_shared<deepnet::layer_model_fc>();
+  hidden->name = "class_hidden";
+  hidden->inputs.push_back(data.get());
+  hidden->input_sizes = {768};
+  hidden->num_output = 1;
+  hidden->weights.assign(768, 0.0f);
+  hidden->weights[2] = 1;
+  hidden->biases = {0};
+  auto relu = std::make_shared<deepnet::layer_model_activation>();
+  relu->name = "class_hidden_relu";
+  relu->inputs.push_back(hidden.get());
+  auto logits = std::make_shared<deepnet::layer_model_fc>();
+  logits->name = kClassHeadOutput;
+  logits->inputs.push_back(relu.get());
+  logits->input_sizes = {1};
+  logits->num_output = kStyleClassCount;
+  logits->weights = {0, 0, 0, 0, 0, 0, 0, 20};
+  logits->biases = {-9, -9, -9, -9, -9, -9, -9, -5};
+  deepnet::deepnet_save_model(path.string(), {data, hidden, relu, logits});
+}
+
+// The head's answers join by the head rules when its file and rules are there; switched off, or
+// without its file (a warning), the rows and the vote answer as before.
+TEST_F(ClassAnswersTest, TheClassHeadJoinsByItsRulesAndIsLeftOutWithoutItsFile) {
+  const auto path = dir_ / "data" / kClassVoteFileName;
+  std::string text = Bytes(path.string());
+  std::string rules;
+  for (int c = 0; c < kStyleClassCount; ++c) {
+    const std::string label = LabelName(kClassBits[c].attribute);
+    rules += "head_rule\t" + label + "\t" +
+             (label == "fs_slab_serif" ? "0.2\t0.5\t1"
+              : label == "fs_script"   ? "0\t0.6\t0"
+                                       : "0\tinf\t0") +
+             "\n";
+  }
+  text.insert(text.find("faces\t"), rules);
+  std::ofstream(path, std::ios::binary) << text;
+  WriteSlabHead(dir_ / "data" / kClassHeadFileName);
+
+  Started(switches_);
+  std::map<std::string, uint32_t> joined = Answers();
+  EXPECT_EQ(joined.at("Face96"), kSans | kScript);  // the vote's part stays
+  EXPECT_EQ(joined.at("Face97"), kSerif) << "the head vetoes slab serif: its vector is not on axis 2";
+  EXPECT_EQ(joined.at("Face98"), kSlab | kSans) << "the head backs the rows' slab serif the vote vetoed";
+  EXPECT_EQ(joined.at("Alpha-Regular"), kSerif);
+  EXPECT_EQ(ClassificationReport(), "");
+
+  Restart({{"TextDebug/FontRecognition", false}, {"Text/FontClassHead", false}});
+  EXPECT_EQ(Answers().at("Face97"), kSlab | kSerif);
+  EXPECT_EQ(Answers().at("Face98"), kSans);
+
+  std::filesystem::remove(dir_ / "data" / kClassHeadFileName);
+  Restart(switches_);
+  EXPECT_EQ(Answers().at("Face97"), kSlab | kSerif);
+  EXPECT_EQ(Answers().at("Face98"), kSans);
+  EXPECT_NE(ClassificationReport().find(kClassHeadFileName), std::string::npos) << ClassificationReport();
 }
 
 }  // namespace
