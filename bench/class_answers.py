@@ -3,12 +3,17 @@
 per class recall and precision, the share of faces given their primary class, and the share
 given a class that contradicts it (serif on a sans, script on a monospace, ...).
 
-Usage: bench/class_answers.py [BUILD_DIR] [--no-vote] [--expected TSV] [--weights TSV] [--answers JSON]
-                              [--list]
+Usage: bench/class_answers.py [BUILD_DIR] [--no-vote] [--no-head] [--expected TSV] [--weights TSV]
+                              [--answers JSON] [--corpus [--split SPLIT]] [--list] [--sheets DIR]
   BUILD_DIR: default build. The module runs with a fresh cache folder (`fontrix index --disable
   recognition`, then `fontrix classes --json`): its answers are those of the weights the module
   was built with, joined with the class vote of look-alike faces (data/similarity_table_classes.tsv).
   --no-vote: the linear rows' classes alone (`--disable class-vote`).
+  --no-head: the rows and the vote without the class head (`--disable class-head`).
+  --corpus: the fetched training corpus as the machine's fonts (training/corpus/with-corpus-fonts,
+  its own cache folder, indexed there first), judging the faces of the held-out families of
+  --split (default test) against the corpus labels: every class of a face is required. Families
+  with a face in the shipped similarity table are left out: their siblings there would vote.
   --weights: the answers of another weights table (data/classification_weights.tsv after a refit,
   before the module is rebuilt): the faces `fontrix classes` lists, scored in the module's order
   over the features `font-features --all` measures, each class set when its score is above 0.5.
@@ -51,16 +56,30 @@ def read_expected(path):
     return expected
 
 
-def judge(fonts, expected):
-    """Figures over the faces of the listed families: {class: (faces with it, given, right,
-    wrongly given)}, primary-class share, contradiction share, faces judged, and the misses."""
+def corpus_expected(split):
+    """unique name -> (classes, primary first; nothing more acceptable) of the labelled corpus
+    faces of the families of `split`, but for families with a face in the shipped similarity
+    table (data/NQ_sim_meta_fs.bin), whose siblings there would vote for them."""
+    from fontrix_training.corpus import splits
+    from fontrix_training.fit_class_vote import read_pair
+    classes, family = splits.read_labels()
+    split_of = splits.split_of_faces()
+    voting = {splits.family_key(family.get(n, n)) for n in read_pair()[1]}
+    return {name: (labels, []) for name, labels in classes.items()
+            if labels and split_of.get(name) == split and splits.family_key(family[name]) not in voting}
+
+
+def judge(fonts, expected, key="family"):
+    """Figures over the faces of the listed families (or faces, by `key`): {class: (faces with it,
+    given, right, wrongly given)}, primary-class share, contradiction share, faces judged, and
+    the misses."""
     counts = {c: [0, 0, 0, 0] for c in CLASSES}
     primary_set = contradicted = judged = 0
     misses = []
     for font in fonts:
-        if font["family"] not in expected:
+        if font[key] not in expected:
             continue
-        required, acceptable = expected[font["family"]]
+        required, acceptable = expected[font[key]]
         given = set(font["classes"])
         judged += 1
         for c in CLASSES:
@@ -78,7 +97,7 @@ def judge(fonts, expected):
     return counts, primary_set / max(1, judged), contradicted / max(1, judged), judged, misses
 
 
-def sheets(fonts, expected, build, folder, text="Handgloves 1984 quick Rivets"):
+def sheets(fonts, expected, build, folder, text="Handgloves 1984 quick Rivets", key="family", prefix=()):
     """Writes FOLDER/CLASS-classed.png, -missed.png and -wrongly-given.png for every class that has
     faces of the kind; returns the files written."""
     from PIL import Image, ImageDraw
@@ -86,9 +105,9 @@ def sheets(fonts, expected, build, folder, text="Handgloves 1984 quick Rivets"):
     fontrix = os.path.join(build, "bin", "fontrix")
     groups = {}
     for font in fonts:
-        if font["family"] not in expected:
+        if font[key] not in expected:
             continue
-        required, acceptable = expected[font["family"]]
+        required, acceptable = expected[font[key]]
         given = set(font["classes"])
         for c in CLASSES:
             kind = ("classed" if c in given else "missed") if c in required else \
@@ -101,7 +120,7 @@ def sheets(fonts, expected, build, folder, text="Handgloves 1984 quick Rivets"):
             rows = []
             for font in sorted(faces, key=lambda f: (f["family"], f["style"])):
                 path = os.path.join(tmp, "sample.png")
-                r = subprocess.run([fontrix, "specimen", font["name"], text, "-o", path, "--size", "32"],
+                r = subprocess.run([*prefix, fontrix, "specimen", font["name"], text, "-o", path, "--size", "32"],
                                    capture_output=True, text=True)
                 sample = Image.open(path).convert("L") if r.returncode == 0 else Image.new("L", (10, 10), 255)
                 rows.append((f"{font['family']} {font['style']}", sample))
@@ -121,10 +140,14 @@ def sheets(fonts, expected, build, folder, text="Handgloves 1984 quick Rivets"):
     return written
 
 
-def run_fontrix(build, vote=True):
+def run_fontrix(build, disabled, prefix=()):
+    """`fontrix classes --json`'s fonts, after an index: in a fresh cache folder, or with a prefix
+    (the corpus's) in the one it sets."""
     fontrix = os.path.join(build, "bin", "fontrix")
     with tempfile.TemporaryDirectory(prefix="fontrix-classes-") as cache:
-        common = [fontrix, "--cache-dir", cache, "--disable", "recognition" if vote else "recognition,class-vote"]
+        common = [*prefix, fontrix, "--disable", ",".join(["recognition", *disabled])]
+        if not prefix:
+            common[1:1] = ["--cache-dir", cache]
         for words in (["index"], ["--json", "classes"]):
             r = subprocess.run(common + words, capture_output=True, text=True)
             if r.returncode != 0:
@@ -162,23 +185,29 @@ def main(argv=None):
     parser.add_argument("build", nargs="?", default=os.path.join(REPO, "build"))
     parser.add_argument("--expected", default=EXPECTED)
     parser.add_argument("--no-vote", action="store_true")
+    parser.add_argument("--no-head", action="store_true")
+    parser.add_argument("--corpus", action="store_true", help="judge the held-out corpus families")
+    parser.add_argument("--split", default="test", help="with --corpus: the families judged (default test)")
     parser.add_argument("--weights")
     parser.add_argument("--answers")
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--sheets", help="write contact sheets per class into this folder")
     args = parser.parse_args(argv)
-    expected = read_expected(args.expected)
+    key, prefix = ("name", [os.path.join(REPO, "training", "corpus", "with-corpus-fonts")]) if args.corpus \
+        else ("family", [])
+    expected = corpus_expected(args.split) if args.corpus else read_expected(args.expected)
     if args.answers:
         with open(args.answers, encoding="utf-8") as f:
             fonts = json.load(f)["fonts"]
     else:
-        fonts = run_fontrix(args.build, vote=not args.no_vote)
+        disabled = ["class-vote"] * args.no_vote + ["class-head"] * args.no_head
+        fonts = run_fontrix(args.build, disabled, prefix)
     if args.weights:
         fonts = rescore(fonts, args.build, args.weights)
-    counts, primary, contradicted, judged, misses = judge(fonts, expected)
-    families = {f["family"] for f in fonts if f["family"] in expected}
-    print(f"{judged} installed faces of {len(families)} listed families judged "
-          f"({len(fonts) - judged} faces of other families not)")
+    counts, primary, contradicted, judged, misses = judge(fonts, expected, key)
+    families = {f["family"] for f in fonts if f[key] in expected}
+    what = f"corpus faces of {args.split} families" if args.corpus else "installed faces of listed families"
+    print(f"{judged} {what} judged ({len(families)} families; {len(fonts) - judged} other faces not)")
     print("| class | faces with it | given | recall | precision |")
     print("|---|---|---|---|---|")
     for c in CLASSES:
@@ -190,8 +219,9 @@ def main(argv=None):
     if args.list and misses:
         print("\n".join(misses))
     if args.sheets:
-        print(f"{len(sheets(fonts, expected, args.build, args.sheets))} contact sheets in {args.sheets}")
-    missing = sorted(set(expected) - families)
+        written = sheets(fonts, expected, args.build, args.sheets, key=key, prefix=prefix)
+        print(f"{len(written)} contact sheets in {args.sheets}")
+    missing = sorted(set(expected) - families) if not args.corpus else []
     if missing:
         print("listed families not installed: " + ", ".join(missing))
     return 0
