@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Fits the class vote that stands beside the linear class rows and writes its data file.
 
-    training/run fit_class_vote [--work DIR] [--linear-settings FILE]
-                                                [--write [--to FILE]] [--report FILE]
+    training/run fit_class_vote [--work DIR] [--linear-settings FILE] [--no-head]
+                                [--write [--to FILE] [--head-to FILE]] [--report FILE]
 
 The module's linear rows (data/classification_weights.tsv) class a font from its 96 measured
 features. The vote classes it by what it looks like: the k faces of the shipped similarity table
@@ -30,9 +30,18 @@ with the best sum over the classes are kept. The same choice made without each f
 judged on it gives the held-out figures; then come those of the test families: the shipped rows,
 table faces of the query's family left out.
 
+The class head (class_head.py) reads the same vectors: a small network fitted on these faces
+gives each class a probability p. Its rules are chosen as the vote's, with the evidence
+(1 - w) * support + w * p in place of the support and the head's weight w chosen per class from
+WEIGHTS, for every class (the constraints keep the primary classes and contradictions at least as
+the rows have them); the head's probabilities of a face come from a head fitted without its fold.
+The shipped head is fitted on all of them. --no-head leaves it out.
+
 --write writes data/similarity_table_classes.tsv (or --to FILE): the header (k, temperature,
-one rule line per class) and the classes of every table face as a bit mask (bit n for class n of
-the label table), in table order. Run it again whenever the shipped pair or the class rows change.
+one rule line per class, one head rule line per class) and the classes of every table face as a
+bit mask (bit n for class n of the label table), in table order; and the head to
+data/NQ_class_head.dnm (or --head-to FILE). Run it again whenever the shipped pair, the
+similarity network or the class rows change.
 """
 import sys
 import argparse
@@ -42,12 +51,15 @@ import re
 
 import numpy as np
 
+from fontrix_training import class_head
 from fontrix_training import fit_classification as linear
 from fontrix_training import make_tables
 from fontrix_training.corpus import splits as corpus_splits
 from fontrix_training import DATA, WORK
 
 OUT = os.path.join(DATA, "similarity_table_classes.tsv")
+HEAD_OUT = os.path.join(DATA, "NQ_class_head.dnm")
+WEIGHTS = (0.0, 0.25, 0.5, 0.75, 1.0)  # the head's share of the evidence
 CLASSES = linear.CLASSES
 NEIGHBOURS = (5, 10, 20, 40)
 TEMPERATURES = (0.02, 0.05, 0.1, 0.2)
@@ -139,6 +151,26 @@ def fit(votes, linear_bits, targets, bad, primary):
     return best
 
 
+def fit_head_rules(probabilities, votes, linear_bits, targets, bad, primary):
+    """(low, high, weight) per class: the head's share of the evidence and the rule over it that
+    do best, under fit_rule's constraints."""
+    rules = []
+    for c, name in enumerate(CLASSES):
+        best = None
+        for w in WEIGHTS:
+            f, low, high = fit_rule((1 - w) * votes[:, c] + w * probabilities[:, c], linear_bits[:, c], targets[:, c],
+                                    beta_of(name), bad[:, c], primary[:, c])
+            if best is None or f > best[0] + 1e-9:
+                best = (f, low, high, w)
+        rules.append(best[1:])
+    return rules
+
+
+def combine_head(linear_bits, votes, probabilities, rules):
+    weight = np.array([r[2] for r in rules])
+    return combine(linear_bits, (1 - weight) * votes + weight * probabilities, [r[:2] for r in rules])
+
+
 def beta_of(name):
     return 2.0 if name in linear.RECALL_FIRST else 1.0
 
@@ -213,15 +245,19 @@ def format_rule(low, high):
     return f"{low:g}\t{'inf' if high == NEVER else f'{high:g}'}"
 
 
-def write_file(path, k, temperature, rules, identifiers, names, masks):
+def write_file(path, k, temperature, rules, identifiers, names, masks, head_rules=None):
     with open(path + ".tmp", "w", encoding="utf-8") as f:
         f.write("# The style classes of the shipped similarity table's faces and the class vote fitted on them\n"
                 "# (training/run fit_class_vote). rule: class, low, high: the class is set when the linear row\n"
                 "# sets it and its support among the k nearest faces is at least low, or the support is at\n"
-                "# least high. face: identifier, unique name, class mask (bit n for class n), in table order.\n")
+                "# least high. head_rule: class, low, high, weight: the same with the evidence\n"
+                "# (1 - weight) * support + weight * the class head's probability in place of the support.\n"
+                "# face: identifier, unique name, class mask (bit n for class n), in table order.\n")
         f.write(f"k\t{k}\ntemperature\t{temperature:g}\n")
         for name, (low, high) in zip(CLASSES, rules):
             f.write(f"rule\t{name}\t{format_rule(low, high)}\n")
+        for name, (low, high, weight) in zip(CLASSES, head_rules or ()):
+            f.write(f"head_rule\t{name}\t{format_rule(low, high)}\t{weight:g}\n")
         f.write(f"faces\t{len(names)}\n")
         for identifier, name, mask in zip(identifiers, names, masks):
             f.write(f"face\t{identifier}\t{name}\t{sum(1 << c for c in np.flatnonzero(mask))}\n")
@@ -252,6 +288,8 @@ def main(argv=None):
     parser.add_argument("--data", default=DATA, help="the data folder with the similarity pair (default %(default)s)")
     parser.add_argument("--write", action="store_true", help="write the data file")
     parser.add_argument("--to", default=OUT, help="where --write writes (default %(default)s)")
+    parser.add_argument("--head-to", default=HEAD_OUT, help="where --write writes the class head (default %(default)s)")
+    parser.add_argument("--no-head", action="store_true", help="no class head: the vote's rules alone")
     parser.add_argument("--report", help="write the figures as Markdown here")
     args = parser.parse_args(argv)
 
@@ -304,15 +342,39 @@ def main(argv=None):
     fitted_primaries = [p for p, f in zip(primaries, fitted) if f]
     test_primaries = [p for p, t in zip(primaries, test) if t]
     test_votes = support(scores[test], table_masks, k, temperature)
+    head = head_rules = None
+    if not args.no_head:
+        face_vectors = np.stack([vectors[n] for n in names])
+        fitted_votes = votes[(k, temperature)]
+        head_held = class_head.held_out(face_vectors[fitted], targets[fitted], folds)
+        head_rules = fit_head_rules(head_held, fitted_votes, held_bits, targets[fitted], fitted_bad, fitted_primary)
+        nested_head = np.zeros(held_bits.shape, dtype=bool)
+        for fold in range(folds.max() + 1):
+            held = folds == fold
+            fold_rules = fit_head_rules(head_held[~held], fitted_votes[~held], held_bits[~held], targets[fitted][~held],
+                                        fitted_bad[~held], fitted_primary[~held])
+            nested_head[held] = combine_head(held_bits[held], fitted_votes[held], head_held[held], fold_rules)
+        head = class_head.fit(face_vectors[fitted], targets[fitted])
+        test_head = class_head.probabilities(head, face_vectors[test])
     figures = {"held-out folds: linear rows": judge(held_bits, targets[fitted], fitted_primaries),
                "with the vote": judge(nested, targets[fitted], fitted_primaries),
                "test families: linear rows": judge(shipped_bits[test], targets[test], test_primaries),
                "vote alone": judge(test_votes >= 0.5, targets[test], test_primaries),
                "with the vote ": judge(combine(shipped_bits[test], test_votes, rules), targets[test], test_primaries)}
+    if head is not None:
+        figures["held-out folds: with the head"] = judge(nested_head, targets[fitted], fitted_primaries)
+        figures["test families: head alone"] = judge(test_head >= 0.5, targets[test], test_primaries)
+        figures["with the head"] = judge(combine_head(shipped_bits[test], test_votes, test_head, head_rules),
+                                         targets[test], test_primaries)
     lines = [f"k {k}, temperature {temperature:g}; the rules (class set when the row sets it and the support "
              "is at least low, or the support is at least high):", "", "| class | low | high |", "|---|---|---|"]
     lines += [f"| {name} | {low:g} | {'inf' if high == NEVER else f'{high:g}'} |"
               for name, (low, high) in zip(CLASSES, rules) if name in VOTED]
+    if head_rules:
+        lines += ["", "The head's rules (its weight w: evidence (1 - w) * support + w * probability):", "",
+                  "| class | low | high | w |", "|---|---|---|---|"]
+        lines += [f"| {name} | {format_rule(low, high).replace(chr(9), ' | ')} | {w:g} |"
+                  for name, (low, high, w) in zip(CLASSES, head_rules)]
     lines += ["", f"Precision / recall. Held-out folds: the {fitted.sum()} faces of the training and validation "
               "families, each judged on linear rows and rules chosen without its fold; test families: "
               f"{test.sum()} faces, the shipped rows. Table faces of the face's own family never vote.", "",
@@ -329,8 +391,11 @@ def main(argv=None):
         with open(args.report, "w", encoding="utf-8") as f:
             f.write("\n".join(lines) + "\n")
     if args.write:
-        write_file(args.to, k, temperature, rules, identifiers, table_names, table_masks)
+        write_file(args.to, k, temperature, rules, identifiers, table_names, table_masks, head_rules)
         print(f"wrote {args.to}")
+        if head is not None:
+            class_head.write(head, args.head_to)
+            print(f"wrote {args.head_to}")
     return 0
 
 

@@ -31,6 +31,16 @@ figures on the test families are printed at the end.
 
 With --fixed 0 nothing stays fixed: the whole trunk trains on the crops' pixels (held in memory,
 not cached), its normalisation statistics kept as they are.
+
+Letter likeness alone puts a slab serif beside a sans of the same skeleton, so two further
+signals can teach the vectors the style classes of the labelled training faces (corpus labels):
+--kind-penalty P lowers the teacher's target for a pair of faces whose primary classes differ by
+a factor exp(-P), and --class-weight W adds W times the class loss of a small head over the
+vectors (768 -> 64 -> 8, binary cross-entropy weighted towards the rare classes); --kind-negatives
+also mines as hard negatives the near faces of another primary class. The head only
+shapes the vectors: the module's own class head is fitted on the finished vectors
+(fit_class_vote.py). With either, the kept step is the one with the best sum of agreement and
+kind (of the other families' first five, the share with the query's primary class).
 """
 import sys
 import argparse
@@ -222,7 +232,7 @@ class Faces:
     """The faces both the specimens and the teacher have, with both cases: their specimen rows,
     teacher rows, families, splits, slants and weights, and each face's teacher nearest among them."""
 
-    def __init__(self, keys, teacher, family_of, split_of, manifest):
+    def __init__(self, keys, teacher, family_of, split_of, manifest, classes_of=None):
         row = {key: i for i, key in enumerate(keys)}
         self.names = sorted(n for n, c in keys if c == 0 and (n, 1) in row and n in teacher.row and n in family_of)
         self.key_rows = np.array([[row[(n, 0)], row[(n, 1)]] for n in self.names])
@@ -237,6 +247,12 @@ class Faces:
         of_teacher_row = np.full(len(teacher.names), -1)
         of_teacher_row[self.teacher_rows] = np.arange(len(self.names))
         self.near = [[j for j in of_teacher_row[teacher.indices[t]] if j >= 0] for t in self.teacher_rows]
+        # Style classes (faces, 8) and the primary class's index, -1 for a face without labels.
+        classes_of = classes_of or {}
+        self.classes = np.array([[c in classes_of.get(n, ()) for c in corpus_labels.CLASSES] for n in self.names],
+                                dtype=bool).reshape(len(self.names), len(corpus_labels.CLASSES))
+        self.primary = np.array([corpus_labels.CLASSES.index(classes_of[n][0]) if classes_of.get(n) else -1
+                                 for n in self.names])
 
     def rows(self, which):
         return np.flatnonzero(self.split == which)
@@ -264,14 +280,16 @@ def judge(vectors, faces, teacher, tested, twin=1.0):
     answers = scores.topk(5, 1).indices.numpy()
     slant = np.mean(faces.italic[answers] == faces.italic[tested, None])
     weight = np.mean(np.abs(faces.weight[answers] - faces.weight[tested, None]) <= 30)
+    labelled = (faces.primary[tested, None] >= 0) & (faces.primary[answers] >= 0)
+    kind = np.sum(labelled & (faces.primary[answers] == faces.primary[tested, None])) / max(1, labelled.sum())
     twins = hits = 0
     for i, q in enumerate(tested):
         others = [j for j in faces.near[q][:5] if faces.family[j] != faces.family[q]]
         if others and teacher.distances(faces.teacher_rows[q], faces.teacher_rows[others[:1]])[0] < twin:
             twins += 1
             hits += teacher.distances(faces.teacher_rows[q], faces.teacher_rows[answers[i, :1]])[0] < twin
-    return {"agreement": agreement, "slant": slant, "weight": weight, "twin_first": hits / max(1, twins),
-            "twins": twins, "faces": len(tested)}
+    return {"agreement": agreement, "slant": slant, "weight": weight, "kind": kind,
+            "twin_first": hits / max(1, twins), "twins": twins, "faces": len(tested)}
 
 
 def teacher_figures(faces, teacher, tested):
@@ -291,14 +309,17 @@ def teacher_figures(faces, teacher, tested):
 def format_figures(f):
     text = (f"agreement {100 * f['agreement']:.1f} %, other families' first five: slant {100 * f['slant']:.1f} %, "
             f"weight {100 * f['weight']:.1f} %")
+    if "kind" in f:
+        text += f", kind {100 * f['kind']:.1f} %"
     if "twins" in f:
         text += f"; twin first {100 * f['twin_first']:.1f} % of {f['twins']} ({f['faces']} faces)"
     return text
 
 
-def mine(vectors, faces, train, count=5, looked=20):
+def mine(vectors, faces, train, count=5, looked=20, kinds=False):
     """For each training face, up to `count` training faces the vectors put among its `looked`
-    nearest that the teacher does not put among its TEACHER_KEEP nearest."""
+    nearest that the teacher does not put among its TEACHER_KEEP nearest (with `kinds`, or
+    whose primary class differs from the face's, both labelled)."""
     position = np.full(len(faces.names), -1)
     position[train] = np.arange(len(train))
     v = vectors[train]
@@ -310,7 +331,9 @@ def mine(vectors, faces, train, count=5, looked=20):
         top = scores.topk(min(looked, len(train) - 1), 1).indices.numpy()
         for i, q in enumerate(block):
             near = set(faces.near[q])
-            hard[q] = [train[j] for j in top[i] if train[j] not in near][:count]
+            p = faces.primary[q] if kinds else -1
+            hard[q] = [train[j] for j in top[i]
+                       if train[j] not in near or (kinds and p >= 0 and 0 <= faces.primary[train[j]] != p)][:count]
     return hard
 
 
@@ -343,6 +366,31 @@ def distillation_loss(vectors, distances, scale, temperature=train_networks.SIM_
     return -(target * log_q).sum(1).mean()
 
 
+def kind_distances(distances, primary, penalty, scale):
+    """The teacher's distances with `penalty` e-folds (of `scale` units) added between labelled
+    faces of different primary classes."""
+    differs = (primary[:, None] != primary[None, :]) & (primary[:, None] >= 0) & (primary[None, :] >= 0)
+    return distances + penalty * scale * differs
+
+
+class ClassHead(torch.nn.Module):
+    """The style classes' logits from the module's vectors, weighted towards the rare classes."""
+
+    def __init__(self, positives):
+        super().__init__()
+        self.layers = torch.nn.Sequential(torch.nn.Linear(fontnet.FEATURES, 64), torch.nn.ReLU(),
+                                          torch.nn.Linear(64, len(corpus_labels.CLASSES)))
+        p = torch.as_tensor(positives, dtype=torch.float32).clamp(1e-3, 1 - 1e-3)
+        self.register_buffer("pos_weight", ((1 - p) / p).sqrt())
+
+    def loss(self, vectors, classes, labelled):
+        if not labelled.any():
+            return None
+        logits = self.layers(vectors[labelled])
+        target = torch.as_tensor(classes[labelled], dtype=torch.float32)
+        return F.binary_cross_entropy_with_logits(logits, target, pos_weight=self.pos_weight)
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--work", required=True)
@@ -361,6 +409,11 @@ def main(argv=None):
     parser.add_argument("--judge-every", type=int, default=500)
     parser.add_argument("--teacher",
                         help="a letters file of letter_likeness.py (default: DIR/teacher, made if missing)")
+    parser.add_argument("--kind-penalty", type=float, default=0.0,
+                        help="e-folds off the teacher's target between faces of different primary classes")
+    parser.add_argument("--class-weight", type=float, default=0.0, help="weight of the class head's loss")
+    parser.add_argument("--kind-negatives", action="store_true",
+                        help="hard negatives also among the near faces of another primary class")
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--seed", type=int, default=1)
     args = parser.parse_args(argv)
@@ -371,7 +424,7 @@ def main(argv=None):
 
     state = torch.load(args.init)
     net = fontnet.from_state(state).eval()
-    _, family_of = corpus_splits.read_labels()
+    classes_of, family_of = corpus_splits.read_labels()
     split_of = corpus_splits.split_of_faces()
     label_of = {n: i for i, n in enumerate(images.read_names(os.path.join(args.work, "names.txt")))}
     name_of = {label: n for n, label in label_of.items() if n in family_of}
@@ -380,7 +433,7 @@ def main(argv=None):
     split = TrunkSplit(net, args.fixed)
     keys, features = lower_features(args.work, split, specimens, name_of, training)
     teacher = Teacher.load(args.work, args.teacher)
-    faces = Faces(keys, teacher, family_of, split_of, corpus_labels.read_manifest())
+    faces = Faces(keys, teacher, family_of, split_of, corpus_labels.read_manifest(), classes_of)
     train = np.array([i for i, n in enumerate(faces.names) if n in training])
     is_train = np.zeros(len(faces.names), bool)
     is_train[train] = True
@@ -391,7 +444,10 @@ def main(argv=None):
     own = format_figures(dict(teacher_figures(faces, teacher, validation), agreement=1))
     print(f"teacher's own order on the validation families: {own}", flush=True)
 
-    optimiser = torch.optim.AdamW(split.trained_parameters(), lr=args.lr, weight_decay=1e-4)
+    kinds = args.kind_penalty > 0 or args.class_weight > 0
+    head = ClassHead(faces.classes[train][faces.primary[train] >= 0].mean(0)) if args.class_weight > 0 else None
+    parameters = list(split.trained_parameters()) + (list(head.parameters()) if head else [])
+    optimiser = torch.optim.AdamW(parameters, lr=args.lr, weight_decay=1e-4)
     best, every, hard, window = None, None, {}, []
 
     def measure(step):
@@ -400,8 +456,9 @@ def main(argv=None):
             every = face_vectors(split, features, faces)
         figures = judge(every, faces, teacher, validation)
         print(f"step {step}: validation {format_figures(figures)} ({time.time() - started:.0f} s)", flush=True)
-        if best is None or figures["agreement"] > best[0]:
-            best = (figures["agreement"], step, {k: v.clone() for k, v in net.state_dict().items()})
+        mark = figures["agreement"] + (figures["kind"] if kinds else 0)
+        if best is None or mark > best[0]:
+            best = (mark, step, {k: v.clone() for k, v in net.state_dict().items()})
 
     measure(0)
     for step in range(args.steps):
@@ -409,7 +466,7 @@ def main(argv=None):
             if every is None:
                 with torch.no_grad():
                     every = face_vectors(split, features, faces)
-            hard = mine(every, faces, train)
+            hard = mine(every, faces, train, kinds=args.kind_negatives)
             every = None
         rate = train_networks.learning_rate(step, args.steps, args.lr)
         for group in optimiser.param_groups:
@@ -418,8 +475,14 @@ def main(argv=None):
         crops = np.stack([rng.choice(images.CROPS + RANDOM_CROPS, images.CROPS, replace=False)
                           for _ in range(2 * len(batch))])
         vectors = face_vectors(split, features, faces, batch, crops)
-        loss = distillation_loss(vectors, teacher.pair_distances(faces.teacher_rows[batch]), args.teacher_scale,
-                                 near_enough=args.near_enough)
+        distances = teacher.pair_distances(faces.teacher_rows[batch])
+        if args.kind_penalty > 0:
+            distances = kind_distances(distances, faces.primary[batch], args.kind_penalty, args.teacher_scale)
+        loss = distillation_loss(vectors, distances, args.teacher_scale, near_enough=args.near_enough)
+        if head is not None:
+            class_loss = head.loss(vectors, faces.classes[batch], faces.primary[batch] >= 0)
+            if class_loss is not None:
+                loss = args.class_weight * class_loss if loss is None else loss + args.class_weight * class_loss
         if loss is not None:  # None: no face of the batch had another near it
             optimiser.zero_grad()
             loss.backward()
@@ -438,7 +501,8 @@ def main(argv=None):
     torch.save({"net": net.state_dict(), "step": state.get("step", 0), "rec_classes": net.rec.out_features,
                 "rec_hidden": net.rec_hidden}, out + ".tmp")
     os.replace(out + ".tmp", out)
-    kept = f"step {best[1]} kept (validation agreement {100 * best[0]:.1f} %)" if best else f"step {args.steps} kept"
+    what = "agreement + kind" if kinds else "agreement"
+    kept = f"step {best[1]} kept (validation {what} {100 * best[0]:.1f} %)" if best else f"step {args.steps} kept"
     print(f"done in {time.time() - started:.0f} s: {kept} in {out}", flush=True)
     if len(test):
         with torch.no_grad():

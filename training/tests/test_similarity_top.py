@@ -107,6 +107,32 @@ class TeacherObjective(unittest.TestCase):
         batch = top.batch_faces(np.random.default_rng(0), np.array([0, 2]), Toy, {0: [1], 2: [3]}, hard, near=3)
         self.assertEqual(len(batch), len(set(batch)))
         self.assertTrue({0, 1, 2, 3} <= set(batch))
+        # With kinds, a near face the teacher agrees with is a negative when its class differs.
+        Toy.primary = np.array([0, 1, 0, 0, -1, 0])
+        kinds = top.mine(vectors, Toy, train, count=3, looked=3, kinds=True)
+        self.assertEqual(kinds[0], [1, 2, 4])
+        self.assertIn(0, kinds[1])  # the teacher's nearest of face 1, but of another class
+        self.assertNotIn(0, hard[1])
+
+    def test_the_kind_penalty_lowers_the_target_between_classes_only(self):
+        distances = np.array([[0.0, 2.0, 2.0], [2.0, 0.0, 2.0], [2.0, 2.0, 0.0]])
+        pushed = top.kind_distances(distances, np.array([0, 1, -1]), 3.0, 4.0)
+        self.assertEqual(pushed[0, 1], 14.0)
+        self.assertEqual(pushed[1, 0], 14.0)
+        self.assertEqual(pushed[0, 2], 2.0)  # an unlabelled face is not pushed away
+        self.assertEqual(np.diag(pushed).tolist(), [0.0, 0.0, 0.0])
+
+    def test_the_class_head_loss_counts_labelled_faces_only(self):
+        head = top.ClassHead(np.full(8, 0.25))
+        v = F.normalize(torch.randn(4, 768), dim=1)
+        classes = np.zeros((4, 8), dtype=bool)
+        classes[0, 7] = classes[1, 4] = True
+        labelled = np.array([True, True, False, False])
+        self.assertIsNone(head.loss(v, classes, np.zeros(4, dtype=bool)))
+        whole = head.loss(v, classes, labelled)
+        changed = v.clone()
+        changed[2:] = -changed[2:]  # the unlabelled faces change nothing
+        self.assertAlmostEqual(float(whole), float(head.loss(changed, classes, labelled)), places=6)
 
 
 class ScriptOnAToyWorkFolder(unittest.TestCase):
