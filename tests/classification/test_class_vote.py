@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """`fontrix classes` with the class vote, on this machine's fonts and the shipped data: every
 font's classes are those worked out here from its linear classes (`--disable class-vote`), its
-similarity vector and its look-alikes in the shipped table as the data file describes them; a
+similarity vector and its look-alikes in the shipped table as the data file describes them, and
+the class head's probabilities (the engine's dnm-run over the vector) by the head rules; with
+`--disable class-head`, by the vote's own rules; a
 missing or damaged data file, or similarity switched off, gives the linear classes, a damaged
 file with a warning naming it. The votes kept in the cache folder answer as the vote does, and a
 damaged kept file is written again.
@@ -19,6 +21,8 @@ import numpy as np
 import shipped_data_tool
 from shipped_data_tool import ShippedDataTest, main
 
+HEAD = "NQ_class_head.dnm"
+
 CLASSES = ("fs_blackletter", "fs_decorative", "fs_handmade", "fs_monospace", "fs_sans_serif", "fs_script",
            "fs_serif", "fs_slab_serif")
 FILE = "similarity_table_classes.tsv"
@@ -35,6 +39,8 @@ def read_classes(path):
                 faces.append((fields[2], int(fields[3])))
             elif fields[0] == "rule":
                 header[fields[1]] = (float(fields[2]), float(fields[3]))
+            elif fields[0] == "head_rule":
+                header["head " + fields[1]] = (float(fields[2]), float(fields[3]), float(fields[4]))
             elif fields[0] in ("k", "temperature"):
                 header[fields[0]] = float(fields[1])
     return int(header["k"]), header["temperature"], header, faces
@@ -52,6 +58,21 @@ def read_pair(meta_path, feature_path):
     return found
 
 
+def head_probabilities(vectors):
+    """The class head's probabilities (n, 8) of vectors (n, 768), as the engine runs it."""
+    import subprocess
+    import tempfile
+    dnm_run = os.path.join(os.path.dirname(shipped_data_tool.FONTRIX), "dnm-run")
+    with tempfile.TemporaryDirectory() as folder:
+        source, result = os.path.join(folder, "in.f32"), os.path.join(folder, "out.f32")
+        np.asarray(vectors, "<f4").tofile(source)
+        subprocess.run([dnm_run, "--model", os.path.join(shipped_data_tool.DATA, HEAD), "--layer", "class_logits",
+                        "--width", str(DIM), "--height", "1", "--count", str(len(vectors)), "--input", source,
+                        "--output", result], check=True, stdout=subprocess.DEVNULL)
+        logits = np.fromfile(result, "<f4").reshape(len(vectors), len(CLASSES)).astype(np.float64)
+    return 1 / (1 + np.exp(-logits))
+
+
 class ClassVoteTest(ShippedDataTest):
     @classmethod
     def setUpClass(cls):
@@ -67,8 +88,15 @@ class ClassVoteTest(ShippedDataTest):
         return {f["name"]: set(f["classes"]) for f in json.loads(r.stdout)["fonts"]}, r.stderr
 
     def test_every_font_gets_the_classes_of_its_look_alikes_joined_with_the_rows(self):
-        joined, said = self.classes("--disable", "recognition")
+        _, said = self.classes("--disable", "recognition")
         self.assertEqual(said, "", "a clean run shows no alert")
+        rules = read_classes(os.path.join(shipped_data_tool.DATA, FILE))[2]
+        self.assertIn("head fs_slab_serif", rules, "the shipped file has the class head's rules")
+        self.check_the_vote(head=True)
+        self.check_the_vote(head=False)
+
+    def check_the_vote(self, head):
+        joined, _ = self.classes("--disable", "recognition" if head else "recognition,class-head")
         linear, _ = self.classes("--disable", "recognition,class-vote")
         self.assertEqual(set(joined), set(linear))
         k, temperature, rules, faces = read_classes(os.path.join(shipped_data_tool.DATA, FILE))
@@ -79,6 +107,9 @@ class ClassVoteTest(ShippedDataTest):
         self.assertEqual({name for name, _ in faces}, set(shipped), "the file describes the shipped table")
         voters = np.stack([shipped[name] for name, _ in faces])
         masks = np.array([mask for _, mask in faces])
+        with_vectors = [f for f in sorted(joined) if shipped.get(f, cached.get(f)) is not None]
+        probabilities = dict(zip(with_vectors, head_probabilities(
+            [shipped.get(f, cached.get(f)) for f in with_vectors]))) if head and with_vectors else {}
         checked = changed = 0
         for font, classes in sorted(joined.items()):
             vector = shipped.get(font, cached.get(font))
@@ -97,6 +128,9 @@ class ClassVoteTest(ShippedDataTest):
             for c, name in enumerate(CLASSES):
                 support = weights @ ((masks[best] >> c) & 1) / weights.sum()
                 low, high = rules[name]
+                if head:
+                    low, high, w = rules["head " + name]
+                    support = (1 - w) * support + w * probabilities[font][c]
                 near_a_bound |= (low > 0 and abs(support - low) < 1e-4) or abs(support - high) < 1e-4
                 if (name in linear[font] and support >= low) or support >= high:
                     expected.add(name)
@@ -106,7 +140,8 @@ class ClassVoteTest(ShippedDataTest):
             checked += 1
             changed += classes != linear[font]
         self.assertGreater(checked, 0)
-        print(f"{checked} fonts checked, the vote changed the classes of {changed}", file=sys.stderr)
+        print(f"{checked} fonts checked, the vote{' and the head' if head else ''} changed the classes of "
+              f"{changed}", file=sys.stderr)
 
     def test_kept_votes_answer_as_the_vote_and_a_damaged_file_is_written_again(self):
         path = os.path.join(self.cache, "FontClassVotes.bin")

@@ -120,7 +120,7 @@ STAGES = [
               "--save-to", "{work}/simteach1")],
           ["{work}/simfamily/fontnet.pt", "{work}/teacher/neighbours-*.npz"] + pictures("specimens.bin"),
           ["{work}/simteach1/fontnet.pt"]),
-    Stage("simteach2", "conv5 to conv7 on towards the teacher (60 minutes): the shipped similarity network",
+    Stage("simteach2", "conv5 to conv7 on towards the teacher (60 minutes)",
           [py("train_similarity_top", "--work", "{work}", "--init", "{work}/simteach1/fontnet.pt", "--fixed", "4",
               "--steps", "2000", "--near", "5", "--teacher-scale", "6", "--near-enough", "30",
               "--save-to", "{work}/simteach2")],

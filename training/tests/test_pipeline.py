@@ -103,7 +103,7 @@ class ShippedStages(unittest.TestCase):
     def test_each_training_run_starts_from_the_stage_before_it(self):
         chain = {s.name: s for s in pipeline.STAGES}
         for stage, start in (("stage2", "stage1"), ("stage3", "stage2"), ("stage4", "stage3"), ("stage5", "stage4"),
-                             ("simteach1", "simfamily"), ("simteach2", "simteach1")):
+                             ("simteach1", "simfamily"), ("simteach2", "simteach1"), ("simkind", "simteach2")):
             words = chain[stage].commands[0]
             init = words[words.index("--init") + 1]
             self.assertIn(init, chain[start].outputs, stage)
