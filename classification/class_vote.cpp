@@ -91,28 +91,24 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
       table.temperature = parse.Number(f[1], "the temperature");
       if (!(table.temperature > 0) || std::isinf(table.temperature)) parse.Fail("the temperature must be above 0");
       haveTemperature = true;
-    } else if (key == "rule" && f.size() == 4) {
+    } else if ((key == "rule" && f.size() == 4) || (key == "head_rule" && f.size() == 5)) {
+      const bool head = key == "head_rule";
       const int c = ClassNumber(f[1]);
       if (c < 0) parse.Fail("no style class is called '" + f[1] + "'");
-      if (ruled[size_t(c)]) parse.Fail("a second rule for " + f[1]);
-      ClassVoteRule& rule = table.rules[size_t(c)];
-      rule.low = parse.Number(f[2], "low");
-      rule.high = parse.Number(f[3], "high");
-      if (rule.low < 0 || rule.low > 1) parse.Fail("low must lie between 0 and 1");
-      if (rule.high < rule.low) parse.Fail("high must not be below low");
-      ruled[size_t(c)] = true;
-    } else if (key == "head_rule" && f.size() == 5) {
-      const int c = ClassNumber(f[1]);
-      if (c < 0) parse.Fail("no style class is called '" + f[1] + "'");
-      if (headRuled[size_t(c)]) parse.Fail("a second head rule for " + f[1]);
-      ClassHeadRule& rule = table.headRules[size_t(c)];
-      rule.low = parse.Number(f[2], "low");
-      rule.high = parse.Number(f[3], "high");
-      rule.weight = parse.Number(f[4], "the head's weight");
-      if (rule.low < 0 || rule.low > 1) parse.Fail("low must lie between 0 and 1");
-      if (rule.high < rule.low) parse.Fail("high must not be below low");
-      if (!(rule.weight >= 0 && rule.weight <= 1)) parse.Fail("the head's weight must lie between 0 and 1");
-      headRuled[size_t(c)] = table.headRuled = true;
+      bool& seen = (head ? headRuled : ruled)[size_t(c)];
+      if (seen) parse.Fail(std::string(head ? "a second head rule for " : "a second rule for ") + f[1]);
+      const double low = parse.Number(f[2], "low"), high = parse.Number(f[3], "high");
+      if (low < 0 || low > 1) parse.Fail("low must lie between 0 and 1");
+      if (high < low) parse.Fail("high must not be below low");
+      if (head) {
+        const double weight = parse.Number(f[4], "the head's weight");
+        if (!(weight >= 0 && weight <= 1)) parse.Fail("the head's weight must lie between 0 and 1");
+        table.headRules[size_t(c)] = {low, high, weight};
+        table.headRuled = true;
+      } else {
+        table.rules[size_t(c)] = {low, high};
+      }
+      seen = true;
     } else if (key == "faces" && f.size() == 2) {
       if (expected >= 0) parse.Fail("the face count is given twice");
       expected = parse.Whole(f[1], "the face count");
