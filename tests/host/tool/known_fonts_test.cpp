@@ -9,6 +9,16 @@
 namespace fontrix::host {
 namespace {
 
+KnownFace Face(const std::string& name, const std::string& family, const std::string& style, int weight, bool italic) {
+  KnownFace f;
+  f.name = name;
+  f.family = family;
+  f.style = style;
+  f.weight = weight;
+  f.italic = italic;
+  return f;
+}
+
 TEST(NearestFace, SlantThenWidthThenWeightWithCssTies) {
   const std::vector<FaceTraits> faces = {
       {400, false, false}, {700, false, false}, {300, true, false}, {700, false, true}, {600, false, false}};
@@ -27,10 +37,10 @@ TEST(NearestFace, SlantThenWidthThenWeightWithCssTies) {
 
 TEST(KnownFaces, FoundUnderTheFamilyNamesPeopleUse) {
   const std::vector<KnownFace> faces = {
-      {"MontserratThin-Light", "Montserrat Thin", "Light", 300, false},
-      {"MontserratThin-SemiBold", "Montserrat Thin", "SemiBold", 600, false},
-      {"Roboto-Regular", "Roboto", "Regular", 400, false},
-      {"RobotoCondensed-Regular", "Roboto Condensed", "Regular", 400, false},
+      Face("MontserratThin-Light", "Montserrat Thin", "Light", 300, false),
+      Face("MontserratThin-SemiBold", "Montserrat Thin", "SemiBold", 600, false),
+      Face("Roboto-Regular", "Roboto", "Regular", 400, false),
+      Face("RobotoCondensed-Regular", "Roboto Condensed", "Regular", 400, false),
   };
   // A family the data names with a style word is found under its bare name too.
   std::vector<std::string> names;
@@ -41,10 +51,10 @@ TEST(KnownFaces, FoundUnderTheFamilyNamesPeopleUse) {
   EXPECT_EQ(FacesOfFamily(faces, "Roboto Condensed").size(), 1u);
   EXPECT_TRUE(TraitsOf(faces[3]).narrow_or_wide);
   // A web package's style names may not say the weight; the weight then names the style.
-  EXPECT_EQ(StyleOf({"Poppins-Light", "Poppins", "Regular", 300, false}), "Light");
-  EXPECT_EQ(StyleOf({"Poppins-SemiBoldItalic", "Poppins", "Italic", 600, true}), "SemiBold Italic");
-  EXPECT_EQ(StyleOf({"Poppins-Italic", "Poppins", "Italic", 400, true}), "Italic");
-  EXPECT_EQ(StyleOf({"Averia-BoldItalic", "Averia", "Bold Italic", 700, true}), "Bold Italic");
+  EXPECT_EQ(StyleOf(Face("Poppins-Light", "Poppins", "Regular", 300, false)), "Light");
+  EXPECT_EQ(StyleOf(Face("Poppins-SemiBoldItalic", "Poppins", "Italic", 600, true)), "SemiBold Italic");
+  EXPECT_EQ(StyleOf(Face("Poppins-Italic", "Poppins", "Italic", 400, true)), "Italic");
+  EXPECT_EQ(StyleOf(Face("Averia-BoldItalic", "Averia", "Bold Italic", 700, true)), "Bold Italic");
 }
 
 // "name family exact" of what a name resolves to, or "none".
@@ -56,11 +66,11 @@ std::string Known(const std::vector<KnownFace>& faces, const std::string& typed,
 TEST(KnownFaces, NamesResolveByTheFacesWeightsAndSlants) {
   // A web package's styles: "Regular" and "Italic" whatever the weight.
   const std::vector<KnownFace> faces = {
-      {"Poppins-Light", "Poppins", "Regular", 300, false},
-      {"Poppins-Regular", "Poppins", "Regular", 400, false},
-      {"Poppins-Italic", "Poppins", "Italic", 400, true},
-      {"Poppins-SemiBold", "Poppins", "Regular", 600, false},
-      {"MontserratThin-Bold", "Montserrat Thin", "Bold", 700, false},
+      Face("Poppins-Light", "Poppins", "Regular", 300, false),
+      Face("Poppins-Regular", "Poppins", "Regular", 400, false),
+      Face("Poppins-Italic", "Poppins", "Italic", 400, true),
+      Face("Poppins-SemiBold", "Poppins", "Regular", 600, false),
+      Face("MontserratThin-Bold", "Montserrat Thin", "Bold", 700, false),
   };
   EXPECT_EQ(Known(faces, "Poppins Light"), "Poppins-Light Poppins exact");
   EXPECT_EQ(Known(faces, "Poppins-SemiBold"), "Poppins-SemiBold Poppins exact");
