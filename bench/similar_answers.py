@@ -3,8 +3,9 @@
 it: of each face's first five answers of other families, how many share its slant (upright or
 not), lie within one weight step (fontconfig weight within 30) and share its primary style class
 (the corpus labels' for faces of the corpus, else the hand list of bench/class_answers.tsv; faces
-neither names are not judged), per class of the face asked about, and for each class how often
-the first answer has it when another family of the class is installed; for the faces that have a twin
+neither names are not judged), per class of the face asked about (with the slant and weight
+figures of that class's faces), and for each class how often the first answer has it when another
+family of the class is installed; for the faces that have a twin
 of another family (the same letters under another name, by the letter-likeness teacher drawing
 the installed faces: distance under 1), how often the twin is the first answer; and the time a
 whole `fontrix similar` process takes on a warm cache.
@@ -78,6 +79,7 @@ def main():
     primary = primary_classes(fonts)
     kind = {}  # class of the face asked about -> [answers judged, answers of its class]
     kind_first = {}  # class -> [faces whose class another installed family has, first answer of it]
+    kept = {}  # class of the face asked about -> [answers, slant shared, within one weight step]
     slant = weight = answered = 0
     twins = twin_first = 0
     times, misses = [], []
@@ -92,8 +94,15 @@ def main():
         own = primary.get(face["name"])
         for answer in results:
             answered += 1
-            slant += (answer["slant"] > 0) == (face["slant"] > 0)
-            weight += abs(answer["weight"] - face["weight"]) <= 30
+            same_slant = (answer["slant"] > 0) == (face["slant"] > 0)
+            same_weight = abs(answer["weight"] - face["weight"]) <= 30
+            slant += same_slant
+            weight += same_weight
+            if own:
+                k = kept.setdefault(own, [0, 0, 0])
+                k[0] += 1
+                k[1] += same_slant
+                k[2] += same_weight
             if own and answer["name"] in primary:
                 k = kind.setdefault(own, [0, 0])
                 k[0] += 1
@@ -120,8 +129,10 @@ def main():
           f"({len(primary)} of {len(fonts)} faces have a known class)")
     for c in sorted(kind):
         first = kind_first.get(c, [0, 0])
+        n, same_slant, same_weight = kept.get(c, [0, 0, 0])
         print(f"  {c}: {kind[c][1]} of {kind[c][0]} answers of its class; first answer of its class for "
-              f"{first[1]} of {first[0]} faces whose class another installed family has")
+              f"{first[1]} of {first[0]} faces whose class another installed family has; slant "
+              f"{100 * same_slant / max(1, n):.0f} %, weight {100 * same_weight / max(1, n):.0f} %")
     print(f"twin first: {twin_first} of {twins} faces with a twin ({100 * twin_first / max(1, twins):.1f} %)")
     if misses:
         print("  missed: " + "; ".join(misses[:20]))
