@@ -51,7 +51,6 @@ import re
 
 import numpy as np
 
-from fontrix_training import class_head
 from fontrix_training import fit_classification as linear
 from fontrix_training import make_tables
 from fontrix_training.corpus import splits as corpus_splits
@@ -340,6 +339,8 @@ def main(argv=None):
     test_votes = support(scores[test], table_masks, k, temperature)
     head = head_rules = None
     if not args.no_head:
+        # Only the head needs PyTorch: the rules, the files and bench/class_answers.py do not.
+        from fontrix_training import class_head
         face_vectors = np.stack([vectors[n] for n in names])
         head = class_head.fit(face_vectors[split == "train"], targets[split == "train"])
         chosen_head = class_head.probabilities(head, face_vectors[fitted][chosen])
@@ -388,6 +389,7 @@ def main(argv=None):
         write_file(args.to, k, temperature, rules, identifiers, table_names, table_masks, head_rules)
         print(f"wrote {args.to}")
         if head is not None:
+            from fontrix_training import class_head
             class_head.write(head, args.head_to)
             print(f"wrote {args.head_to}")
     return 0
