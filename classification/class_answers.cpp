@@ -173,7 +173,7 @@ void LoadHead(State& s) {
   }
   try {
     if (s.headPath.empty()) throw ClassHeadError(std::string(kClassHeadFileName) + ": the host gave no data folder");
-    s.vote->SetHead(std::make_shared<const ClassHead>(s.headPath, kFeatureDim));
+    s.vote->SetHead(std::make_unique<const ClassHead>(s.headPath, kFeatureDim));
     ClassificationLog().Info("Class head loaded from ", s.headPath);
   } catch (const std::exception& e) {
     ClassificationLog().Info("Class head not used: ", e.what());

@@ -37,8 +37,6 @@ ClassHead::ClassHead(const std::string& path, size_t dim) : dim_(dim) {
                                " values, not one per style class");
     for (uint64_t c = 0; c < kStyleClassCount; ++c)
       if (!std::isfinite(out.y[c])) throw std::runtime_error("a zero vector gives a logit that is not a number");
-  } catch (const ClassHeadError&) {
-    throw;
   } catch (const std::exception& e) {
     throw ClassHeadError(path + " cannot be used: " + e.what());
   }

@@ -106,7 +106,7 @@ ClassVoteTable ParseClassVoteTable(std::istream& in, const std::string& source) 
         table.headRules[size_t(c)] = {low, high, weight};
         table.headRuled = true;
       } else {
-        table.rules[size_t(c)] = {low, high};
+        table.rules[size_t(c)] = {low, high, 0.0};
       }
       seen = true;
     } else if (key == "faces" && f.size() == 2) {
@@ -183,15 +183,10 @@ ClassSupport ClassVote::Support(const float* scores, const std::vector<bool>& vo
 uint32_t ClassVote::Combine(uint32_t linear, const ClassSupport& support, const ClassProbabilities* head) const {
   uint32_t mask = 0;
   for (int c = 0; c < kStyleClassCount; ++c) {
-    double low = table_.rules[size_t(c)].low, high = table_.rules[size_t(c)].high;
+    const ClassVoteRule& rule = (head ? table_.headRules : table_.rules)[size_t(c)];
     double s = support[size_t(c)];
-    if (head) {
-      const ClassHeadRule& rule = table_.headRules[size_t(c)];
-      low = rule.low;
-      high = rule.high;
-      s = (1 - rule.weight) * s + rule.weight * (*head)[size_t(c)];
-    }
-    if (((linear & kClassBits[c].bit) && s >= low) || s >= high) mask |= kClassBits[c].bit;
+    if (head) s = (1 - rule.weight) * s + rule.weight * (*head)[size_t(c)];
+    if (((linear & kClassBits[c].bit) && s >= rule.low) || s >= rule.high) mask |= kClassBits[c].bit;
   }
   return mask;
 }

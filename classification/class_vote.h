@@ -40,12 +40,7 @@ constexpr const char* kClassVoteFileName = "similarity_table_classes.tsv";
 struct ClassVoteRule {
   double low = 0.0;
   double high = 0.0;
-};
-
-struct ClassHeadRule {
-  double low = 0.0;
-  double high = 0.0;
-  double weight = 0.0;  ///< the head's share of the evidence, 0 to 1
+  double weight = 0.0;  ///< a head rule's share of the head in the evidence, 0 to 1 (0 in the vote's rules)
 };
 
 struct ClassVoteFace {
@@ -58,7 +53,7 @@ struct ClassVoteTable {
   double temperature = 0.0;
   std::array<ClassVoteRule, kStyleClassCount> rules{};
   bool headRuled = false;  ///< the file holds the head's rules
-  std::array<ClassHeadRule, kStyleClassCount> headRules{};
+  std::array<ClassVoteRule, kStyleClassCount> headRules{};
   std::vector<ClassVoteFace> faces;
 };
 
@@ -83,7 +78,7 @@ class ClassVote {
   explicit ClassVote(ClassVoteTable table);
   const ClassVoteTable& Table() const { return table_; }
   /// Joins the head's answers by the head rules from now on (null: the vote's own rules).
-  void SetHead(std::shared_ptr<const ClassHead> head) { head_ = std::move(head); }
+  void SetHead(std::unique_ptr<const ClassHead> head) { head_ = std::move(head); }
   /// The head whose answers are joined: set, and the file has rules for it; else null.
   const ClassHead* Head() const { return table_.headRuled ? head_.get() : nullptr; }
 
@@ -102,7 +97,7 @@ class ClassVote {
 
  private:
   ClassVoteTable table_;
-  std::shared_ptr<const ClassHead> head_;
+  std::unique_ptr<const ClassHead> head_;
   std::unordered_map<std::string, size_t> faceOf_;  // unique name -> face
 };
 

@@ -50,7 +50,7 @@ uint64_t VoteInputsIdentity(const ClassVoteTable& table, const float* voters, co
   // The head's rules count only with a head: without one the answers do not depend on them.
   Put(shared, head);
   if (head)
-    for (const ClassHeadRule& rule : table.headRules) {
+    for (const ClassVoteRule& rule : table.headRules) {
       Put(shared, rule.low);
       Put(shared, rule.high);
       Put(shared, rule.weight);

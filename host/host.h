@@ -90,8 +90,7 @@ inline constexpr const char* kSwitchRecognitionWidthCuts = "Text/FontRecognition
 
 /// The feature switches of a comma-separated list of services ("classification", "similarity",
 /// "recognition", "class-vote" for the vote the style classes are joined with, "class-head" for
-/// the class head), as --disable
-/// and FONTRIX_DISABLE give them. Throws std::runtime_error naming an unknown service.
+/// the class head), as --disable and FONTRIX_DISABLE give them. Throws std::runtime_error naming an unknown service.
 std::vector<std::string> ServiceSwitches(const std::string& services);
 
 /// The folder of the running program ("" when unknown).

@@ -10,11 +10,10 @@
 
 #include "classification/class_vote.h"
 #include "classification/kept_class_votes.h"
-#include "deepnet/layers/activation.h"
-#include "deepnet/layers/data.h"
 #include "deepnet/layers/fc.h"
 #include "deepnet/model_io.h"
 #include "gtest/gtest.h"
+#include "tests/classification/class_head_fixtures.h"
 
 namespace fontrix {
 namespace {
@@ -24,30 +23,12 @@ constexpr size_t kDim = 4;
 // data (4 values) -> "class_hidden" (2, ReLU) -> `output` (`classes` logits). The hidden units
 // read the first and the second value; logit c is (c - 3) * hidden0 - hidden1 + 0.5.
 deepnet::layer_model_list Network(uint32_t classes = kStyleClassCount, const char* output = kClassHeadOutput) {
-  deepnet::layer_model_list m;
-  auto data = std::make_shared<deepnet::layer_model_data>();
-  data->name = "data";
-  auto hidden = std::make_shared<deepnet::layer_model_fc>();
-  hidden->name = "class_hidden";
-  hidden->inputs.push_back(data.get());
-  hidden->input_sizes = {kDim};
-  hidden->num_output = 2;
-  hidden->weights = {1, 0, 0, 0, 0, 1, 0, 0};
-  hidden->biases = {0, 0};
-  auto relu = std::make_shared<deepnet::layer_model_activation>();
-  relu->name = "class_hidden_relu";
-  relu->inputs.push_back(hidden.get());
-  auto logits = std::make_shared<deepnet::layer_model_fc>();
-  logits->name = output;
-  logits->inputs.push_back(relu.get());
-  logits->input_sizes = {2};
-  logits->num_output = classes;
+  std::vector<float> weights, biases;
   for (uint32_t c = 0; c < classes; ++c) {
-    logits->weights.insert(logits->weights.end(), {float(c) - 3.0f, -1.0f});
-    logits->biases.push_back(0.5f);
+    weights.insert(weights.end(), {float(c) - 3.0f, -1.0f});
+    biases.push_back(0.5f);
   }
-  m = {data, hidden, relu, logits};
-  return m;
+  return testing::HeadNetwork(kDim, {1, 0, 0, 0, 0, 1, 0, 0}, {0, 0}, weights, biases, output);
 }
 
 class ClassHeadFile : public ::testing::Test {
@@ -171,11 +152,11 @@ TEST(ClassHeadRules, MixTheHeadWithTheSupport) {
 
 TEST_F(ClassHeadFile, JoinsTheVoteOnlyWithRulesAndChangesTheKeptVotesIdentity) {
   ClassVote plain(Parse(VoteFile("")));
-  plain.SetHead(std::make_shared<const ClassHead>(Write(Network()), kDim));
+  plain.SetHead(std::make_unique<const ClassHead>(Write(Network()), kDim));
   EXPECT_EQ(plain.Head(), nullptr) << "a head without rules for it is not used";
   ClassVote ruled(Parse(VoteFile(HeadRules("0.2\t0.6\t1"))));
   EXPECT_EQ(ruled.Head(), nullptr);
-  ruled.SetHead(std::make_shared<const ClassHead>(Write(Network()), kDim));
+  ruled.SetHead(std::make_unique<const ClassHead>(Write(Network()), kDim));
   ASSERT_NE(ruled.Head(), nullptr);
 
   // Through Masks: a font whose vector makes the head's slab serif logit 4.5 - 0 is set.

@@ -12,11 +12,9 @@
 
 #include "classification/class_answers.h"
 #include "classification/kept_class_votes.h"
-#include "deepnet/layers/activation.h"
-#include "deepnet/layers/data.h"
-#include "deepnet/layers/fc.h"
 #include "deepnet/model_io.h"
 #include "shell/feature_switches.h"
+#include "tests/classification/class_head_fixtures.h"
 #include "tests/plugin/test_host.h"
 
 namespace fontrix {
@@ -414,27 +412,10 @@ TEST_F(ClassAnswersTest, ADamagedOrForeignVotesFileIsIgnoredAndWrittenAgain) {
 // A class head over the 768-value vectors that calls a font slab serif when its vector lies on
 // axis 2 (one of the sans serif axes) and nothing else.
 void WriteSlabHead(const std::filesystem::path& path) {
-  auto data = std::make_shared<deepnet::layer_model_data>();
-  data->name = "data";
-  auto hidden = std::make_shared<deepnet::layer_model_fc>();
-  hidden->name = "class_hidden";
-  hidden->inputs.push_back(data.get());
-  hidden->input_sizes = {768};
-  hidden->num_output = 1;
-  hidden->weights.assign(768, 0.0f);
-  hidden->weights[2] = 1;
-  hidden->biases = {0};
-  auto relu = std::make_shared<deepnet::layer_model_activation>();
-  relu->name = "class_hidden_relu";
-  relu->inputs.push_back(hidden.get());
-  auto logits = std::make_shared<deepnet::layer_model_fc>();
-  logits->name = kClassHeadOutput;
-  logits->inputs.push_back(relu.get());
-  logits->input_sizes = {1};
-  logits->num_output = kStyleClassCount;
-  logits->weights = {0, 0, 0, 0, 0, 0, 0, 20};
-  logits->biases = {-9, -9, -9, -9, -9, -9, -9, -5};
-  deepnet::deepnet_save_model(path.string(), {data, hidden, relu, logits});
+  std::vector<float> hidden(768, 0.0f);
+  hidden[2] = 1;
+  deepnet::deepnet_save_model(path.string(), testing::HeadNetwork(768, hidden, {0}, {0, 0, 0, 0, 0, 0, 0, 20},
+                                                                  {-9, -9, -9, -9, -9, -9, -9, -5}));
 }
 
 // The head's answers join by the head rules when its file and rules are there; switched off, or
