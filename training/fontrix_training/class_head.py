@@ -1,9 +1,10 @@
 """The class head: the style classes' probabilities from a font's 768-value similarity vector,
-as the module runs it ("NQ_class_head.dnm": "data" 1 x 1 x 768, "class_hidden" and its ReLU,
-"class_logits", one per class in label order; the module applies the logistic function).
+as the module runs it ("NQ_class_head.dnm": "data", one row of 768 values, "class_hidden" and its
+ReLU, "class_logits", one per class in label order; the module applies the logistic function).
 
-fit_class_vote.py fits it on the labelled corpus faces of the training and validation families
-and joins its probabilities with the vote's support in the rules it writes.
+fit_class_vote.py fits it on the labelled corpus faces of the training families and joins its
+probabilities with the vote's support in the rules it writes; train_similarity_top.py trains one
+(without dropout) beside the vectors to teach them the classes.
 """
 import os
 
@@ -18,28 +19,38 @@ STEPS = 400
 
 
 class ClassHead(torch.nn.Module):
-    def __init__(self, features, classes, hidden=HIDDEN):
+    def __init__(self, features, classes, hidden=HIDDEN, dropout=0.2):
         super().__init__()
         self.hidden = torch.nn.Linear(features, hidden)
         self.logits = torch.nn.Linear(hidden, classes)
+        self.dropout = dropout
 
     def forward(self, x):
-        return self.logits(F.dropout(F.relu(self.hidden(x)), 0.2, self.training))
+        h = F.relu(self.hidden(x))
+        if self.dropout:
+            h = F.dropout(h, self.dropout, self.training)
+        return self.logits(h)
+
+
+def positive_weights(share):
+    """Each class's weight on its positives, from their share of the faces: the square root of its
+    odds against, so the rare classes count without drowning the rest."""
+    p = torch.as_tensor(np.asarray(share), dtype=torch.float32).clamp(1e-3, 1 - 1e-3)
+    return ((1 - p) / p).sqrt()
 
 
 def fit(vectors, targets, seed=0, steps=STEPS):
     """A head fitted on `vectors` (faces, 768) and their classes `targets` (faces, 8): binary
-    cross-entropy, each class's positives weighted by the square root of its odds against, so
-    the rare classes count without drowning the rest."""
+    cross-entropy with positive_weights."""
     torch.manual_seed(seed)
     x = torch.as_tensor(np.asarray(vectors), dtype=torch.float32)
     y = torch.as_tensor(np.asarray(targets), dtype=torch.float32)
-    p = y.mean(0).clamp(1e-3, 1 - 1e-3)
+    weights = positive_weights(y.mean(0))
     head = ClassHead(x.shape[1], y.shape[1])
     optimiser = torch.optim.AdamW(head.parameters(), lr=3e-3, weight_decay=1e-3)
     for _ in range(steps):
         optimiser.zero_grad()
-        F.binary_cross_entropy_with_logits(head(x), y, pos_weight=((1 - p) / p).sqrt()).backward()
+        F.binary_cross_entropy_with_logits(head(x), y, pos_weight=weights).backward()
         optimiser.step()
     return head.eval()
 
@@ -47,15 +58,6 @@ def fit(vectors, targets, seed=0, steps=STEPS):
 def probabilities(head, vectors):
     with torch.no_grad():
         return torch.sigmoid(head(torch.as_tensor(np.asarray(vectors), dtype=torch.float32))).numpy()
-
-
-def held_out(vectors, targets, folds, seed=0):
-    """Each face's probabilities from a head fitted without its fold."""
-    out = np.zeros(targets.shape)
-    for fold in range(folds.max() + 1):
-        held = folds == fold
-        out[held] = probabilities(fit(vectors[~held], targets[~held], seed), vectors[held])
-    return out
 
 
 def layers(head):

@@ -25,7 +25,7 @@ the grid, each one's rule is the one with the best F-beta over those faces (beta
 fit_classification.py uses it) among the rules that give the class to no more faces it
 contradicts, and to no fewer faces whose primary class it is, than the row does; the k and T with
 the best sum over the classes are kept. The validation families hold few slab serif and handmade
-designs (5 and 9), but the training families cannot stand in: the similarity network learnt
+designs (7 and 22 faces), but the training families cannot stand in: the similarity network learnt
 their faces' classes (train_similarity_top.py --class-weight), so there the look-alikes agree
 with the labels more than they do for a design nobody labelled, and rules chosen on them trust
 the vote too far (slab serif 0.21 / 0.69 on the test families against 0.40 / 0.62). The test
@@ -329,12 +329,12 @@ def main(argv=None):
     chosen = split[fitted] == "validation"
     chosen_bits, chosen_targets = held_bits[chosen], targets[fitted][chosen]
     chosen_bad, chosen_primary = bad[fitted][chosen], np.eye(len(CLASSES), dtype=bool)[primaries][fitted][chosen]
-    chosen_primaries = [p for p, c in zip((p for p, f in zip(primaries, fitted) if f), chosen) if c]
+    fitted_primaries = [p for p, f in zip(primaries, fitted) if f]
+    chosen_primaries = [p for p, c in zip(fitted_primaries, chosen) if c]
     chosen_scores = scores[fitted][chosen]
     votes = {(k, t): support(chosen_scores, table_masks, k, t) for k in NEIGHBOURS for t in TEMPERATURES}
     _, k, temperature, rules = fit(votes, chosen_bits, chosen_targets, chosen_bad, chosen_primary)
     chosen_votes = votes[(k, temperature)]
-    fitted_primaries = [p for p, f in zip(primaries, fitted) if f]
     test_primaries = [p for p, t in zip(primaries, test) if t]
     test_votes = support(scores[test], table_masks, k, temperature)
     head = head_rules = None
@@ -389,7 +389,6 @@ def main(argv=None):
         write_file(args.to, k, temperature, rules, identifiers, table_names, table_masks, head_rules)
         print(f"wrote {args.to}")
         if head is not None:
-            from fontrix_training import class_head
             class_head.write(head, args.head_to)
             print(f"wrote {args.head_to}")
     return 0

@@ -53,6 +53,7 @@ import numpy as np
 import torch
 import torch.nn.functional as F
 
+from fontrix_training import class_head
 from fontrix_training import fontnet
 from fontrix_training import images
 from fontrix_training.corpus import labels as corpus_labels
@@ -373,22 +374,13 @@ def kind_distances(distances, primary, penalty, scale):
     return distances + penalty * scale * differs
 
 
-class ClassHead(torch.nn.Module):
-    """The style classes' logits from the module's vectors, weighted towards the rare classes."""
-
-    def __init__(self, positives):
-        super().__init__()
-        self.layers = torch.nn.Sequential(torch.nn.Linear(fontnet.FEATURES, 64), torch.nn.ReLU(),
-                                          torch.nn.Linear(64, len(corpus_labels.CLASSES)))
-        p = torch.as_tensor(positives, dtype=torch.float32).clamp(1e-3, 1 - 1e-3)
-        self.register_buffer("pos_weight", ((1 - p) / p).sqrt())
-
-    def loss(self, vectors, classes, labelled):
-        if not labelled.any():
-            return None
-        logits = self.layers(vectors[labelled])
-        target = torch.as_tensor(classes[labelled], dtype=torch.float32)
-        return F.binary_cross_entropy_with_logits(logits, target, pos_weight=self.pos_weight)
+def class_loss(head, weights, vectors, classes, labelled):
+    """The class head's loss over the labelled faces of a batch (positives weighted by `weights`);
+    None when none is labelled."""
+    if not labelled.any():
+        return None
+    target = torch.as_tensor(classes[labelled], dtype=torch.float32)
+    return F.binary_cross_entropy_with_logits(head(vectors[labelled]), target, pos_weight=weights)
 
 
 def main(argv=None):
@@ -445,7 +437,9 @@ def main(argv=None):
     print(f"teacher's own order on the validation families: {own}", flush=True)
 
     kinds = args.kind_penalty > 0 or args.class_weight > 0
-    head = ClassHead(faces.classes[train][faces.primary[train] >= 0].mean(0)) if args.class_weight > 0 else None
+    head = class_head.ClassHead(fontnet.FEATURES, len(corpus_labels.CLASSES), dropout=0) \
+        if args.class_weight > 0 else None
+    head_weights = class_head.positive_weights(faces.classes[train][faces.primary[train] >= 0].mean(0))
     parameters = list(split.trained_parameters()) + (list(head.parameters()) if head else [])
     optimiser = torch.optim.AdamW(parameters, lr=args.lr, weight_decay=1e-4)
     best, every, hard, window = None, None, {}, []
@@ -480,9 +474,9 @@ def main(argv=None):
             distances = kind_distances(distances, faces.primary[batch], args.kind_penalty, args.teacher_scale)
         loss = distillation_loss(vectors, distances, args.teacher_scale, near_enough=args.near_enough)
         if head is not None:
-            class_loss = head.loss(vectors, faces.classes[batch], faces.primary[batch] >= 0)
-            if class_loss is not None:
-                loss = args.class_weight * class_loss if loss is None else loss + args.class_weight * class_loss
+            classes = class_loss(head, head_weights, vectors, faces.classes[batch], faces.primary[batch] >= 0)
+            if classes is not None:
+                loss = args.class_weight * classes if loss is None else loss + args.class_weight * classes
         if loss is not None:  # None: no face of the batch had another near it
             optimiser.zero_grad()
             loss.backward()

@@ -20,6 +20,7 @@ except ImportError:  # a fresh machine: only `scripts/setup.sh --training` insta
 
 # Discovered without -t (from training/tests), the package's parent is not on the path.
 sys.path.insert(0, TRAINING)
+from fontrix_training import class_head  # noqa: E402 (after the PyTorch check)
 from fontrix_training import fontnet  # noqa: E402 (after the PyTorch check)
 from fontrix_training import images  # noqa: E402 (after the PyTorch check)
 from fontrix_training.corpus import splits as corpus_splits  # noqa: E402 (after the PyTorch check)
@@ -123,16 +124,17 @@ class TeacherObjective(unittest.TestCase):
         self.assertEqual(np.diag(pushed).tolist(), [0.0, 0.0, 0.0])
 
     def test_the_class_head_loss_counts_labelled_faces_only(self):
-        head = top.ClassHead(np.full(8, 0.25))
+        head = class_head.ClassHead(768, 8, dropout=0)
+        weights = class_head.positive_weights(np.full(8, 0.25))
         v = F.normalize(torch.randn(4, 768), dim=1)
         classes = np.zeros((4, 8), dtype=bool)
         classes[0, 7] = classes[1, 4] = True
         labelled = np.array([True, True, False, False])
-        self.assertIsNone(head.loss(v, classes, np.zeros(4, dtype=bool)))
-        whole = head.loss(v, classes, labelled)
+        self.assertIsNone(top.class_loss(head, weights, v, classes, np.zeros(4, dtype=bool)))
+        whole = top.class_loss(head, weights, v, classes, labelled)
         changed = v.clone()
         changed[2:] = -changed[2:]  # the unlabelled faces change nothing
-        self.assertAlmostEqual(float(whole), float(head.loss(changed, classes, labelled)), places=6)
+        self.assertAlmostEqual(float(whole), float(top.class_loss(head, weights, changed, classes, labelled)), places=6)
 
 
 class ScriptOnAToyWorkFolder(unittest.TestCase):
